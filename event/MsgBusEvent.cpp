@@ -1,0 +1,11 @@
+#include "event/MsgBusEvent.h"
+
+namespace kelto::halvek::event {
+
+MsgBusEvent::MsgBusEvent(const Properties& eventProperties) : Event(eventProperties) {}
+
+std::string MsgBusEvent::ToString() const {
+    return "{Event: MsgBusEvent}";
+}
+
+}  // namespace kelto::halvek::event

@@ -1,0 +1,93 @@
+#pragma once
+
+#include "event/IConfigurable.h"
+#include "kelto/core/IniFile.h"
+#include "kelto/osa/Mutex.h"
+#include "monitor/HalvekEnv.h"
+
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kelto::core {
+class Logger;
+}
+
+namespace kelto::halvek {
+
+class EventHandler;
+class EventSource;
+class HandlerRegistry;
+
+/**
+ * Turns one settings snapshot into running sources with handlers attached, and each further one anew.
+ *
+ * A fault in one server, source or handler is logged and that item skipped. All operations run on the main thread; each
+ * takes the lock "EventMonitor::StructLock" for its whole run. Sources fire on threads of their own, which never take
+ * it. Owns the sources, the handlers and the environment; handlers go only after the sources that deliver to them.
+ */
+class EventMonitor {
+public:
+    /** @param registry not owned, must outlive this object */
+    explicit EventMonitor(HandlerRegistry* registry);
+
+    /** Stops and destroys all sources, then the handlers, then the environment. Throws nothing. */
+    virtual ~EventMonitor();
+
+    /** Creates the message-bus source and one source a group "Events/Source#...". */
+    virtual void LoadSources(const core::IniFile& ini);
+
+    /** Creates one handler a group "Events/Handler#..." and attaches it to the sources that it names. */
+    virtual void LoadHandlers(const core::IniFile& ini);
+
+    EventMonitor(const EventMonitor&) = delete;
+    EventMonitor& operator=(const EventMonitor&) = delete;
+
+    /**
+     * Stops and discards everything that exists, builds it anew from the snapshot and starts it.
+     *
+     * Returns when every source listens. What stopping or starting throws goes on to the caller.
+     */
+    void Configure(const core::IniFile& ini);
+
+    /** Creates the event server as the group "Applications/halvek/Server" wants it. */
+    void LoadServers(const core::IniFile& ini);
+
+    /** Creates the always-on handlers and attaches each to every source. */
+    void LoadAlwaysOnHandlers(const core::IniFile& ini);
+
+    /** Attaches a handler, which it does not own, to every source in the order of their ids. */
+    void AttachToAllSources(const std::string& name, EventHandler* handler);
+
+    void StartSources();
+    void StopSources();
+
+    /** Destroys all sources, which must have been stopped, then the handlers that were attached to them. */
+    void ClearSources();
+
+    /**
+     * Appends the top-level names of the groups that begin with a prefix: each cut at the first "/" behind the prefix,
+     * left out if it equals the one appended just before. The order is that of the bytes, so "#10" comes before "#2".
+     */
+    static void EnumerateGroups(const core::IniFile& ini, const std::string& prefix, std::list<std::string>& names);
+
+private:
+    void LoadSource(const core::IniFile& ini, const std::string& group);
+    void LoadHandler(const core::IniFile& ini, const std::string& group);
+    void AttachToSource(const core::IniFile& ini, EventHandler* handler, const std::string& id);
+    EventHandler* Own(std::unique_ptr<EventHandler> handler);
+
+    core::Logger& logger;
+    osa::Mutex structLock;
+
+    // Guarded by structLock.
+    HalvekEnv env;
+    std::vector<std::unique_ptr<EventHandler>> handlers;
+    std::map<std::string, std::unique_ptr<EventSource>> sources;
+
+    HandlerRegistry* handlerRegistry;
+};
+
+}  // namespace kelto::halvek

@@ -1,0 +1,29 @@
+#include "monitor/HalvekEnv.h"
+
+#include "kelto/msgbus/MsgBus.h"
+#include "kelto/osa/Exception.h"
+
+namespace kelto::halvek {
+
+HalvekEnv::HalvekEnv() : msgBus(std::make_unique<msgbus::MsgBus>()) {}
+
+HalvekEnv::~HalvekEnv() {
+    msgBus.reset();
+}
+
+void HalvekEnv::StartMsgBus() {
+    msgBus->Start();
+}
+
+void HalvekEnv::RegisterComponent(const std::string& id, IHalvekComponent* component) {
+    if (!components.emplace(id, component).second) {
+        throw osa::Exception("ComponentId %s already taken", id.c_str());
+    }
+}
+
+HalvekEnv::IHalvekComponent* HalvekEnv::GetComponent(const std::string& id) const {
+    const auto component = components.find(id);
+    return component == components.end() ? nullptr : component->second;
+}
+
+}  // namespace kelto::halvek

@@ -1,0 +1,5 @@
+include(CMakeFindDependencyMacro)
+find_dependency(Threads)
+find_dependency(PkgConfig)
+pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+include(${CMAKE_CURRENT_LIST_DIR}/kelto-targets.cmake)

@@ -1,0 +1,151 @@
+#include "kelto/core/Logger.h"
+
+#include "kelto/core/LogOutput.h"
+#include "kelto/core/UtcOffset.h"
+
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+namespace kelto::core {
+
+/**
+ * All loggers of the process. They form a list that only grows at its front, so that looking one up, which every event
+ * does several times, takes no lock.
+ */
+class LoggerRegistry {
+public:
+    /** Never destroyed: static objects of others may log until the very end. */
+    static LoggerRegistry& Instance() {
+        static LoggerRegistry& registry = *std::make_unique<LoggerRegistry>().release();
+        return registry;
+    }
+
+    LoggerRegistry() {
+        const char* const name = std::getenv("KELTO_LOG");
+        if (name == nullptr || *name == '\0') {
+            return;
+        }
+        forced = ParseLogLevel(name);
+        if (!forced) {
+            Add("kelto.core").Warning("KELTO_LOG names no log level: %s", name);
+        }
+    }
+
+    Logger* Find(const char* name) const {
+        Logger* logger = newest.load(std::memory_order_acquire);
+        while (logger != nullptr && logger->name != name) {
+            logger = const_cast<Logger*>(logger->older);
+        }
+        return logger;
+    }
+
+    Logger& FindOrAdd(const char* name) {
+        const std::lock_guard lock(mutex);
+        Logger* const known = Find(name);
+        return known != nullptr ? *known : Add(name);
+    }
+
+    void SetLevels(const LogLevels& newLevels) {
+        const std::lock_guard lock(mutex);
+        levels = newLevels;
+        for (const auto& logger : loggers) {
+            logger->level.store(LevelOf(logger->name), std::memory_order_relaxed);
+        }
+    }
+
+    LogOutput output;
+
+private:
+    Logger& Add(const char* name) {
+        loggers.emplace_back(new Logger(name, LevelOf(name), newest.load(std::memory_order_relaxed)));
+        newest.store(loggers.back().get(), std::memory_order_release);
+        return *loggers.back();
+    }
+
+    LogLevel LevelOf(const std::string& name) const {
+        if (forced) {
+            return *forced;
+        }
+        const auto own = levels.byLogger.find(name);
+        return own == levels.byLogger.end() ? levels.general : own->second;
+    }
+
+    std::optional<LogLevel> forced;
+    std::atomic<Logger*> newest = nullptr;
+
+    // Guarded by mutex.
+    std::mutex mutex;
+    LogLevels levels;
+    std::vector<std::unique_ptr<Logger>> loggers;
+};
+
+Logger& Logger::GetLogger(const char* name) {
+    LoggerRegistry& registry = LoggerRegistry::Instance();
+    UtcOffset::Refresh();
+    Logger* const known = registry.Find(name);
+    return known != nullptr ? *known : registry.FindOrAdd(name);
+}
+
+void Logger::SetLevels(const LogLevels& levels) {
+    UtcOffset::Refresh();
+    LoggerRegistry::Instance().SetLevels(levels);
+}
+
+void Logger::Shutdown() {
+    LoggerRegistry::Instance().output.Close();
+}
+
+void Logger::Trace(const char* format, ...) const {
+    if (!IsEnabled(LogLevel::Trace)) {
+        return;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    LoggerRegistry::Instance().output.Write(LogLevel::Trace, name.c_str(), format, arguments);
+    va_end(arguments);
+}
+
+void Logger::Debug(const char* format, ...) const {
+    if (!IsEnabled(LogLevel::Debug)) {
+        return;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    LoggerRegistry::Instance().output.Write(LogLevel::Debug, name.c_str(), format, arguments);
+    va_end(arguments);
+}
+
+void Logger::Information(const char* format, ...) const {
+    if (!IsEnabled(LogLevel::Information)) {
+        return;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    LoggerRegistry::Instance().output.Write(LogLevel::Information, name.c_str(), format, arguments);
+    va_end(arguments);
+}
+
+void Logger::Warning(const char* format, ...) const {
+    if (!IsEnabled(LogLevel::Warning)) {
+        return;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    LoggerRegistry::Instance().output.Write(LogLevel::Warning, name.c_str(), format, arguments);
+    va_end(arguments);
+}
+
+void Logger::Error(const char* format, ...) const {
+    if (!IsEnabled(LogLevel::Error)) {
+        return;
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    LoggerRegistry::Instance().output.Write(LogLevel::Error, name.c_str(), format, arguments);
+    va_end(arguments);
+}
+
+}  // namespace kelto::core

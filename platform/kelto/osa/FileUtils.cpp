@@ -1,0 +1,143 @@
+#include "kelto/osa/FileUtils.h"
+
+#include "kelto/osa/Exception.h"
+#include "kelto/osa/PathUtils.h"
+#include "kelto/osa/UniqueFd.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+namespace kelto::osa {
+
+namespace {
+
+struct DirectoryCloser {
+    void operator()(DIR* directory) const { closedir(directory); }
+};
+
+bool IsDotEntry(const char* name) {
+    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+}
+
+bool WriteAll(int fd, const char* data, size_t size) {
+    while (size > 0) {
+        const ssize_t written = write(fd, data, size);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            return false;
+        }
+        data += written;
+        size -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+bool CopyContent(int from, int to) {
+    std::array<char, 16384> buffer{};
+    while (true) {
+        const ssize_t count = read(from, buffer.data(), buffer.size());
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            return count == 0;
+        }
+        if (!WriteAll(to, buffer.data(), static_cast<size_t>(count))) {
+            return false;
+        }
+    }
+}
+
+int OpenRegularFile(const char* path) {
+    // Non-blocking, so that a FIFO under that name is refused instead of waited for.
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat status {};
+    if (fd >= 0 && (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+/** Creates a file of a name nobody uses; the name is short, so that it fits beside a final name of full length. */
+int CreateHidden(const std::string& directory, std::string& path) {
+    static std::atomic<unsigned> counter = 0;
+    int fd = -1;
+    do {
+        std::string name = ".";
+        name.append(std::to_string(getpid())).append("-").append(std::to_string(counter++));
+        path = PathUtils::PathConcat(directory, name);
+        fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    } while (fd < 0 && errno == EEXIST);
+    return fd;
+}
+
+bool MoveIntoPlace(const std::string& from, const std::string& to, bool overwrite) {
+    if (overwrite) {
+        return rename(from.c_str(), to.c_str()) == 0;
+    }
+    return renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0;
+}
+
+bool CopyThroughHidden(const std::string& from, const std::string& to, bool overwrite) {
+    const UniqueFd source(OpenRegularFile(from.c_str()));
+    if (!source.IsValid()) {
+        return false;
+    }
+    std::string hidden;
+    UniqueFd target(CreateHidden(PathUtils::Dirname(to), hidden));
+    if (!target.IsValid()) {
+        return false;
+    }
+    const bool written = CopyContent(source.Get(), target.Get()) && fsync(target.Get()) == 0;
+    if (target.Close() && written && MoveIntoPlace(hidden, to, overwrite)) {
+        return true;
+    }
+    unlink(hidden.c_str());
+    return false;
+}
+
+}  // namespace
+
+void FileUtils::ListFiles(const std::string& directory, std::vector<std::string>& paths) {
+    paths.clear();
+    const std::unique_ptr<DIR, DirectoryCloser> listing(opendir(directory.c_str()));
+    if (listing == nullptr) {
+        if (errno == ENOENT) {
+            return;
+        }
+        throw Exception("Cannot list %s: %s", directory.c_str(), std::strerror(errno));
+    }
+    errno = 0;
+    while (const dirent* entry = readdir(listing.get())) {
+        if (!IsDotEntry(entry->d_name)) {
+            paths.push_back(PathUtils::PathConcat(directory, entry->d_name));
+        }
+    }
+    if (errno != 0) {
+        throw Exception("Cannot list %s: %s", directory.c_str(), std::strerror(errno));
+    }
+    std::sort(paths.begin(), paths.end());
+}
+
+bool FileUtils::CopyFile(const std::string& from, const std::string& to, bool overwrite) noexcept {
+    try {
+        return CopyThroughHidden(from, to, overwrite);
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+}  // namespace kelto::osa

@@ -1,0 +1,62 @@
+#include "util/cmdline.h"
+
+#include <getopt.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace {
+
+bool IsEnd(const cmdline_option& option) {
+    return option.longName == nullptr && option.shortName == 0;
+}
+
+std::string ShortOptions(const cmdline_option* table) {
+    std::string text;
+    for (; !IsEnd(*table); ++table) {
+        if (table->shortName != 0) {
+            text += table->shortName;
+            text += table->hasArgument ? ":" : "";
+        }
+    }
+    return text;
+}
+
+std::vector<option> LongOptions(const cmdline_option* table) {
+    std::vector<option> options;
+    for (; !IsEnd(*table); ++table) {
+        if (table->longName != nullptr) {
+            options.push_back({table->longName, table->hasArgument ? 1 : 0, nullptr, table->shortName});
+        }
+    }
+    options.push_back({});
+    return options;
+}
+
+}  // namespace
+
+int cmdline_getopt(int argc, char** argv, const cmdline_option* table) {
+    opterr = 0;
+    const std::string shortOptions = ShortOptions(table);
+    const std::vector<option> longOptions = LongOptions(table);
+    const int result = getopt_long(argc, argv, shortOptions.c_str(), longOptions.data(), nullptr);
+    if (result == -1) {
+        optind = 0;
+    }
+    return result;
+}
+
+void cmdline_usage(const cmdline_option* table, const char* name, int status) {
+    std::fprintf(stderr, "Usage: %s%s\n", name, IsEnd(*table) ? "" : " [OPTION]...");
+    for (; !IsEnd(*table); ++table) {
+        const char shortName[] = {'-', table->shortName, '\0'};
+        std::fprintf(stderr, "  %2s %s%-20s %s\n", table->shortName != 0 ? shortName : "",
+                     table->longName != nullptr ? "--" : "", table->longName != nullptr ? table->longName : "",
+                     table->help != nullptr ? table->help : "");
+    }
+    if (status != 0) {
+        std::exit(status);
+    }
+}

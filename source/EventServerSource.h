@@ -1,0 +1,67 @@
+#pragma once
+
+#include "kelto/osa/Mutex.h"
+#include "kelto/osa/Runnable.h"
+#include "source/EventSource.h"
+#include "source/ListeningThread.h"
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kelto::halvek::source {
+
+/**
+ * Takes the events that other processes post on a named pipe, and fires each as a MotionEvent.
+ *
+ * A thread of its own reads the pipe and runs the handlers, one event at a time. Handlers attached with an event id get
+ * the events of that id only, after the handlers attached without one. "EventServerSource::HandlersMapLock" guards the
+ * former and is taken before the base's lock. The pipe stays in the file system, and its descriptor stays open after a
+ * stop: what was posted in between waits in the pipe.
+ */
+class EventServerSource : public EventSource, public osa::Runnable {
+public:
+    EventServerSource();
+
+    /** Reads "Path", by default "/var/run/halvek.pipe", and creates the pipe unless something stands there already. */
+    void Configure(const core::IniFile::Group& group) override;
+    bool IsConfigured() const override;
+    /** Stops if it is still listening. */
+    ~EventServerSource() override;
+
+    using EventSource::AddHandler;
+    void AddHandler(EventHandler* handler, const std::string& eventId) override;
+
+    /** Returns when the pipe is open, or when it could not be opened: the source stays silent then, and an Error is
+     * logged. */
+    void StartListening() override;
+    /** Waits for a delivery in progress. */
+    void StopListening() override;
+    std::string ToString() const override;
+
+    void Run() override;
+    void Stop() override;
+
+    /**
+     * Fires an event to the handlers without an id, then to those of the event's "eventId"; a missing one counts as
+     * empty.
+     *
+     * @throws kelto::osa::Exception for an event without properties, and whatever a handler throws
+     */
+    void FireEvent(Event& event);
+
+private:
+    int OpenFifo() const;
+    void ReceiveEvent(int fd, std::string& line, std::string& eventType);
+    void FireReceived(Event::Properties& properties, const std::string& eventType);
+
+    std::map<std::string, std::vector<EventHandler*>> handlersByEventId;
+    const std::unique_ptr<osa::Mutex> handlersMapLock;
+    std::atomic<bool> running = false;
+    std::string fifoPath;
+    ListeningThread thread;
+};
+
+}  // namespace kelto::halvek::source
