@@ -3,12 +3,15 @@
 Everything that arrives is collected by a thread as it comes; the caller waits for a condition with a deadline.
 """
 
+import array
+import fcntl
 import os
 import re
 import select
 import signal
 import socket
 import subprocess
+import termios
 import threading
 import time
 from collections.abc import Callable, Mapping, Sequence
@@ -24,12 +27,16 @@ class NotSeen(AssertionError):
 
 
 class Collector:
-    """What arrives on a descriptor, in order. The list only grows; one thread appends, any thread may read."""
+    """What arrives on a descriptor, in order. The list only grows.
+
+    A thread of its own keeps the writer from waiting. Whoever looks at the items first takes what lies ready, under
+    the same lock, and so sees everything that was written before it looked.
+    """
 
     def __init__(self, descriptor: int, name: str) -> None:
         self.name = name
-        self.items: list = []
-        self.times: list[float] = []
+        self._items: list = []
+        self._times: list[float] = []
         self._descriptor = descriptor
         self._ended = False
         self._changed = threading.Condition()
@@ -37,9 +44,19 @@ class Collector:
         self._thread = threading.Thread(target=self._collect, name=name, daemon=True)
         self._thread.start()
 
-    def take(self, descriptor: int) -> list | None:
-        """Reads what is there. None means that nothing more can come."""
+    def take(self, descriptor: int) -> list:
+        """Reads from the descriptor, which has something to read."""
         raise NotImplementedError
+
+    @property
+    def items(self) -> list:
+        with self._changed:
+            self._take_ready()
+            return self._items
+
+    def time_of(self, index: int) -> float:
+        """When the item came, on the monotonic clock."""
+        return self._times[index]
 
     def wait(
         self, wanted: Callable, what: str, *, after: int = 0, count: int = 1, patience: float = PATIENCE
@@ -49,14 +66,14 @@ class Collector:
         position, seen = after, 0
         with self._changed:
             while True:
-                while position < len(self.items):
+                while position < len(self._items):
                     position += 1
-                    seen += bool(wanted(self.items[position - 1]))
+                    seen += bool(wanted(self._items[position - 1]))
                     if seen == count:
                         return position
                 left = deadline - time.monotonic()
                 if self._ended or left <= 0:
-                    tail = "\n  ".join(str(item)[:200] for item in self.items[-40:])
+                    tail = "\n  ".join(str(item)[:200] for item in self._items[-40:])
                     raise NotSeen(f"{self.name}: {what}: {seen} of {count} seen; the last that came:\n  {tail}")
                 self._changed.wait(left)
 
@@ -68,6 +85,7 @@ class Collector:
     def close(self) -> None:
         os.eventfd_write(self._wake, 1)
         self._thread.join()
+        self._ended = True
         os.close(self._wake)
         os.close(self._descriptor)
 
@@ -75,15 +93,26 @@ class Collector:
         poller = select.poll()
         poller.register(self._descriptor, select.POLLIN)
         poller.register(self._wake, select.POLLIN)
-        while self._wake not in (descriptor for descriptor, _ in poller.poll()):
-            items = self.take(self._descriptor)
+        while self._wake not in (ready := dict(poller.poll())):
             with self._changed:
-                self._ended = items is None
-                self.items += items or []
-                self.times += [time.monotonic()] * len(items or [])
-                self._changed.notify_all()
-            if self._ended:
-                return
+                self._take_ready()
+                if not ready[self._descriptor] & select.POLLIN:  # hung up, and nothing left to read
+                    self._ended = True
+                    self._changed.notify_all()
+                    return
+
+    def _take_ready(self) -> None:
+        """The lock is held."""
+        while not self._ended and self._bytes_ready() > 0:
+            items = self.take(self._descriptor)
+            self._items += items
+            self._times += [time.monotonic()] * len(items)
+            self._changed.notify_all()
+
+    def _bytes_ready(self) -> int:
+        count = array.array("i", [0])
+        fcntl.ioctl(self._descriptor, termios.FIONREAD, count)
+        return count[0]
 
 
 class Lines(Collector):
@@ -93,11 +122,8 @@ class Lines(Collector):
         self._rest = b""
         super().__init__(descriptor, name)
 
-    def take(self, descriptor: int) -> list[str] | None:
-        data = os.read(descriptor, 1 << 16)
-        if not data:
-            return None
-        *whole, self._rest = (self._rest + data).split(b"\n")
+    def take(self, descriptor: int) -> list[str]:
+        *whole, self._rest = (self._rest + os.read(descriptor, 1 << 16)).split(b"\n")
         return [line.decode(errors="surrogateescape") for line in whole]
 
     def wait_for(self, pattern: str, **options) -> int:
@@ -125,7 +151,7 @@ class OutputPipe(Lines):
 
     def take(self, descriptor: int) -> list[Event]:
         events = []
-        for line in super().take(descriptor) or []:
+        for line in super().take(descriptor):
             if line != ".":
                 self._block.append(line)
                 continue

@@ -58,8 +58,7 @@ class Play:
         heading(f"A timer fires every {INTERVAL:.0f} s")
         for pipe in (self.timer_pipe, self.any_pipe):
             self.wait_for_event(pipe, "Timer", count=2)
-        times = [when for when, event in zip(self.any_pipe.times, self.any_pipe.items) if event.type == "Timer"]
-        gap = times[1] - times[0]
+        gap = self.any_pipe.time_of(1) - self.any_pipe.time_of(0)
         require(INTERVAL / 2 < gap < INTERVAL * 2, f"{gap:.1f} s between two ticks")
         show(self.timer_pipe, self.timer_pipe.items[0])
         say(f"   The next came {gap:.1f} s later. {self.any_pipe.path.name}, which gets everything, has them too.")

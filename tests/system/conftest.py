@@ -1,0 +1,70 @@
+"""Fixtures of the system tests. Each file runs in a /run of its own, see scripts/private-run."""
+
+import shutil
+from collections.abc import Callable, Iterator
+from pathlib import Path
+
+import pytest
+from daemon_process import PIPE_FOLDER, OutputPipe
+from harness import DEFAULT_INPUT, Daemon
+
+
+def pytest_configure() -> None:
+    if {path.name for path in Path("/run").iterdir()} - {"halvek", "tests"}:
+        pytest.exit("/run is not private: start the tests through scripts/private-run", returncode=1)
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport():
+    """A test that is skipped has shown nothing, so it counts as a failure."""
+    outcome = yield
+    report = outcome.get_result()
+    if report.skipped:
+        report.outcome = "failed"
+
+
+@pytest.fixture(autouse=True)
+def clean_run() -> Iterator[None]:
+    """Every test starts with an empty folder of output pipes and without an event pipe."""
+    PIPE_FOLDER.mkdir(exist_ok=True)
+    yield
+    shutil.rmtree(PIPE_FOLDER, ignore_errors=True)
+    DEFAULT_INPUT.unlink(missing_ok=True)
+
+
+@pytest.fixture
+def output_pipe(clean_run: None) -> Iterator[Callable[[str], OutputPipe]]:
+    """Makes named pipes for the daemon to write to."""
+    pipes: list[OutputPipe] = []
+
+    def make(name: str = "all.halvek.any") -> OutputPipe:
+        pipes.append(OutputPipe(name))
+        return pipes[-1]
+
+    yield make
+    for pipe in pipes:
+        pipe.close()
+
+
+@pytest.fixture
+def launch(tmp_path: Path, clean_run: None) -> Iterator[Callable[..., Daemon]]:
+    """Starts daemons; one that is still running at the end of the test must stop in good order."""
+    daemons: list[Daemon] = []
+
+    def start(settings=None, *, ready: bool = True, **options) -> Daemon:
+        folder = tmp_path / str(len(daemons))
+        folder.mkdir()
+        daemons.append(Daemon(folder, settings, **options))
+        if ready:
+            daemons[-1].wait_until_ready()
+        return daemons[-1]
+
+    yield start
+    try:
+        for daemon in daemons:
+            if daemon.process.poll() is None:
+                assert daemon.stop() == 0
+                daemon.assert_orderly_end()
+    finally:
+        for daemon in daemons:
+            daemon.close()

@@ -1,0 +1,169 @@
+"""The daemon as the system tests see it: settings to write, a process to watch, pipes to post to."""
+
+import errno
+import os
+import re
+import time
+from collections.abc import Callable
+from pathlib import Path
+
+from daemon_process import PATIENCE, DaemonProcess, Event, NotSeen
+
+PROGRAM = os.environ["HALVEK_DAEMON"]
+DEFAULT_INPUT = Path("/var/run/halvek.pipe")
+STAMPS = {"Timestamp", "FormattedTime"}
+CONFIGURED = "Done starting sources"
+SANITIZER_REPORT = r"(Address|Leak|Thread|UndefinedBehavior)Sanitizer|runtime error:"
+
+Settings = dict[str, dict[str, object]]
+
+SERVER: Settings = {"Applications/halvek/Server": {"Type": "Pipe"}, "Applications/halvek/Server/Pipe": {}}
+
+
+def server(path: Path) -> Settings:
+    return SERVER | {"Applications/halvek/Server/Pipe": {"Path": path}}
+
+
+def source(number: int, source_type: str, **keys: object) -> Settings:
+    """A source's groups; a keyword of Interval_sec stands for the key Interval.sec."""
+    group = f"Events/Source#{number}"
+    own = {key.replace("_", "."): value for key, value in keys.items()}
+    return {group: {"Type": source_type}, f"{group}/{source_type}": own}
+
+
+def timer(number: int, seconds: object) -> Settings:
+    return source(number, "Timer", Interval_sec=seconds)
+
+
+def handler(number: int, *source_ids: str, handler_type: str = "Extern", **keys: object) -> Settings:
+    group = f"Events/Handler#{number}"
+    ids = {str(position): source_id for position, source_id in enumerate(source_ids)}
+    return {group: {"Type": handler_type} | keys, f"{group}/SourceIds": ids}
+
+
+def ini_text(settings: Settings) -> str:
+    lines = []
+    for group, keys in settings.items():
+        lines += [f"[{group}]", *(f"{key}={value}" for key, value in keys.items())]
+    return "\n".join(lines) + "\n"
+
+
+def wait_until(condition: Callable[[], object], what: str, patience: float = PATIENCE) -> None:
+    deadline = time.monotonic() + patience
+    while not condition():
+        if time.monotonic() > deadline:
+            raise NotSeen(f"not in {patience} s: {what}")
+        time.sleep(0.005)
+
+
+def post(text: str | bytes, path: Path = DEFAULT_INPUT) -> None:
+    """Writes to the event pipe in one write, as another process would. The daemon must have it open."""
+    data = text.encode() if isinstance(text, str) else text
+    descriptor = os.open(path, os.O_WRONLY | os.O_NONBLOCK)
+    try:
+        os.set_blocking(descriptor, True)
+        assert os.write(descriptor, data) == len(data)
+    finally:
+        os.close(descriptor)
+
+
+def block(event_type: str, **properties: object) -> str:
+    return f"[{event_type}]\n" + "".join(f"{key}={value}\n" for key, value in properties.items()) + ".\n"
+
+
+def unstamped(events: list[Event]) -> list[tuple[str, dict[str, str]]]:
+    """Events as tuples of type and properties, less the stamps and the eventType that repeats the header."""
+    for event in events:
+        assert event.properties["eventType"] == event.type and STAMPS <= event.properties.keys()
+    left_out = STAMPS | {"eventType"}
+    return [
+        (event.type, {key: value for key, value in event.properties.items() if key not in left_out})
+        for event in events
+    ]
+
+
+def record_time(line: str) -> float:
+    """The local time of a log record, in seconds; only differences mean something."""
+    stamp, millis = re.match(r"([-\dT:]{19})\.(\d{3}) ", line).groups()
+    return time.mktime(time.strptime(stamp, "%Y-%m-%dT%H:%M:%S")) + int(millis) / 1000
+
+
+class Daemon(DaemonProcess):
+    """A daemon whose settings are a file that the test may write anew."""
+
+    def __init__(self, folder: Path, settings: Settings | str | None, level: str = "Debug", **options) -> None:
+        self.settings_file = folder / "settings.ini"
+        if settings is not None:
+            self.write_settings(settings)
+        environment = {"KELTO_LOG": level} | options.pop("environment", {})
+        store = options.pop("store", self.settings_file)
+        super().__init__(PROGRAM, store, folder, environment=environment, **options)
+
+    def write_settings(self, settings: Settings | str) -> None:
+        self.settings_file.write_text(settings if isinstance(settings, str) else ini_text(settings))
+
+    def reload(self, signal_number: int = 1, until: str = CONFIGURED) -> int:
+        """One SIGHUP and its whole reload; returns the log index behind it."""
+        before = len(self.log.items)
+        self.send(signal_number)
+        after = self.log.wait_for(r"got: 'R' \(82\)", after=before)
+        return self.log.wait_for(until, after=after)
+
+    def thread_names(self) -> list[str]:
+        names = []
+        for task in Path(f"/proc/{self.pid}/task").iterdir():
+            try:
+                names.append((task / "comm").read_text().strip())
+            except FileNotFoundError:  # ended since the folder was listed
+                continue
+        return sorted(names)
+
+    def descriptors(self) -> int:
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
+
+    def resident_kib(self) -> int:
+        text = Path(f"/proc/{self.pid}/smaps_rollup").read_text()
+        return int(re.search(r"^Rss:\s+(\d+) kB", text, re.MULTILINE).group(1))
+
+    def assert_orderly_end(self) -> None:
+        """To be called after the exit: everything that was started was stopped, and no sanitizer complained."""
+        assert not self.log.matching(SANITIZER_REPORT)
+        for source_class in ("TimerEventSource", "EventServerSource"):
+            started = len(self.log.matching(f"{source_class} started"))
+            assert len(self.log.matching(f"{source_class} stopped")) == started
+
+
+class SettingsPipe:
+    """A settings store that the daemon cannot finish reading until the test lets it."""
+
+    def __init__(self, path: Path) -> None:
+        self.path = path
+        self._writer: int | None = None
+        os.mkfifo(path)
+
+    def hold(self) -> None:
+        """Waits until the daemon has begun a fetch; it then waits for release()."""
+        wait_until(self._try_open, "the daemon opens its settings")
+
+    def release(self, text: str) -> None:
+        try:
+            os.write(self._writer, text.encode())
+        except BrokenPipeError:
+            pass  # it was the end of the fetch before; the next one comes
+        finally:
+            os.close(self._writer)
+            self._writer = None
+
+    def serve(self, text: str, until: Callable[[], object]) -> None:
+        """Answers fetches until the condition holds."""
+        while not until():
+            wait_until(lambda: until() or self._try_open(), "the daemon fetches its settings")
+            if self._writer is not None:
+                self.release(text)
+
+    def _try_open(self) -> bool:
+        try:
+            self._writer = os.open(self.path, os.O_WRONLY | os.O_NONBLOCK)
+        except OSError as error:
+            assert error.errno == errno.ENXIO  # nobody reads
+        return self._writer is not None

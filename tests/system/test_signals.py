@@ -1,0 +1,115 @@
+"""SIGHUP reloads, SIGTERM and SIGINT stop, SIGALRM is only noted."""
+
+import ctypes
+import os
+import signal
+from pathlib import Path
+
+import pytest
+from harness import SERVER, SettingsPipe, block, ini_text, post, timer, wait_until
+
+RELOADING = r"Information halvek: got: 'R' \(82\)$"
+STOPPING = r"Information halvek: got: 'S' \(83\)$"
+CONFIGURING = r"Configuring\.\.\."
+
+
+def test_each_hangup_reloads_exactly_once(launch, output_pipe):
+    daemon, pipe = launch(SERVER | timer(1, 3600)), output_pipe()
+    for reloads in range(1, 6):
+        daemon.reload()
+        assert len(daemon.log.matching(RELOADING)) == reloads
+        assert len(daemon.log.matching(CONFIGURING)) == 1 + reloads
+        post(block("Door", number=reloads))
+        pipe.wait_for_event("Door", properties={"number": str(reloads)})
+    assert daemon.process.poll() is None
+
+
+def test_a_reload_takes_the_new_settings_and_nothing_of_the_old(launch):
+    daemon = launch(SERVER | timer(1, 3600) | timer(2, 3601))
+    daemon.write_settings(timer(3, 3602))
+    behind = daemon.reload()
+    daemon.log.wait_for("TICK: 3602 sec", after=0)
+    assert not daemon.log.matching(r"Found Server|Found source Events/Source#[12]$", after=behind)
+    assert daemon.thread_names().count("TimerEventSourc") == 1
+    assert "EventServerSour" not in daemon.thread_names()
+    assert len(daemon.log.matching("EventSource stopped|EventServerSource stopped")) == 3
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+def test_a_stop_is_orderly(launch, number):
+    daemon = launch(SERVER | timer(1, 3600))
+    assert daemon.stop(number) == 0
+    position = 0
+    for step in (
+        f"Debug halvek: signal caught: {number.value}$",
+        STOPPING,
+        "Information halvek: shutting down event monitor$",
+        "Information halvek: run complete$",
+        r"Debug halvek: EventServerSource::Stop\(\)$",
+        "Information halvek: EventServerSource stopped$",
+        r"Debug halvek: TimerEventSource::Stop\(\)$",
+        "Information halvek: TimerEventSource stopped$",
+    ):
+        position = daemon.log.wait_for(step, after=position)
+    assert daemon.notifications.items == ["READY=1"]
+    daemon.assert_orderly_end()
+
+
+def test_an_alarm_signal_is_logged_and_changes_nothing(launch, output_pipe):
+    daemon, pipe = launch(SERVER | timer(1, 3600)), output_pipe()
+    threads = daemon.thread_names()
+    for count in range(1, 4):
+        daemon.send(signal.SIGALRM)
+        daemon.log.wait_for("Debug halvek: signal caught: 14$", count=count)
+    post(block("Door"))
+    pipe.wait_for_event("Door")
+    assert daemon.thread_names() == threads
+    assert not daemon.log.matching(r"got: '")
+
+
+def test_a_signal_that_lands_on_a_timer_does_not_end_its_sleep(launch):
+    daemon = launch(timer(1, 3600))
+    daemon.log.wait_for("next tick: ")
+    (task,) = [
+        task for task in Path(f"/proc/{daemon.pid}/task").iterdir() if "Timer" in (task / "comm").read_text()
+    ]
+    for count in range(1, 6):
+        assert ctypes.CDLL(None).tgkill(daemon.pid, int(task.name), signal.SIGALRM) == 0
+        daemon.log.wait_for("signal caught: 14", count=count)
+    daemon.reload()
+    assert len(daemon.log.matching("TICK: 3600 sec")) == 2  # one at the start, one after the reload
+    assert len(daemon.log.matching("DONE$")) == 1
+
+
+def test_signals_during_a_reload_queue_up(launch, tmp_path):
+    daemon = launch(SERVER)
+    settings = SettingsPipe(tmp_path / "held")
+    os.rename(settings.path, daemon.settings_file)
+    settings.path = daemon.settings_file
+    daemon.send(signal.SIGHUP)
+    settings.hold()
+    for count, number in enumerate([signal.SIGHUP, signal.SIGHUP, signal.SIGTERM, signal.SIGHUP], start=2):
+        daemon.send(number)
+        daemon.log.wait_for("signal caught: ", count=count)
+    assert len(daemon.log.matching("got: '")) == 1
+    settings.release(ini_text(SERVER))
+    settings.serve(ini_text(SERVER), until=lambda: daemon.log.matching(STOPPING))
+    assert daemon.wait_for_exit() == 0
+    assert [line[-8:] for line in daemon.log.matching("got: '")] == ["'R' (82)"] * 3 + ["'S' (83)"]
+    assert len(daemon.log.matching(CONFIGURING)) == 4
+
+
+def test_the_first_of_two_stops_counts(launch):
+    daemon = launch(SERVER | timer(1, 3600))
+    daemon.send(signal.SIGINT)
+    daemon.log.wait_for("signal caught: 2$")
+    assert daemon.wait_for_exit() == 0
+    assert len(daemon.log.matching("got: '")) == 1
+
+
+def test_every_thread_is_named_and_gone_after_its_source(launch):
+    daemon = launch(SERVER | timer(1, 3600) | timer(2, 3600))
+    assert daemon.thread_names() == sorted([daemon.thread_names()[-1], "EventServerSour"] + 2 * ["TimerEventSourc"])
+    daemon.write_settings("")
+    daemon.reload()
+    wait_until(lambda: len(daemon.thread_names()) == 1, "only the main thread is left")
