@@ -1,0 +1,31 @@
+#include "tests/fakes/RecordingHandler.h"
+
+#include "tests/fakes/WaitUntil.h"
+
+namespace kelto::test {
+
+void RecordingHandler::PerformAction(halvek::Event& event) {
+    {
+        const std::lock_guard lock(mutex);
+        events.push_back({event.ToString(), event.GetPriority(), event.GetProperties()});
+    }
+    if (action) {
+        action(event);
+    }
+}
+
+std::vector<ReceivedEvent> RecordingHandler::Events() const {
+    const std::lock_guard lock(mutex);
+    return events;
+}
+
+size_t RecordingHandler::Count() const {
+    const std::lock_guard lock(mutex);
+    return events.size();
+}
+
+bool RecordingHandler::WaitForCount(size_t count) const {
+    return WaitUntil([&] { return Count() >= count; });
+}
+
+}  // namespace kelto::test
