@@ -109,6 +109,11 @@ class Daemon(DaemonProcess):
         after = self.log.wait_for(r"got: 'R' \(82\)", after=before)
         return self.log.wait_for(until, after=after)
 
+    def is_pending(self, number: int) -> bool:
+        """Whether the signal has been sent to the process and taken by none of its threads yet."""
+        text = Path(f"/proc/{self.pid}/status").read_text()
+        return bool(int(re.search(r"^ShdPnd:\s+(\w+)", text, re.MULTILINE).group(1), 16) >> (number - 1) & 1)
+
     def thread_names(self) -> list[str]:
         names = []
         for task in Path(f"/proc/{self.pid}/task").iterdir():
