@@ -80,7 +80,8 @@ EventServerSource::EventServerSource()
 
 EventServerSource::~EventServerSource() {
     if (GetCurrentThread() != nullptr) {
-        EventServerSource::StopListening();
+        EventServerSource::Stop();
+        thread.Finish();
     }
 }
 

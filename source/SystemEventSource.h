@@ -27,9 +27,9 @@ public:
     void Stop() override;
 
 private:
-    const bool running = false;
-    const std::string unused;
-    const std::string name;
+    [[maybe_unused]] const bool running = false;
+    [[maybe_unused]] const std::string unused;
+    [[maybe_unused]] const std::string name;
 };
 
 }  // namespace kelto::halvek::source

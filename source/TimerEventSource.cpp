@@ -42,7 +42,8 @@ TimerEventSource::TimerEventSource(const std::string& typeName) : name(typeName)
 
 TimerEventSource::~TimerEventSource() {
     if (GetCurrentThread() != nullptr) {
-        TimerEventSource::StopListening();
+        TimerEventSource::Stop();
+        thread.Finish();
     }
 }
 

@@ -28,13 +28,17 @@ constexpr size_t stackRecordSize = 1024;
 
 bool StandardErrorIsJournal() {
     const char* const stream = std::getenv("JOURNAL_STREAM");
-    uintmax_t device = 0;
-    uintmax_t inode = 0;
-    if (stream == nullptr || std::sscanf(stream, "%" SCNuMAX ":%" SCNuMAX, &device, &inode) != 2) {
+    if (stream == nullptr) {
         return false;
     }
+    char* rest = nullptr;
+    const uintmax_t device = std::strtoumax(stream, &rest, 10);
+    if (*rest != ':') {
+        return false;
+    }
+    const uintmax_t inode = std::strtoumax(rest + 1, &rest, 10);
     struct stat status {};
-    return fstat(STDERR_FILENO, &status) == 0 && status.st_dev == device && status.st_ino == inode &&
+    return *rest == '\0' && fstat(STDERR_FILENO, &status) == 0 && status.st_dev == device && status.st_ino == inode &&
            access(journalSocket, F_OK) == 0;
 }
 

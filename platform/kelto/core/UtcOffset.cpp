@@ -8,7 +8,7 @@ namespace kelto::core {
 
 namespace {
 
-constexpr int64_t quarterSeconds = 15 * 60;
+constexpr int64_t quarterSeconds = 900;
 
 std::atomic<int64_t> lastQuarter = -1;
 std::atomic<long> offset = 0;

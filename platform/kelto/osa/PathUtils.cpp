@@ -10,10 +10,6 @@ namespace {
 
 constexpr size_t longestFileName = 65536;
 
-struct Freer {
-    void operator()(char* text) const { std::free(text); }  // NOLINT(cppcoreguidelines-no-malloc): realpath allocates
-};
-
 std::string_view Basename(std::string_view path) {
     const size_t slash = path.rfind('/');
     return slash == std::string_view::npos ? path : path.substr(slash + 1);
@@ -28,7 +24,7 @@ size_t FindExtension(std::string_view name) {
 }  // namespace
 
 std::string PathUtils::RealPath(const std::string& path) {
-    const std::unique_ptr<char, Freer> resolved(realpath(path.c_str(), nullptr));
+    const std::unique_ptr<char, void (*)(void*)> resolved(realpath(path.c_str(), nullptr), std::free);
     return resolved == nullptr ? std::string() : std::string(resolved.get());
 }
 

@@ -1,5 +1,7 @@
 #include "kelto/settings/LogManager.h"
 
+#include <string_view>
+
 #include "kelto/core/LogLevel.h"
 #include "kelto/core/Logger.h"
 #include "kelto/core/StringUtil.h"
@@ -10,8 +12,8 @@ namespace kelto::settings {
 
 namespace {
 
-const std::string generalKey = "LogLevel";
-const std::string loggerPrefix = "LogLevel.";
+constexpr std::string_view generalKey = "LogLevel";
+constexpr std::string_view loggerPrefix = "LogLevel.";
 
 }  // namespace
 
