@@ -1,12 +1,12 @@
 #include "kelto/settings/LogManager.h"
 
-#include <string_view>
-
 #include "kelto/core/LogLevel.h"
 #include "kelto/core/Logger.h"
 #include "kelto/core/StringUtil.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/settings/KeltoSettingsClient.h"
+
+#include <string_view>
 
 namespace kelto::settings {
 
