@@ -7,17 +7,21 @@
 
 #include <algorithm>
 #include <array>
+#include <string_view>
 
 namespace kelto::core {
 
 namespace {
 
-constexpr std::array<const char*, 4> trueWords = {"true", "yes", "on", "1"};
-constexpr std::array<const char*, 4> falseWords = {"false", "no", "off", "0"};
+using Words = std::array<std::string_view, 4>;
 
-bool IsOneOf(const std::array<const char*, 4>& words, const std::string& text) {
-    return std::any_of(words.begin(), words.end(),
-                       [&](const char* word) { return strcasecmp(word, text.c_str()) == 0; });
+constexpr Words trueWords = {"true", "yes", "on", "1"};
+constexpr Words falseWords = {"false", "no", "off", "0"};
+
+bool IsOneOf(const Words& words, const std::string& text) {
+    return std::any_of(words.begin(), words.end(), [&](std::string_view word) {
+        return word.size() == text.size() && strncasecmp(word.data(), text.data(), word.size()) == 0;
+    });
 }
 
 }  // namespace

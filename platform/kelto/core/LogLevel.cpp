@@ -9,18 +9,18 @@ namespace kelto::core {
 
 namespace {
 
-constexpr std::array<const char*, 5> names = {"Trace", "Debug", "Information", "Warning", "Error"};
+constexpr std::array<std::string_view, 5> names = {"Trace", "Debug", "Information", "Warning", "Error"};
 
 }  // namespace
 
 const char* LogLevelName(LogLevel level) {
-    return names.at(static_cast<size_t>(level));
+    return names.at(static_cast<size_t>(level)).data();
 }
 
 std::optional<LogLevel> ParseLogLevel(std::string_view name) {
-    const std::string text(name);
-    const auto* const found = std::find_if(names.begin(), names.end(),
-                                           [&](const char* known) { return strcasecmp(known, text.c_str()) == 0; });
+    const auto* const found = std::find_if(names.begin(), names.end(), [&](std::string_view known) {
+        return known.size() == name.size() && strncasecmp(known.data(), name.data(), known.size()) == 0;
+    });
     if (found == names.end()) {
         return std::nullopt;
     }

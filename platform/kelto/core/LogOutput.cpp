@@ -4,6 +4,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -76,7 +77,7 @@ size_t FormatHeader(char* buffer, size_t size, LogLevel level, const char* logge
         static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()), static_cast<int>(clock.hours().count()),
         static_cast<int>(clock.minutes().count()), static_cast<int>(clock.seconds().count()),
         static_cast<int>(now.tv_nsec / 1000000), LogLevelName(level), loggerName);
-    return static_cast<size_t>(length);
+    return std::min(static_cast<size_t>(length), size - 1);
 }
 
 void WriteLine(std::string_view record) {

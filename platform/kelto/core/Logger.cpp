@@ -30,7 +30,8 @@ public:
         }
         forced = ParseLogLevel(name);
         if (!forced) {
-            Add("kelto.core").Warning("KELTO_LOG names no log level: %s", name);
+            UtcOffset::Refresh();
+            Warn(Add("kelto.core"), "KELTO_LOG names no log level: %s", name);
         }
     }
 
@@ -59,6 +60,14 @@ public:
     LogOutput output;
 
 private:
+    /** For the constructor: the logger itself would ask for the registry, which is not there yet. */
+    __attribute__((format(printf, 3, 4))) void Warn(const Logger& logger, const char* format, ...) const {
+        va_list arguments;
+        va_start(arguments, format);
+        output.Write(LogLevel::Warning, logger.GetName().c_str(), format, arguments);
+        va_end(arguments);
+    }
+
     Logger& Add(const char* name) {
         loggers.emplace_back(new Logger(name, LevelOf(name), newest.load(std::memory_order_relaxed)));
         newest.store(loggers.back().get(), std::memory_order_release);
