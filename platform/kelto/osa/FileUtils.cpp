@@ -120,8 +120,8 @@ void FileUtils::ListFiles(const std::string& directory, std::vector<std::string>
         }
         throw Exception("Cannot list %s: %s", directory.c_str(), std::strerror(errno));
     }
-    errno = 0;
-    while (const dirent* entry = readdir(listing.get())) {
+    // Only errno tells a failure from the end, and anything in between may have touched it.
+    for (errno = 0; const dirent* entry = readdir(listing.get()); errno = 0) {
         if (!IsDotEntry(entry->d_name)) {
             paths.push_back(PathUtils::PathConcat(directory, entry->d_name));
         }

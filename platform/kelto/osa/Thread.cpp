@@ -78,8 +78,8 @@ Thread::~Thread() {
 }
 
 void Thread::Run() {
-    if (joinable) {
-        throw Exception("Thread %s is already running", name.c_str());
+    if (started) {
+        throw Exception("Thread %s has been started already", name.c_str());
     }
     const Attributes attributes(stackKiB, priority);
     // Held over the start, so that a Signal cannot fall between the thread's start and the knowledge of its handle.
@@ -88,6 +88,7 @@ void Thread::Run() {
     if (error != 0) {
         throw Exception("Thread %s cannot be started: %s", name.c_str(), std::strerror(error));
     }
+    started = true;
     joinable = true;
     active = true;
 }
@@ -106,6 +107,9 @@ void Thread::Join() {
 void Thread::Signal(int number) {
     {
         const std::lock_guard lock(stateMutex);
+        if (!active) {
+            return;
+        }
         interruption = number;
     }
     stateChanged.notify_all();

@@ -77,6 +77,7 @@ private:
 
     // Used by the owner only.
     pthread_t handle{};
+    bool started = false;
     bool joinable = false;
 
     // Guarded by stateMutex.
