@@ -6,23 +6,22 @@ namespace kelto::settings {
 
 namespace {
 
-std::string_view Trim(std::string_view text) {
-    constexpr std::string_view blanks = " \t";
+constexpr std::string_view blanks = " \t";
+constexpr std::string_view lineEnd = " \t\r";
+
+/** Drops blanks from the front and the given characters from the end. */
+std::string_view Trim(std::string_view text, std::string_view atEnd = blanks) {
+    const size_t end = text.find_last_not_of(atEnd);
+    text = text.substr(0, end == std::string_view::npos ? 0 : end + 1);
     const size_t begin = text.find_first_not_of(blanks);
-    if (begin == std::string_view::npos) {
-        return {};
-    }
-    return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
+    return begin == std::string_view::npos ? std::string_view() : text.substr(begin);
 }
 
 std::string_view TakeLine(std::string_view& text) {
     const size_t end = text.find('\n');
-    std::string_view line = text.substr(0, end);
+    const std::string_view line = text.substr(0, end);
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    if (!line.empty() && line.back() == '\r') {
-        line.remove_suffix(1);
-    }
-    return Trim(line);
+    return Trim(line, lineEnd);
 }
 
 /** The name between the brackets if the line is a group header. */
