@@ -97,7 +97,13 @@ class Daemon(DaemonProcess):
             self.write_settings(settings)
         environment = {"KELTO_LOG": level} | options.pop("environment", {})
         store = options.pop("store", self.settings_file)
+        self._logs_the_run = level in ("Trace", "Debug", "Information") and environment["KELTO_LOG"] == level
         super().__init__(PROGRAM, store, folder, environment=environment, **options)
+
+    def wait_until_ready(self, patience: float = PATIENCE) -> None:
+        super().wait_until_ready(patience)
+        if self._logs_the_run:  # the socket that it notified through is closed by then
+            self.log.wait_for("Dropping to run state")
 
     def write_settings(self, settings: Settings | str) -> None:
         self.settings_file.write_text(settings if isinstance(settings, str) else ini_text(settings))
@@ -115,13 +121,14 @@ class Daemon(DaemonProcess):
         return bool(int(re.search(r"^ShdPnd:\s+(\w+)", text, re.MULTILINE).group(1), 16) >> (number - 1) & 1)
 
     def thread_names(self) -> list[str]:
-        names = []
+        """The names of all threads but the main one and those that a sanitizer adds under the main one's name."""
+        main, names = Path(f"/proc/{self.pid}/comm").read_text().strip(), []
         for task in Path(f"/proc/{self.pid}/task").iterdir():
             try:
                 names.append((task / "comm").read_text().strip())
             except FileNotFoundError:  # ended since the folder was listed
                 continue
-        return sorted(names)
+        return sorted(name for name in names if name != main)
 
     def descriptors(self) -> int:
         return len(os.listdir(f"/proc/{self.pid}/fd"))
@@ -135,7 +142,8 @@ class Daemon(DaemonProcess):
         assert not self.log.matching(SANITIZER_REPORT)
         for source_class in ("TimerEventSource", "EventServerSource"):
             started = len(self.log.matching(f"{source_class} started"))
-            assert len(self.log.matching(f"{source_class} stopped")) == started
+            # The level of the log may have let the start pass in silence.
+            assert len(self.log.matching(f"{source_class} stopped")) >= started
 
 
 class SettingsPipe:

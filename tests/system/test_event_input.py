@@ -21,7 +21,10 @@ def any_pipe(launch, output_pipe):
 
 READINGS = {
     "a property": ("[Alarm]\nlevel=3\n.\n", [event("Alarm", level="3")]),
-    "the region of a motion is its id": ("[MotionDetection]\nregion=2\n.\n", [event("MotionDetection", "2", region="2")]),
+    "the region of a motion is its id": (
+        "[MotionDetection]\nregion=2\n.\n",
+        [event("MotionDetection", "2", region="2")],
+    ),
     "a motion without a region": ("[MotionDetection]\n.\n", [event("MotionDetection")]),
     "the region of anything else is only a property": ("[Door]\nregion=2\n.\n", [event("Door", region="2")]),
     "two events in one write": ("[A]\nx=1\n.\n[B]\ny=2\n.\n", [event("A", x="1"), event("B", y="2")]),

@@ -5,7 +5,7 @@ import os
 import random
 
 import pytest
-from harness import DEFAULT_INPUT, SERVER, block, post, server, timer
+from harness import DEFAULT_INPUT, SERVER, block, post, server, timer, wait_until
 
 MEBIBYTE = 1 << 20
 PAGE = 4096
@@ -30,7 +30,7 @@ def test_an_empty_line_ends_the_listening_and_a_reload_brings_it_back(launch, ou
     ticks = len(pipe.of_type("Timer"))
     pipe.wait_for_event("Timer", after=len(pipe.items))
     assert len(pipe.of_type("Timer")) > ticks
-    assert "EventServerSour" not in daemon.thread_names()
+    wait_until(lambda: "EventServerSour" not in daemon.thread_names(), "the thread is gone")
     daemon.reload()
     assert "EventServerSour" in daemon.thread_names()
     pipe.wait_for_event("Window", properties={"x": "1"})  # it had waited in the pipe
@@ -42,8 +42,8 @@ def test_an_empty_line_ends_the_listening_and_a_reload_brings_it_back(launch, ou
 def test_an_event_pipe_that_cannot_be_opened_silences_only_the_server(launch, output_pipe, tmp_path):
     pipe = output_pipe()
     daemon = launch(server(tmp_path / "no such folder" / "halvek.pipe") | timer(1, 1))
-    died = daemon.log.matching(THREAD_DIED)
-    assert len(died) == 1 and "Unable to open FIFO for reading" in died[0]
+    behind = daemon.log.wait_for(THREAD_DIED)
+    assert "Unable to open FIFO for reading" in daemon.log.items[behind - 1]
     pipe.wait_for_event("Timer", count=2)
     daemon.write_settings(server(tmp_path / "halvek.pipe"))
     daemon.reload()

@@ -31,7 +31,8 @@ def test_interval(launch, settings, seconds):
 def test_one_tick_logs_its_steps_in_order(launch):
     daemon = launch(timer(1, 1))
     position = 0
-    for step in ("TICK: 1 sec$", "firing$", "fired$", r"next tick: \d+ ms$", r"sleep took \d+\.\d+ sec$", "TICK: 1 sec$"):
+    steps = ("TICK: 1 sec$", "firing$", "fired$", r"next tick: \d+ ms$", r"sleep took \d+\.\d+ sec$", "TICK: 1 sec$")
+    for step in steps:
         position = daemon.log.wait_for(f"Debug halvek: {step}", after=position)
 
 

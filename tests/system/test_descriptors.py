@@ -1,0 +1,141 @@
+"""Descriptors: those that are left open by custom, and life without any to spare."""
+
+import fcntl
+import os
+import subprocess
+
+import pytest
+from daemon_process import PIPE_FOLDER
+from harness import SERVER, block, post, server, timer, wait_until
+
+RELOADS = 40
+SELECT_LIMIT = 1024
+PIPE_SIZE = 4096
+
+
+def holding(first: int) -> list[str]:
+    """A prefix that hands the daemon all descriptors from `first` to the limit of select; more are allowed."""
+    hold = f'for fd in {{{first}..{SELECT_LIMIT - 1}}}; do eval "exec $fd</dev/null"; done; exec "$@"'
+    return ["prlimit", f"--nofile={2 * SELECT_LIMIT}", "--", "bash", "-c", hold, "bash"]
+
+
+def limit(pid: int, descriptors: int) -> None:
+    subprocess.run(["prlimit", "--pid", str(pid), f"--nofile={descriptors}:"], check=True)
+
+
+@pytest.fixture
+def full_pipe(output_pipe):
+    """A pipe for everything that takes nothing more."""
+    path = PIPE_FOLDER / "a.halvek.any"
+    os.mkfifo(path)
+    descriptor = os.open(path, os.O_RDWR | os.O_NONBLOCK)
+    fcntl.fcntl(descriptor, fcntl.F_SETPIPE_SZ, PIPE_SIZE)
+    os.write(descriptor, b"x" * PIPE_SIZE)
+    yield descriptor
+    os.close(descriptor)
+
+
+def test_a_reload_keeps_exactly_one_descriptor_and_an_event_none(launch, output_pipe):
+    daemon, pipe = launch(SERVER | timer(1, 3600)), output_pipe()
+    at_start = daemon.descriptors()
+    for number in range(1, RELOADS + 1):
+        daemon.reload()
+        post(block("Door", number=number))
+        pipe.wait_for_event("Door", properties={"number": str(number)})
+        daemon.log.wait_for("Done firing to all FIFO's", count=2 * number + 1)  # closed again by then
+        assert daemon.descriptors() == at_start + number
+
+
+def test_reloads_without_a_server_keep_no_descriptor(launch):
+    daemon = launch(timer(1, 3600))
+    daemon.log.wait_for("next tick: ")
+    at_start = daemon.descriptors()
+    for number in range(RELOADS):
+        daemon.reload()
+        daemon.log.wait_for("next tick: ", count=number + 2)
+    assert daemon.descriptors() == at_start
+
+
+@pytest.mark.parametrize("text", ["", "y" * PIPE_SIZE], ids=["failed", "short"])
+def test_each_write_that_fails_or_falls_short_keeps_exactly_one_descriptor(launch, full_pipe, text):
+    daemon = launch(SERVER)
+    at_start = daemon.descriptors()
+    for number in range(1, 11):
+        if text:
+            os.read(full_pipe, PIPE_SIZE)
+            fcntl.fcntl(full_pipe, fcntl.F_SETPIPE_SZ, PIPE_SIZE)
+        post(block("Door", text=text))
+        daemon.log.wait_for("Error halvek: FIFO (Write failed|write failed to write all data)", count=number)
+        assert daemon.descriptors() == at_start + number
+
+
+def test_without_descriptors_every_failure_is_logged_and_the_stop_is_orderly(launch, output_pipe):
+    pipe = output_pipe()
+    daemon = launch(SERVER | timer(1, 1))
+    pipe.wait_for_event("Timer")
+    limit(daemon.pid, daemon.descriptors())
+    for number in range(1, 11):
+        behind = daemon.reload(until="Error halvek: Error reloading, invalid configuration: ")
+        assert "Too many open files" in daemon.log.items[behind - 1]
+        post(block("Door"))
+        behind = daemon.log.wait_for("Received event: Door", count=number)
+        daemon.log.wait_for("Error halvek: .", after=behind)  # the folder of the output pipes cannot be listed
+    assert len(daemon.log.matching(r"Configuring\.\.\.")) == 1
+    assert daemon.stop() == 0
+    daemon.assert_orderly_end()
+
+
+def test_failed_writes_may_take_the_last_descriptor(launch, full_pipe):
+    daemon = launch(SERVER)
+    limit(daemon.pid, daemon.descriptors() + 5)
+    spare = 5
+    for number in range(1, spare + 6):
+        before = len(daemon.log.items)
+        post(block("Door"))
+        daemon.log.wait_for("Error halvek: .", after=before)
+        assert len(daemon.log.matching("Error halvek: .")) == number
+    assert 1 <= len(daemon.log.matching("FIFO Write failed")) <= spare
+    assert daemon.stop() == 0
+    daemon.assert_orderly_end()
+
+
+def test_a_daemon_that_got_descriptors_back_takes_events_again(launch, output_pipe):
+    daemon, pipe = launch(SERVER), output_pipe()
+    limit(daemon.pid, daemon.descriptors())
+    post(block("Door", number=1))
+    daemon.log.wait_for("Error halvek: .")
+    limit(daemon.pid, SELECT_LIMIT)
+    daemon.reload()
+    post(block("Door", number=2))
+    pipe.wait_for_event("Door", properties={"number": "2"})
+    assert len(pipe.items) == 1
+
+
+def test_an_event_pipe_behind_the_limit_of_select_counts_as_not_opened(launch, output_pipe):
+    pipe = output_pipe()
+    # Only the descriptors below 10 are free; each reload takes one for the event pipe, until none is left.
+    daemon = launch(SERVER | timer(1, 3600), prefix=holding(10))
+    failed = "Error kelto.osa: .*Unable to open FIFO for reading"
+    assert not daemon.log.matching(failed)
+    for number in range(1, 21):
+        daemon.reload()
+        pipe.wait_for_event("Timer", count=number + 1)  # writing needs no select, so the output goes on
+    wait_until(lambda: "EventServerSour" not in daemon.thread_names(), "the thread is gone")
+    failures, kept = len(daemon.log.matching(failed)), daemon.descriptors()
+    assert 10 < failures < 20
+    daemon.reload()
+    daemon.log.wait_for(failed, count=failures + 1)
+    pipe.wait_for_event("Timer", count=22)
+    daemon.log.wait_for("next tick: ", count=22)
+    assert daemon.descriptors() == kept  # what cannot be used is not kept
+    assert daemon.stop() == 0
+    daemon.assert_orderly_end()
+
+
+def test_a_start_without_a_descriptor_below_the_limit_of_select_fails(launch, tmp_path):
+    path = tmp_path / "events.pipe"
+    daemon = launch(server(path), ready=False, prefix=holding(3))
+    assert daemon.wait_for_exit() == 1
+    daemon.notifications.wait_for("ERRNO=5")
+    assert daemon.notifications.items == ["ERRNO=5"]
+    assert daemon.log.matching("^Error halvek Main: .")

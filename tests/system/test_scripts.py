@@ -1,0 +1,164 @@
+"""The scripts that set everything up: what they install, what they say, what they count."""
+
+import os
+import signal
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+PRIVATE_RUN = ROOT / "scripts/private-run"
+ORDINARY_USER = ["unshare", "--user", "--map-user=1000", "--map-group=1000"]
+CTEST = '<testsuite><testcase name="unit" status="{}"/><testcase name="system.a" status="{}"/></testsuite>'
+
+
+def run(*command: object, **options) -> subprocess.CompletedProcess:
+    return subprocess.run([str(word) for word in command], capture_output=True, text=True, timeout=60, **options)
+
+
+@pytest.fixture
+def commands(tmp_path):
+    """A folder at the front of PATH where python3-pytest is missing and what would change the machine is recorded."""
+    folder, record = tmp_path / "commands", tmp_path / "record"
+    folder.mkdir()
+    record.touch()
+    bodies = {
+        "dpkg-query": '[ "$4" = python3-pytest ] || echo -n installed',
+        "apt-get": f'echo "apt-get $* [$DEBIAN_FRONTEND]" >>{record}',
+        "cmake": f'echo "cmake $*" >>{record}',
+    }
+    for name, body in bodies.items():
+        (folder / name).write_text(f"#!/bin/sh\n{body}\n")
+        (folder / name).chmod(0o755)
+    environment = {name: value for name, value in os.environ.items() if name != "HALVEK_DAEMON"}
+    commands.environment = environment | {"PATH": f"{folder}:{environment['PATH']}"}
+    commands.record = record
+    return commands
+
+
+@pytest.mark.parametrize("script", ["demo", "test"])
+def test_an_ordinary_user_is_told_the_one_command_that_is_missing(commands, script):
+    result = run(*ORDINARY_USER, ROOT / "scripts" / script, env=commands.environment)
+    assert result.returncode == 1
+    command = "sh -c 'apt-get update && apt-get install -y --no-install-recommends python3-pytest'"
+    assert [line.strip() for line in result.stderr.splitlines() if "apt-get" in line] == [command]
+    assert commands.record.read_text() == ""
+
+
+def test_root_gets_what_is_missing_installed_and_is_asked_nothing(commands):
+    result = run("bash", "-ec", f". {ROOT}/scripts/lib.sh; install_packages", env=commands.environment)
+    assert result.returncode == 0, result.stderr
+    update, install = commands.record.read_text().splitlines()
+    assert update.startswith("apt-get ") and " update" in update and update.endswith("[noninteractive]")
+    assert " install -y --no-install-recommends python3-pytest" in install and install.endswith("[noninteractive]")
+
+
+def test_every_package_that_is_needed_to_build_and_test_is_installed():
+    result = run("bash", "-ec", f". {ROOT}/scripts/lib.sh; required_packages; missing_packages >&2")
+    packages = result.stdout.split()
+    assert {"cmake", "g++", "ninja-build", "libsystemd-dev", "libgtest-dev", "python3-pytest"} <= set(packages)
+    assert not any(package.startswith("debhelper") for package in packages)
+    assert result.stderr == ""
+
+
+def test_the_test_script_refuses_what_it_does_not_know(commands):
+    result = run(ROOT / "scripts/test", "--everything", env=commands.environment)
+    assert result.returncode == 1 and "usage: " in result.stderr
+    assert commands.record.read_text() == ""
+
+
+def summary(folder: Path, *presets: str) -> subprocess.CompletedProcess:
+    return run(sys.executable, "-B", ROOT / "scripts/test_summary.py", folder, *presets)
+
+
+def write_results(folder: Path, preset: str, statuses: tuple[str, str], pytest_cases: str) -> None:
+    results = folder / preset / "test-results"
+    results.mkdir(parents=True)
+    (results / "ctest.xml").write_text(CTEST.format(*statuses))
+    if pytest_cases:
+        (results / "system.a.xml").write_text(f"<testsuites><testsuite>{pytest_cases}</testsuite></testsuites>")
+
+
+SUMMARIES = {
+    "all pass": (("run", "run"), '<testcase name="x"/><testcase name="y"/>', "3 passed, 0 failed, 0 skipped", 0),
+    "a unit test fails": (("fail", "run"), '<testcase name="x"/>', "1 passed, 1 failed, 0 skipped", 1),
+    "a system test fails": (
+        ("run", "fail"),
+        '<testcase name="x"><failure/></testcase>',
+        "1 passed, 1 failed, 0 skipped",
+        1,
+    ),
+    "a clean-up fails": (
+        ("run", "fail"),
+        '<testcase name="x"/><testcase name="x"><error/></testcase>',
+        "1 passed, 1 failed, 0 skipped",
+        1,
+    ),
+    "pytest is cut short": (("run", "fail"), "", "1 passed, 1 failed, 0 skipped", 1),
+    "pytest fails after its tests": (("run", "fail"), '<testcase name="x"/>', "2 passed, 1 failed, 0 skipped", 1),
+    "a test is skipped": (
+        ("notrun", "run"),
+        '<testcase name="x"><skipped/></testcase>',
+        "0 passed, 0 failed, 2 skipped",
+        0,
+    ),
+}
+
+
+@pytest.mark.parametrize("statuses, cases, line, status", SUMMARIES.values(), ids=SUMMARIES.keys())
+def test_the_summary_when(tmp_path, statuses, cases, line, status):
+    write_results(tmp_path, "release", statuses, cases)
+    result = summary(tmp_path, "release")
+    assert result.stdout.splitlines()[-2:] == [f"release: {line}", line]
+    assert result.returncode == status
+
+
+def test_the_summary_adds_up_the_presets(tmp_path):
+    write_results(tmp_path, "release", ("run", "run"), '<testcase name="x"/>')
+    write_results(tmp_path, "tsan", ("run", "fail"), '<testcase name="x"><failure/></testcase>')
+    result = summary(tmp_path, "release", "tsan")
+    assert result.stdout.splitlines()[-1] == "3 passed, 1 failed, 0 skipped"
+    assert result.returncode == 1
+
+
+@pytest.mark.parametrize("ctest", [None, "<testsuite/>"])
+def test_a_preset_that_ran_no_test_is_a_failure(tmp_path, ctest):
+    write_results(tmp_path, "release", ("run", "run"), '<testcase name="x"/>')
+    if ctest:
+        (tmp_path / "asan/test-results").mkdir(parents=True)
+        (tmp_path / "asan/test-results/ctest.xml").write_text(ctest)
+    result = summary(tmp_path, "release", "asan")
+    assert "asan: no test ran" in result.stdout and result.returncode == 1
+
+
+@pytest.mark.parametrize("user", [[], ORDINARY_USER], ids=["root", "ordinary user"])
+def test_a_private_run_holds_the_pipe_folder_and_nothing_else(user, tmp_path):
+    result = run(*user, PRIVATE_RUN, "sh", "-c", "ls /run; ls -A /var/run/halvek; stat -c %a /run /run/halvek")
+    assert result.stdout.split() == ["halvek", "755", "755"]
+    assert tmp_path.exists()  # ours, in the /run outside, is another
+
+
+def test_a_private_run_hands_through_streams_arguments_and_status():
+    result = run(PRIVATE_RUN, "sh", "-c", 'cat; printf "<%s>" "$@" >&2; exit 7', "sh", "a b", "", "*", input="in")
+    assert (result.stdout, result.stderr, result.returncode) == ("in", "<a b><><*>", 7)
+
+
+def test_a_private_run_is_the_command_itself_to_signals():
+    with subprocess.Popen([PRIVATE_RUN, "sh", "-c", "echo $$; exec cat"], stdin=-1, stdout=-1) as process:
+        assert int(process.stdout.readline()) == process.pid
+        process.send_signal(signal.SIGTERM)
+        assert process.wait(10) == -signal.SIGTERM
+
+
+def test_a_private_run_without_a_command_says_how_it_is_used():
+    result = run(PRIVATE_RUN)
+    assert result.returncode == 125 and "usage" in result.stderr
+
+
+def test_a_private_run_says_so_if_the_system_forbids_it(tmp_path):
+    (tmp_path / "unshare").write_text("#!/bin/sh\nexit 1\n")
+    (tmp_path / "unshare").chmod(0o755)
+    result = run(PRIVATE_RUN, "true", env=os.environ | {"PATH": f"{tmp_path}:{os.environ['PATH']}"})
+    assert result.returncode == 125 and "user namespaces" in result.stderr
