@@ -19,7 +19,7 @@ public:
     MessageDelegate(IMsgBus* messageBus, const std::string& name, const std::string& domain, Object* targetObject,
                     Method targetMethod)
         : bus(messageBus), object(targetObject), method(targetMethod) {
-        bus->Subscribe(name, domain, this);
+        bus->Subscribe({.name = name, .domain = domain, .sender = {}, .path = {}}, this);
     }
 
     ~MessageDelegate() override { Cancel(); }

@@ -1,39 +1,49 @@
 #pragma once
 
+#include "kelto/msgbus/BusListener.h"
+#include "kelto/msgbus/DeliveryQueue.h"
 #include "kelto/msgbus/IMsgBus.h"
 #include "kelto/osa/Mutex.h"
 
 #include <list>
-#include <string>
+#include <memory>
+#include <set>
 
 namespace kelto::msgbus {
 
-/** The book of the process's subscriptions. It has no transport yet: nothing is delivered, so nothing can be in flight.
+/**
+ * The process's message bus: one listening thread, and one delivery thread a subscription.
+ *
+ * It stands for all connections of the process. Calls to services do not go through it: ProviderCall gives each calling
+ * thread a connection of its own.
  */
 class MsgBus : public IMsgBus {
 public:
-    MsgBus() : lock("MsgBus::Lock") {}
+    MsgBus();
+    ~MsgBus() override;
 
     void Start() override;
-    void Subscribe(const std::string& name, const std::string& domain, IMessageHandler* handler) override;
+    void Subscribe(const MessageFilter& filter, IMessageHandler* handler) override;
     void Unsubscribe(IMessageHandler* handler) override;
-
-    /** Whether Start was called. */
-    bool IsStarted() const;
-
-    /** How many subscriptions there are. */
-    size_t CountSubscriptions() const;
 
 private:
     struct Subscription {
-        std::string name;
-        std::string domain;
+        MessageFilter filter;
         IMessageHandler* handler;
+        std::unique_ptr<DeliveryQueue> queue;
     };
 
-    mutable osa::Mutex lock;
+    std::set<MessageFilter> Filters() const;
+    void Deliver(const MessageFilter& filter, const std::shared_ptr<const MsgBusMsg>& message);
+
+    // Guarded by lock.
+    osa::Mutex lock;
     bool started = false;
     std::list<Subscription> subscriptions;
+    /** Ended from inside their own delivery: such a queue cannot wait for its own thread. */
+    std::list<Subscription> ended;
+
+    BusListener listener;
 };
 
 }  // namespace kelto::msgbus

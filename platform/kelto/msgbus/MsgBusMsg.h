@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <variant>
@@ -20,6 +21,8 @@ struct MsgBusMsg {
     std::string name;
     std::string domain;
     std::string signature;
+    /** What it takes in memory, about, in bytes. */
+    size_t size = 0;
     Values arguments;
 };
 

@@ -1,0 +1,52 @@
+#include "kelto/msgbus/BusConnection.h"
+
+#include "kelto/osa/Exception.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace kelto::msgbus {
+
+int CheckBusResult(int result, const char* what) {
+    if (result < 0) {
+        throw osa::Exception("%s: %s", what, std::strerror(-result));
+    }
+    return result;
+}
+
+BusConnection::BusConnection(Clock::time_point deadline) {
+    sd_bus* opened = nullptr;
+    CheckBusResult(sd_bus_open_system(&opened), "Cannot open the message bus");
+    bus.reset(opened);
+    WaitUntilReady(deadline);
+}
+
+void BusConnection::WaitUntilReady(Clock::time_point deadline) {
+    while (sd_bus_is_ready(bus.get()) <= 0) {
+        const int progress = CheckBusResult(sd_bus_process(bus.get(), nullptr), "Cannot open the message bus");
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
+        if (left <= 0) {
+            throw osa::Exception("Cannot open the message bus: %s", std::strerror(ETIMEDOUT));
+        }
+        if (progress == 0) {
+            const int result = sd_bus_wait(bus.get(), static_cast<uint64_t>(left));
+            CheckBusResult(result == -EINTR ? 0 : result, "Cannot open the message bus");
+        }
+    }
+}
+
+bool BusConnection::Drain() {
+    int result = 0;
+    while ((result = sd_bus_process(bus.get(), nullptr)) > 0) {
+    }
+    if (result < 0) {
+        return false;
+    }
+    pollfd descriptor{sd_bus_get_fd(bus.get()), POLLRDHUP, 0};
+    return poll(&descriptor, 1, 0) == 0;
+}
+
+}  // namespace kelto::msgbus

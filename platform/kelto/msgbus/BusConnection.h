@@ -1,0 +1,49 @@
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <chrono>
+#include <memory>
+
+namespace kelto::msgbus {
+
+struct BusUnref {
+    void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
+};
+struct BusMessageUnref {
+    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+};
+struct BusSlotUnref {
+    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+};
+
+using BusMessagePtr = std::unique_ptr<sd_bus_message, BusMessageUnref>;
+using BusSlotPtr = std::unique_ptr<sd_bus_slot, BusSlotUnref>;
+
+/**
+ * A connection to the camera's bus, which is the system bus as libsystemd finds it. It belongs to the thread that
+ * opened it.
+ */
+class BusConnection {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    /** Opens it and waits until it can be used. Throws kelto::osa::Exception if that fails or takes longer. */
+    explicit BusConnection(Clock::time_point deadline);
+
+    sd_bus* Get() const { return bus.get(); }
+
+    /** Takes in what has arrived, replies that came too late for instance; false if the connection is dead. Does not
+     * wait. */
+    bool Drain();
+
+private:
+    void WaitUntilReady(Clock::time_point deadline);
+
+    std::unique_ptr<sd_bus, BusUnref> bus;
+};
+
+/** Throws a negative result of libsystemd as kelto::osa::Exception; hands others through. */
+int CheckBusResult(int result, const char* what);
+
+}  // namespace kelto::msgbus
