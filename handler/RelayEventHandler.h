@@ -1,0 +1,71 @@
+#pragma once
+
+#include "handler/EventHandler.h"
+#include "kelto/interfaces/IRelayV3Provider.h"
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace kelto::core {
+class Logger;
+}
+
+namespace kelto::halvek::handler {
+
+/**
+ * Drives one relay output at every event, whatever the event holds.
+ *
+ * With at least one of the relay's settings in its group it sets the relay up anew at every action; without any it
+ * reads how the relay is set up. Owns its client. May act on several threads at once.
+ */
+class RelayEventHandler : public EventHandler {
+public:
+    /** Makes a client on a bus. */
+    explicit RelayEventHandler(msgbus::IMsgBus* bus);
+    explicit RelayEventHandler(std::unique_ptr<interfaces::IRelayV3Provider> client);
+
+    /**
+     * Reads "Index", by default 0, "BankName", "Polarity", "Mode", "OnInterval.msec", "OffInterval.msec" and
+     * "PulseCount". Without "BankName" it asks the service for the first bank that is not remote. Numbers out of range
+     * are corrected silently.
+     *
+     * @throws kelto::osa::Exception for a value that cannot be read, and if the service does not answer, within 5 s a
+     * query
+     */
+    void Configure(const core::IniFile::Group& group) override;
+    /** Whether the index is another than -1. */
+    bool IsConfigured() const override;
+    ~RelayEventHandler() override = default;
+
+    /** Throws nothing. Blocks for two calls, 5 s each at most. */
+    void PerformAction(Event& event) override;
+
+private:
+    /** How the relay is to be driven. */
+    struct Settings {
+        std::string bankName;
+        int32_t index = -1;
+        bool hasExplicitSettings = false;
+        bool polarity = false;
+        int32_t mode = 3;
+        int32_t onIntervalMs = 500;
+        int32_t offIntervalMs = 500;
+        int32_t pulseCount = 1;
+    };
+
+    Settings CopySettings() const;
+    void StoreSettings(const Settings& newSettings);
+    void ReadBankName(const core::IniFile::Group& group, std::string& bankName) const;
+    void DriveRelay();
+
+    core::Logger& logger;
+    const std::unique_ptr<interfaces::IRelayV3Provider> relayClient;
+
+    // Guarded by settingsMutex, which is held to copy in and out only.
+    mutable std::mutex settingsMutex;
+    Settings settings;
+};
+
+}  // namespace kelto::halvek::handler

@@ -1,0 +1,13 @@
+#include "monitor/AlarmCommon.h"
+
+#include "monitor/ComponentInstance.h"
+
+namespace kelto::halvek {
+
+AlarmCommon* AlarmCommon::GetInstance(HalvekEnv* env) {
+    return ComponentInstance<AlarmCommon>(env, "AlarmCommonComponent");
+}
+
+AlarmCommon::AlarmCommon(HalvekEnv* env) : client(interfaces::IAlarmV3Provider::CreateClient(BusOf(env))) {}
+
+}  // namespace kelto::halvek

@@ -1,0 +1,14 @@
+#include "monitor/MotionStateCommon.h"
+
+#include "monitor/ComponentInstance.h"
+
+namespace kelto::halvek {
+
+MotionStateCommon* MotionStateCommon::GetInstance(HalvekEnv* env) {
+    return ComponentInstance<MotionStateCommon>(env, "MotionStateCommonComponent");
+}
+
+MotionStateCommon::MotionStateCommon(HalvekEnv* env)
+    : client(interfaces::IMotionStateProvider::CreateClient(BusOf(env))) {}
+
+}  // namespace kelto::halvek

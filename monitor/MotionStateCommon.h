@@ -1,0 +1,30 @@
+#pragma once
+
+#include "kelto/interfaces/IMotionStateProvider.h"
+#include "monitor/HalvekEnv.h"
+
+#include <memory>
+
+namespace kelto::halvek {
+
+/**
+ * The motion-state client that all park sources share.
+ *
+ * Got on the event monitor's thread; the client may be used from any thread. It lives until the process ends.
+ */
+class MotionStateCommon : public HalvekEnv::IHalvekComponent {
+public:
+    /** The one instance of an environment, made at first use. Throws kelto::osa::Exception. */
+    static MotionStateCommon* GetInstance(HalvekEnv* env);
+
+    /** Throws kelto::osa::Exception if there is no environment. */
+    explicit MotionStateCommon(HalvekEnv* env);
+    ~MotionStateCommon() override = default;
+
+    interfaces::IMotionStateProvider* GetClient() const { return client.get(); }
+
+private:
+    std::unique_ptr<interfaces::IMotionStateProvider> client;
+};
+
+}  // namespace kelto::halvek

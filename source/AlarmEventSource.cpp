@@ -1,0 +1,91 @@
+#include "source/AlarmEventSource.h"
+
+#include "event/AlarmEvent.h"
+#include "kelto/core/Logger.h"
+#include "kelto/core/VoidObjectMethodDelegate1.h"
+#include "kelto/osa/Exception.h"
+#include "monitor/AlarmCommon.h"
+
+#include <memory>
+
+namespace kelto::halvek::source {
+
+AlarmEventSource::AlarmEventSource(const std::string& sourceType, HalvekEnv* env)
+    : logger(core::Logger::GetLogger("halvek")),
+      alarmProvider(AlarmCommon::GetInstance(env)->GetClient()),
+      typeName(sourceType) {
+    using Delegate = core::VoidObjectMethodDelegate1<AlarmEventSource, StateChangeEventArgs>;
+    alarmProvider->OnStateChange().Add(std::make_unique<Delegate>(this, &AlarmEventSource::HandleStateChange));
+}
+
+AlarmEventSource::~AlarmEventSource() {
+    alarmProvider->OnStateChange().Remove(this);
+}
+
+void AlarmEventSource::Configure(const core::IniFile::Group& group) {
+    EventSource::Configure(group);
+    const int32_t newIndex = core::IniFile::GetIntOrDefaultFromGroup(group, "Index", 0);
+    {
+        const std::lock_guard lock(watchedMutex);
+        index = newIndex;
+    }
+    std::string newBankName;
+    if (!core::IniFile::TryGetValueFromGroup(group, "BankName", newBankName)) {
+        newBankName = FirstLocalBank();
+    }
+    {
+        const std::lock_guard lock(watchedMutex);
+        bankName = newBankName;
+    }
+    logger.Information("Configured alarm %d", newIndex);
+}
+
+/** The first bank that the provider does not call remote; the present one if there is none. */
+std::string AlarmEventSource::FirstLocalBank() const {
+    for (const std::string& name : alarmProvider->GetBankNames()) {
+        if (!alarmProvider->IsRemote(name)) {
+            return name;
+        }
+    }
+    const std::lock_guard lock(watchedMutex);
+    return bankName;
+}
+
+bool AlarmEventSource::IsConfigured() const {
+    return true;
+}
+
+void AlarmEventSource::StartListening() {
+    if (!IsConfigured()) {
+        throw osa::Exception("AlarmEventSource::StartListening not configured");
+    }
+    logger.Information("AlarmEventSource started");
+}
+
+void AlarmEventSource::StopListening() {
+    alarmProvider->OnStateChange().Remove(this);
+    logger.Information("AlarmEventSource stopped");
+}
+
+std::string AlarmEventSource::ToString() const {
+    return "EventSource{Alarm}";
+}
+
+void AlarmEventSource::HandleStateChange(StateChangeEventArgs change) {
+    logger.Debug("Received state change for alarm %s:%d -> %d", change.bankName.c_str(), change.index,
+                 static_cast<int>(change.active));
+    {
+        const std::lock_guard lock(watchedMutex);
+        if (change.index != index || change.bankName != bankName) {
+            return;
+        }
+    }
+    event::AlarmEvent event({{"eventType", typeName},
+                             {"alarmIndex", std::to_string(change.index)},
+                             {"alarmBank", change.bankName},
+                             {"alarmState", change.active ? "1" : "0"}});
+    logger.Information("firing");
+    FireEvent(event);
+}
+
+}  // namespace kelto::halvek::source

@@ -1,0 +1,43 @@
+#include "source/MsgBusEventSource.h"
+
+#include "event/MsgBusEvent.h"
+#include "kelto/core/Logger.h"
+#include "kelto/interfaces/AnalyticsInterface.h"
+#include "monitor/ComponentInstance.h"
+#include "source/AnalyticsAlertConversion.h"
+
+namespace kelto::halvek::source {
+
+MsgBusEventSource::MsgBusEventSource(const std::string&, HalvekEnv* env)
+    : logger(core::Logger::GetLogger("MsgBusEventSource")),
+      msgBus(BusOf(env)),
+      alertSubscription(msgBus, alertName, alertDomain, this, &MsgBusEventSource::HandleAlert) {}
+
+void MsgBusEventSource::Configure(const core::IniFile::Group&) {}
+
+bool MsgBusEventSource::IsConfigured() const {
+    return true;
+}
+
+void MsgBusEventSource::StartListening() {
+    logger.Information("MsgBusEventSource started");
+}
+
+void MsgBusEventSource::StopListening() {
+    alertSubscription.Cancel();
+    logger.Information("MsgBusEventSource stopped");
+}
+
+std::string MsgBusEventSource::ToString() const {
+    return "EventSource{MsgBus}";
+}
+
+void MsgBusEventSource::HandleAlert(const msgbus::MsgBusMsg& message) {
+    logger.Information("Received AnalyticsAlert");
+    const interfaces::AnalyticsInterface::AnalyticsAlert alert(message);
+    const Event::Properties properties = AlertToProperties(alert);
+    event::MsgBusEvent event(properties);
+    FireEvent(event);
+}
+
+}  // namespace kelto::halvek::source
