@@ -25,7 +25,7 @@ namespace kelto::halvek::source {
  * The motion-state provider arms and disarms it on a delivery thread; a thread of its own counts seconds and runs the
  * handlers. Whatever a handler throws ends that thread, and with it the source.
  */
-class ParkEventSource : public EventSource, public osa::Runnable {
+class ParkEventSource final : public EventSource, public osa::Runnable {
 public:
     /**
      * Subscribes to the provider.

@@ -27,7 +27,7 @@ namespace kelto::msgbus {
  * A filter that names a sender is kept by the bus itself: it compares the sender with the owner of that name for every
  * broadcast. A signal that is addressed to this process passes no match, so it does not count for such a filter.
  */
-class BusListener : public osa::Runnable {
+class BusListener final : public osa::Runnable {
 public:
     using Receiver = std::function<void(const MessageFilter&, const std::shared_ptr<const MsgBusMsg>&)>;
 

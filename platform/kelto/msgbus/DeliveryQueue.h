@@ -23,7 +23,7 @@ class IMessageHandler;
  * handler takes it waits here, up to 1,024 messages or 4 MiB; then the oldest goes, and a Warning says how many did
  * when the queue has drained.
  */
-class DeliveryQueue : public osa::Runnable {
+class DeliveryQueue final : public osa::Runnable {
 public:
     static constexpr size_t mostMessages = 1024;
     static constexpr size_t mostBytes = size_t{4} * 1024 * 1024;

@@ -1,6 +1,12 @@
 #include "kelto/msgbus/MessageFilter.h"
 
+#include <tuple>
+
 namespace kelto::msgbus {
+
+bool MessageFilter::operator<(const MessageFilter& other) const {
+    return std::tie(name, domain, sender, path) < std::tie(other.name, other.domain, other.sender, other.path);
+}
 
 std::string MessageFilter::ToMatchRule() const {
     std::string rule = "type='signal'";

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <compare>
 #include <string>
 
 namespace kelto::msgbus {
@@ -16,7 +15,8 @@ struct MessageFilter {
     /** The object that it must come from; empty for any. */
     std::string path;
 
-    auto operator<=>(const MessageFilter&) const = default;
+    bool operator==(const MessageFilter&) const = default;
+    bool operator<(const MessageFilter& other) const;
 
     /** The match rule that asks the bus for these signals. */
     std::string ToMatchRule() const;
