@@ -1,0 +1,14 @@
+#pragma once
+
+namespace kelto::vcam {
+
+/**
+ * Prints one line to standard output, with the local time before it, at once. What would break the line or reach
+ * behind the terminal's back, from a name that came over the bus for instance, is printed as '?'.
+ */
+void Say(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/** Prints one line to standard error, with the program's name before it. */
+void Complain(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace kelto::vcam

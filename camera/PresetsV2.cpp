@@ -1,0 +1,28 @@
+#include "camera/PresetsV2.h"
+
+#include "camera/Head.h"
+
+namespace kelto::vcam {
+
+const sd_bus_vtable PresetsV2::methods[] = {
+    SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("GoTo", SD_BUS_ARGS("s", id, "d", speed, "i", level), SD_BUS_NO_RESULT,
+                            OnCall<&PresetsV2::GoTo>, 0),
+    SD_BUS_METHOD_WITH_ARGS("IsAt", SD_BUS_ARGS("s", id), SD_BUS_RESULT("b", at), OnCall<&PresetsV2::IsAt>, 0),
+    SD_BUS_VTABLE_END,
+};
+
+PresetsV2::PresetsV2(Bus& systemBus, EventLoop& eventLoop, ActionLog& actionLog, Head& cameraHead)
+    : Provider(systemBus, eventLoop, actionLog, "PresetsV2", methods), head(cameraHead) {}
+
+void PresetsV2::GoTo(Arguments& arguments, Results&) {
+    const std::string id = arguments.ReadString();
+    const double speed = arguments.ReadDouble();
+    head.GoTo(id, speed, arguments.ReadInt());
+}
+
+void PresetsV2::IsAt(Arguments& arguments, Results& results) {
+    results.AppendBool(head.IsAt(arguments.ReadString()));
+}
+
+}  // namespace kelto::vcam

@@ -1,0 +1,64 @@
+#include "camera/Provider.h"
+
+#include "camera/ActionLog.h"
+#include "camera/EventLoop.h"
+#include "camera/MethodError.h"
+#include "camera/Output.h"
+
+#include <iterator>
+#include <map>
+
+namespace kelto::vcam {
+
+namespace {
+
+// Microseconds. A caller that waits for 5 s gets a slow answer, and no answer from one that hangs.
+constexpr uint64_t slowDelay = 3'000'000;
+constexpr uint64_t hangDelay = 30'000'000;
+
+}  // namespace
+
+Provider::Provider(Bus& systemBus, EventLoop& eventLoop, ActionLog& actionLog, const std::string& providerName,
+                   const sd_bus_vtable* methods)
+    : Service(systemBus, providerName, methods), loop(eventLoop), actions(actionLog) {}
+
+void Provider::SetFault(const std::string& kind) {
+    static const std::map<std::string, Fault> faults = {
+        {"none", Fault::None}, {"error", Fault::Error}, {"slow", Fault::Slow}, {"hang", Fault::Hang}};
+    const auto found = faults.find(kind);
+    if (found == faults.end()) {
+        throw MethodError("UnknownFault",
+                          "There is no fault \"" + kind + R"(", only "none", "error", "slow" and "hang")");
+    }
+    fault = found->second;
+    Say("fault of %s: %s", GetName().c_str(), kind.c_str());
+}
+
+void Provider::Take(sd_bus_message* call, Method method) {
+    actions.Add(GetName() + "." + sd_bus_message_get_member(call), Arguments::AsText(call));
+    switch (fault) {
+        case Fault::None:
+            Answer(call, method);
+            break;
+        case Fault::Error:
+            AnswerError(call, "com.kelto.Error.Fault", GetName() + " is set to fail");
+            break;
+        case Fault::Slow:
+            AnswerLater(call, method, slowDelay);
+            break;
+        case Fault::Hang:
+            AnswerLater(call, method, hangDelay);
+            break;
+    }
+}
+
+void Provider::AnswerLater(sd_bus_message* call, Method method, uint64_t delay) {
+    delayed.emplace_back(call, loop);
+    const auto position = std::prev(delayed.end());
+    position->timer.StartAt(EventLoop::Now() + delay, [this, position, method] {
+        Answer(position->call.get(), method);
+        delayed.erase(position);
+    });
+}
+
+}  // namespace kelto::vcam

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "camera/Service.h"
+#include "camera/Timer.h"
+
+#include <list>
+#include <string>
+
+namespace kelto::vcam {
+
+class ActionLog;
+class EventLoop;
+
+/**
+ * One of the services of a camera. Each call is put down in the log of actions, and then meets the fault that the
+ * provider is set to, if any. A call that is kept waiting keeps no other one waiting.
+ */
+class Provider : public Service {
+public:
+    Provider(Bus& systemBus, EventLoop& eventLoop, ActionLog& actionLog, const std::string& providerName,
+             const sd_bus_vtable* methods);
+
+    /** "none", "error", "slow" or "hang", for calls that come from now on. Throws MethodError. */
+    void SetFault(const std::string& kind);
+
+protected:
+    void Take(sd_bus_message* call, Method method) override;
+
+    EventLoop& loop;
+
+private:
+    enum class Fault { None, Error, Slow, Hang };
+
+    /** A call that waits for its answer. */
+    struct Delayed {
+        Delayed(sd_bus_message* waiting, EventLoop& eventLoop) : call(sd_bus_message_ref(waiting)), timer(eventLoop) {}
+
+        const BusMessagePtr call;
+        Timer timer;
+    };
+
+    void AnswerLater(sd_bus_message* call, Method method, uint64_t delay);
+
+    ActionLog& actions;
+    Fault fault = Fault::None;
+    std::list<Delayed> delayed;
+};
+
+}  // namespace kelto::vcam

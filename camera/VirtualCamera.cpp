@@ -1,0 +1,109 @@
+#include "camera/VirtualCamera.h"
+
+#include "camera/MethodError.h"
+#include "camera/Output.h"
+
+namespace kelto::vcam {
+
+namespace {
+
+constexpr const char* alertPath = "/com/zentu/analytics";
+constexpr const char* alertInterface = "com.zentu.analytics";
+constexpr const char* alertSignal = "AnalyticsAlert";
+
+}  // namespace
+
+const sd_bus_vtable VirtualCamera::methods[] = {
+    SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("SetAlarm", SD_BUS_ARGS("s", bank, "i", index, "b", active), SD_BUS_NO_RESULT,
+                            OnCall<&VirtualCamera::SetAlarm>, 0),
+    SD_BUS_METHOD_WITH_ARGS("SetIdleState", SD_BUS_ARGS("i", state), SD_BUS_NO_RESULT,
+                            OnCall<&VirtualCamera::SetIdleState>, 0),
+    SD_BUS_METHOD_WITH_ARGS("SetRecording", SD_BUS_ARGS("b", a, "b", b), SD_BUS_NO_RESULT,
+                            OnCall<&VirtualCamera::SetRecording>, 0),
+    SD_BUS_METHOD_WITH_ARGS(
+        "RaiseAlert",
+        SD_BUS_ARGS("s", source, "s", class, "s", analyticsType, "s", ruleName, "s", ruleDescription, "a(dd)",
+                    rulePoints, "a(dd)", boxPoints, "s", mediaType, "s", mediaUrl),
+        SD_BUS_NO_RESULT, OnCall<&VirtualCamera::RaiseAlert>, 0),
+    SD_BUS_METHOD_WITH_ARGS("GetActions", SD_BUS_NO_ARGS, SD_BUS_RESULT("a(tss)", actions),
+                            OnCall<&VirtualCamera::GetActions>, 0),
+    SD_BUS_METHOD_WITH_ARGS("ClearActions", SD_BUS_NO_ARGS, SD_BUS_NO_RESULT, OnCall<&VirtualCamera::ClearActions>, 0),
+    SD_BUS_METHOD_WITH_ARGS("SetFault", SD_BUS_ARGS("s", provider, "s", kind), SD_BUS_NO_RESULT,
+                            OnCall<&VirtualCamera::SetFault>, 0),
+    SD_BUS_VTABLE_END,
+};
+
+VirtualCamera::VirtualCamera(Bus& systemBus, EventLoop& loop)
+    : Service(systemBus, "VirtualCamera", methods),
+      alarms(bus, loop, actions),
+      relays(bus, loop, actions),
+      motionState(bus, loop, actions),
+      presets(bus, loop, actions, motionState.GetHead()),
+      tour(bus, loop, actions, motionState.GetHead()),
+      recordingInformation(bus, loop, actions),
+      providers{&alarms, &relays, &presets, &tour, &motionState, &recordingInformation} {}
+
+void VirtualCamera::TakeNames() {
+    for (const Provider* const provider : providers) {
+        bus.TakeName(provider->GetBusName());
+    }
+    // Last, so that whoever sees this one can use all others.
+    bus.TakeName(GetBusName());
+}
+
+void VirtualCamera::SetAlarm(Arguments& arguments, Results&) {
+    const std::string bank = arguments.ReadString();
+    const int32_t index = arguments.ReadInt();
+    alarms.SetState(bank, index, arguments.ReadBool());
+}
+
+void VirtualCamera::SetIdleState(Arguments& arguments, Results&) {
+    motionState.GetHead().SetIdleState(arguments.ReadInt());
+}
+
+void VirtualCamera::SetRecording(Arguments& arguments, Results&) {
+    const bool first = arguments.ReadBool();
+    recordingInformation.SetRecording(first, arguments.ReadBool());
+}
+
+void VirtualCamera::RaiseAlert(Arguments& arguments, Results&) {
+    sd_bus_message* made = nullptr;
+    Check(sd_bus_message_new_signal(bus.Get(), &made, alertPath, alertInterface, alertSignal), "Cannot raise an alert");
+    const BusMessagePtr alert(made);
+    arguments.CopyTo(alert.get());
+    Check(sd_bus_message_send(alert.get()), "Cannot raise an alert");
+    Say("analytics alert");
+}
+
+void VirtualCamera::GetActions(Arguments&, Results& results) {
+    sd_bus_message* const reply = results.GetMessage();
+    Check(sd_bus_message_open_container(reply, 'a', "(tss)"), "Cannot answer");
+    for (const Action& action : actions.GetActions()) {
+        Check(sd_bus_message_append(reply, "(tss)", action.time, action.method.c_str(), action.arguments.c_str()),
+              "Cannot answer");
+    }
+    Check(sd_bus_message_close_container(reply), "Cannot answer");
+}
+
+void VirtualCamera::ClearActions(Arguments&, Results&) {
+    actions.Clear();
+}
+
+void VirtualCamera::SetFault(Arguments& arguments, Results&) {
+    const std::string wanted = arguments.ReadString();
+    const std::string kind = arguments.ReadString();
+    for (Provider* const provider : providers) {
+        if (provider->GetName() == wanted) {
+            provider->SetFault(kind);
+            return;
+        }
+    }
+    std::string known;
+    for (const Provider* const provider : providers) {
+        known += (known.empty() ? "" : ", ") + provider->GetName();
+    }
+    throw MethodError("UnknownProvider", "There is no provider \"" + wanted + "\", only " + known);
+}
+
+}  // namespace kelto::vcam
