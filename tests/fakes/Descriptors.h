@@ -1,0 +1,43 @@
+#pragma once
+
+#include <sys/resource.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace kelto::test {
+
+/** All open descriptors of the process, ascending. */
+std::vector<int> OpenDescriptors();
+
+/** The descriptors that are open on the file of that path. */
+std::vector<int> OpenDescriptorsOf(const std::string& path);
+
+/** Occupies every descriptor below a number for the length of a scope, so that the next one opened has that number. */
+class LowDescriptorsTaken {
+public:
+    explicit LowDescriptorsTaken(int firstFree);
+    ~LowDescriptorsTaken();
+    LowDescriptorsTaken(const LowDescriptorsTaken&) = delete;
+    LowDescriptorsTaken& operator=(const LowDescriptorsTaken&) = delete;
+
+private:
+    rlimit savedLimit{};
+    std::vector<int> taken;
+};
+
+/** Lets the process open only so many more descriptors for the length of a scope. */
+class FewDescriptorsLeft {
+public:
+    explicit FewDescriptorsLeft(size_t left);
+    ~FewDescriptorsLeft();
+    FewDescriptorsLeft(const FewDescriptorsLeft&) = delete;
+    FewDescriptorsLeft& operator=(const FewDescriptorsLeft&) = delete;
+
+private:
+    const LowDescriptorsTaken gaps;
+    rlimit savedLimit{};
+};
+
+}  // namespace kelto::test

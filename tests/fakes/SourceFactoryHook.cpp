@@ -1,0 +1,35 @@
+#include "tests/fakes/SourceFactoryHook.h"
+
+#include "source/EventSource.h"
+
+// The linker's --wrap sends every call of the factory to the first name and knows the factory itself by the second.
+#define FACTORY \
+    "_ZN6kelto6halvek17CreateEventSourceERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEPNS0_9HalvekEnvE"
+
+namespace kelto::test {
+
+namespace {
+
+SourceFactoryHook::Creators hooked;
+
+}  // namespace
+
+std::unique_ptr<halvek::EventSource> CreateRealSource(const std::string& typeName,
+                                                      halvek::HalvekEnv* env) asm("__real_" FACTORY);
+std::unique_ptr<halvek::EventSource> CreateHookedSource(const std::string& typeName,
+                                                        halvek::HalvekEnv* env) asm("__wrap_" FACTORY);
+
+std::unique_ptr<halvek::EventSource> CreateHookedSource(const std::string& typeName, halvek::HalvekEnv* env) {
+    const auto creator = hooked.find(typeName);
+    return creator == hooked.end() ? CreateRealSource(typeName, env) : creator->second(env);
+}
+
+SourceFactoryHook::SourceFactoryHook(const Creators& creators) {
+    hooked = creators;
+}
+
+SourceFactoryHook::~SourceFactoryHook() {
+    hooked.clear();
+}
+
+}  // namespace kelto::test
