@@ -60,6 +60,14 @@ std::vector<int> OpenDescriptorsOf(const std::string& path) {
     return descriptors;
 }
 
+LeftDescriptorsClosed::~LeftDescriptorsClosed() {
+    for (const int fd : OpenDescriptors()) {
+        if (!std::binary_search(openBefore.begin(), openBefore.end(), fd)) {
+            close(fd);
+        }
+    }
+}
+
 LowDescriptorsTaken::LowDescriptorsTaken(int firstFree) : savedLimit(GetLimit()) {
     SetLimit({std::max<rlim_t>(savedLimit.rlim_cur, static_cast<rlim_t>(firstFree) + room), savedLimit.rlim_max});
     int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);

@@ -14,6 +14,21 @@ std::vector<int> OpenDescriptors();
 /** The descriptors that are open on the file of that path. */
 std::vector<int> OpenDescriptorsOf(const std::string& path);
 
+/**
+ * Closes at the end of a scope every descriptor that was opened in it and left open: what the daemon leaves open by
+ * intention must not add up over the tests of one process.
+ */
+class LeftDescriptorsClosed {
+public:
+    LeftDescriptorsClosed() : openBefore(OpenDescriptors()) {}
+    ~LeftDescriptorsClosed();
+    LeftDescriptorsClosed(const LeftDescriptorsClosed&) = delete;
+    LeftDescriptorsClosed& operator=(const LeftDescriptorsClosed&) = delete;
+
+private:
+    const std::vector<int> openBefore;
+};
+
 /** Occupies every descriptor below a number for the length of a scope, so that the next one opened has that number. */
 class LowDescriptorsTaken {
 public:

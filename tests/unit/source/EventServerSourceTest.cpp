@@ -104,6 +104,7 @@ protected:
     }
 
     int posts = 0;
+    const test::LeftDescriptorsClosed leftDescriptorsClosed;
     const test::TempDir folder;
     const std::string path = folder.PathOf("pipe");
     test::LogCapture log;
@@ -493,7 +494,6 @@ TEST_F(EventServerSourceTest, TheLastDescriptorThatFitsASetIsUsed) {
     source.Run();
     EXPECT_EQ(handler.Count(), 1U);
     EXPECT_EQ(test::OpenDescriptorsOf(path).back(), FD_SETSIZE - 1);
-    close(FD_SETSIZE - 1);
 }
 
 TEST_F(EventServerSourceTest, ThePipeIsOpenForReadingAndWritingWithoutBlocking) {
