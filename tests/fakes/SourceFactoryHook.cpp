@@ -2,10 +2,6 @@
 
 #include "source/EventSource.h"
 
-// The linker's --wrap sends every call of the factory to the first name and knows the factory itself by the second.
-#define FACTORY \
-    "_ZN6kelto6halvek17CreateEventSourceERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEPNS0_9HalvekEnvE"
-
 namespace kelto::test {
 
 namespace {
@@ -14,6 +10,7 @@ SourceFactoryHook::Creators hooked;
 
 }  // namespace
 
+// The linker's --wrap gives every call of the factory to the second and knows the factory itself by the first.
 std::unique_ptr<halvek::EventSource> CreateRealSource(const std::string& typeName,
                                                       halvek::HalvekEnv* env) asm("__real_" FACTORY);
 std::unique_ptr<halvek::EventSource> CreateHookedSource(const std::string& typeName,
