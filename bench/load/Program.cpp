@@ -91,7 +91,7 @@ int64_t Program::ProcessorTime() const {
 }
 
 bool Program::HasEnded() {
-    if (pid > 0 && waitpid(pid, nullptr, WNOHANG) == pid) {
+    if (pid > 0 && waitpid(pid, &status, WNOHANG) == pid) {
         pid = -1;
     }
     return pid < 0;
@@ -106,6 +106,9 @@ void Program::Stop() {
         if (Now() > deadline) {
             throw std::runtime_error("the program does not stop");
         }
+    }
+    if (status != 0) {
+        throw std::runtime_error("the program ended with wait status " + std::to_string(status));
     }
 }
 

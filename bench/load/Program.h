@@ -31,11 +31,13 @@ public:
 
     bool HasEnded();
 
-    /** Asks it to end and waits for that; below a tracer, the tracer ends with it. */
+    /** Asks it to end and waits for that; throws if it ends with any status but 0. Below a tracer, the tracer ends with
+     * it. */
     void Stop();
 
 private:
     pid_t pid;
+    int status = 0;
 };
 
 }  // namespace kelto::halvek::bench
