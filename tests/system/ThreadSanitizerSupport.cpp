@@ -4,14 +4,16 @@
  * It puts a caught signal off until the thread makes a call that it knows to block. It does not know select(): a daemon
  * that waits there would sit on its SIGTERM for ever. It does know poll(), so select() is made of that here.
  */
-#include <array>
-
 #include <poll.h>
 #include <sys/select.h>
 
+#include <array>
+
 // tzset() and localtime_r() guard the time zone with a lock inside the C library that ThreadSanitizer does not see, and
 // so takes the freeing of the old name of the zone for a race.
-extern "C" const char* __tsan_default_suppressions() { return "race:tzset_internal\n"; }
+extern "C" const char* __tsan_default_suppressions() {
+    return "race:tzset_internal\n";
+}
 
 extern "C" int select(int count, fd_set* readSet, fd_set* /*writeSet*/, fd_set* /*exceptSet*/, timeval* timeout) {
     std::array<pollfd, FD_SETSIZE> polled;
