@@ -26,6 +26,12 @@ class NotSeen(AssertionError):
     """Something that was waited for did not come in time, or can no longer come."""
 
 
+def bytes_ready(descriptor: int) -> int:
+    count = array.array("i", [0])
+    fcntl.ioctl(descriptor, termios.FIONREAD, count)
+    return count[0]
+
+
 class Collector:
     """What arrives on a descriptor, in order. The list only grows.
 
@@ -103,16 +109,11 @@ class Collector:
 
     def _take_ready(self) -> None:
         """The lock is held."""
-        while not self._ended and self._bytes_ready() > 0:
+        while not self._ended and bytes_ready(self._descriptor) > 0:
             items = self.take(self._descriptor)
             self._items += items
             self._times += [time.monotonic()] * len(items)
             self._changed.notify_all()
-
-    def _bytes_ready(self) -> int:
-        count = array.array("i", [0])
-        fcntl.ioctl(self._descriptor, termios.FIONREAD, count)
-        return count[0]
 
 
 class Lines(Collector):

@@ -9,11 +9,42 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstdlib>
-#include <regex>
+#include <optional>
 #include <sstream>
+#include <string_view>
 
 namespace kelto::test {
+
+namespace {
+
+bool IsTime(const std::string& text) {
+    constexpr std::string_view form = "dddd-dd-ddTdd:dd:dd.ddd";
+    return std::equal(text.begin(), text.end(), form.begin(), form.end(), [](char character, char expected) {
+        return expected == 'd' ? std::isdigit(static_cast<unsigned char>(character)) != 0 : character == expected;
+    });
+}
+
+/** The record that begins with this line: "<time> <level> <logger>: <text>"; nothing if none does. */
+std::optional<LogRecord> ParseBegin(const std::string& line) {
+    const size_t timeEnd = line.find(' ');
+    const size_t levelEnd = timeEnd == std::string::npos ? timeEnd : line.find(' ', timeEnd + 1);
+    const size_t loggerEnd = levelEnd == std::string::npos ? levelEnd : line.find(": ", levelEnd + 1);
+    if (loggerEnd == std::string::npos) {
+        return std::nullopt;
+    }
+    LogRecord record{line.substr(0, timeEnd), line.substr(timeEnd + 1, levelEnd - timeEnd - 1),
+                     line.substr(levelEnd + 1, loggerEnd - levelEnd - 1), line.substr(loggerEnd + 2)};
+    const auto level = core::ParseLogLevel(record.level);
+    const bool known = level && record.level == core::LogLevelName(*level);
+    if (!known || !IsTime(record.time) || record.logger.find(' ') != std::string::npos) {
+        return std::nullopt;
+    }
+    return record;
+}
+
+}  // namespace
 
 LogCapture::LogCapture(core::LogLevel level) : file(memfd_create("log", MFD_CLOEXEC)), savedStandardError(dup(2)) {
     // The file's end moves with each write, as it would in a log file, so that Clear may cut it.
@@ -40,14 +71,11 @@ std::string LogCapture::Text() const {
 }
 
 std::vector<LogRecord> LogCapture::Records() const {
-    static const std::regex begin(
-        R"((\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}) (Trace|Debug|Information|Warning|Error) ([^ ]+): ([^]*))");
     std::vector<LogRecord> records;
     std::istringstream text(Text());
     for (std::string line; std::getline(text, line);) {
-        std::smatch match;
-        if (std::regex_match(line, match, begin)) {
-            records.push_back({match[1], match[2], match[3], match[4]});
+        if (const auto record = ParseBegin(line)) {
+            records.push_back(*record);
         } else if (!records.empty()) {
             records.back().text += "\n" + line;
         }

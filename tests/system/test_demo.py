@@ -53,7 +53,7 @@ def traces() -> list[str]:
 
 
 @pytest.fixture(autouse=True)
-def nothing_left_behind():
+def nothing_left_behind(tmp_path):
     ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)
     before = traces()
     yield

@@ -73,6 +73,7 @@ def test_without_descriptors_every_failure_is_logged_and_the_stop_is_orderly(lau
     pipe = output_pipe()
     daemon = launch(SERVER | timer(1, 1))
     pipe.wait_for_event("Timer")
+    daemon.log.wait_for("next tick: ")
     limit(daemon.pid, daemon.descriptors())
     for number in range(1, 11):
         behind = daemon.reload(until="Error halvek: Error reloading, invalid configuration: ")

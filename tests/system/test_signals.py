@@ -1,12 +1,11 @@
 """SIGHUP reloads, SIGTERM and SIGINT stop, SIGALRM is only noted."""
 
 import ctypes
-import os
 import signal
 from pathlib import Path
 
 import pytest
-from harness import SERVER, SettingsPipe, block, ini_text, post, timer
+from harness import SERVER, block, post, timer
 
 RELOADING = r"Information halvek: got: 'R' \(82\)$"
 STOPPING = r"Information halvek: got: 'S' \(83\)$"
@@ -79,24 +78,6 @@ def test_a_signal_that_lands_on_a_timer_does_not_end_its_sleep(launch):
     daemon.reload()
     assert len(daemon.log.matching("TICK: 3600 sec")) == 2  # one at the start, one after the reload
     assert len(daemon.log.matching("DONE$")) == 1
-
-
-def test_signals_during_a_reload_queue_up(launch, tmp_path):
-    daemon = launch(SERVER)
-    settings = SettingsPipe(tmp_path / "held")
-    os.rename(settings.path, daemon.settings_file)
-    settings.path = daemon.settings_file
-    daemon.send(signal.SIGHUP)
-    settings.hold()
-    for count, number in enumerate([signal.SIGHUP, signal.SIGHUP, signal.SIGTERM, signal.SIGHUP], start=2):
-        daemon.send(number)
-        daemon.log.wait_for("signal caught: ", count=count)
-    assert len(daemon.log.matching("got: '")) == 1
-    settings.release(ini_text(SERVER))
-    settings.serve(ini_text(SERVER), until=lambda: daemon.log.matching(STOPPING))
-    assert daemon.wait_for_exit() == 0
-    assert [line[-8:] for line in daemon.log.matching("got: '")] == ["'R' (82)"] * 3 + ["'S' (83)"]
-    assert len(daemon.log.matching(CONFIGURING)) == 4
 
 
 def test_the_first_of_two_stops_counts(launch):

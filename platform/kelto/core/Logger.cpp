@@ -107,13 +107,18 @@ void Logger::Shutdown() {
     LoggerRegistry::Instance().output.Close();
 }
 
+// Out of line, so that a call below the level saves no registers for it.
+[[gnu::noinline]] void Logger::Write(LogLevel recordLevel, const char* format, va_list arguments) const {
+    LoggerRegistry::Instance().output.Write(recordLevel, name.c_str(), format, arguments);
+}
+
 void Logger::Trace(const char* format, ...) const {
     if (!IsEnabled(LogLevel::Trace)) {
         return;
     }
     va_list arguments;
     va_start(arguments, format);
-    LoggerRegistry::Instance().output.Write(LogLevel::Trace, name.c_str(), format, arguments);
+    Write(LogLevel::Trace, format, arguments);
     va_end(arguments);
 }
 
@@ -123,7 +128,7 @@ void Logger::Debug(const char* format, ...) const {
     }
     va_list arguments;
     va_start(arguments, format);
-    LoggerRegistry::Instance().output.Write(LogLevel::Debug, name.c_str(), format, arguments);
+    Write(LogLevel::Debug, format, arguments);
     va_end(arguments);
 }
 
@@ -133,7 +138,7 @@ void Logger::Information(const char* format, ...) const {
     }
     va_list arguments;
     va_start(arguments, format);
-    LoggerRegistry::Instance().output.Write(LogLevel::Information, name.c_str(), format, arguments);
+    Write(LogLevel::Information, format, arguments);
     va_end(arguments);
 }
 
@@ -143,7 +148,7 @@ void Logger::Warning(const char* format, ...) const {
     }
     va_list arguments;
     va_start(arguments, format);
-    LoggerRegistry::Instance().output.Write(LogLevel::Warning, name.c_str(), format, arguments);
+    Write(LogLevel::Warning, format, arguments);
     va_end(arguments);
 }
 
@@ -153,7 +158,7 @@ void Logger::Error(const char* format, ...) const {
     }
     va_list arguments;
     va_start(arguments, format);
-    LoggerRegistry::Instance().output.Write(LogLevel::Error, name.c_str(), format, arguments);
+    Write(LogLevel::Error, format, arguments);
     va_end(arguments);
 }
 

@@ -48,6 +48,8 @@ private:
     Logger(const char* loggerName, LogLevel initialLevel, const Logger* olderLogger)
         : name(loggerName), older(olderLogger), level(initialLevel) {}
 
+    void Write(LogLevel recordLevel, const char* format, va_list arguments) const;
+
     const std::string name;
     const Logger* const older;
     std::atomic<LogLevel> level;

@@ -1,0 +1,99 @@
+#pragma once
+
+#include "handler/EventHandler.h"
+#include "kelto/core/IniFile.h"
+#include "monitor/EventMonitor.h"
+#include "monitor/HandlerRegistry.h"
+#include "tests/fakes/Descriptors.h"
+#include "tests/fakes/Journal.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/ProbeSource.h"
+#include "tests/fakes/RecordingHandler.h"
+#include "tests/fakes/SourceFactoryHook.h"
+#include "tests/fakes/TempDir.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kelto::halvek {
+
+/**
+ * An event monitor with probes for sources and handlers; all that happens to them stands in one journal.
+ *
+ * The source types "A", "B" and "C" are probes of that name. The handler types "Probe", "Other" and the always-on
+ * "Always" are recording handlers; what else a test needs it adds itself.
+ */
+class MonitorFixture : public ::testing::Test {
+protected:
+    using SourceCreator = test::SourceFactoryHook::Creator;
+    using HandlerCreator = std::unique_ptr<EventHandler> (*)(HalvekEnv*);
+
+    MonitorFixture();
+    ~MonitorFixture() override;
+
+    static core::IniFile MakeIni(const core::IniFile::Groups& groups);
+
+    /** A creator of probe sources that are reached by their name. */
+    SourceCreator ProbeCreator(const std::string& name, test::ProbeSource::Actions actions = {});
+
+    /** Makes a source type known. */
+    void AddSourceType(const std::string& type, const SourceCreator& creator);
+
+    /** Makes a handler type known, at the front of the registry. */
+    void AddHandlerType(const char* name, HandlerCreator creator, int32_t kind = 0);
+
+    /** The probe source of that name made last. */
+    test::ProbeSource& Source(const std::string& name) { return *sources.at(name); }
+
+    /** The handlers of that type in the order in which they were made; some of them may be gone. */
+    static std::vector<test::RecordingHandler*>& Handlers(const std::string& type) { return handlers[type]; }
+
+    /** How many handlers there are now. */
+    static int CountLiveHandlers() { return liveHandlers; }
+
+    /** Fires one event of a probe source. */
+    void Fire(const std::string& name, const std::string& eventType = "Test");
+
+    /** The journal's entries that contain a text. */
+    static std::vector<std::string> EntriesWith(const std::string& part);
+
+    /** A handler that tells in the journal what happens to it. */
+    class JournalHandler;
+
+    static test::Journal journal;
+
+    const test::LeftDescriptorsClosed leftDescriptorsClosed;
+    const test::TempDir folder;
+    test::LogCapture log{core::LogLevel::Debug};
+    HandlerRegistry registry;
+    std::unique_ptr<EventMonitor> monitor;
+
+private:
+    static std::map<std::string, std::vector<test::RecordingHandler*>> handlers;
+    static std::atomic<int> liveHandlers;
+
+    test::SourceFactoryHook::Creators creators;
+    std::unique_ptr<test::SourceFactoryHook> hook;
+    std::map<std::string, test::ProbeSource*> sources;
+    std::vector<std::unique_ptr<HandlerRegistration>> registrations;
+};
+
+class MonitorFixture::JournalHandler : public test::RecordingHandler {
+public:
+    explicit JournalHandler(const std::string& handlerType, std::function<void()> onConfigure = nullptr);
+    ~JournalHandler() override;
+
+    void Configure(const core::IniFile::Group& group) override;
+
+private:
+    const std::string type;
+    const std::function<void()> action;
+};
+
+}  // namespace kelto::halvek

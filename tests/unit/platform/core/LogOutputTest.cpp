@@ -1,0 +1,236 @@
+#include "kelto/core/Logger.h"
+#include "tests/fakes/EnvironmentVariable.h"
+#include "tests/fakes/FreshProcess.h"
+#include "tests/fakes/RecordSocket.h"
+
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+namespace kelto::core {
+
+namespace {
+
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::IsEmpty;
+using ::testing::Pair;
+using ::testing::SizeIs;
+
+using Fields = std::map<std::string, std::string>;
+
+/** Reads the journal's wire form: "NAME=value\n", or "NAME\n", eight bytes of length, the value and "\n". */
+Fields ParseFields(std::string datagram) {
+    Fields fields;
+    while (!datagram.empty()) {
+        const size_t lineEnd = datagram.find('\n');
+        const size_t equals = datagram.find('=');
+        std::string name = datagram.substr(0, std::min(lineEnd, equals));
+        uint64_t length = lineEnd - equals - 1;
+        size_t begin = equals + 1;
+        if (lineEnd < equals) {
+            std::memcpy(&length, datagram.data() + lineEnd + 1, sizeof(length));
+            begin = lineEnd + 1 + sizeof(length);
+        }
+        fields[name] = datagram.substr(begin, length);
+        datagram.erase(0, begin + length + 1);
+    }
+    return fields;
+}
+
+/** Listens where the journal does. */
+class FakeJournal {
+public:
+    FakeJournal() : fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        std::filesystem::create_directories("/run/systemd/journal");
+        sockaddr_un address{AF_UNIX, "/run/systemd/journal/socket"};
+        if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+            ADD_FAILURE() << "this test needs a /run of its own: " << std::strerror(errno);
+        }
+    }
+    ~FakeJournal() {
+        close(fd);
+        std::filesystem::remove_all("/run/systemd");
+    }
+    FakeJournal(const FakeJournal&) = delete;
+    FakeJournal& operator=(const FakeJournal&) = delete;
+
+    std::vector<Fields> TakeRecords() const {
+        std::vector<Fields> records;
+        std::string buffer(1 << 18, '\0');
+        ssize_t count = 0;
+        while ((count = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT)) >= 0) {
+            records.push_back(ParseFields(buffer.substr(0, static_cast<size_t>(count))));
+        }
+        return records;
+    }
+
+private:
+    const int fd;
+};
+
+std::string StreamOf(dev_t device, ino_t inode) {
+    return std::to_string(device) + ":" + std::to_string(inode);
+}
+
+/** What the service manager would put into JOURNAL_STREAM if it had made the present standard error. */
+std::string OwnStream() {
+    struct stat status {};
+    fstat(STDERR_FILENO, &status);
+    return StreamOf(status.st_dev, status.st_ino);
+}
+
+TEST(LogOutput, RecordsGoToTheJournalWhenStandardErrorIsItsStream) {
+    test::ExpectInFreshProcess([] {
+        test::RecordSocket standardError;
+        const test::EnvironmentVariable stream("JOURNAL_STREAM", OwnStream());
+        const FakeJournal journal;
+        Logger::GetLogger("halvek").Error("text %d\n", 1);
+        EXPECT_THAT(journal.TakeRecords(),
+                    ElementsAre(AllOf(Contains(Pair("MESSAGE", "text 1")), Contains(Pair("PRIORITY", "3")),
+                                      Contains(Pair("LOGGER", "halvek")))));
+        EXPECT_THAT(standardError.TakeWrites(), IsEmpty());
+    });
+}
+
+TEST(LogOutput, EachLevelHasItsPriorityInTheJournal) {
+    test::ExpectInFreshProcess([] {
+        test::RecordSocket standardError;
+        const test::EnvironmentVariable stream("JOURNAL_STREAM", OwnStream());
+        const FakeJournal journal;
+        const Logger& logger = Logger::GetLogger("halvek");
+        Logger::SetLevels({.general = LogLevel::Trace, .byLogger = {}});
+        logger.Trace("x");
+        logger.Debug("x");
+        logger.Information("x");
+        logger.Warning("x");
+        logger.Error("x");
+        std::vector<std::string> priorities;
+        for (Fields& record : journal.TakeRecords()) {
+            priorities.push_back(record["PRIORITY"]);
+        }
+        EXPECT_THAT(priorities, ElementsAre("7", "7", "6", "4", "3"));
+    });
+}
+
+TEST(LogOutput, TheJournalGetsLongAndManyLineTextsWhole) {
+    test::ExpectInFreshProcess([] {
+        test::RecordSocket standardError;
+        const test::EnvironmentVariable stream("JOURNAL_STREAM", OwnStream());
+        const FakeJournal journal;
+        const Logger& logger = Logger::GetLogger("halvek");
+        for (size_t length = 1000; length < 1030; ++length) {
+            const std::string text = "one\n" + std::string(length, 'x');
+            logger.Information("%s\r\n\n", text.c_str());
+            EXPECT_THAT(journal.TakeRecords(), ElementsAre(Contains(Pair("MESSAGE", text))));
+        }
+        logger.Information("\n");
+        EXPECT_THAT(journal.TakeRecords(), ElementsAre(Contains(Pair("MESSAGE", ""))));
+    });
+}
+
+TEST(LogOutput, TheJournalGetsOnlyRecordsOfTheLevelAndErrnoIsKept) {
+    test::ExpectInFreshProcess([] {
+        test::RecordSocket standardError;
+        const test::EnvironmentVariable stream("JOURNAL_STREAM", OwnStream());
+        const Logger* logger = nullptr;
+        {
+            const FakeJournal journal;
+            logger = &Logger::GetLogger("halvek");
+            errno = EBADMSG;
+            logger->Debug("too low");
+            logger->Warning("seen");
+            EXPECT_EQ(errno, EBADMSG);
+            EXPECT_THAT(journal.TakeRecords(), ElementsAre(Contains(Pair("MESSAGE", "seen"))));
+        }
+        errno = EBADMSG;
+        logger->Error("the journal is gone");
+        EXPECT_EQ(errno, EBADMSG);
+    });
+}
+
+TEST(LogOutput, AfterShutdownTheJournalGetsNothing) {
+    test::ExpectInFreshProcess([] {
+        test::RecordSocket standardError;
+        const test::EnvironmentVariable stream("JOURNAL_STREAM", OwnStream());
+        const FakeJournal journal;
+        const Logger& logger = Logger::GetLogger("halvek");
+        Logger::Shutdown();
+        logger.Error("late");
+        EXPECT_THAT(journal.TakeRecords(), IsEmpty());
+    });
+}
+
+TEST(LogOutput, WithoutTheJournalsSocketRecordsGoToStandardError) {
+    test::ExpectInFreshProcess([] {
+        test::RecordSocket standardError;
+        const test::EnvironmentVariable stream("JOURNAL_STREAM", OwnStream());
+        Logger::GetLogger("halvek").Error("text");
+        EXPECT_THAT(standardError.TakeWrites(), ElementsAre(EndsWith(" Error halvek: text\n")));
+    });
+}
+
+/** Shows that a value of JOURNAL_STREAM, made by the function in the process that logs, is not for us. */
+void ExpectStandardErrorIsUsed(const std::function<std::optional<std::string>()>& makeStream) {
+    test::ExpectInFreshProcess([&] {
+        test::RecordSocket standardError;
+        const test::EnvironmentVariable stream("JOURNAL_STREAM", makeStream());
+        const FakeJournal journal;
+        Logger::GetLogger("halvek").Error("text");
+        EXPECT_THAT(standardError.TakeWrites(), ElementsAre(EndsWith(" Error halvek: text\n")));
+        EXPECT_THAT(journal.TakeRecords(), IsEmpty());
+    });
+}
+
+TEST(LogOutput, WithoutTheEnvironmentsWordRecordsGoToStandardError) {
+    ExpectStandardErrorIsUsed([] { return std::nullopt; });
+}
+
+TEST(LogOutput, AnotherInodeIsNotTheJournal) {
+    ExpectStandardErrorIsUsed([] {
+        struct stat status {};
+        fstat(STDERR_FILENO, &status);
+        return StreamOf(status.st_dev, status.st_ino + 1);
+    });
+}
+
+TEST(LogOutput, AnotherDeviceIsNotTheJournal) {
+    ExpectStandardErrorIsUsed([] {
+        struct stat status {};
+        fstat(STDERR_FILENO, &status);
+        return StreamOf(status.st_dev + 1, status.st_ino);
+    });
+}
+
+TEST(LogOutput, AMalformedStreamIsNotTheJournal) {
+    for (const std::string behind : {":1", "x", ":"}) {
+        SCOPED_TRACE(behind);
+        ExpectStandardErrorIsUsed([&] { return OwnStream() + behind; });
+    }
+    for (const std::string whole : {"", "1", ":", "journal"}) {
+        SCOPED_TRACE(whole);
+        ExpectStandardErrorIsUsed([&] { return whole; });
+    }
+}
+
+TEST(LogOutput, AClosedStandardErrorIsNotTheJournal) {
+    test::ExpectInFreshProcess([] {
+        const test::EnvironmentVariable stream("JOURNAL_STREAM", "0:0");
+        const FakeJournal journal;
+        close(STDERR_FILENO);
+        Logger::GetLogger("halvek").Error("text");
+        EXPECT_THAT(journal.TakeRecords(), IsEmpty());
+    });
+}
+
+}  // namespace
+
+}  // namespace kelto::core

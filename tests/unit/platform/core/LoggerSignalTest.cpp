@@ -1,0 +1,154 @@
+#include "event/Event.h"
+#include "kelto/core/Logger.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/WaitUntil.h"
+
+#include <gmock/gmock.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <functional>
+#include <sstream>
+#include <thread>
+
+namespace kelto::core {
+
+namespace {
+
+constexpr int interruptions = 10000;
+
+std::atomic<int> handled = 0;
+std::atomic<int> spoiledErrno = 0;
+const Logger* handlersLogger = nullptr;
+
+extern "C" void LogFromHandler(int signal) {
+    const int savedErrno = errno;
+    errno = EXDEV;
+    handlersLogger->Debug("signal caught: %d %s", signal, "in the middle of something");
+    if (errno != EXDEV) {
+        ++spoiledErrno;
+    }
+    errno = savedErrno;
+    ++handled;
+}
+
+/** Has a thread do the work over and over, and interrupts it ten thousand times by a signal whose handler logs. */
+class LoggerSignalTest : public testing::Test {
+protected:
+    LoggerSignalTest() {
+        handled = 0;
+        spoiledErrno = 0;
+        handlersLogger = &Logger::GetLogger("halvek");
+        struct sigaction action {};
+        action.sa_handler = LogFromHandler;
+        action.sa_flags = SA_RESTART;
+        sigaction(SIGUSR1, &action, &before);
+    }
+    ~LoggerSignalTest() override { sigaction(SIGUSR1, &before, nullptr); }
+
+    void InterruptWhile(const std::function<void()>& work) {
+        std::atomic<bool> done = false;
+        std::thread worker([&] {
+            while (!done) {
+                work();
+                ++rounds;
+            }
+        });
+        for (int sent = 1; sent <= interruptions; ++sent) {
+            pthread_kill(worker.native_handle(), SIGUSR1);
+            WaitUntilHandled(sent);
+        }
+        done = true;
+        worker.join();
+        EXPECT_EQ(spoiledErrno, 0);
+        EXPECT_GT(rounds, 0);
+    }
+
+    /** How many lines of the capture are not one of these texts as a whole record. */
+    static size_t CountBrokenLines(const test::LogCapture& log, const std::vector<std::string>& texts) {
+        constexpr size_t timeLength = 24;
+        size_t broken = 0;
+        std::istringstream lines(log.Text());
+        for (std::string line; std::getline(lines, line);) {
+            const bool known = line.size() > timeLength && line[10] == 'T' && line[timeLength - 1] == ' ' &&
+                               std::find(texts.begin(), texts.end(), line.substr(timeLength)) != texts.end();
+            broken += known ? 0 : 1;
+        }
+        return broken;
+    }
+
+    static size_t CountLines(const test::LogCapture& log) {
+        const std::string text = log.Text();
+        return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+    }
+
+    const std::string handlersText = "Debug halvek: signal caught: 10 in the middle of something";
+    std::atomic<int> rounds = 0;
+
+private:
+    static void WaitUntilHandled(int count) {
+        // A turn of the processor is enough nearly always; the deadline is for a handler that never returns.
+        for (int turn = 0; turn < 1000 && handled < count; ++turn) {
+            std::this_thread::yield();
+        }
+        if (handled < count && !test::WaitUntil([&] { return handled >= count; })) {
+            ADD_FAILURE() << "deadlock after " << handled << " interruptions";
+            std::abort();
+        }
+    }
+
+    struct sigaction before {};
+};
+
+TEST_F(LoggerSignalTest, AHandlerThatInterruptsTimeStampingLogs) {
+    const test::LogCapture log;
+    halvek::Event event(halvek::Event::Properties{});
+    InterruptWhile([&event] { event.StampTime(); });
+    EXPECT_EQ(CountBrokenLines(log, {handlersText}), 0U);
+    EXPECT_EQ(CountLines(log), static_cast<size_t>(interruptions));
+}
+
+TEST_F(LoggerSignalTest, AHandlerThatInterruptsTimeConversionsLogs) {
+    const test::LogCapture log;
+    InterruptWhile([] {
+        const time_t now = time(nullptr);
+        tm broken{};
+        for (int turn = 0; turn < 20; ++turn) {
+            tzset();
+            localtime_r(&now, &broken);
+            gmtime_r(&now, &broken);
+        }
+    });
+    EXPECT_EQ(CountBrokenLines(log, {handlersText}), 0U);
+    EXPECT_EQ(CountLines(log), static_cast<size_t>(interruptions));
+}
+
+TEST_F(LoggerSignalTest, AHandlerThatInterruptsLoggingLogs) {
+    const test::LogCapture log;
+    const std::string longText(2000, 'x');
+    InterruptWhile([&longText] {
+        Logger::GetLogger("halvek").Information("%s", "short");
+        Logger::GetLogger("kelto.osa").Warning("%s", longText.c_str());
+    });
+    EXPECT_EQ(CountBrokenLines(log, {handlersText, "Information halvek: short", "Warning kelto.osa: " + longText}), 0U);
+    EXPECT_EQ(CountLines(log), static_cast<size_t>(interruptions + 2 * rounds));
+}
+
+TEST_F(LoggerSignalTest, AHandlerThatInterruptsLookingUpLoggersAndSettingLevelsLogs) {
+    const test::LogCapture log;
+    int number = 0;
+    InterruptWhile([&number] {
+        Logger::GetLogger(("LoggerSignalTest." + std::to_string(++number % 200)).c_str());
+        Logger::SetLevels({.general = LogLevel::Trace, .byLogger = {{"kelto.osa", LogLevel::Debug}}});
+    });
+    EXPECT_EQ(CountBrokenLines(log, {handlersText}), 0U);
+    EXPECT_EQ(CountLines(log), static_cast<size_t>(interruptions));
+}
+
+}  // namespace
+
+}  // namespace kelto::core

@@ -1,0 +1,317 @@
+#include "kelto/osa/FileUtils.h"
+#include "tests/fakes/Descriptors.h"
+#include "tests/fakes/MemoryMount.h"
+#include "tests/fakes/TempDir.h"
+#include "tests/fakes/Unprivileged.h"
+#include "tests/fakes/WaitUntil.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <climits>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+namespace kelto::osa {
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+constexpr size_t megabyte = 1 << 20;
+
+mode_t ModeOf(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
+}
+
+/** The process's umask for the length of a scope. */
+class Umask {
+public:
+    explicit Umask(mode_t mask) : before(umask(mask)) {}
+    ~Umask() { umask(before); }
+    Umask(const Umask&) = delete;
+    Umask& operator=(const Umask&) = delete;
+
+private:
+    const mode_t before;
+};
+
+class CopyFileTest : public testing::Test {
+protected:
+    CopyFileTest() { std::filesystem::create_directory(target); }
+
+    /** The names that stand in the target's folder, hidden ones too. */
+    std::vector<std::string> TargetNames() const {
+        std::vector<std::string> paths;
+        FileUtils::ListFiles(target, paths);
+        for (std::string& path : paths) {
+            path.erase(0, target.size() + 1);
+        }
+        return paths;
+    }
+
+    std::string InTarget(const std::string& name) const { return target + "/" + name; }
+
+    const test::TempDir folder;
+    const std::string target = folder.PathOf("target");
+    const std::string source = folder.Write("source.jpg", "picture");
+};
+
+TEST_F(CopyFileTest, TheWholeFileStandsUnderTheNewName) {
+    EXPECT_TRUE(FileUtils::CopyFile(source, InTarget("copy.jpg"), true));
+    EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "picture");
+    EXPECT_EQ(test::ReadWholeFile(source), "picture");
+    EXPECT_THAT(TargetNames(), ElementsAre("copy.jpg"));
+}
+
+TEST_F(CopyFileTest, FilesOfAnySizeAreWhole) {
+    for (const size_t size : {size_t{0}, size_t{1}, size_t{16383}, size_t{16384}, size_t{16385}, 5 * megabyte + 7}) {
+        std::string content(size, '\0');
+        for (size_t at = 0; at < size; ++at) {
+            content[at] = static_cast<char>(at * 31 / 7);
+        }
+        EXPECT_TRUE(FileUtils::CopyFile(folder.Write("sized", content), InTarget("copy"), true)) << size;
+        EXPECT_EQ(test::ReadWholeFile(InTarget("copy")), content) << size;
+    }
+}
+
+TEST_F(CopyFileTest, AnOldFileIsReplacedOnlyIfThatIsAllowed) {
+    folder.Write("target/copy.jpg", "old");
+    EXPECT_FALSE(FileUtils::CopyFile(source, InTarget("copy.jpg"), false));
+    EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "old");
+    EXPECT_THAT(TargetNames(), ElementsAre("copy.jpg"));
+    EXPECT_TRUE(FileUtils::CopyFile(source, InTarget("copy.jpg"), true));
+    EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "picture");
+    EXPECT_THAT(TargetNames(), ElementsAre("copy.jpg"));
+}
+
+TEST_F(CopyFileTest, WithoutOverwritingANewNameIsWritten) {
+    EXPECT_TRUE(FileUtils::CopyFile(source, InTarget("copy.jpg"), false));
+    EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "picture");
+    EXPECT_THAT(TargetNames(), ElementsAre("copy.jpg"));
+}
+
+TEST_F(CopyFileTest, WithoutOverwritingADanglingLinkIsInTheWayToo) {
+    std::filesystem::create_symlink("nowhere", InTarget("copy.jpg"));
+    EXPECT_FALSE(FileUtils::CopyFile(source, InTarget("copy.jpg"), false));
+    EXPECT_TRUE(std::filesystem::is_symlink(InTarget("copy.jpg")));
+}
+
+TEST_F(CopyFileTest, TheModeIs0666LessTheUmaskWhateverTheSourcesIs) {
+    for (const mode_t sourceMode : {0400U, 0755U}) {
+        ASSERT_EQ(chmod(source.c_str(), sourceMode), 0);
+        for (const mode_t mask : {0000U, 0022U, 0077U, 0111U}) {
+            const Umask scope(mask);
+            ASSERT_TRUE(FileUtils::CopyFile(source, InTarget("copy.jpg"), true));
+            EXPECT_EQ(ModeOf(InTarget("copy.jpg")), 0666U & ~mask);
+        }
+    }
+}
+
+TEST_F(CopyFileTest, ANameOfFullLengthIsWritten) {
+    const std::string name(NAME_MAX, 'x');
+    EXPECT_TRUE(FileUtils::CopyFile(source, InTarget(name), true));
+    EXPECT_TRUE(FileUtils::CopyFile(source, InTarget(name), true));
+    EXPECT_THAT(TargetNames(), ElementsAre(name));
+}
+
+TEST_F(CopyFileTest, ANameThatIsTooLongFails) {
+    EXPECT_FALSE(FileUtils::CopyFile(source, InTarget(std::string(NAME_MAX + 1, 'x')), true));
+    EXPECT_FALSE(FileUtils::CopyFile(source, InTarget(std::string(NAME_MAX + 1, 'x')), false));
+    EXPECT_THAT(TargetNames(), IsEmpty());
+}
+
+TEST_F(CopyFileTest, ANameWithoutFolderIsInTheCurrentOne) {
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(target);
+    EXPECT_TRUE(FileUtils::CopyFile("../source.jpg", "copy.jpg", true));
+    std::filesystem::current_path(before);
+    EXPECT_THAT(TargetNames(), ElementsAre("copy.jpg"));
+}
+
+TEST_F(CopyFileTest, AFileMayBeCopiedOntoItself) {
+    EXPECT_TRUE(FileUtils::CopyFile(source, source, true));
+    EXPECT_EQ(test::ReadWholeFile(source), "picture");
+}
+
+TEST_F(CopyFileTest, ALinkIsFollowedAtTheSourceAndReplacedAtTheTarget) {
+    std::filesystem::create_symlink(source, folder.PathOf("link"));
+    folder.Write("other", "other");
+    std::filesystem::create_symlink("../other", InTarget("copy.jpg"));
+    EXPECT_TRUE(FileUtils::CopyFile(folder.PathOf("link"), InTarget("copy.jpg"), true));
+    EXPECT_FALSE(std::filesystem::is_symlink(InTarget("copy.jpg")));
+    EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "picture");
+    EXPECT_EQ(test::ReadWholeFile(folder.PathOf("other")), "other");
+}
+
+TEST_F(CopyFileTest, AFileWhoseSizeIsNotKnownBeforehandIsWhole) {
+    EXPECT_TRUE(FileUtils::CopyFile("/proc/self/cmdline", InTarget("copy"), true));
+    EXPECT_EQ(test::ReadWholeFile(InTarget("copy")), test::ReadWholeFile("/proc/self/cmdline"));
+}
+
+TEST_F(CopyFileTest, ASourceThatIsNoReadableRegularFileFailsAndLeavesNothing) {
+    ASSERT_EQ(mkfifo(folder.PathOf("fifo").c_str(), 0600), 0);
+    std::filesystem::create_symlink("nowhere", folder.PathOf("dangling"));
+    const std::string closed = folder.Write("closed", "secret");
+    ASSERT_EQ(chmod(closed.c_str(), 0), 0);
+    const test::Unprivileged unprivileged;
+    for (const std::string& from : {folder.PathOf("fifo"), folder.PathOf("missing"), folder.PathOf("dangling"), target,
+                                    closed, std::string("/dev/zero"), std::string(), source + "/below"}) {
+        EXPECT_FALSE(FileUtils::CopyFile(from, InTarget("copy.jpg"), true)) << from;
+        EXPECT_FALSE(FileUtils::CopyFile(from, InTarget("copy.jpg"), false)) << from;
+        EXPECT_THAT(TargetNames(), IsEmpty()) << from;
+    }
+}
+
+TEST_F(CopyFileTest, ASourceWhoseReadingFailsLeavesNothingAndTheOldFileStays) {
+    folder.Write("target/copy.jpg", "old");
+    EXPECT_FALSE(FileUtils::CopyFile("/proc/self/mem", InTarget("copy.jpg"), true));
+    EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "old");
+    EXPECT_THAT(TargetNames(), ElementsAre("copy.jpg"));
+}
+
+TEST_F(CopyFileTest, AFolderInTheWayFailsAndStays) {
+    std::filesystem::create_directory(InTarget("empty"));
+    std::filesystem::create_directory(InTarget("full"));
+    folder.Write("target/full/file", "");
+    for (const char* name : {"empty", "full", "empty/", "full/"}) {
+        EXPECT_FALSE(FileUtils::CopyFile(source, InTarget(name), true)) << name;
+        EXPECT_FALSE(FileUtils::CopyFile(source, InTarget(name), false)) << name;
+    }
+    EXPECT_THAT(TargetNames(), ElementsAre("empty", "full"));
+    EXPECT_TRUE(std::filesystem::is_empty(InTarget("empty")));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(InTarget("full")), {}), 1);
+}
+
+TEST_F(CopyFileTest, ATargetFolderThatIsNotThereOrIsAFileFails) {
+    EXPECT_FALSE(FileUtils::CopyFile(source, folder.PathOf("nowhere/copy.jpg"), true));
+    EXPECT_FALSE(FileUtils::CopyFile(source, source + "/copy.jpg", true));
+    EXPECT_FALSE(FileUtils::CopyFile(source, "", true));
+    EXPECT_FALSE(std::filesystem::exists(folder.PathOf("nowhere")));
+}
+
+TEST_F(CopyFileTest, AFolderThatMayNotBeWrittenFails) {
+    ASSERT_EQ(chmod(target.c_str(), 0500), 0);
+    const test::Unprivileged unprivileged;
+    EXPECT_FALSE(FileUtils::CopyFile(source, InTarget("copy.jpg"), true));
+    EXPECT_THAT(TargetNames(), IsEmpty());
+}
+
+TEST_F(CopyFileTest, AReadOnlyFileSystemFails) {
+    test::MemoryMount card(target);
+    folder.Write("target/copy.jpg", "old");
+    card.MakeReadOnly();
+    EXPECT_FALSE(FileUtils::CopyFile(source, InTarget("copy.jpg"), true));
+    EXPECT_FALSE(FileUtils::CopyFile(source, InTarget("new.jpg"), false));
+    EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "old");
+    EXPECT_THAT(TargetNames(), ElementsAre("copy.jpg"));
+}
+
+TEST_F(CopyFileTest, AFullFileSystemFailsLeavesNothingAndTheOldFileStays) {
+    const test::MemoryMount card(target, "size=64k");
+    folder.Write("target/copy.jpg", "old");
+    const std::string large = folder.Write("large", std::string(megabyte, 'x'));
+    EXPECT_FALSE(FileUtils::CopyFile(large, InTarget("copy.jpg"), true));
+    EXPECT_FALSE(FileUtils::CopyFile(large, InTarget("new.jpg"), false));
+    EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "old");
+    EXPECT_THAT(TargetNames(), ElementsAre("copy.jpg"));
+    EXPECT_TRUE(FileUtils::CopyFile(source, InTarget("small.jpg"), true));
+}
+
+TEST_F(CopyFileTest, WithoutADescriptorItFails) {
+    for (const size_t left : {0U, 1U}) {
+        bool copied = true;
+        {
+            const test::FewDescriptorsLeft few(left);
+            copied = FileUtils::CopyFile(source, InTarget("copy.jpg"), true);
+        }
+        EXPECT_FALSE(copied);
+    }
+    EXPECT_THAT(TargetNames(), IsEmpty());
+}
+
+TEST_F(CopyFileTest, ItKeepsNoDescriptor) {
+    const std::vector<int> before = test::OpenDescriptors();
+    FileUtils::CopyFile(source, InTarget("copy.jpg"), true);
+    FileUtils::CopyFile(source, InTarget("copy.jpg"), false);
+    FileUtils::CopyFile(source, target, true);
+    FileUtils::CopyFile("/proc/self/mem", InTarget("copy.jpg"), true);
+    FileUtils::CopyFile(target, InTarget("copy.jpg"), true);
+    EXPECT_EQ(test::OpenDescriptors(), before);
+}
+
+TEST_F(CopyFileTest, AReaderOfTheOldFileReadsItToItsEnd) {
+    folder.Write("target/copy.jpg", "the old picture");
+    std::ifstream reader(InTarget("copy.jpg"));
+    ASSERT_TRUE(FileUtils::CopyFile(source, InTarget("copy.jpg"), true));
+    std::string line;
+    std::getline(reader, line);
+    EXPECT_EQ(line, "the old picture");
+}
+
+TEST_F(CopyFileTest, NoReaderEverSeesHalfAFile) {
+    const std::string pictures[] = {std::string(megabyte, 'a'), std::string(megabyte / 2, 'b')};
+    const std::string sources[] = {folder.Write("a", pictures[0]), folder.Write("b", pictures[1])};
+    std::atomic<bool> done = false;
+    std::thread writer([&] {
+        for (int round = 0; round < 60; ++round) {
+            EXPECT_TRUE(FileUtils::CopyFile(sources[round % 2], InTarget("copy.jpg"), true));
+        }
+        done = true;
+    });
+    ASSERT_TRUE(test::WaitUntil([&] { return std::filesystem::exists(InTarget("copy.jpg")); }));
+    int reads = 0;
+    while (!done) {
+        const std::string seen = test::ReadWholeFile(InTarget("copy.jpg"));
+        EXPECT_TRUE(seen == pictures[0] || seen == pictures[1]) << seen.size();
+        ++reads;
+    }
+    writer.join();
+    EXPECT_GT(reads, 0);
+    EXPECT_THAT(TargetNames(), ElementsAre("copy.jpg"));
+}
+
+TEST_F(CopyFileTest, UntilItIsDoneThereIsOnlyAShortHiddenName) {
+    const std::string large = folder.Write("large", std::string(64 * megabyte, 'x'));
+    const pid_t child = fork();
+    if (child == 0) {
+        FileUtils::CopyFile(large, InTarget(std::string(NAME_MAX, 'x')), true);
+        _exit(0);
+    }
+    ASSERT_TRUE(test::WaitUntil([&] { return !TargetNames().empty(); }));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    const std::vector<std::string> names = TargetNames();
+    ASSERT_THAT(names, ElementsAre(StartsWith(".")));
+    EXPECT_LT(names[0].size(), 32U);
+    EXPECT_TRUE(FileUtils::CopyFile(source, InTarget("copy.jpg"), true));
+}
+
+TEST_F(CopyFileTest, ManyThreadsMayCopyIntoOneFolder) {
+    std::vector<std::thread> threads;
+    for (int number = 0; number < 8; ++number) {
+        threads.emplace_back([this, number] {
+            for (int round = 0; round < 20; ++round) {
+                EXPECT_TRUE(FileUtils::CopyFile(source, InTarget("copy" + std::to_string(number % 2)), true));
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_THAT(TargetNames(), ElementsAre("copy0", "copy1"));
+    EXPECT_EQ(test::ReadWholeFile(InTarget("copy0")), "picture");
+}
+
+}  // namespace
+
+}  // namespace kelto::osa

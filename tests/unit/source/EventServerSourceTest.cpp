@@ -1,0 +1,617 @@
+#include "event/TimerEvent.h"
+#include "kelto/osa/Exception.h"
+#include "kelto/osa/Signal.h"
+#include "source/EventServerSource.h"
+#include "tests/fakes/Descriptors.h"
+#include "tests/fakes/Fifo.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/RecordingHandler.h"
+#include "tests/fakes/TempDir.h"
+#include "tests/fakes/WaitUntil.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <future>
+#include <thread>
+
+namespace kelto::halvek::source {
+
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+using Clock = std::chrono::steady_clock;
+using Events = std::vector<Event::Properties>;
+
+constexpr const char* defaultPath = "/var/run/halvek.pipe";
+constexpr const char* openFailure =
+    "Error kelto.osa: Thread EventServerSource ended by an exception: Unable to open FIFO for reading";
+
+/** What a block of a type becomes when nothing but these properties stands in it. */
+Event::Properties Made(const std::string& type, Event::Properties properties = {}) {
+    properties.insert({{"eventType", type}, {"eventId", type}});
+    return properties;
+}
+
+mode_t ModeOf(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+    return status.st_mode;
+}
+
+class Umask {
+public:
+    explicit Umask(mode_t mask) : saved(umask(mask)) {}
+    ~Umask() { umask(saved); }
+    Umask(const Umask&) = delete;
+    Umask& operator=(const Umask&) = delete;
+
+private:
+    const mode_t saved;
+};
+
+class NeverConfiguredServer : public EventServerSource {
+public:
+    bool IsConfigured() const override { return false; }
+};
+
+class EventServerSourceTest : public ::testing::Test {
+protected:
+    EventServerSourceTest() {
+        source.Configure({{"Path", path}});
+        source.AddHandler(&handler);
+        log.Clear();
+    }
+
+    /** All events so far, without their stamps, once there are so many. */
+    Events Received(size_t count) {
+        EXPECT_TRUE(handler.WaitForCount(count));
+        Events events;
+        for (const test::ReceivedEvent& event : handler.Events()) {
+            events.push_back(event.properties);
+            events.back().erase("Timestamp");
+            events.back().erase("FormattedTime");
+        }
+        return events;
+    }
+
+    /** What a text posted at once becomes. The block that ends it shows that nothing more came of the text. */
+    Events EventsOf(const std::string& text) {
+        if (source.GetCurrentThread() == nullptr) {
+            source.StartListening();
+        }
+        const std::string last = "Last" + std::to_string(++posts);
+        fifo.Write(text + "[" + last + "]\n.\n");
+        EXPECT_TRUE(test::WaitUntil([&] { return EndsWith(last); }));
+        Events events = Received(1);
+        EXPECT_EQ(events.back(), Made(last));
+        events.pop_back();
+        return events;
+    }
+
+    bool EndsWith(const std::string& type) const {
+        const std::vector<test::ReceivedEvent> events = handler.Events();
+        return !events.empty() && events.back().properties.at("eventType") == type;
+    }
+
+    int posts = 0;
+    const test::LeftDescriptorsClosed leftDescriptorsClosed;
+    const test::TempDir folder;
+    const std::string path = folder.PathOf("pipe");
+    test::LogCapture log;
+    test::RecordingHandler handler;
+    EventServerSource source;
+    const test::Fifo fifo{path};
+};
+
+TEST_F(EventServerSourceTest, HeaderAndPropertiesBecomeOneMotionEvent) {
+    EXPECT_EQ(EventsOf("[Alarm]\nlevel=3\n.\n"), Events({Made("Alarm", {{"level", "3"}})}));
+    EXPECT_EQ(handler.Events().front().kind, "{Event: MotionEvent}");
+    EXPECT_EQ(handler.Events().front().priority, 0);
+    EXPECT_EQ(handler.Events().front().properties.count("Timestamp"), 1U);
+    EXPECT_EQ(handler.Events().front().properties.count("FormattedTime"), 1U);
+}
+
+TEST_F(EventServerSourceTest, TheRegionOfAMotionIsItsId) {
+    EXPECT_EQ(EventsOf("[MotionDetection]\nregion=2\n.\n"),
+              Events({{{"region", "2"}, {"eventId", "2"}, {"eventType", "MotionDetection"}}}));
+}
+
+TEST_F(EventServerSourceTest, AMotionWithoutARegionHasItsTypeForItsId) {
+    EXPECT_EQ(EventsOf("[MotionDetection]\n.\n"), Events({Made("MotionDetection")}));
+}
+
+TEST_F(EventServerSourceTest, TheRegionOfAnythingElseIsNotItsId) {
+    EXPECT_EQ(EventsOf("[Motion]\nregion=2\n.\n"), Events({Made("Motion", {{"region", "2"}})}));
+}
+
+TEST_F(EventServerSourceTest, AnEmptyRegionIsAnEmptyIdThatOnlyHandlersWithoutIdGet) {
+    test::RecordingHandler byType;
+    test::RecordingHandler byEmptyId;
+    source.AddHandler(&byType, "MotionDetection");
+    source.AddHandler(&byEmptyId, "");
+    EXPECT_EQ(EventsOf("[MotionDetection]\nregion=\n.\n"),
+              Events({{{"region", ""}, {"eventId", ""}, {"eventType", "MotionDetection"}}}));
+    EXPECT_EQ(byType.Count(), 0U);
+    EXPECT_EQ(byEmptyId.Count(), 0U);
+    EXPECT_TRUE(log.Has("Debug halvek: EventServerSource: Event has eventID of: "));
+}
+
+TEST_F(EventServerSourceTest, PostedIdsTypesAndStampsAreReplaced) {
+    EXPECT_EQ(EventsOf("[A]\neventId=7\neventType=B\nTimestamp=noon\nFormattedTime=noon\n.\n"), Events({Made("A")}));
+    EXPECT_NE(handler.Events().front().properties.at("Timestamp"), "noon");
+}
+
+TEST_F(EventServerSourceTest, TwoEventsInOneWriteAreReadInTwoPasses) {
+    EXPECT_EQ(EventsOf("[A]\nx=1\n.\n[B]\ny=2\n.\n"), Events({Made("A", {{"x", "1"}}), Made("B", {{"y", "2"}})}));
+    std::vector<std::string> reading;
+    for (const std::string& line : log.Lines()) {
+        if (line.find("Select returned") != std::string::npos || line.find("Got line") != std::string::npos) {
+            reading.push_back(line);
+        }
+    }
+    EXPECT_THAT(
+        reading,
+        ElementsAre("Trace halvek: Select returned", "Trace halvek: Got line: [A]", "Trace halvek: Got line: x=1",
+                    "Trace halvek: Got line: .", "Trace halvek: Select returned", "Trace halvek: Got line: [B]",
+                    "Trace halvek: Got line: y=2", "Trace halvek: Got line: .", "Trace halvek: Select returned",
+                    "Trace halvek: Got line: [Last1]", "Trace halvek: Got line: ."));
+}
+
+TEST_F(EventServerSourceTest, ABlockWithoutAHeaderTakesTheLastType) {
+    EXPECT_EQ(EventsOf("[A]\nz=0\n.\nx=1\n.\n"), Events({Made("A", {{"z", "0"}}), Made("A", {{"x", "1"}})}));
+}
+
+TEST_F(EventServerSourceTest, TheEndOfTheDataEndsAnEvent) {
+    source.StartListening();
+    fifo.Write("[A]\nx=1\n");
+    EXPECT_EQ(Received(1), Events({Made("A", {{"x", "1"}})}));
+    fifo.Write("y=2\n.\n");
+    EXPECT_EQ(Received(2).back(), Made("A", {{"y", "2"}}));
+}
+
+TEST_F(EventServerSourceTest, ALineCutByANonAtomicWriteIsTakenAsItStands) {
+    source.StartListening();
+    fifo.Write("[A]\nspeed=12");
+    EXPECT_EQ(Received(1), Events({Made("A", {{"speed", "12"}})}));
+    fifo.Write("34\nx=1\n.\n");
+    EXPECT_EQ(Received(3), Events({Made("A", {{"speed", "12"}}), Made("A"), Made("A", {{"x", "1"}})}));
+}
+
+TEST_F(EventServerSourceTest, AKeyCutByANonAtomicWriteEndsTheEventAndItsRestIsAnother) {
+    source.StartListening();
+    fifo.Write("[A]\nx=1\nspe");
+    EXPECT_EQ(Received(1), Events({Made("A", {{"x", "1"}})}));
+    fifo.Write("ed=12\n.\n");
+    EXPECT_EQ(Received(2).back(), Made("A", {{"ed", "12"}}));
+}
+
+TEST_F(EventServerSourceTest, AHeaderCutByANonAtomicWriteIsLost) {
+    source.StartListening();
+    fifo.Write("[Al");
+    EXPECT_TRUE(log.WaitFor("Debug halvek: \tFind didn't find a ]"));
+    EXPECT_EQ(EventsOf("arm]\nx=1\n.\n"), Events());
+}
+
+TEST_F(EventServerSourceTest, ALetterOrDigitWithoutAnEqualsSignEndsTheEvent) {
+    EXPECT_EQ(EventsOf("[A]\nx=1\nabc\ny=2\n.\n"), Events({Made("A", {{"x", "1"}}), Made("A", {{"y", "2"}})}));
+    EXPECT_EQ(EventsOf("7\n"),
+              Events({Made("A", {{"x", "1"}}), Made("A", {{"y", "2"}}), Made("Last1"), Made("Last1")}));
+}
+
+TEST_F(EventServerSourceTest, LinesThatBeginWithNeitherLetterNorDigitAreIgnored) {
+    EXPECT_EQ(EventsOf("[A]\n x=1\n\tx=1\n_x=1\n#x=1\n-x=1\n..\n. \n]x=1\n.\n"), Events({Made("A")}));
+}
+
+TEST_F(EventServerSourceTest, ALineThatBeginsWithAnEqualsSignIsIgnored) {
+    EXPECT_EQ(EventsOf("[A]\n=x\n=\n.\n"), Events({Made("A")}));
+}
+
+TEST_F(EventServerSourceTest, TheFirstEqualsSignSeparatesAndNothingIsTrimmed) {
+    EXPECT_EQ(EventsOf("[A]\na=b=c\nd = e \nf=\n.\n"), Events({Made("A", {{"a", "b=c"}, {"d ", " e "}, {"f", ""}})}));
+}
+
+TEST_F(EventServerSourceTest, TheLastOfARepeatedKeyCounts) {
+    EXPECT_EQ(EventsOf("[A]\nx=1\nx=2\n.\n"), Events({Made("A", {{"x", "2"}})}));
+}
+
+TEST_F(EventServerSourceTest, ADotAndACarriageReturnAreNoTerminator) {
+    EXPECT_EQ(EventsOf("[A]\n.\r\nx=1\r\n.\n"), Events({Made("A", {{"x", "1\r"}})}));
+}
+
+TEST_F(EventServerSourceTest, BytesAbove7fAreOrdinaryInALineAndNoLetterAtItsBegin) {
+    EXPECT_EQ(EventsOf("[T\xFCr]\nx=\xFF\xFE\n\xC3\xA4=1\n\xFF=1\n.\n"), Events({Made("T\xFCr", {{"x", "\xFF\xFE"}})}));
+}
+
+TEST_F(EventServerSourceTest, AZeroByteStandsInAValue) {
+    EXPECT_EQ(EventsOf(std::string("[A]\nx=1\0002\n.\n", 12)), Events({Made("A", {{"x", std::string("1\0002", 3)}})}));
+}
+
+TEST_F(EventServerSourceTest, TheHeaderMayStandAnywhereAndTheLastOneWins) {
+    EXPECT_EQ(EventsOf("x=1\n[A]\ny=2\n[B]\n.\n"), Events({Made("B", {{"x", "1"}, {"y", "2"}})}));
+}
+
+TEST_F(EventServerSourceTest, TextBehindTheFirstClosingBracketIsIgnored) {
+    EXPECT_EQ(EventsOf("[A] x=1]\n.\n"), Events({Made("A")}));
+}
+
+TEST_F(EventServerSourceTest, AHeaderWithoutItsEndLeavesTheTypeAsItWas) {
+    EXPECT_EQ(EventsOf("[A]\n[B\nx=1\n.\n"), Events({Made("A", {{"x", "1"}})}));
+    EXPECT_TRUE(log.Has("Debug halvek: \tFind didn't find a ]"));
+}
+
+TEST_F(EventServerSourceTest, AnEmptyHeaderFiresNothing) {
+    EXPECT_EQ(EventsOf("[A]\n.\n[]\nx=1\n.\ny=2\n.\n"), Events({Made("A")}));
+    EXPECT_TRUE(log.Has("Debug halvek: \tEvent type: "));
+}
+
+TEST_F(EventServerSourceTest, AnEmptyHeaderIsForgottenOverALaterOneInTheSameBlock) {
+    EXPECT_EQ(EventsOf("[]\nx=1\n[B]\n.\n"), Events({Made("B", {{"x", "1"}})}));
+}
+
+TEST_F(EventServerSourceTest, BeforeAnyHeaderPropertiesAreDiscarded) {
+    EXPECT_EQ(EventsOf("x=1\n.\ny=2\n.\n.\n"), Events());
+}
+
+TEST_F(EventServerSourceTest, AnEmptyLineEndsTheThreadAndARestartGoesOnBehindIt) {
+    source.StartListening();
+    fifo.Write("[A]\nx=1\n\n[B]\ny=2\n.\n");
+    EXPECT_TRUE(test::WaitUntil([this] {
+        return log.Text().find("Error kelto.osa: Thread EventServerSource ended by an exception: ") !=
+               std::string::npos;
+    }));
+    EXPECT_FALSE(log.Has("Debug halvek: DONE"));
+    EXPECT_EQ(handler.Count(), 0U);
+    EXPECT_EQ(fifo.CountWaiting(), std::string("[B]\ny=2\n.\n").size());
+    source.StopListening();
+    EXPECT_EQ(EventsOf(""), Events({Made("B", {{"y", "2"}})}));
+}
+
+TEST_F(EventServerSourceTest, ALongLineIsTakenWhole) {
+    const std::string value(60000, 'v');
+    fifo.Write("[A]\nx=" + value + "\n.\n");
+    source.StartListening();
+    EXPECT_EQ(Received(1), Events({Made("A", {{"x", value}})}));
+}
+
+TEST_F(EventServerSourceTest, LogsAnEventStepByStep) {
+    test::RecordingHandler stopping([this](Event&) { source.Stop(); });
+    source.AddHandler(&stopping, "Alarm");
+    log.Clear();
+    fifo.Write("[Alarm]\nlevel=3\n.\n");
+    source.Run();
+    EXPECT_THAT(log.Lines(), ElementsAre("Information halvek: Opening FIFO: " + path, "Trace halvek: Select returned",
+                                         "Trace halvek: Got line: [Alarm]", "Debug halvek: \tEvent type: Alarm",
+                                         "Trace halvek: Got line: level=3", "Trace halvek: Got line: .",
+                                         "Information halvek: EventServerSource: Received event: Alarm",
+                                         "Debug halvek: EventServerSource: Firing event through base class",
+                                         "Trace halvek: \tEventSource::Firing Event",
+                                         "Trace halvek: \tEventSource::FireEvent Firing Event in the handlers list",
+                                         "Debug halvek: EventServerSource: Event has eventID of: Alarm",
+                                         "Information halvek: EventServerSource: Event Alarm is being fired",
+                                         "Debug halvek: EventServerSource::Stop()", "Debug halvek: DONE",
+                                         "Information halvek: Exiting eventserversource run loop."));
+}
+
+TEST_F(EventServerSourceTest, HandlersWithoutIdComeFirstAndThenThoseOfTheIdInTheOrderOfAttachment) {
+    std::string order;
+    test::RecordingHandler idOne([&](Event&) { order += "1"; });
+    test::RecordingHandler idTwo([&](Event&) { order += "2"; });
+    test::RecordingHandler other([&](Event&) { order += "x"; });
+    test::RecordingHandler base([&](Event&) { order += "b"; });
+    source.AddHandler(&idTwo, "Alarm");
+    source.AddHandler(&idOne, "Alarm");
+    source.AddHandler(&other, "alarm");
+    source.AddHandler(&base);
+    EventsOf("[Alarm]\n.\n");
+    source.StopListening();
+    EXPECT_EQ(order, "b21b");
+}
+
+TEST_F(EventServerSourceTest, AttachingUnderAnIdIsLogged) {
+    source.AddHandler(&handler, "Alarm");
+    EXPECT_THAT(log.Lines(),
+                ElementsAre("Debug halvek: \t\tEventServerSource::AddHandler: Adding handler to event: Alarm"));
+}
+
+TEST_F(EventServerSourceTest, AHandlerAttachedBothWaysRunsTwice) {
+    source.AddHandler(&handler, "A");
+    EXPECT_EQ(EventsOf("[A]\n.\n"), Events({Made("A"), Made("A")}));
+}
+
+TEST_F(EventServerSourceTest, AHandlerAttachedTwiceUnderAnIdRunsTwice) {
+    test::RecordingHandler twice;
+    source.AddHandler(&twice, "2");
+    source.AddHandler(&twice, "2");
+    EventsOf("[MotionDetection]\nregion=2\n.\n");
+    EXPECT_EQ(twice.Count(), 2U);
+}
+
+TEST_F(EventServerSourceTest, FiringAnEventWithoutPropertiesIsAnError) {
+    event::TimerEvent event(Event::Properties{});
+    EXPECT_THAT([&] { source.FireEvent(event); },
+                ThrowsMessage<osa::Exception>(StrEq("EventServerSource: server improperly used")));
+    EXPECT_EQ(handler.Count(), 0U);
+}
+
+TEST_F(EventServerSourceTest, FiringAnEventWithoutAnIdReachesTheHandlersWithoutIdOnly) {
+    test::RecordingHandler byEmptyId;
+    source.AddHandler(&byEmptyId, "");
+    event::TimerEvent event(Event::Properties{{"eventType", "A"}});
+    source.FireEvent(event);
+    EXPECT_EQ(handler.Count(), 1U);
+    EXPECT_EQ(byEmptyId.Count(), 0U);
+    EXPECT_EQ(event.GetProperties().count("eventId"), 0U);
+    EXPECT_TRUE(log.Has("Debug halvek: EventServerSource: Event has eventID of: "));
+}
+
+TEST_F(EventServerSourceTest, AnUnconfiguredServerNeitherStartsNorFires) {
+    NeverConfiguredServer unconfigured;
+    event::TimerEvent event(Event::Properties{{"eventType", "A"}});
+    EXPECT_THAT([&] { unconfigured.FireEvent(event); },
+                ThrowsMessage<osa::Exception>(StrEq("EventServerSource: not configured")));
+    EXPECT_THAT([&] { unconfigured.StartListening(); },
+                ThrowsMessage<osa::Exception>(StrEq("EventServerSource::StartListening not configured")));
+    EXPECT_TRUE(source.IsConfigured());
+}
+
+TEST_F(EventServerSourceTest, AHandlersFailureIsAnErrorAndTheServerGoesOn) {
+    test::RecordingHandler failing([](Event& event) {
+        if (event.GetEventType() == "A") {
+            throw osa::Exception("no relay");
+        }
+    });
+    test::RecordingHandler behind;
+    source.AddHandler(&failing);
+    source.AddHandler(&behind);
+    source.AddHandler(&behind, "A");
+    EXPECT_EQ(EventsOf("[A]\n.\n[B]\n.\n"), Events({Made("A"), Made("B")}));
+    EXPECT_EQ(log.Count("Error halvek: no relay"), 1U);
+    ASSERT_TRUE(behind.WaitForCount(2));
+    EXPECT_EQ(behind.Events().front().properties.at("eventType"), "B");
+}
+
+TEST_F(EventServerSourceTest, AnUnconfiguredHandlerCostsTheOthersTheEventAndTheServerGoesOn) {
+    test::RecordingHandler unconfigured;
+    test::RecordingHandler behind;
+    unconfigured.SetConfigured(false);
+    source.AddHandler(&unconfigured, "A");
+    source.AddHandler(&behind, "A");
+    EXPECT_EQ(EventsOf("[A]\n.\n[A]\n.\n"), Events({Made("A"), Made("A")}));
+    EXPECT_EQ(log.Count("Error halvek: EventHandler: not configured"), 2U);
+    EXPECT_EQ(behind.Count(), 0U);
+}
+
+TEST_F(EventServerSourceTest, ASignalFromAHandlerEndsTheLoop) {
+    test::RecordingHandler interrupting([](Event&) { throw osa::Signal(SIGALRM); });
+    source.AddHandler(&interrupting);
+    fifo.Write("[A]\n.\n");
+    source.Run();
+    EXPECT_THAT(log.Lines(), ::testing::IsSupersetOf({"Debug halvek: interrupted by signal 14", "Debug halvek: DONE"}));
+}
+
+TEST_F(EventServerSourceTest, AnyOtherExceptionEndsTheThreadOnly) {
+    test::RecordingHandler failing([](Event&) { throw 42; });
+    source.AddHandler(&failing);
+    source.StartListening();
+    fifo.Write("[A]\n.\n");
+    EXPECT_TRUE(log.WaitFor("Error kelto.osa: Thread EventServerSource ended by an unknown exception"));
+    source.StopListening();
+    EXPECT_FALSE(log.Has("Debug halvek: DONE"));
+}
+
+TEST_F(EventServerSourceTest, ConfiguringTellsWhatItDoesStepByStep) {
+    const std::string other = folder.PathOf("other");
+    source.Configure({{"Path", other}});
+    EXPECT_THAT(
+        log.Lines(),
+        ElementsAre("Debug halvek: \t** Contents of Ini group we're configuring", "Debug halvek: \t** Key\t\tValue",
+                    "Debug halvek: \t** Path\t\t" + other, "Information halvek: Configuring EventServer",
+                    "Information halvek: Creating FIFO: " + other, "Information halvek: Configured EventServer"));
+    EXPECT_TRUE(S_ISFIFO(ModeOf(other)));
+}
+
+TEST_F(EventServerSourceTest, WithoutAPathTheDefaultCounts) {
+    source.Configure({});
+    EXPECT_THAT(log.Lines(), ::testing::IsSupersetOf({"Debug halvek: Could not find fifo Path, using default",
+                                                      "Information halvek: Creating FIFO: /var/run/halvek.pipe"}));
+    EXPECT_TRUE(S_ISFIFO(ModeOf(defaultPath)));
+    unlink(defaultPath);
+}
+
+TEST_F(EventServerSourceTest, TheModeOfThePipeIsTheDecimal666LessTheUmask) {
+    for (const mode_t mask : {0000, 0022, 0077}) {
+        const Umask changed(mask);
+        const std::string other = folder.PathOf("other");
+        source.Configure({{"Path", other}});
+        EXPECT_EQ(ModeOf(other) & 07777, 01232 & ~mask);
+        unlink(other.c_str());
+    }
+}
+
+TEST_F(EventServerSourceTest, APipeThatIsThereAlreadyIsUsedAsItIs) {
+    const std::string other = folder.PathOf("other");
+    ASSERT_EQ(mkfifo(other.c_str(), 0620), 0);
+    ASSERT_EQ(chmod(other.c_str(), 0620), 0);
+    source.Configure({{"Path", other}});
+    EXPECT_EQ(ModeOf(other) & 07777, 0620U);
+    const test::Fifo otherEnd(other);
+    otherEnd.Write("[A]\n.\n");
+    source.StartListening();
+    EXPECT_EQ(Received(1), Events({Made("A")}));
+}
+
+TEST_F(EventServerSourceTest, AnOrdinaryFileAtThePathIsReadAsItStands) {
+    const std::string file = folder.Write("file", "[A]\nx=1\n.\n");
+    source.Configure({{"Path", file}});
+    EXPECT_TRUE(log.Has("Information halvek: Configured EventServer"));
+    test::RecordingHandler stopping([this](Event&) { source.Stop(); });
+    source.AddHandler(&stopping);
+    source.Run();
+    EXPECT_EQ(Received(1), Events({Made("A", {{"x", "1"}})}));
+    EXPECT_EQ(test::ReadWholeFile(file), "[A]\nx=1\n.\n");
+}
+
+TEST_F(EventServerSourceTest, APipeThatCannotBeOpenedEndsTheThreadAndStartingReturns) {
+    for (const std::string& bad : {folder.PathOf("missing/pipe"), folder.GetPath(), std::string()}) {
+        log.Clear();
+        source.Configure({{"Path", bad}});
+        EXPECT_TRUE(log.Has("Information halvek: Creating FIFO: " + bad));
+        EXPECT_TRUE(log.Has("Information halvek: Configured EventServer"));
+        source.StartListening();
+        EXPECT_TRUE(log.WaitFor(openFailure));
+        source.StopListening();
+        EXPECT_TRUE(log.Has("Information halvek: EventServerSource stopped"));
+    }
+}
+
+TEST_F(EventServerSourceTest, RunningWithoutAPipeThrows) {
+    source.Configure({{"Path", folder.PathOf("missing/pipe")}});
+    EXPECT_THAT([this] { source.Run(); }, ThrowsMessage<osa::Exception>(StrEq("Unable to open FIFO for reading")));
+}
+
+TEST_F(EventServerSourceTest, ADescriptorThatFitsNoSetIsAFailedOpenAndIsClosed) {
+    const test::LowDescriptorsTaken taken(FD_SETSIZE);
+    const std::vector<int> before = test::OpenDescriptors();
+    EXPECT_THAT([this] { source.Run(); }, ThrowsMessage<osa::Exception>(StrEq("Unable to open FIFO for reading")));
+    EXPECT_EQ(test::OpenDescriptors(), before);
+}
+
+TEST_F(EventServerSourceTest, TheLastDescriptorThatFitsASetIsUsed) {
+    const test::LowDescriptorsTaken taken(FD_SETSIZE - 1);
+    test::RecordingHandler stopping([this](Event&) { source.Stop(); });
+    source.AddHandler(&stopping);
+    fifo.Write("[A]\n.\n");
+    source.Run();
+    EXPECT_EQ(handler.Count(), 1U);
+    EXPECT_EQ(test::OpenDescriptorsOf(path).back(), FD_SETSIZE - 1);
+}
+
+TEST_F(EventServerSourceTest, ThePipeIsOpenForReadingAndWritingWithoutBlocking) {
+    source.StartListening();
+    const int fd = test::OpenDescriptorsOf(path).back();
+    EXPECT_EQ(fcntl(fd, F_GETFL) & (O_ACCMODE | O_NONBLOCK), O_RDWR | O_NONBLOCK);
+}
+
+TEST_F(EventServerSourceTest, WritersMayComeAndGo) {
+    source.StartListening();
+    for (size_t round = 1; round <= 3; ++round) {
+        const int writer = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+        ASSERT_EQ(write(writer, "[A]\n.\n", 6), 6);
+        close(writer);
+        EXPECT_TRUE(handler.WaitForCount(round));
+    }
+    EXPECT_EQ(handler.Count(), 3U);
+}
+
+TEST_F(EventServerSourceTest, PipeAndDescriptorSurviveAStopAndWhatWasPostedMeanwhileIsRead) {
+    source.StartListening();
+    const size_t open = test::OpenDescriptorsOf(path).size();
+    source.StopListening();
+    EXPECT_EQ(test::OpenDescriptorsOf(path).size(), open);
+    EXPECT_TRUE(S_ISFIFO(ModeOf(path)));
+    fifo.Write("[A]\nx=1\n.\n");
+    source.StartListening();
+    EXPECT_EQ(Received(1), Events({Made("A", {{"x", "1"}})}));
+    EXPECT_EQ(test::OpenDescriptorsOf(path).size(), open + 1);
+}
+
+TEST_F(EventServerSourceTest, ARestartForgetsTheLastType) {
+    EventsOf("[A]\n.\n");
+    source.StopListening();
+    log.Clear();
+    fifo.Write("x=1\n.\n");
+    EXPECT_EQ(EventsOf(""), Events({Made("A"), Made("Last1")}));
+}
+
+TEST_F(EventServerSourceTest, StartingAndStoppingAreLogged) {
+    source.StartListening();
+    EXPECT_THAT(log.Lines(), ElementsAre("Information halvek: Opening FIFO: " + path,
+                                         "Information halvek: EventServerSource started"));
+    log.Clear();
+    source.StopListening();
+    EXPECT_THAT(log.Lines(), ElementsAre("Debug halvek: EventServerSource::Stop()", "Debug halvek: DONE",
+                                         "Information halvek: Exiting eventserversource run loop.",
+                                         "Information halvek: EventServerSource stopped"));
+}
+
+TEST_F(EventServerSourceTest, StoppingInterruptsTheWaitAtOnce) {
+    for (int round = 0; round < 20; ++round) {
+        source.StartListening();
+        const auto begin = Clock::now();
+        source.StopListening();
+        EXPECT_LT(Clock::now() - begin, 3s);
+    }
+    EXPECT_EQ(log.Count("Debug halvek: DONE"), 20U);
+}
+
+TEST_F(EventServerSourceTest, ASecondStartIsRefused) {
+    source.StartListening();
+    EXPECT_THAT([this] { source.StartListening(); },
+                ThrowsMessage<osa::Exception>(StrEq("EventServerSource::StartListening already running")));
+}
+
+TEST_F(EventServerSourceTest, StoppingBeforeAStartIsHarmless) {
+    source.StopListening();
+    EXPECT_THAT(log.Lines(), ElementsAre("Debug halvek: EventServerSource::Stop()",
+                                         "Information halvek: EventServerSource stopped"));
+}
+
+TEST_F(EventServerSourceTest, AttachingUnderAnIdWaitsForADeliveryInProgress) {
+    std::promise<void> delivering;
+    std::promise<void> release;
+    test::RecordingHandler slow([&](Event&) {
+        delivering.set_value();
+        release.get_future().wait();
+    });
+    source.AddHandler(&slow);
+    source.StartListening();
+    fifo.Write("[A]\n.\n");
+    delivering.get_future().wait();
+    test::RecordingHandler late;
+    std::atomic<bool> attached = false;
+    std::thread wiring([&] {
+        source.AddHandler(&late, "A");
+        attached = true;
+    });
+    EXPECT_FALSE(test::WaitUntil([&] { return attached.load(); }, 100ms));
+    release.set_value();
+    wiring.join();
+    source.StopListening();
+    EXPECT_EQ(late.Count(), 0U);
+}
+
+TEST_F(EventServerSourceTest, ItsThreadBearsItsName) {
+    std::array<char, 16> name{};
+    test::RecordingHandler naming([&](Event&) { pthread_getname_np(pthread_self(), name.data(), name.size()); });
+    source.AddHandler(&naming);
+    EventsOf("");
+    source.StopListening();
+    EXPECT_STREQ(name.data(), "EventServerSour");
+}
+
+TEST_F(EventServerSourceTest, DestroyingAListeningServerStopsIt) {
+    {
+        EventServerSource shortLived;
+        shortLived.Configure({{"Path", path}});
+        shortLived.StartListening();
+    }
+    EXPECT_TRUE(log.Has("Debug halvek: DONE"));
+}
+
+TEST_F(EventServerSourceTest, NamesItself) {
+    EXPECT_EQ(source.ToString(), "EventSource{server}");
+}
+
+}  // namespace
+
+}  // namespace kelto::halvek::source

@@ -1,0 +1,97 @@
+#include "source/FdInputBuffer.h"
+#include "tests/fakes/Fifo.h"
+#include "tests/fakes/TempDir.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace kelto::halvek::source {
+
+namespace {
+
+constexpr auto endOfFile = std::char_traits<char>::eof();
+
+class FdInputBufferTest : public ::testing::Test {
+protected:
+    FdInputBufferTest() : fd(open(fifo.GetPath().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {}
+    ~FdInputBufferTest() override { close(fd); }
+
+    const test::TempDir folder;
+    const test::Fifo fifo{folder.PathOf("pipe")};
+    const int fd;
+    FdInputBuffer buffer{fd};
+};
+
+TEST_F(FdInputBufferTest, TakesNothingBeforeItIsAsked) {
+    fifo.Write("ab");
+    EXPECT_EQ(buffer.in_avail(), 0);
+    EXPECT_EQ(fifo.CountWaiting(), 2U);
+}
+
+TEST_F(FdInputBufferTest, TakesExactlyOneByteARefill) {
+    fifo.Write("abc");
+    EXPECT_EQ(buffer.sgetc(), 'a');
+    EXPECT_EQ(fifo.CountWaiting(), 2U);
+    EXPECT_EQ(buffer.sbumpc(), 'a');
+    EXPECT_EQ(fifo.CountWaiting(), 2U);
+    EXPECT_EQ(buffer.sgetc(), 'b');
+    EXPECT_EQ(fifo.CountWaiting(), 1U);
+}
+
+TEST_F(FdInputBufferTest, LookingTwiceTakesNoSecondByte) {
+    fifo.Write("ab");
+    EXPECT_EQ(buffer.sgetc(), 'a');
+    EXPECT_EQ(buffer.sgetc(), 'a');
+    EXPECT_EQ(fifo.CountWaiting(), 1U);
+}
+
+TEST_F(FdInputBufferTest, ByteFfIsACharacterAndNotTheEnd) {
+    fifo.Write("\xFF\x80");
+    EXPECT_EQ(buffer.sbumpc(), 0xFF);
+    EXPECT_EQ(buffer.sbumpc(), 0x80);
+}
+
+TEST_F(FdInputBufferTest, AZeroByteIsACharacter) {
+    fifo.Write(std::string(1, '\0'));
+    EXPECT_EQ(buffer.sbumpc(), 0);
+}
+
+TEST_F(FdInputBufferTest, AnEmptyPipeIsTheEndUntilSomethingComes) {
+    EXPECT_EQ(buffer.sgetc(), endOfFile);
+    EXPECT_EQ(errno, EAGAIN);
+    fifo.Write("a");
+    EXPECT_EQ(buffer.sgetc(), 'a');
+}
+
+TEST_F(FdInputBufferTest, AnEndOfFileIsTheEnd) {
+    const int file = open(folder.Write("file", "a").c_str(), O_RDONLY | O_CLOEXEC);
+    FdInputBuffer ofFile(file);
+    EXPECT_EQ(ofFile.sbumpc(), 'a');
+    EXPECT_EQ(ofFile.sbumpc(), endOfFile);
+    close(file);
+}
+
+TEST_F(FdInputBufferTest, ADescriptorThatCannotBeReadIsTheEnd) {
+    FdInputBuffer closed(-1);
+    EXPECT_EQ(closed.sgetc(), endOfFile);
+}
+
+TEST_F(FdInputBufferTest, KeepsNothingToPutBackFromBeforeTheRefill) {
+    fifo.Write("ab");
+    EXPECT_EQ(buffer.sbumpc(), 'a');
+    EXPECT_EQ(buffer.sbumpc(), 'b');
+    EXPECT_EQ(buffer.sputbackc('b'), 'b');
+    EXPECT_EQ(buffer.sputbackc('a'), endOfFile);
+}
+
+TEST_F(FdInputBufferTest, DoesNotCloseTheDescriptor) {
+    { FdInputBuffer shortLived(fd); }
+    EXPECT_NE(fcntl(fd, F_GETFD), -1);
+}
+
+}  // namespace
+
+}  // namespace kelto::halvek::source

@@ -1,0 +1,381 @@
+#include "kelto/osa/Exception.h"
+#include "kelto/osa/Signal.h"
+#include "source/TimerEventSource.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/RecordingHandler.h"
+#include "tests/fakes/WaitUntil.h"
+
+#include <gmock/gmock.h>
+#include <pthread.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <future>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+namespace kelto::halvek::source {
+
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::Pair;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+using ::testing::UnorderedElementsAre;
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* defaultMessage = "Debug halvek: \tCan't find Timer::Interval.sec, using default!";
+
+void TakeTime(std::chrono::milliseconds time) {
+    test::WaitUntil([] { return false; }, time);
+}
+
+/** The N of all records "next tick: N ms". */
+std::vector<int> NextTicks(const test::LogCapture& log) {
+    std::vector<int> ticks;
+    for (const std::string& line : log.Lines()) {
+        int milliseconds = 0;
+        if (std::sscanf(line.c_str(), "Debug halvek: next tick: %d ms", &milliseconds) == 1) {
+            ticks.push_back(milliseconds);
+        }
+    }
+    return ticks;
+}
+
+class NeverConfiguredTimer : public TimerEventSource {
+public:
+    using TimerEventSource::TimerEventSource;
+    bool IsConfigured() const override { return false; }
+};
+
+class TimerEventSourceTest : public ::testing::Test {
+protected:
+    void Configure(const std::string& interval) { source.Configure({{"Interval.sec", interval}}); }
+
+    /** Runs the body on this thread until a handler has stopped it after so many ticks. */
+    void RunTicks(int count) {
+        test::RecordingHandler counting([&, ticks = 0](Event&) mutable {
+            if (++ticks == count) {
+                source.Stop();
+            }
+        });
+        source.AddHandler(&counting);
+        log.Clear();
+        source.Run();
+    }
+
+    test::LogCapture log;
+    std::mutex mutex;
+    std::vector<Clock::time_point> starts;
+    test::RecordingHandler handler{[this](Event&) {
+        const std::lock_guard lock(mutex);
+        starts.push_back(Clock::now());
+    }};
+    TimerEventSource source{"Timer"};
+};
+
+TEST_F(TimerEventSourceTest, ReadsItsInterval) {
+    Configure("7");
+    EXPECT_THAT(log.Lines(), ElementsAre("Debug halvek: \t** Contents of Ini group we're configuring",
+                                         "Debug halvek: \t** Key\t\tValue", "Debug halvek: \t** Interval.sec\t\t7",
+                                         "Information halvek: \tTimer Interval: 7"));
+    RunTicks(1);
+    EXPECT_TRUE(log.Has("Debug halvek: TICK: 7 sec"));
+}
+
+TEST_F(TimerEventSourceTest, WithoutAnIntervalTheDefaultOfTenSecondsCounts) {
+    source.Configure({});
+    EXPECT_THAT(log.Lines(), ElementsAre("Debug halvek: \t** Contents of Ini group we're configuring",
+                                         "Debug halvek: \t** Key\t\tValue", defaultMessage,
+                                         "Information halvek: \tTimer Interval: 10"));
+    RunTicks(1);
+    EXPECT_TRUE(log.Has("Debug halvek: TICK: 10 sec"));
+    ASSERT_EQ(NextTicks(log).size(), 1U);
+    EXPECT_GT(NextTicks(log).front(), 9000);
+    EXPECT_LE(NextTicks(log).front(), 10000);
+}
+
+TEST_F(TimerEventSourceTest, AnIntervalThatIsNoIntegerBecomesTheDefault) {
+    for (const char* text : {"", "abc", "5s", " 5", "+5", "1.5", "2147483648", "0x10"}) {
+        log.Clear();
+        Configure(text);
+        EXPECT_TRUE(log.Has(defaultMessage)) << text;
+        EXPECT_TRUE(log.Has("Information halvek: \tTimer Interval: 10")) << text;
+    }
+}
+
+TEST_F(TimerEventSourceTest, TheDefaultReplacesAnEarlierInterval) {
+    Configure("7");
+    source.Configure({});
+    RunTicks(1);
+    EXPECT_TRUE(log.Has("Debug halvek: TICK: 10 sec"));
+}
+
+TEST_F(TimerEventSourceTest, AnIntervalBelowZeroIsPrintedAsItStandsAndSleepsAsLongAsCanBe) {
+    Configure("-1");
+    EXPECT_TRUE(log.Has("Information halvek: \tTimer Interval: -1"));
+    EXPECT_FALSE(log.Has(defaultMessage));
+    source.AddHandler(&handler);
+    log.Clear();
+    source.StartListening();
+    EXPECT_TRUE(log.WaitFor("Debug halvek: next tick: 2147483647 ms"));
+    EXPECT_TRUE(log.Has("Debug halvek: TICK: -1 sec"));
+    EXPECT_EQ(handler.Count(), 1U);
+    source.StopListening();
+    EXPECT_EQ(handler.Count(), 1U);
+}
+
+TEST_F(TimerEventSourceTest, TheLargestIntervalsSaturateTheSleep) {
+    Configure("2147483647");
+    RunTicks(1);
+    EXPECT_THAT(NextTicks(log), ElementsAre(2147483647));
+}
+
+TEST_F(TimerEventSourceTest, AnIntervalOfZeroFiresWithoutEverSleeping) {
+    Configure("0");
+    EXPECT_TRUE(log.Has("Information halvek: \tTimer Interval: 0"));
+    RunTicks(300);
+    EXPECT_EQ(log.Count("Debug halvek: TICK: 0 sec"), 300U);
+    EXPECT_EQ(log.Text().find("sleep took"), std::string::npos);
+    for (const int milliseconds : NextTicks(log)) {
+        EXPECT_LE(milliseconds, 0);
+    }
+}
+
+TEST_F(TimerEventSourceTest, FiresATimerEventOfItsTypeName) {
+    source.AddHandler(&handler);
+    RunTicks(1);
+    const test::ReceivedEvent event = handler.Events().front();
+    EXPECT_EQ(event.kind, "{Event: TimerEvent}");
+    EXPECT_EQ(event.priority, 0);
+    EXPECT_THAT(event.properties, ElementsAre(Pair("FormattedTime", testing::_), Pair("Timestamp", testing::_),
+                                              Pair("eventType", "Timer")));
+}
+
+TEST_F(TimerEventSourceTest, TheNameGivenToItIsTheEventType) {
+    TimerEventSource named("Other");
+    named.AddHandler(&handler);
+    test::RecordingHandler stopping([&](Event&) { named.Stop(); });
+    named.AddHandler(&stopping);
+    named.Run();
+    EXPECT_EQ(handler.Events().front().properties.at("eventType"), "Other");
+    EXPECT_EQ(named.ToString(), "EventSource{Timer}");
+}
+
+TEST_F(TimerEventSourceTest, LogsATickStepByStep) {
+    RunTicks(1);
+    const std::string nextTick = "Debug halvek: next tick: " + std::to_string(NextTicks(log).at(0)) + " ms";
+    EXPECT_THAT(log.Lines(),
+                ElementsAre("Debug halvek: TICK: 10 sec", "Debug halvek: firing",
+                            "Trace halvek: \tEventSource::Firing Event", "Debug halvek: TimerEventSource::Stop()",
+                            "Trace halvek: \tEventSource::FireEvent Firing Event in the handlers list",
+                            "Debug halvek: fired", nextTick, "Debug halvek: DONE"));
+}
+
+TEST_F(TimerEventSourceTest, LogsHowLongItSlept) {
+    Configure("1");
+    source.AddHandler(&handler);
+    source.StartListening();
+    EXPECT_TRUE(handler.WaitForCount(2));
+    source.StopListening();
+    double seconds = 0;
+    for (const std::string& line : log.Lines()) {
+        std::sscanf(line.c_str(), "Debug halvek: sleep took %lf sec", &seconds);
+    }
+    EXPECT_NEAR(seconds, 1.0, 0.5);
+}
+
+TEST_F(TimerEventSourceTest, TheTimeThatHandlersTakeShortensTheSleep) {
+    test::RecordingHandler slow([](Event&) { TakeTime(300ms); });
+    source.AddHandler(&slow);
+    RunTicks(1);
+    EXPECT_GT(NextTicks(log).at(0), 9000);
+    EXPECT_LE(NextTicks(log).at(0), 9700);
+}
+
+TEST_F(TimerEventSourceTest, TicksStandOnePeriodApartFromStartToStart) {
+    Configure("1");
+    test::RecordingHandler slow([](Event&) { TakeTime(400ms); });
+    source.AddHandler(&handler);
+    source.AddHandler(&slow);
+    source.StartListening();
+    ASSERT_TRUE(handler.WaitForCount(3));
+    source.StopListening();
+    EXPECT_NEAR(std::chrono::duration<double>(starts.at(1) - starts.at(0)).count(), 1.0, 0.3);
+    EXPECT_NEAR(std::chrono::duration<double>(starts.at(2) - starts.at(1)).count(), 1.0, 0.3);
+    EXPECT_LE(NextTicks(log).at(0), 600);
+}
+
+TEST_F(TimerEventSourceTest, HandlersSlowerThanThePeriodLeaveNoSleepBetweenTicks) {
+    Configure("1");
+    test::RecordingHandler slow([](Event&) { TakeTime(1100ms); });
+    source.AddHandler(&slow);
+    RunTicks(2);
+    ASSERT_EQ(NextTicks(log).size(), 2U);
+    EXPECT_LE(NextTicks(log).at(0), -100);
+    EXPECT_EQ(log.Text().find("sleep took"), std::string::npos);
+}
+
+TEST_F(TimerEventSourceTest, StoppingCutsASleepShortAndReturnsAfterDone) {
+    Configure("60");
+    source.StartListening();
+    ASSERT_TRUE(test::WaitUntil([this] { return NextTicks(log).size() == 1; }));
+    log.Clear();
+    const auto begin = Clock::now();
+    source.StopListening();
+    EXPECT_LT(Clock::now() - begin, 10s);
+    EXPECT_THAT(log.Lines(),
+                ElementsAre("Debug halvek: TimerEventSource::Stop()", "Debug halvek: interrupted by signal 14",
+                            "Debug halvek: DONE", "Information halvek: TimerEventSource stopped"));
+}
+
+TEST_F(TimerEventSourceTest, StoppingRightAfterStartingNeverLosesTheStop) {
+    Configure("60");
+    const auto begin = Clock::now();
+    for (int round = 0; round < 100; ++round) {
+        source.StartListening();
+        source.StopListening();
+    }
+    EXPECT_LT(Clock::now() - begin, 30s);
+    EXPECT_EQ(log.Count("Debug halvek: DONE"), 100U);
+}
+
+TEST_F(TimerEventSourceTest, StoppingWaitsForADeliveryInProgress) {
+    std::promise<void> delivering;
+    std::promise<void> release;
+    test::RecordingHandler slow([&](Event&) {
+        delivering.set_value();
+        release.get_future().wait();
+    });
+    source.AddHandler(&slow);
+    source.StartListening();
+    delivering.get_future().wait();
+    std::atomic<bool> stopped = false;
+    std::thread stopping([&] {
+        source.StopListening();
+        stopped = true;
+    });
+    EXPECT_FALSE(test::WaitUntil([&] { return stopped.load(); }, 100ms));
+    release.set_value();
+    stopping.join();
+    EXPECT_EQ(slow.Count(), 1U);
+    EXPECT_TRUE(log.Has("Debug halvek: DONE"));
+}
+
+TEST_F(TimerEventSourceTest, ASecondStartIsRefused) {
+    source.StartListening();
+    EXPECT_TRUE(log.Has("Information halvek: TimerEventSource started"));
+    EXPECT_THAT([this] { source.StartListening(); },
+                ThrowsMessage<osa::Exception>(StrEq("TimerEventSource::StartListening already running")));
+    source.StopListening();
+}
+
+TEST_F(TimerEventSourceTest, AnUnconfiguredTimerIsNotStarted) {
+    NeverConfiguredTimer unconfigured("Timer");
+    EXPECT_THAT([&] { unconfigured.StartListening(); },
+                ThrowsMessage<osa::Exception>(StrEq("TimerEventSource::StartListening not configured")));
+    EXPECT_EQ(unconfigured.GetCurrentThread(), nullptr);
+    EXPECT_TRUE(TimerEventSource("Timer").IsConfigured());
+}
+
+TEST_F(TimerEventSourceTest, StoppingBeforeAStartIsHarmless) {
+    source.StopListening();
+    EXPECT_THAT(log.Lines(),
+                ElementsAre("Debug halvek: TimerEventSource::Stop()", "Information halvek: TimerEventSource stopped"));
+    source.StartListening();
+    EXPECT_TRUE(log.WaitFor("Debug halvek: fired"));
+    source.StopListening();
+}
+
+TEST_F(TimerEventSourceTest, CanBeStartedAgainAfterAStop) {
+    Configure("60");
+    source.AddHandler(&handler);
+    for (size_t round = 1; round <= 3; ++round) {
+        source.StartListening();
+        EXPECT_TRUE(handler.WaitForCount(round));
+        source.StopListening();
+        EXPECT_EQ(source.GetCurrentThread(), nullptr);
+    }
+}
+
+TEST_F(TimerEventSourceTest, AHandlersFailureIsAnErrorAndTheNextTickComesAtOnce) {
+    Configure("60");
+    test::RecordingHandler failing([](Event&) { throw osa::Exception("no relay %d", 3); });
+    source.AddHandler(&handler);
+    source.AddHandler(&failing);
+    test::RecordingHandler behind;
+    source.AddHandler(&behind);
+    source.StartListening();
+    EXPECT_TRUE(handler.WaitForCount(20));
+    source.StopListening();
+    EXPECT_GE(log.Count("Error halvek: no relay 3"), 19U);
+    EXPECT_TRUE(NextTicks(log).empty());
+    EXPECT_EQ(behind.Count(), 0U);
+}
+
+TEST_F(TimerEventSourceTest, AnUnconfiguredHandlerHasItTickOnWithoutSleeping) {
+    Configure("60");
+    test::RecordingHandler unconfigured;
+    unconfigured.SetConfigured(false);
+    source.AddHandler(&unconfigured);
+    source.StartListening();
+    EXPECT_TRUE(log.WaitFor("Error halvek: EventHandler: not configured", 20));
+    source.StopListening();
+    EXPECT_TRUE(NextTicks(log).empty());
+}
+
+TEST_F(TimerEventSourceTest, ASignalFromAHandlerEndsTheLoop) {
+    test::RecordingHandler interrupting([](Event&) { throw osa::Signal(SIGALRM); });
+    source.AddHandler(&interrupting);
+    source.Run();
+    EXPECT_THAT(log.Lines(), ::testing::IsSupersetOf({"Debug halvek: interrupted by signal 14", "Debug halvek: DONE"}));
+    EXPECT_EQ(interrupting.Count(), 1U);
+}
+
+TEST_F(TimerEventSourceTest, AStandardExceptionEndsTheThreadOnly) {
+    test::RecordingHandler failing([](Event&) { throw std::runtime_error("out of luck"); });
+    source.AddHandler(&failing);
+    source.StartListening();
+    EXPECT_TRUE(log.WaitFor("Error kelto.osa: Thread TimerEventSource ended by an exception: out of luck"));
+    EXPECT_FALSE(log.Has("Debug halvek: DONE"));
+    EXPECT_THROW(source.StartListening(), osa::Exception);
+    source.StopListening();
+    EXPECT_EQ(failing.Count(), 1U);
+}
+
+TEST_F(TimerEventSourceTest, AnExceptionOfAnyOtherTypeEndsTheThreadOnly) {
+    test::RecordingHandler failing([](Event&) { throw 42; });
+    source.AddHandler(&failing);
+    source.StartListening();
+    EXPECT_TRUE(log.WaitFor("Error kelto.osa: Thread TimerEventSource ended by an unknown exception"));
+    source.StopListening();
+    EXPECT_EQ(failing.Count(), 1U);
+}
+
+TEST_F(TimerEventSourceTest, ItsThreadBearsItsName) {
+    std::array<char, 16> name{};
+    test::RecordingHandler naming([&](Event&) { pthread_getname_np(pthread_self(), name.data(), name.size()); });
+    source.AddHandler(&naming);
+    source.StartListening();
+    EXPECT_TRUE(naming.WaitForCount(1));
+    source.StopListening();
+    EXPECT_STREQ(name.data(), "TimerEventSourc");
+}
+
+TEST_F(TimerEventSourceTest, DestroyingAListeningTimerStopsIt) {
+    {
+        TimerEventSource shortLived("Timer");
+        shortLived.Configure({{"Interval.sec", "60"}});
+        shortLived.StartListening();
+    }
+    EXPECT_TRUE(log.Has("Debug halvek: DONE"));
+}
+
+}  // namespace
+
+}  // namespace kelto::halvek::source
