@@ -1,5 +1,4 @@
 #include "kelto/msgbus/MessageDelegate.h"
-#include "kelto/msgbus/MsgBus.h"
 #include "kelto/msgbus/MsgBusMsg.h"
 
 #include <gmock/gmock.h>
@@ -14,13 +13,14 @@ namespace {
 using ::testing::_;
 using ::testing::ElementsAre;
 using ::testing::InSequence;
+using ::testing::NiceMock;
 using ::testing::SaveArg;
 using ::testing::StrictMock;
 
 class MockBus : public IMsgBus {
 public:
     MOCK_METHOD(void, Start, (), (override));
-    MOCK_METHOD(void, Subscribe, (const std::string&, const std::string&, IMessageHandler*), (override));
+    MOCK_METHOD(void, Subscribe, (const MessageFilter&, IMessageHandler*), (override));
     MOCK_METHOD(void, Unsubscribe, (IMessageHandler*), (override));
 };
 
@@ -34,11 +34,16 @@ public:
 
 using Delegate = MessageDelegate<Listener>;
 
+MsgBusMsg Message(const std::string& name) {
+    return {.name = name, .domain = "domain", .signature = "", .size = 0, .arguments = {}};
+}
+
 TEST(MessageDelegate, IsSubscribedFromItsConstructionToItsDestruction) {
     StrictMock<MockBus> bus;
     Listener listener;
     IMessageHandler* subscribed = nullptr;
-    EXPECT_CALL(bus, Subscribe("AnalyticsAlert", "com.zentu.analytics", _)).WillOnce(SaveArg<2>(&subscribed));
+    const MessageFilter filter{.name = "AnalyticsAlert", .domain = "com.zentu.analytics", .sender = "", .path = ""};
+    EXPECT_CALL(bus, Subscribe(filter, _)).WillOnce(SaveArg<1>(&subscribed));
     auto delegate =
         std::make_unique<Delegate>(&bus, "AnalyticsAlert", "com.zentu.analytics", &listener, &Listener::Hear);
     EXPECT_EQ(subscribed, delegate.get());
@@ -48,28 +53,27 @@ TEST(MessageDelegate, IsSubscribedFromItsConstructionToItsDestruction) {
 }
 
 TEST(MessageDelegate, CallsTheOperationOfItsObjectWithTheMessage) {
-    MsgBus bus;
+    NiceMock<MockBus> bus;
     Listener listener;
     Delegate delegate(&bus, "a", "domain", &listener, &Listener::Hear);
     IMessageHandler& handler = delegate;
-    handler.HandleMessage({.name = "first", .domain = "domain", .signature = "", .arguments = {}});
-    handler.HandleMessage({.name = "second", .domain = "domain", .signature = "", .arguments = {}});
+    handler.HandleMessage(Message("first"));
+    handler.HandleMessage(Message("second"));
     EXPECT_THAT(listener.names, ElementsAre("first", "second"));
 }
 
 TEST(MessageDelegate, LetsAnExceptionThroughToTheBus) {
-    MsgBus bus;
+    NiceMock<MockBus> bus;
     Listener listener;
     Delegate delegate(&bus, "a", "domain", &listener, &Listener::Refuse);
-    const MsgBusMsg message{.name = "no", .domain = "", .signature = "", .arguments = {}};
-    EXPECT_THAT([&] { delegate.HandleMessage(message); }, testing::ThrowsMessage<std::runtime_error>("no"));
+    EXPECT_THAT([&] { delegate.HandleMessage(Message("no")); }, testing::ThrowsMessage<std::runtime_error>("no"));
 }
 
 TEST(MessageDelegate, CancellingUnsubscribesOnceAndTheDestructorNotAgain) {
     StrictMock<MockBus> bus;
     Listener listener;
     const InSequence sequence;
-    EXPECT_CALL(bus, Subscribe(_, _, _));
+    EXPECT_CALL(bus, Subscribe(_, _));
     Delegate delegate(&bus, "a", "domain", &listener, &Listener::Hear);
     EXPECT_CALL(bus, Unsubscribe(&delegate)).Times(1);
     delegate.Cancel();
@@ -77,11 +81,11 @@ TEST(MessageDelegate, CancellingUnsubscribesOnceAndTheDestructorNotAgain) {
 }
 
 TEST(MessageDelegate, MayOutliveTheBusOnceItIsCancelled) {
-    auto bus = std::make_unique<MsgBus>();
+    auto bus = std::make_unique<NiceMock<MockBus>>();
     Listener listener;
     Delegate delegate(bus.get(), "a", "domain", &listener, &Listener::Hear);
+    EXPECT_CALL(*bus, Unsubscribe(&delegate));
     delegate.Cancel();
-    EXPECT_EQ(bus->CountSubscriptions(), 0U);
     bus.reset();
     delegate.Cancel();
 }
@@ -89,18 +93,20 @@ TEST(MessageDelegate, MayOutliveTheBusOnceItIsCancelled) {
 TEST(MessageDelegate, ASubscriptionThatFailsLeavesNothingToUnsubscribe) {
     StrictMock<MockBus> bus;
     Listener listener;
-    EXPECT_CALL(bus, Subscribe(_, _, _)).WillOnce(testing::Throw(std::runtime_error("refused")));
+    EXPECT_CALL(bus, Subscribe(_, _)).WillOnce(testing::Throw(std::runtime_error("refused")));
     EXPECT_THROW(Delegate(&bus, "a", "domain", &listener, &Listener::Hear), std::runtime_error);
 }
 
 TEST(MessageDelegate, OneObjectMayHaveSeveralAndEachGoesByItself) {
-    MsgBus bus;
+    StrictMock<MockBus> bus;
     Listener listener;
+    EXPECT_CALL(bus, Subscribe(_, _)).Times(2);
     auto first = std::make_unique<Delegate>(&bus, "a", "domain", &listener, &Listener::Hear);
     const Delegate second(&bus, "b", "domain", &listener, &Listener::Hear);
-    EXPECT_EQ(bus.CountSubscriptions(), 2U);
+    EXPECT_CALL(bus, Unsubscribe(first.get()));
     first.reset();
-    EXPECT_EQ(bus.CountSubscriptions(), 1U);
+    testing::Mock::VerifyAndClearExpectations(&bus);
+    EXPECT_CALL(bus, Unsubscribe(const_cast<Delegate*>(&second)));
 }
 
 TEST(MsgBusMsg, IsAValueThatCopiesItsNestedArguments) {
@@ -110,6 +116,7 @@ TEST(MsgBusMsg, IsAValueThatCopiesItsNestedArguments) {
         MsgBusMsg{.name = "AnalyticsAlert",
                   .domain = "com.zentu.analytics",
                   .signature = "sa(dd)",
+                  .size = 0,
                   .arguments = {Value{std::string("rule")}, Value{Values{Value{Values{Value{1.5}, Value{2.5}}}}}}});
     const MsgBusMsg copy = *original;
     original.reset();
@@ -120,6 +127,28 @@ TEST(MsgBusMsg, IsAValueThatCopiesItsNestedArguments) {
     EXPECT_EQ(std::get<std::string>(copy.arguments[0].content), "rule");
     const auto& points = std::get<Values>(copy.arguments[1].content);
     EXPECT_EQ(std::get<double>(std::get<Values>(points[0].content)[1].content), 2.5);
+}
+
+TEST(MessageFilter, AsksTheBusForNoMoreThanIsWanted) {
+    const MessageFilter anybody{.name = "AnalyticsAlert", .domain = "com.zentu.analytics", .sender = "", .path = ""};
+    EXPECT_EQ(anybody.ToMatchRule(), "type='signal',interface='com.zentu.analytics',member='AnalyticsAlert'");
+    const MessageFilter owner{
+        .name = "IdleChanged", .domain = "com.kelto.M", .sender = "com.kelto.M", .path = "/com/kelto/M"};
+    EXPECT_EQ(owner.ToMatchRule(),
+              "type='signal',interface='com.kelto.M',member='IdleChanged',sender='com.kelto.M',path='/com/kelto/M'");
+}
+
+TEST(MessageFilter, DiffersByEachOfItsFields) {
+    const MessageFilter filter{.name = "n", .domain = "d", .sender = "s", .path = "p"};
+    for (std::string MessageFilter::*const field :
+         {&MessageFilter::name, &MessageFilter::domain, &MessageFilter::sender, &MessageFilter::path}) {
+        MessageFilter other = filter;
+        other.*field = "z";
+        EXPECT_NE(filter, other);
+        EXPECT_TRUE(filter < other);
+        EXPECT_FALSE(other < filter);
+    }
+    EXPECT_FALSE(filter < filter);
 }
 
 }  // namespace

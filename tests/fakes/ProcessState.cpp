@@ -1,0 +1,56 @@
+#include "tests/fakes/ProcessState.h"
+
+#include "tests/fakes/TempDir.h"
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+namespace kelto::test {
+
+namespace {
+
+struct FolderCloser {
+    void operator()(DIR* folder) const { closedir(folder); }
+};
+
+/** The ids of all threads. */
+std::vector<std::string> Threads() {
+    const std::unique_ptr<DIR, FolderCloser> folder(opendir("/proc/self/task"));
+    std::vector<std::string> threads;
+    while (const dirent* const entry = readdir(folder.get())) {
+        if (entry->d_name[0] != '.') {
+            threads.emplace_back(entry->d_name);
+        }
+    }
+    return threads;
+}
+
+}  // namespace
+
+size_t CountThreads() {
+    return Threads().size();
+}
+
+bool HasThread(const std::string& name) {
+    const std::vector<std::string> threads = Threads();
+    return std::any_of(threads.begin(), threads.end(), [&](const std::string& thread) {
+        return ReadWholeFile("/proc/self/task/" + thread + "/comm") == name + "\n";
+    });
+}
+
+uint64_t BlockedSignals(pid_t thread) {
+    std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("SigBlk:", 0) == 0) {
+            return std::stoull(line.substr(line.find_first_not_of(" \t", 7)), nullptr, 16);
+        }
+    }
+    throw std::runtime_error("there is no thread " + std::to_string(thread));
+}
+
+}  // namespace kelto::test

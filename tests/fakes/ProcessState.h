@@ -1,0 +1,20 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace kelto::test {
+
+/** How many threads this process has. */
+size_t CountThreads();
+
+/** Whether a thread of this process has that name, of which the system keeps 15 bytes. */
+bool HasThread(const std::string& name);
+
+/** The signals that a thread of this process blocks: bit N - 1 for signal N. */
+uint64_t BlockedSignals(pid_t thread);
+
+}  // namespace kelto::test

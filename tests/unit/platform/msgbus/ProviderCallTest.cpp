@@ -1,0 +1,399 @@
+#include "kelto/msgbus/ProviderCall.h"
+#include "kelto/osa/Exception.h"
+#include "tests/fakes/Descriptors.h"
+#include "tests/fakes/PrivateBus.h"
+#include "tests/fakes/ProcessState.h"
+#include "tests/fakes/ScriptedService.h"
+#include "tests/fakes/SilentSocket.h"
+#include "tests/fakes/WaitUntil.h"
+
+#include <gmock/gmock.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <future>
+#include <optional>
+#include <thread>
+#include <vector>
+
+namespace kelto::msgbus {
+
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::Ge;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Lt;
+using ::testing::SizeIs;
+using ::testing::StartsWith;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+using Clock = std::chrono::steady_clock;
+using State = test::PrivateBus::State;
+using test::ScriptedService;
+using Strings = std::vector<std::string>;
+
+Strings GetNames() {
+    ProviderCall call("Test", "GetNames");
+    call.Send();
+    return call.ReadStrings();
+}
+
+/** Calls, and gives the text of the failure. */
+std::string FailureOf(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const osa::Exception& exception) {
+        return exception.what();
+    }
+    return "no failure";
+}
+
+std::chrono::milliseconds TimeOf(const std::function<void()>& deed) {
+    const Clock::time_point begin = Clock::now();
+    deed();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
+}
+
+uint64_t Bit(int signal) {
+    return uint64_t{1} << (signal - 1);
+}
+
+const uint64_t fourSignals = Bit(SIGALRM) | Bit(SIGHUP) | Bit(SIGINT) | Bit(SIGTERM);
+
+/** The bus and its service, as they are after a start of both. */
+class ProviderCallTest : public ::testing::Test {
+protected:
+    ProviderCallTest() { StartService(); }
+
+    void StartService() {
+        service.emplace("Test");
+        service->Answer("GetNames", {Strings{"Remote", "Local"}});
+    }
+
+    /** Another bus at the same address, with the same service. */
+    void RestartBus() {
+        daemon.Kill();
+        service.reset();
+        daemon.Start();
+        StartService();
+    }
+
+    test::PrivateBus daemon;
+    std::optional<ScriptedService> service;
+    std::atomic<bool> restarted = false;
+};
+
+TEST_F(ProviderCallTest, GoesToTheNameObjectAndInterfaceOfTheProvider) {
+    ProviderCall call("Test", "Mix");
+    service->Answer("Mix", {true, 7, Strings{}, false, -7});
+    call.Append("text").Append(int32_t{-5}).Append(0.25).AppendBool(true).AppendBool(false).Append("");
+    call.Send();
+    EXPECT_TRUE(call.ReadBool());
+    EXPECT_EQ(call.ReadInt(), 7);
+    EXPECT_THAT(call.ReadStrings(), IsEmpty());
+    EXPECT_FALSE(call.ReadBool());
+    EXPECT_EQ(call.ReadInt(), -7);
+    EXPECT_THAT(service->Calls(), ElementsAre(ScriptedService::Call{
+                                      .interface = "com.kelto.Test",
+                                      .method = "Mix",
+                                      .signature = "sidbbs",
+                                      .arguments = {std::string("text"), -5, 0.25, true, false, std::string("")}}));
+}
+
+TEST_F(ProviderCallTest, AnErrorOfTheServiceComesWithItsNameAndText) {
+    service->Fail("GetNames", "com.kelto.Error.Busy", "100% busy: %s");
+    EXPECT_THAT(GetNames, ThrowsMessage<osa::Exception>(StrEq("com.kelto.Error.Busy: 100% busy: %s")));
+}
+
+TEST_F(ProviderCallTest, AnErrorOfTheServiceWithoutATextIsItsName) {
+    service->Fail("GetNames", "com.kelto.Error.Busy", "");
+    EXPECT_THAT(GetNames, ThrowsMessage<osa::Exception>(StrEq("com.kelto.Error.Busy: ")));
+}
+
+TEST_F(ProviderCallTest, AServiceThatIsNotThereFailsAtOnce) {
+    service.reset();
+    std::string failure;
+    EXPECT_LT(TimeOf([&] { failure = FailureOf(GetNames); }), 1s);
+    EXPECT_THAT(failure, StartsWith("org.freedesktop.DBus.Error.ServiceUnknown: "));
+}
+
+TEST_F(ProviderCallTest, AMethodThatTheServiceDoesNotKnowFails) {
+    EXPECT_THAT(FailureOf([] { ProviderCall("Test", "Nonsense").Send(); }),
+                StartsWith("org.freedesktop.DBus.Error.UnknownMethod: "));
+}
+
+TEST_F(ProviderCallTest, AReplyOfOtherTypesFails) {
+    service->Answer("GetNames", {7});
+    EXPECT_THAT(FailureOf(GetNames), StartsWith("Cannot read a reply: "));
+    service->Answer("GetNames", {});
+    EXPECT_THAT(FailureOf(GetNames), StartsWith("Cannot read a reply: "));
+    service->Answer("GetNumber", {std::string("7")});
+    const auto getNumber = [] {
+        ProviderCall call("Test", "GetNumber");
+        call.Send();
+        call.ReadInt();
+    };
+    EXPECT_THAT(FailureOf(getNumber), StartsWith("Cannot read a reply: "));
+    service->Answer("GetNames", {Strings{"still", "usable"}});
+    EXPECT_THAT(GetNames(), ElementsAre("still", "usable"));
+}
+
+TEST_F(ProviderCallTest, WithoutABusItFailsAtOnceAndThrowsNothingElse) {
+    daemon.Kill();
+    std::string failure;
+    EXPECT_LT(TimeOf([&] { failure = FailureOf(GetNames); }), 1s);
+    EXPECT_THAT(failure, StartsWith("Cannot open the message bus: "));
+}
+
+TEST_F(ProviderCallTest, OneThreadUsesOneConnectionForAllItsCalls) {
+    GetNames();
+    const size_t connections = daemon.UniqueNames().size();
+    const size_t descriptors = test::OpenDescriptors().size();
+    for (int round = 0; round < 50; ++round) {
+        EXPECT_THAT(GetNames(), SizeIs(2));
+    }
+    EXPECT_EQ(daemon.UniqueNames().size(), connections);
+    EXPECT_EQ(test::OpenDescriptors().size(), descriptors);
+}
+
+TEST_F(ProviderCallTest, CallsOfSeveralThreadsDoNotWaitForEachOther) {
+    ScriptedService other("Other");
+    other.Answer("GetNames", {Strings{}});
+    service->Hold();
+    std::vector<std::future<Strings>> waiting;
+    for (int number = 0; number < 3; ++number) {
+        waiting.push_back(std::async(std::launch::async, GetNames));
+    }
+    ASSERT_TRUE(service->WaitForCalls(3));
+    std::async(std::launch::async, [] { ProviderCall("Other", "GetNames").Send(); }).get();
+    ProviderCall("Other", "GetNames").Send();
+    EXPECT_THAT(other.Calls(), SizeIs(2));
+    for (std::future<Strings>& call : waiting) {
+        EXPECT_EQ(call.wait_for(0s), std::future_status::timeout);
+    }
+    service->Release();
+    for (std::future<Strings>& call : waiting) {
+        EXPECT_THAT(call.get(), ElementsAre("Remote", "Local"));
+    }
+}
+
+TEST_F(ProviderCallTest, TheConnectionGoesWithItsThread) {
+    const size_t before = test::OpenDescriptors().size();
+    const size_t connections = daemon.UniqueNames().size();
+    for (int round = 0; round < 20; ++round) {
+        std::thread([] { GetNames(); }).join();
+    }
+    std::thread([this] {
+        service->Fail("GetNames", "com.kelto.Error.Busy", "");
+        FailureOf(GetNames);
+    }).join();
+    EXPECT_EQ(test::OpenDescriptors().size(), before);
+    EXPECT_TRUE(test::WaitUntil([&] { return daemon.UniqueNames().size() == connections; }));
+}
+
+TEST_F(ProviderCallTest, TheFirstCallAfterTheBusHasBeenRestartedIsNotLost) {
+    GetNames();
+    for (int round = 0; round < 5; ++round) {
+        RestartBus();
+        EXPECT_THAT(GetNames(), ElementsAre("Remote", "Local"));
+        EXPECT_THAT(service->Calls(), SizeIs(1));
+    }
+}
+
+TEST_F(ProviderCallTest, ADeadConnectionIsReplacedWithoutLeavingADescriptor) {
+    GetNames();
+    const size_t before = test::OpenDescriptors().size();
+    for (int round = 0; round < 5; ++round) {
+        RestartBus();
+        GetNames();
+    }
+    EXPECT_EQ(test::OpenDescriptors().size(), before);
+}
+
+TEST_F(ProviderCallTest, AfterACallWithoutABusTheNextOneFindsItsReturn) {
+    GetNames();
+    daemon.Kill();
+    EXPECT_NE(FailureOf(GetNames), "no failure");
+    EXPECT_NE(FailureOf(GetNames), "no failure");
+    RestartBus();
+    EXPECT_THAT(GetNames(), ElementsAre("Remote", "Local"));
+}
+
+TEST_F(ProviderCallTest, ACallThatDiesUnderWayFailsAndIsNeverRepeated) {
+    service->Hold();
+    std::future<std::string> failure = std::async(std::launch::async, [this] {
+        const std::string first = FailureOf(GetNames);
+        // On the same thread, so that a request kept for later would go out before this one.
+        test::WaitUntil([this] { return restarted.load(); });
+        ProviderCall("Test", "GetNames").Send();
+        return first;
+    });
+    ASSERT_TRUE(service->WaitForCalls(1));
+    RestartBus();
+    restarted = true;
+    EXPECT_THAT(failure.get(), HasSubstr("Connection reset by peer"));
+    EXPECT_THAT(service->Calls(), SizeIs(1));
+}
+
+TEST_F(ProviderCallTest, AServiceThatEndsUnderWayFailsTheCall) {
+    service->Hold();
+    std::future<std::string> failure = std::async(std::launch::async, [] { return FailureOf(GetNames); });
+    ASSERT_TRUE(service->WaitForCalls(1));
+    service.reset();
+    EXPECT_THAT(failure.get(), StartsWith("org.freedesktop.DBus.Error.NoReply: "));
+}
+
+TEST_F(ProviderCallTest, AServiceThatHangsFailsAfterFiveSecondsAndItsLateReplyIsNobodyElses) {
+    service->Hold();
+    std::string failure;
+    EXPECT_THAT(TimeOf([&] { failure = FailureOf(GetNames); }), AllOf(Ge(4900ms), Lt(7s)));
+    EXPECT_EQ(failure, "org.freedesktop.DBus.Error.Timeout: Connection timed out");
+    service->Release();
+    service->Answer("GetNames", {Strings{"new"}});
+    EXPECT_THAT(GetNames(), ElementsAre("new"));
+}
+
+TEST(ProviderCallConnection, ABusThatAcceptsAndNeverAnswersFailsTheCallAfterFiveSeconds) {
+    const test::PrivateBus daemon(State::Absent);
+    const test::SilentSocket silent(daemon.GetSocketPath());
+    std::string failure;
+    EXPECT_THAT(TimeOf([&] { failure = FailureOf(GetNames); }), AllOf(Ge(4900ms), Lt(7s)));
+    EXPECT_EQ(failure, "Cannot open the message bus: Connection timed out");
+}
+
+TEST_F(ProviderCallTest, OpeningTheConnectionAndTheCallTakeFiveSecondsTogether) {
+    service->Hold();
+    daemon.Freeze();
+    std::future<std::chrono::milliseconds> time =
+        std::async(std::launch::async, [] { return TimeOf([] { FailureOf(GetNames); }); });
+    EXPECT_EQ(time.wait_for(3s), std::future_status::timeout);
+    daemon.Thaw();
+    EXPECT_THAT(time.get(), AllOf(Ge(4900ms), Lt(7s)));
+    EXPECT_THAT(service->Calls(), SizeIs(1));
+}
+
+/** Counts the four signals, with plain handlers, for the length of a scope. */
+class SignalCounts {
+public:
+    SignalCounts() {
+        for (size_t number = 0; number < signals.size(); ++number) {
+            counts[number] = 0;
+            struct sigaction action {};
+            action.sa_handler = Count;
+            sigaction(signals[number], &action, &before[number]);
+        }
+    }
+    ~SignalCounts() {
+        for (size_t number = 0; number < signals.size(); ++number) {
+            sigaction(signals[number], &before[number], nullptr);
+        }
+    }
+    SignalCounts(const SignalCounts&) = delete;
+    SignalCounts& operator=(const SignalCounts&) = delete;
+
+    static constexpr std::array<int, 4> signals = {SIGALRM, SIGHUP, SIGINT, SIGTERM};
+    static std::array<std::atomic<int>, 4> counts;
+
+private:
+    static void Count(int signal) {
+        for (size_t number = 0; number < signals.size(); ++number) {
+            counts[number] += signals[number] == signal ? 1 : 0;
+        }
+    }
+
+    std::array<struct sigaction, 4> before{};
+};
+
+std::array<std::atomic<int>, 4> SignalCounts::counts;
+
+TEST_F(ProviderCallTest, FourSignalsWaitForTheEndOfTheCallWhichLosesNothingByThem) {
+    const SignalCounts counts;
+    service->Hold();
+    std::promise<pid_t> started;
+    std::future<pid_t> id = started.get_future();
+    Strings names;
+    uint64_t maskAfter = ~uint64_t{0};
+    std::thread caller([&] {
+        started.set_value(gettid());
+        names = GetNames();
+        maskAfter = test::BlockedSignals(gettid());
+    });
+    const pid_t callerId = id.get();
+    const uint64_t maskBefore = test::BlockedSignals(gettid());
+    ASSERT_TRUE(service->WaitForCalls(1));
+    EXPECT_EQ(test::BlockedSignals(callerId), maskBefore | fourSignals);
+    for (const int signal : SignalCounts::signals) {
+        pthread_kill(caller.native_handle(), signal);
+    }
+    for (const std::atomic<int>& count : SignalCounts::counts) {
+        EXPECT_EQ(count, 0);
+    }
+    service->Release();
+    caller.join();
+    EXPECT_THAT(names, ElementsAre("Remote", "Local"));
+    EXPECT_EQ(maskAfter, maskBefore);
+    for (const std::atomic<int>& count : SignalCounts::counts) {
+        EXPECT_EQ(count, 1);
+    }
+}
+
+TEST_F(ProviderCallTest, TheMaskIsRestoredHoweverTheCallEnds) {
+    sigset_t own;
+    sigset_t saved;
+    sigemptyset(&own);
+    sigaddset(&own, SIGHUP);
+    sigaddset(&own, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &own, &saved);
+    const uint64_t before = test::BlockedSignals(gettid());
+    EXPECT_EQ(before & Bit(SIGHUP), Bit(SIGHUP));
+    GetNames();
+    EXPECT_EQ(test::BlockedSignals(gettid()), before) << "after a reply";
+    service->Fail("GetNames", "com.kelto.Error.Busy", "");
+    FailureOf(GetNames);
+    EXPECT_EQ(test::BlockedSignals(gettid()), before) << "after an error";
+    service->Answer("GetNames", {1});
+    FailureOf(GetNames);
+    EXPECT_EQ(test::BlockedSignals(gettid()), before) << "after a reply that cannot be read";
+    service.reset();
+    FailureOf(GetNames);
+    EXPECT_EQ(test::BlockedSignals(gettid()), before) << "without a service";
+    daemon.Kill();
+    FailureOf(GetNames);
+    EXPECT_EQ(test::BlockedSignals(gettid()), before) << "without a bus";
+    { const auto unsent = FailureOf([] { ProviderCall("Test", "GetNames"); }); }
+    EXPECT_EQ(test::BlockedSignals(gettid()), before) << "without a connection to make the call by";
+    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+}
+
+TEST_F(ProviderCallTest, ManyThreadsCallWhileTheBusGoesAndComes) {
+    std::atomic<bool> calling = true;
+    std::atomic<int> answered = 0;
+    std::vector<std::jthread> threads;
+    for (int number = 0; number < 4; ++number) {
+        threads.emplace_back([&] {
+            while (calling) {
+                answered += FailureOf(GetNames) == "no failure" ? 1 : 0;
+            }
+        });
+    }
+    for (int round = 0; round < 5; ++round) {
+        const int before = answered;
+        EXPECT_TRUE(test::WaitUntil([&] { return answered > before + 20; }));
+        RestartBus();
+    }
+    const int before = answered;
+    EXPECT_TRUE(test::WaitUntil([&] { return answered > before + 20; }));
+    calling = false;
+}
+
+}  // namespace
+
+}  // namespace kelto::msgbus
