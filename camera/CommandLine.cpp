@@ -28,10 +28,11 @@ and one more, com.kelto.VirtualCamera, to drive and watch them.
 On a bus of your own, in one terminal:
 
   $ export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$HOME/kelto-bus
-  $ dbus-daemon --session --nopidfile --address=$DBUS_SYSTEM_BUS_ADDRESS &
+  $ A="--session --address=$DBUS_SYSTEM_BUS_ADDRESS"
+  $ BUS=$(dbus-daemon $A --fork --nopidfile --print-pid)
   $ kelto-vcam
 
-and in another, where what happens can be seen in the first:
+(to end it: Control-C, then "kill $BUS") and in another, where what happens can be seen in the first:
 
   $ export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$HOME/kelto-bus
   $ C="com.kelto.VirtualCamera /com/kelto/VirtualCamera com.kelto.VirtualCamera"

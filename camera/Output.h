@@ -2,10 +2,7 @@
 
 namespace kelto::vcam {
 
-/**
- * Prints one line to standard output, with the local time before it, at once. What would break the line or reach
- * behind the terminal's back, from a name that came over the bus for instance, is printed as '?'.
- */
+/** Prints one line to standard output, with the local time before it, at once. */
 void Say(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 /** Prints one line to standard error, with the program's name before it. */

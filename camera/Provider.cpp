@@ -5,7 +5,6 @@
 #include "camera/MethodError.h"
 #include "camera/Output.h"
 
-#include <iterator>
 #include <map>
 
 namespace kelto::vcam {
@@ -20,7 +19,7 @@ constexpr uint64_t hangDelay = 30'000'000;
 
 Provider::Provider(Bus& systemBus, EventLoop& eventLoop, ActionLog& actionLog, const std::string& providerName,
                    const sd_bus_vtable* methods)
-    : Service(systemBus, providerName, methods), loop(eventLoop), actions(actionLog) {}
+    : Service(systemBus, providerName, methods), loop(eventLoop), actions(actionLog), timer(loop) {}
 
 void Provider::SetFault(const std::string& kind) {
     static const std::map<std::string, Fault> faults = {
@@ -53,12 +52,23 @@ void Provider::Take(sd_bus_message* call, Method method) {
 }
 
 void Provider::AnswerLater(sd_bus_message* call, Method method, uint64_t delay) {
-    delayed.emplace_back(call, loop);
-    const auto position = std::prev(delayed.end());
-    position->timer.StartAt(EventLoop::Now() + delay, [this, position, method] {
-        Answer(position->call.get(), method);
-        delayed.erase(position);
-    });
+    delayed.emplace(EventLoop::Now() + delay, Delayed{BusMessagePtr(sd_bus_message_ref(call)), method});
+    AwaitFirst();
+}
+
+void Provider::AwaitFirst() {
+    if (!delayed.empty()) {
+        timer.StartAt(delayed.begin()->first, [this] { AnswerDue(); });
+    }
+}
+
+void Provider::AnswerDue() {
+    const uint64_t now = EventLoop::Now();
+    while (!delayed.empty() && delayed.begin()->first <= now) {
+        const auto due = delayed.extract(delayed.begin());
+        Answer(due.mapped().call.get(), due.mapped().method);
+    }
+    AwaitFirst();
 }
 
 }  // namespace kelto::vcam

@@ -3,7 +3,8 @@
 #include "camera/Service.h"
 #include "camera/Timer.h"
 
-#include <list>
+#include <cstdint>
+#include <map>
 #include <string>
 
 namespace kelto::vcam {
@@ -33,17 +34,19 @@ private:
 
     /** A call that waits for its answer. */
     struct Delayed {
-        Delayed(sd_bus_message* waiting, EventLoop& eventLoop) : call(sd_bus_message_ref(waiting)), timer(eventLoop) {}
-
-        const BusMessagePtr call;
-        Timer timer;
+        BusMessagePtr call;
+        Method method;
     };
 
     void AnswerLater(sd_bus_message* call, Method method, uint64_t delay);
+    void AwaitFirst();
+    void AnswerDue();
 
     ActionLog& actions;
     Fault fault = Fault::None;
-    std::list<Delayed> delayed;
+    /** By the time when they are due. One timer for all of them: calls that wait equally long keep their order. */
+    std::multimap<uint64_t, Delayed> delayed;
+    Timer timer;
 };
 
 }  // namespace kelto::vcam

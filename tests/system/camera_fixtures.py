@@ -1,0 +1,31 @@
+"""Fixtures of the tests that need a bus and a virtual camera on it; a test file names this as its plugin."""
+
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+from bus import PrivateBus, VirtualCamera
+from bus_client import BusClient
+
+
+@pytest.fixture
+def bus(tmp_path: Path) -> Iterator[PrivateBus]:
+    with PrivateBus(tmp_path) as private_bus:
+        yield private_bus
+
+
+@pytest.fixture
+def camera(bus: PrivateBus, tmp_path: Path) -> Iterator[VirtualCamera]:
+    """One that must end in good order, unless the test has ended it."""
+    with VirtualCamera(bus, tmp_path / "camera") as virtual_camera:
+        yield virtual_camera
+        if virtual_camera.process.poll() is None:
+            assert virtual_camera.stop() == 0
+            assert virtual_camera.complaints.items == []
+
+
+@pytest.fixture
+def listener(camera: VirtualCamera) -> BusClient:
+    """The camera's client, which hears of every signal too."""
+    camera.client.listen("type='signal'")
+    return camera.client
