@@ -65,33 +65,38 @@ void DeliveryQueue::Stop() {
 }
 
 void DeliveryQueue::Run() {
-    size_t dropped = 0;
-    while (const std::shared_ptr<const MsgBusMsg> message = Take(dropped)) {
-        if (dropped > 0) {
-            Log().Warning("%zu messages were dropped, too many came at a time", dropped);
+    while (const std::optional<Next> next = Take()) {
+        if (next->dropped > 0) {
+            Log().Warning("%zu messages were dropped, too many came at a time", next->dropped);
         }
-        Deliver(*message);
+        if (next->message != nullptr) {
+            Deliver(*next->message);
+        }
     }
     const std::lock_guard lock(mutex);
     ended = true;
 }
 
-/** The next message, null at the end. Marks a delivery as in flight until the next call. */
-std::shared_ptr<const MsgBusMsg> DeliveryQueue::Take(size_t& dropped) {
+/** Waits for the next thing to do; nothing at the end. Marks a delivery as in flight until the next call. */
+std::optional<DeliveryQueue::Next> DeliveryQueue::Take() {
     std::unique_lock lock(mutex);
     deliverer = std::this_thread::get_id();
     delivering = false;
     changed.notify_all();
-    changed.wait(lock, [this] { return closed || !messages.empty(); });
+    // A single message that is too large is dropped without one left to deliver.
+    changed.wait(lock, [this] { return closed || !messages.empty() || droppedCount > 0; });
     if (closed) {
-        return nullptr;
+        return std::nullopt;
     }
-    std::shared_ptr<const MsgBusMsg> message = std::move(messages.front());
-    messages.pop_front();
-    bytes -= message->size;
-    dropped = messages.empty() ? std::exchange(droppedCount, 0) : 0;
+    Next next;
+    if (!messages.empty()) {
+        next.message = std::move(messages.front());
+        messages.pop_front();
+        bytes -= next.message->size;
+    }
+    next.dropped = messages.empty() ? std::exchange(droppedCount, 0) : 0;
     delivering = true;
-    return message;
+    return next;
 }
 
 void DeliveryQueue::Deliver(const MsgBusMsg& message) const {

@@ -9,6 +9,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 namespace kelto::msgbus {
@@ -50,7 +51,13 @@ public:
     void Stop() override;
 
 private:
-    std::shared_ptr<const MsgBusMsg> Take(size_t& dropped);
+    /** What there is to do next: a message to hand over, a loss to report, or both. */
+    struct Next {
+        std::shared_ptr<const MsgBusMsg> message;
+        size_t dropped = 0;
+    };
+
+    std::optional<Next> Take();
     void Deliver(const MsgBusMsg& message) const;
 
     IMessageHandler* const handler;
