@@ -17,23 +17,28 @@ int CheckBusResult(int result, const char* what) {
     return result;
 }
 
-BusConnection::BusConnection(Clock::time_point deadline) {
+BusConnection::BusConnection(Clock::time_point deadline, const Wait& wait) {
     sd_bus* opened = nullptr;
     CheckBusResult(sd_bus_open_system(&opened), "Cannot open the message bus");
     bus.reset(opened);
-    WaitUntilReady(deadline);
+    WaitUntilReady(deadline, wait);
 }
 
-void BusConnection::WaitUntilReady(Clock::time_point deadline) {
+bool BusConnection::WaitForBus(sd_bus* bus, std::chrono::microseconds limit) {
+    const int result = sd_bus_wait(bus, static_cast<uint64_t>(limit.count()));
+    CheckBusResult(result == -EINTR ? 0 : result, "Cannot open the message bus");
+    return true;
+}
+
+void BusConnection::WaitUntilReady(Clock::time_point deadline, const Wait& wait) {
     while (sd_bus_is_ready(bus.get()) <= 0) {
         const int progress = CheckBusResult(sd_bus_process(bus.get(), nullptr), "Cannot open the message bus");
-        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now()).count();
-        if (left <= 0) {
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now());
+        if (left.count() <= 0) {
             throw osa::Exception("Cannot open the message bus: %s", std::strerror(ETIMEDOUT));
         }
-        if (progress == 0) {
-            const int result = sd_bus_wait(bus.get(), static_cast<uint64_t>(left));
-            CheckBusResult(result == -EINTR ? 0 : result, "Cannot open the message bus");
+        if (progress == 0 && !wait(bus.get(), left)) {
+            throw osa::Exception("Cannot open the message bus: %s", std::strerror(ECANCELED));
         }
     }
 }

@@ -3,6 +3,7 @@
 #include <systemd/sd-bus.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 
 namespace kelto::msgbus {
@@ -28,8 +29,15 @@ class BusConnection {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /** Opens it and waits until it can be used. Throws kelto::osa::Exception if that fails or takes longer. */
-    explicit BusConnection(Clock::time_point deadline);
+    /** Waits for the connection's input or output, for a time at most; false if one need not wait any more. */
+    using Wait = std::function<bool(sd_bus*, std::chrono::microseconds)>;
+
+    /**
+     * Opens it and waits until it can be used. Throws kelto::osa::Exception if that fails, takes longer or is given up.
+     *
+     * @param wait how to wait meanwhile, for who has to be woken for other reasons too
+     */
+    explicit BusConnection(Clock::time_point deadline, const Wait& wait = WaitForBus);
 
     sd_bus* Get() const { return bus.get(); }
 
@@ -38,7 +46,9 @@ public:
     bool Drain();
 
 private:
-    void WaitUntilReady(Clock::time_point deadline);
+    static bool WaitForBus(sd_bus* bus, std::chrono::microseconds limit);
+
+    void WaitUntilReady(Clock::time_point deadline, const Wait& wait);
 
     std::unique_ptr<sd_bus, BusUnref> bus;
 };

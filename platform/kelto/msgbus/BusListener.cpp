@@ -23,21 +23,23 @@ constexpr std::chrono::seconds connectLimit(5);
 constexpr std::chrono::seconds settleLimit(1);
 constexpr std::chrono::milliseconds shortestPause(100);
 constexpr std::chrono::milliseconds longestPause(5000);
+constexpr std::chrono::milliseconds longestWait(60000);
 
 core::Logger& Log() {
     return core::Logger::GetLogger("kelto.msgbus");
 }
 
-/** Milliseconds until libsystemd wants to be called again, -1 for never. */
-int PollTimeout(sd_bus* bus) {
+/** The time until libsystemd wants to be called again, a minute at most. */
+std::chrono::milliseconds TimeUntilCall(sd_bus* bus) {
     uint64_t until = UINT64_MAX;
-    if (sd_bus_get_timeout(bus, &until) < 0 || until == UINT64_MAX) {
-        return -1;
+    if (sd_bus_get_timeout(bus, &until) < 0) {
+        return longestWait;
     }
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     const uint64_t nowUs = static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
-    return until <= nowUs ? 0 : static_cast<int>(std::min<uint64_t>((until - nowUs) / 1000 + 1, 60000));
+    const uint64_t leftMs = until <= nowUs ? 0 : (until - nowUs) / 1000 + 1;
+    return std::min(std::chrono::milliseconds(std::min<uint64_t>(leftMs, INT32_MAX)), longestWait);
 }
 
 }  // namespace
@@ -95,13 +97,7 @@ void BusListener::WaitUntilSettled(uint64_t change) {
 }
 
 void BusListener::Run() {
-    while (true) {
-        {
-            const std::lock_guard lock(mutex);
-            if (stopping) {
-                break;
-            }
-        }
+    while (!IsStopping()) {
         if (connection != nullptr || Connect()) {
             Listen();
         } else {
@@ -113,10 +109,17 @@ void BusListener::Run() {
 }
 
 bool BusListener::Connect() {
+    // A bus that accepts and never answers must not hold up a stop.
+    const auto wait = [this](sd_bus* bus, std::chrono::microseconds limit) {
+        WaitForInput(bus, std::chrono::ceil<std::chrono::milliseconds>(limit));
+        return !IsStopping();
+    };
     try {
-        connection = std::make_unique<BusConnection>(BusConnection::Clock::now() + connectLimit);
+        connection = std::make_unique<BusConnection>(BusConnection::Clock::now() + connectLimit, wait);
     } catch (const osa::Exception& exception) {
-        Disconnect(exception.what());
+        if (!IsStopping()) {
+            Disconnect(exception.what());
+        }
         return false;
     }
     Log().Information("Connected to the message bus");
@@ -147,7 +150,7 @@ void BusListener::Listen() {
         while (CheckBusResult(sd_bus_process(connection->Get(), nullptr), "The message bus is gone") > 0) {
         }
         ReportSettled();
-        WaitForInput();
+        WaitForInput(connection->Get(), longestWait);
     } catch (const osa::Exception& exception) {
         Disconnect(exception.what());
     }
@@ -190,15 +193,22 @@ void BusListener::ReportSettled() {
     }
 }
 
-void BusListener::WaitForInput() {
-    const int events = CheckBusResult(sd_bus_get_events(connection->Get()), "The message bus is gone");
+/** Waits for the bus, for a change that somebody asked for, or for a stop. */
+void BusListener::WaitForInput(sd_bus* bus, std::chrono::milliseconds limit) {
+    const int events = CheckBusResult(sd_bus_get_events(bus), "The message bus is gone");
     std::array<pollfd, 2> descriptors = {{
-        {sd_bus_get_fd(connection->Get()), static_cast<short>(events), 0},
+        {sd_bus_get_fd(bus), static_cast<short>(events), 0},
         {wakeFd.Get(), POLLIN, 0},
     }};
-    poll(descriptors.data(), descriptors.size(), PollTimeout(connection->Get()));
+    const auto time = static_cast<int>(std::min(limit, TimeUntilCall(bus)).count());
+    poll(descriptors.data(), descriptors.size(), time);
     uint64_t count = 0;
     static_cast<void>(!read(wakeFd.Get(), &count, sizeof(count)));
+}
+
+bool BusListener::IsStopping() {
+    const std::lock_guard lock(mutex);
+    return stopping;
 }
 
 /** Between two attempts to connect; a stop ends it early. */

@@ -68,7 +68,8 @@ private:
     void UpdateMatches();
     void AddMatch(const MessageFilter& filter);
     void ReportSettled();
-    void WaitForInput();
+    void WaitForInput(sd_bus* bus, std::chrono::milliseconds limit);
+    bool IsStopping();
     void Pause();
     void Disconnect(const char* reason);
     void Receive(Match& match, sd_bus_message* message);
