@@ -105,6 +105,7 @@ TEST(MsgBusLoss, KilledAndStartedAgainTwentyTimesSignalsFlowWithinTenSecondsEach
     ASSERT_TRUE(FlowsAgain(heard));
     const size_t threads = test::CountThreads();
     const size_t descriptors = test::OpenDescriptors().size();
+    log.Clear();
     for (size_t round = 1; round <= 20; ++round) {
         daemon.Kill();
         ASSERT_TRUE(test::WaitUntil([&] { return log.Text().find(lost) != std::string::npos; }));
