@@ -1,16 +1,31 @@
-"""The play that scripts/demo shows, in a /run of its own: demo.py DAEMON SETTINGS"""
+"""The play that scripts/demo shows, in a /run of its own: demo.py DAEMON CAMERA SETTINGS"""
 
+import contextlib
+import re
+import shlex
 import signal
 import subprocess
 import sys
 import time
 from pathlib import Path
 
+from camera_process import SERVICE, CameraProcess, Order
 from daemon_process import DaemonProcess, Event, NotSeen, OutputPipe
+from private_bus import PrivateBus
 
 INTERVAL = 2.0  # seconds, as in the settings
+DWELL = 2.0
+CLOCK_TOLERANCE = 0.1
 PATIENCE = 5.0
 INPUT_PIPE = "/var/run/halvek.pipe"
+
+ALARM = ("SetAlarm", "sib", "Local", "2")
+ALERT = ("RaiseAlert", "sssssa(dd)a(dd)ss", "gate", "Person", "LineCrossing", "Front%20gate", "")
+ALERT_SHAPES = ("2", "0.1", "0.9", "0.8", "0.9", "0", "", "")
+PULSE_RELAY = [
+    Order("RelayV3.SetConfiguration", "Local, 0, false, 3, 200, 100, 3"),
+    Order("RelayV3.Activate", "Local, 0, 3"),
+]
 
 
 def say(text: str = "") -> None:
@@ -32,33 +47,81 @@ def show(pipe: OutputPipe, event: Event) -> None:
         say(f"      {line}")
 
 
+def go_to(preset: int, level: int) -> Order:
+    return Order("PresetsV2.GoTo", f"{preset}, 1, {level}")
+
+
 class Play:
-    def __init__(self, daemon: DaemonProcess) -> None:
+    def __init__(self, daemon: DaemonProcess, camera: CameraProcess) -> None:
         self.daemon = daemon
+        self.camera = camera
         self.timer_pipe = OutputPipe("Timer.fifo")
         self.any_pipe = OutputPipe("all.halvek.any")
-        self.posted: list[str] = []
+        self.camera_lines = 0  # shown so far
+        self.copies: dict[str, int] = {}  # of each event type, when all is over
 
     def run(self) -> None:
         self.start()
+        self.alarm()
+        self.doorbell()
+        self.alert()
+        self.park()
         self.tick()
-        self.post("Doorbell", {"button": "front"}, event_id="Doorbell")
         self.post("MotionDetection", {"region": "2"}, event_id="2")
         self.reload()
-        self.post("DoorClosed", {"door": "garage"}, event_id="DoorClosed")
+        self.release_alarm()
         self.stop()
         self.check_whole()
 
     def start(self) -> None:
-        heading("The daemon starts")
+        heading("A camera without hardware, and the daemon")
+        say("   On a message bus of its own, kelto-vcam offers what a camera would: alarm inputs, relays, a moving head.")
+        self.watch_camera("ready")
         self.daemon.wait_until_ready(PATIENCE)
-        say("   It has read its settings, and its sources are listening: READY=1 to the service manager.")
+        say("   The daemon has read its settings, and its sources are listening: READY=1 to the service manager.")
+
+    def alarm(self) -> None:
+        heading("An alarm input of the camera becomes active")
+        say("   The settings want a relay to pulse three times, and the head to turn to preset 3.")
+        self.drive_camera(*ALARM, "true")
+        self.watch_camera("head comes to rest at preset 3", "idle state 0", r"relay Local:0 off .* pulse 3 of")
+        say("   The head is told a level with each order: 400 for an alarm, 900 for any other event.")
+        self.expect_orders(*PULSE_RELAY, go_to(preset=3, level=400))
+        self.expect_event("Alarm", {"alarmBank": "Local", "alarmIndex": "2", "alarmState": "1"})
+
+    def doorbell(self) -> None:
+        self.camera.call("ClearActions", patience=PATIENCE)
+        self.post("Doorbell", {"button": "front"}, event_id="Doorbell")
+        say("   For this one the settings want preset 5.")
+        self.watch_camera("head comes to rest at preset 5", "idle state 0")
+        self.expect_orders(go_to(preset=5, level=900))
+
+    def alert(self) -> None:
+        heading("Video analytics raises an alert: a person at the front gate")
+        say("   The settings want a tour of three presets.")
+        self.drive_camera(*ALERT, *ALERT_SHAPES)
+        self.watch_camera("head comes to rest at preset 3", "idle state 0")
+        self.expect_orders(Order("Tour.Start", "1, 900"))
+        wanted = {"source": "gate", "ruleName": "Front gate", "rulePoints": "(0.1,0.9)|(0.8,0.9)"}
+        # Once from the source in the settings, and once from the one that is always there.
+        self.expect_event("AnalyticsAlert", wanted, copies=2)
+
+    def park(self) -> None:
+        heading(f"The head has come to rest: after {DWELL:.0f} s at one place, it is parked")
+        before = len(self.any_pipe.items)
+        at_rest = self.camera.lines.time_of(self.camera_lines - 1)
+        after = self.any_pipe.wait(lambda event: event.type == "Park", "[Park]", after=before, patience=PATIENCE)
+        gap = self.any_pipe.time_of(after - 1) - at_rest
+        require(gap > DWELL - CLOCK_TOLERANCE, f"the head was parked after {gap:.1f} s of rest")
+        show(self.any_pipe, self.any_pipe.items[after - 1])
+        say(f"   That was {gap:.1f} s after it came to rest.")
 
     def tick(self) -> None:
-        heading(f"A timer fires every {INTERVAL:.0f} s")
+        heading(f"Meanwhile, a timer fires every {INTERVAL:.0f} s")
         for pipe in (self.timer_pipe, self.any_pipe):
             self.wait_for_event(pipe, "Timer", count=2)
-        gap = self.any_pipe.time_of(1) - self.any_pipe.time_of(0)
+        self.check_timer_pipe()
+        gap = self.timer_pipe.time_of(1) - self.timer_pipe.time_of(0)
         require(INTERVAL / 2 < gap < INTERVAL * 2, f"{gap:.1f} s between two ticks")
         show(self.timer_pipe, self.timer_pipe.items[0])
         say(f"   The next came {gap:.1f} s later. {self.any_pipe.path.name}, which gets everything, has them too.")
@@ -70,19 +133,24 @@ class Play:
         say(f"   $ {command}")
         require(Path(INPUT_PIPE).is_fifo(), f"{INPUT_PIPE} is no pipe")
         subprocess.run(["sh", "-c", command], check=True, timeout=PATIENCE)
-        self.posted.append(event_type)
-        expected = properties | {"eventType": event_type, "eventId": event_id}
-        event = self.wait_for_event(self.any_pipe, event_type, properties=expected)
-        show(self.any_pipe, event)
+        self.expect_event(event_type, properties | {"eventType": event_type, "eventId": event_id})
 
     def reload(self) -> None:
         heading("SIGHUP: the settings are read afresh")
         log_before, timer_before = len(self.daemon.log.items), len(self.timer_pipe.items)
         self.daemon.send(signal.SIGHUP)
-        for step in (r"got: 'R' \(82\)", r"Configuring\.\.\.", "EventServerSource started"):
+        for step in (r"got: 'R' \(82\)", r"Configuring\.\.\.", "TimerEventSource started"):
             log_before = self.daemon.log.wait_for(step, after=log_before, patience=PATIENCE)
         self.wait_for_event(self.timer_pipe, "Timer", after=timer_before)
         say("   All sources were stopped and built anew, and the timer ticks again.")
+
+    def release_alarm(self) -> None:
+        heading("The alarm input becomes inactive, which is an event too")
+        self.drive_camera(*ALARM, "false")
+        self.watch_camera(r"relay Local:0 on .* pulse 1 of 3")
+        self.expect_event("Alarm", {"alarmIndex": "2", "alarmState": "0"})
+        self.expect_orders(*PULSE_RELAY)
+        say("   The relay pulses again. The head, which is at preset 3 already, is not told anything.")
 
     def stop(self) -> None:
         heading("SIGTERM: an orderly stop")
@@ -93,18 +161,48 @@ class Play:
 
     def check_whole(self) -> None:
         """What only the whole run can show: nothing twice, nothing in the wrong pipe, one reload."""
-        strangers = {event.type for event in self.timer_pipe.items} - {"Timer"}
-        require(not strangers, f"{self.timer_pipe.path.name} received {strangers}, which it has not asked for")
-        for event_type in self.posted:
+        self.check_timer_pipe()
+        for event_type, expected in self.copies.items():
             copies = len(self.any_pipe.of_type(event_type))
-            require(copies == 1, f"{event_type} was posted once and passed on {copies} times")
+            require(copies == expected, f"{event_type} was passed on {copies} times instead of {expected}")
         for text, times in ((r"got: 'R' \(82\)", 1), (r"Configuring\.\.\.", 2)):
             seen = len(self.daemon.log.matching(text))
             require(seen == times, f"the log has {seen} times '{text}' instead of {times}: not just one reload")
 
+    def check_timer_pipe(self) -> None:
+        strangers = {event.type for event in self.timer_pipe.items} - {"Timer"}
+        require(not strangers, f"{self.timer_pipe.path.name} received {strangers}, which it has not asked for")
+
     def close(self) -> None:
         self.timer_pipe.close()
         self.any_pipe.close()
+
+    def drive_camera(self, method: str, *arguments: str) -> None:
+        """Shows and runs the command; only what the camera is told from here on counts."""
+        self.camera.call("ClearActions", patience=PATIENCE)
+        say(f"   $ busctl call {' '.join(SERVICE)} \\\n       {shlex.join([method, *arguments])}")
+        self.camera.call(method, *arguments, patience=PATIENCE)
+
+    def watch_camera(self, *patterns: str) -> None:
+        """Shows what the camera says, as it says it, until each of the patterns was in it."""
+        missing = list(patterns)
+        while missing:
+            what = f"'{missing[0]}'"
+            self.camera_lines = self.camera.lines.wait(bool, what, after=self.camera_lines, patience=PATIENCE)
+            line = self.camera.lines.items[self.camera_lines - 1]
+            say(f"   kelto-vcam: {line}")
+            missing = [pattern for pattern in missing if not re.search(pattern, line)]
+
+    def expect_orders(self, *expected: Order) -> None:
+        orders = self.camera.orders(PATIENCE)
+        require(
+            orders == list(expected),
+            f"the camera was told {', '.join(map(str, orders))} instead of {', '.join(map(str, expected))}",
+        )
+
+    def expect_event(self, event_type: str, properties: dict[str, str], copies: int = 1) -> None:
+        self.copies[event_type] = self.copies.get(event_type, 0) + copies
+        show(self.any_pipe, self.wait_for_event(self.any_pipe, event_type, properties=properties, count=copies))
 
     @staticmethod
     def wait_for_event(pipe: OutputPipe, event_type: str, **options) -> Event:
@@ -113,30 +211,43 @@ class Play:
 
 SUMMARY = f"""
 == What you just saw
-   halvek ties events to actions. Its sources here: a timer, and the pipe {INPUT_PIPE}, on which any
-   process may post a few lines of text. Its action here: it passes each event on, as text with the time in it,
-   to the named pipes in /var/run/halvek: to those that have the event's type in their name, and to those
-   that have "halvek.any". SIGHUP rebuilt everything from the settings, SIGTERM stopped it.
-   The settings are in examples/demo.ini."""
+   halvek ties events to actions. Its sources here: an alarm input of the camera, alerts of its video analytics,
+   its head at rest, a timer, and the pipe {INPUT_PIPE}, on which any process may post a few lines of text.
+   Its actions here: it pulses a relay, turns the head to a preset, starts a tour, and passes every event on, as
+   text with the time in it, to the named pipes in /var/run/halvek: to those that have the event's type in their
+   name, and to those that have "halvek.any". SIGHUP rebuilt everything from the settings, SIGTERM stopped it.
+   The settings are in examples/demo.ini. The camera was build/release/bin/kelto-vcam: try it yourself, --help
+   tells how."""
 
 
-def main(program: str, settings: str) -> int:
-    for number in (signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, lambda number, _: sys.exit(128 + number))
+def perform(program: str, camera_program: str, settings: str, cleanup: contextlib.ExitStack) -> None:
     folder = Path("/run/halvek-demo")
     folder.mkdir()
-    begin = time.monotonic()
-    daemon = DaemonProcess(program, Path(settings), folder, environment={"KELTO_LOG": "Information"})
-    play = Play(daemon)
+    bus = cleanup.enter_context(contextlib.closing(PrivateBus(folder)))
+    camera = cleanup.enter_context(contextlib.closing(CameraProcess(camera_program, bus, folder)))
+    # The daemon asks it at once which banks it has.
+    camera.wait_until_ready(PATIENCE)
+    environment = bus.environment | {"KELTO_LOG": "Information"}
+    daemon = cleanup.enter_context(
+        contextlib.closing(DaemonProcess(program, Path(settings), folder, environment=environment))
+    )
+    play = cleanup.enter_context(contextlib.closing(Play(daemon, camera)))
     try:
         play.run()
     except (NotSeen, subprocess.SubprocessError) as error:
+        raise NotSeen("\n  ".join([str(error), "The daemon's log ends:", *daemon.log.items[-10:]])) from error
+
+
+def main(program: str, camera_program: str, settings: str) -> int:
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda number, _: sys.exit(128 + number))
+    begin = time.monotonic()
+    try:
+        with contextlib.ExitStack() as cleanup:
+            perform(program, camera_program, settings, cleanup)
+    except NotSeen as error:
         print(f"\ndemo: what should have happened did not: {error}", file=sys.stderr)
-        print("demo: the daemon's log ends:", *daemon.log.items[-10:], sep="\n  ", file=sys.stderr)
         return 1
-    finally:
-        daemon.close()
-        play.close()
     say(SUMMARY)
     say(f"\nAll of this really happened, in {time.monotonic() - begin:.0f} s, and nothing of it is left behind.")
     return 0

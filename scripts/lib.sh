@@ -45,12 +45,12 @@ install_packages() {
     "${install[@]}" -qq </dev/null || fail "cannot install: ${missing[*]}"
 }
 
-# build_preset PRESET [TARGET]: configures build/PRESET and builds the target, or everything.
+# build_preset PRESET [TARGET]...: configures build/PRESET and builds the targets, or everything.
 build_preset() {
     local preset=$1
     (
         cd "$sourceFolder"
         cmake --preset "$preset" &&
-            cmake --build --preset "$preset" --parallel "$(nproc)" ${2:+--target "$2"}
+            cmake --build --preset "$preset" --parallel "$(nproc)" ${2:+--target "${@:2}"}
     ) </dev/null || fail "cannot build the preset $preset"
 }

@@ -9,12 +9,21 @@ import select
 import signal
 import socket
 import sys
+import threading
 import time
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+sys.path += [str(ROOT / "scripts"), str(ROOT / "tests/system")]
+
+from bus_client import SIGNAL, BusClient, Message  # noqa: E402
 
 FAULT = os.environ.get("FAULT", "")
 INPUT_PIPE = "/var/run/halvek.pipe"
 OUTPUT_FOLDER = "/var/run/halvek"
 INTERVAL = 0.5 if FAULT == "ticks too fast" else 2.0
+DWELL = 0.5 if FAULT == "parks too early" else 2.0
+FOREVER = 1e6  # seconds
 
 
 def log(text: str) -> None:
@@ -23,7 +32,7 @@ def log(text: str) -> None:
 
 def configure() -> None:
     log("Configuring...")
-    log("EventServerSource started")
+    log("TimerEventSource started")
 
 
 def notify_ready() -> None:
@@ -32,6 +41,9 @@ def notify_ready() -> None:
 
 
 def pass_on(event_type: str, properties: dict[str, str]) -> None:
+    if FAULT == f"drops {event_type}":
+        return
+    properties = properties | {"eventType": event_type}
     lines = [f"[{event_type}]", *(f"{key}={value}" for key, value in sorted(properties.items())), ".", ""]
     for name in sorted(os.listdir(OUTPUT_FOLDER)):
         meant = event_type in name or "halvek.any" in name
@@ -40,15 +52,89 @@ def pass_on(event_type: str, properties: dict[str, str]) -> None:
                 pipe.write("\n".join(lines))
 
 
-def receive(text: str) -> None:
+class Camera:
+    """The camera's services, for one thread."""
+
+    def __init__(self) -> None:
+        self.bus = BusClient(os.environ["DBUS_SYSTEM_BUS_ADDRESS"].removeprefix("unix:path="))
+
+    def call(self, provider: str, method: str, signature: str, *arguments: object) -> list:
+        if FAULT == f"never calls {provider}.{method}":
+            return []
+        return self.bus.call(
+            f"com.kelto.{provider}", f"/com/kelto/{provider}", f"com.kelto.{provider}", method, signature, *arguments
+        )
+
+    def pulse_relay(self) -> None:
+        bank = "Remote" if FAULT == "pulses a relay of another bank" else "Local"
+        pulses = 4 if FAULT == "pulses too often" else 3
+        self.call("RelayV3", "SetConfiguration", "sibiiii", bank, 0, False, 3, 200, 100, pulses)
+        self.call("RelayV3", "Activate", "sii", bank, 0, 3)
+
+    def turn(self, preset: str, level: int) -> None:
+        if not self.call("PresetsV2", "IsAt", "s", preset)[0] or FAULT == "turns where the head is already":
+            self.call("PresetsV2", "GoTo", "sdi", preset, 1.0, level)
+
+    def start_tour(self) -> None:
+        level = 400 if FAULT == "takes an alert for an alarm" else 900
+        self.call("Tour", "Start", "si", "1", level)
+
+
+class Listener:
+    """What comes from the camera, on a thread of its own."""
+
+    def __init__(self) -> None:
+        self.camera = Camera()
+        self.parking = threading.Timer(0, lambda: None)
+        self.camera.bus.listen("type='signal',sender='com.kelto.AlarmV3'")
+        self.camera.bus.listen("type='signal',interface='com.zentu.analytics'")
+        threading.Thread(target=self.run, daemon=True).start()
+
+    def run(self) -> None:
+        handlers = {
+            "StateChanged": self.on_alarm,
+            "AnalyticsAlert": self.on_alert,
+            "IdleChanged": self.on_idle_change,
+        }
+        position = 0
+        while True:
+            position = self.camera.bus.wait(
+                lambda item: item.kind == SIGNAL and item.member in handlers, "", after=position, patience=FOREVER
+            )
+            message: Message = self.camera.bus.items[position - 1]
+            handlers[message.member](*message.arguments)
+
+    def on_alarm(self, bank: str, index: int, active: bool) -> None:
+        if FAULT == "is deaf to the release of an alarm" and not active:
+            return
+        self.camera.pulse_relay()
+        self.camera.turn("3", 900 if FAULT == "takes an alarm for any event" else 400)
+        state = str(int(active))
+        pass_on("Alarm", {"alarmBank": bank, "alarmIndex": str(index), "alarmState": state})
+
+    def on_alert(self, *fields: object) -> None:
+        self.camera.start_tour()
+        points = "|".join(f"({x:g},{y:g})" for x, y in fields[5])
+        name = fields[3] if FAULT == "decodes no rule name" else fields[3].replace("%20", " ")
+        for _ in range(2):
+            pass_on("AnalyticsAlert", {"source": fields[0], "ruleName": name, "rulePoints": points})
+
+    def on_idle_change(self, state: int) -> None:
+        self.parking.cancel()
+        if state == 0:
+            self.parking = threading.Timer(DWELL, pass_on, ("Park", {}))
+            self.parking.daemon = True
+            self.parking.start()
+
+
+def receive(text: str, camera: Camera) -> None:
     for block in text.split(".\n")[:-1]:
         header, *lines = block.splitlines()
         event_type = header[1:-1]
         properties = dict(line.split("=", 1) for line in lines)
         properties["eventId"] = properties.get("region", event_type)
-        properties["eventType"] = event_type
-        if FAULT == "drops posted events":
-            continue
+        if event_type == "Doorbell":
+            camera.turn("5", 400 if FAULT == "takes a posted event for an alarm" else 900)
         for _ in range(2 if FAULT == "doubles events" else 1):
             pass_on(event_type, properties)
 
@@ -74,6 +160,9 @@ def main() -> None:
     os.mkfifo(INPUT_PIPE)
     posted = os.open(INPUT_PIPE, os.O_RDWR | os.O_NONBLOCK)
     configure()
+    camera = Camera()
+    if FAULT != "does nothing":
+        Listener()
     if FAULT != "is never ready":
         notify_ready()
     next_tick = time.monotonic()
@@ -81,12 +170,11 @@ def main() -> None:
         readable, _, _ = select.select([signals, posted], [], [], max(0.0, next_tick - time.monotonic()))
         if signals in readable:
             handle(os.read(signals, 1)[0])
-        if posted in readable:
-            receive(os.read(posted, 4096).decode())
+        if posted in readable and FAULT != "does nothing":
+            receive(os.read(posted, 4096).decode(), camera)
         if time.monotonic() >= next_tick:
             next_tick += INTERVAL
-            if FAULT != "drops timer events":
-                pass_on("Timer", {"eventType": "Timer"})
+            pass_on("Timer", {})
 
 
 main()

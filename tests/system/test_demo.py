@@ -14,19 +14,53 @@ from harness import PROGRAM, wait_until
 ROOT = Path(__file__).resolve().parents[2]
 STAND_IN = ROOT / "tests/fakes/demo_daemon.py"
 TIME_LIMIT = 20  # seconds
+AT_ONCE = 20
 PR_SET_CHILD_SUBREAPER = 36
 # Nobody in particular to the system: another user id, and no privilege at all.
 ORDINARY_USER = ["unshare", "--user", "--map-user=1000", "--map-group=1000"]
 USERS = pytest.mark.parametrize("user", [[], ORDINARY_USER], ids=["root", "ordinary user"])
 
+SHOWN = (
+    "pulse 3 of 3",
+    "head sets off to preset 3 (speed 1, level 400)",
+    "[Alarm]",
+    "[Doorbell]",
+    "head sets off to preset 5 (speed 1, level 900)",
+    "head sets off on tour 1 (level 900)",
+    "[AnalyticsAlert]",
+    "[Park]",
+    "[Timer]",
+    "SIGHUP",
+    "SIGTERM",
+    "What you just saw",
+    "All of this really happened",
+)
 # What the stand-in does wrong, and what the demo has to say about it.
 FAULTS = {
     "ends at once": "READY=1",
     "is never ready": "READY=1",
-    "drops posted events": "all.halvek.any: [Doorbell]",
-    "drops timer events": "Timer.fifo: [Timer]",
+    "does nothing": "head comes to rest at preset 3",
+    "drops Alarm": "all.halvek.any: [Alarm]",
+    "drops Doorbell": "all.halvek.any: [Doorbell]",
+    "drops AnalyticsAlert": "all.halvek.any: [AnalyticsAlert]",
+    "drops Park": "all.halvek.any: [Park]",
+    "drops Timer": "Timer.fifo: [Timer]",
+    "drops MotionDetection": "all.halvek.any: [MotionDetection]",
+    "never calls RelayV3.SetConfiguration": "pulse 3 of",
+    "never calls RelayV3.Activate": "pulse 3 of",
+    "never calls PresetsV2.GoTo": "head comes to rest at preset 3",
+    "never calls Tour.Start": "head comes to rest at preset 3",
+    "pulses a relay of another bank": "relay Local:0",
+    "pulses too often": "the camera was told RelayV3.SetConfiguration(Local, 0, false, 3, 200, 100, 4)",
+    "takes an alarm for any event": "PresetsV2.GoTo(3, 1, 900) instead of",
+    "takes a posted event for an alarm": "the camera was told PresetsV2.GoTo(5, 1, 400) instead of",
+    "takes an alert for an alarm": "the camera was told Tour.Start(1, 400) instead of",
+    "decodes no rule name": "all.halvek.any: [AnalyticsAlert]",
+    "turns where the head is already": "PresetsV2.GoTo(3, 1, 400) instead of",
+    "is deaf to the release of an alarm": "relay Local:0 on",
+    "parks too early": "the head was parked after",
     "ticks too fast": "s between two ticks",
-    "doubles events": "Doorbell was posted once and passed on 2 times",
+    "doubles events": "Doorbell was passed on 2 times instead of 1",
     "uses the wrong pipe": "Timer.fifo received",
     "ignores the reload": "got: 'R'",
     "reloads twice": "not just one reload",
@@ -77,7 +111,7 @@ def demo(daemon: Path | str, user: list[str], home: Path, **environment: str) ->
 def test_the_daemon_passes(tmp_path, user):
     result = demo(PROGRAM, user, tmp_path)
     assert result.returncode == 0, result.stderr
-    for shown in ("[Timer]", "[Doorbell]", "SIGHUP", "SIGTERM", "What you just saw", "All of this really happened"):
+    for shown in SHOWN:
         assert shown in result.stdout
     assert result.stderr == ""
     assert not list(tmp_path.iterdir())
@@ -92,10 +126,10 @@ def test_a_stand_in_without_a_fault_passes(tmp_path, user):
 
 @pytest.fixture(scope="module")
 def faulty_demos(tmp_path_factory):
-    """The results by fault and user. All run at once: they spend their time waiting for what never comes."""
+    """The results by fault and user. Many run at once: they spend their time waiting."""
     home = tmp_path_factory.mktemp("home")
     cases = [(fault, tuple(user)) for fault in FAULTS for user in ([], ORDINARY_USER)]
-    with ThreadPoolExecutor(len(cases)) as pool:
+    with ThreadPoolExecutor(AT_ONCE) as pool:
         results = pool.map(lambda case: demo(STAND_IN, list(case[1]), home, FAULT=case[0]), cases)
         return dict(zip(cases, results))
 
@@ -114,6 +148,12 @@ def test_what_is_no_daemon_fails(tmp_path, daemon):
     assert demo(daemon, [], tmp_path).returncode == 1
 
 
+@pytest.mark.parametrize("camera", ["/bin/true", "/nowhere/kelto-vcam"])
+def test_what_is_no_camera_fails(tmp_path, camera):
+    result = demo(PROGRAM, [], tmp_path, HALVEK_VCAM=camera)
+    assert result.returncode == 1 and "what should have happened did not" in result.stderr
+
+
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGKILL])
 def test_a_demo_that_is_interrupted_leaves_nothing_behind(tmp_path, number):
     with subprocess.Popen(
@@ -123,7 +163,7 @@ def test_a_demo_that_is_interrupted_leaves_nothing_behind(tmp_path, number):
         stderr=subprocess.DEVNULL,
     ) as process:
         output = Lines(os.dup(process.stdout.fileno()), "demo")
-        output.wait_for("A timer fires")
+        output.wait_for("relay Local:0 on")
         process.send_signal(number)
         assert process.wait(TIME_LIMIT) != 0
         output.close()
