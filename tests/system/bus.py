@@ -116,8 +116,11 @@ class PrivateBus:
         finally:
             output.close()
 
-    def stop(self, number: signal.Signals = signal.SIGTERM) -> None:
+    def send(self, number: signal.Signals) -> None:
         self._process.send_signal(number)
+
+    def stop(self, number: signal.Signals = signal.SIGTERM) -> None:
+        self.send(number)
         self._process.wait(PATIENCE)
         self._process = None
 

@@ -1,11 +1,13 @@
 """Fixtures of the tests that need a bus and a virtual camera on it; a test file names this as its plugin."""
 
-from collections.abc import Iterator
+import functools
+from collections.abc import Callable, Iterator
 from pathlib import Path
 
 import pytest
 from bus import PrivateBus, VirtualCamera
 from bus_client import BusClient
+from harness import Daemon
 
 
 @pytest.fixture
@@ -29,3 +31,9 @@ def listener(camera: VirtualCamera) -> BusClient:
     """The camera's client, which hears of every signal too."""
     camera.client.listen("type='signal'")
     return camera.client
+
+
+@pytest.fixture
+def launch_on_bus(bus: PrivateBus, launch: Callable[..., Daemon]) -> Callable[..., Daemon]:
+    """As launch; the daemon finds the bus."""
+    return functools.partial(launch, environment=bus.environment)
