@@ -160,6 +160,7 @@ TEST_F(NotificationPointTest, AnotherProcessCannotFakeAnAlarmOrAnIdleChange) {
     ASSERT_TRUE(idles.WaitForCount(1));
     EXPECT_THAT(listener.Heard(), ElementsAre("Local:3:0"));
     EXPECT_THAT(idles.Heard(), ElementsAre("5"));
+    Idles().Remove(&idles);
 }
 
 TEST_F(NotificationPointTest, ASignalAddressedToThisProcessIsNoChange) {
@@ -279,6 +280,7 @@ TEST_F(NotificationPointTest, RemoveTakesAllDelegatesOfAnObjectAndNoOther) {
     motion.Emit(IdleChanged(2));
     ASSERT_TRUE(other.WaitForCount(2));
     EXPECT_THAT(listener.Heard(), ElementsAre("1", "1"));
+    Idles().Remove(&other);
 }
 
 TEST_F(NotificationPointTest, RemoveWaitsForTheCallInFlightSoThatTheObjectMayGo) {

@@ -256,6 +256,7 @@ TEST_F(MsgBusTest, AHandlerMayHaveSeveralSubscriptionsWhichEndTogether) {
     speaker.Emit({Said("three"), Said("four", owner)});
     ASSERT_TRUE(other.WaitForCount(2));
     EXPECT_THAT(heard.Texts(), ::testing::UnorderedElementsAre("one", "two"));
+    bus.Unsubscribe(&other);
 }
 
 TEST_F(MsgBusTest, UnsubscribingAStrangerDoesNothing) {
@@ -476,6 +477,7 @@ TEST_F(MsgBusTest, OfAFloodOfTenThousandEachIsDeliveredOrCountedAsDropped) {
     bus.Subscribe(owner, &marker);
     speaker.Emit(Said("end", owner));
     ASSERT_TRUE(marker.WaitForCount(1));
+    bus.Unsubscribe(&marker);
     gate.set_value();
     EXPECT_TRUE(test::WaitUntil([&] { return count + heard.Count() + CountDropped(log) == 20000; }))
         << count << " + " << heard.Count() << " + " << CountDropped(log);

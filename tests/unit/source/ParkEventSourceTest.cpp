@@ -1,0 +1,467 @@
+#include "kelto/osa/Exception.h"
+#include "monitor/HalvekEnv.h"
+#include "monitor/MotionStateCommon.h"
+#include "source/ParkEventSource.h"
+#include "source/SourceFactory.h"
+#include "tests/fakes/FakeProviders.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/ProcessState.h"
+#include "tests/fakes/RecordingHandler.h"
+#include "tests/fakes/WaitUntil.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+namespace kelto::halvek::source {
+
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::Ge;
+using ::testing::IsEmpty;
+using ::testing::Key;
+using ::testing::Lt;
+using ::testing::Not;
+using ::testing::Pair;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+using ::testing::UnorderedElementsAre;
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* defaultMessage = "Debug ParkEventSource: \tCan't find Park::DwellTime.sec, using default!";
+constexpr const char* queryMessage = "Warning ParkEventSource: Failed when querying current idle state.";
+
+void TakeTime(std::chrono::milliseconds time) {
+    test::WaitUntil([] { return false; }, time);
+}
+
+class ParkEventSourceTest : public ::testing::Test {
+protected:
+    ParkEventSourceTest() { source->AddHandler(&handler); }
+
+    void Configure(const std::string& dwell) {
+        source->Configure({{"DwellTime.sec", dwell}});
+        log.Clear();
+    }
+
+    /** Tells an idle state; gives the time at which it was told. */
+    Clock::time_point Notify(int32_t state) {
+        const Clock::time_point now = Clock::now();
+        providers->idleChange.Notify(state);
+        return now;
+    }
+
+    /** When the handler was called. */
+    std::vector<Clock::time_point> Times() {
+        const std::lock_guard lock(mutex);
+        return times;
+    }
+
+    /** What was logged under the source's own name. */
+    std::vector<std::string> OwnLines() const {
+        std::vector<std::string> lines = log.Lines();
+        std::erase_if(lines, [](const std::string& line) { return line.find(" ParkEventSource: ") == std::string::npos; });
+        return lines;
+    }
+
+    test::LogCapture log;
+    test::FakeProviders providers;
+    std::mutex mutex;
+    std::vector<Clock::time_point> times;
+    test::RecordingHandler handler{[this](Event&) {
+        const std::lock_guard lock(mutex);
+        times.push_back(Clock::now());
+    }};
+    HalvekEnv env;
+    std::unique_ptr<ParkEventSource> source = std::make_unique<ParkEventSource>("Park", &env);
+};
+
+TEST_F(ParkEventSourceTest, NeedsAnEnvironment) {
+    EXPECT_THAT([] { ParkEventSource("Park", nullptr); },
+                ThrowsMessage<osa::Exception>(StrEq("Parameter pEnv was NULL")));
+}
+
+TEST_F(ParkEventSourceTest, IsMadeByTheFactoryUnderItsTypeName) {
+    const std::unique_ptr<EventSource> made = CreateEventSource("Park", &env);
+    EXPECT_NE(dynamic_cast<ParkEventSource*>(made.get()), nullptr);
+    EXPECT_EQ(made->ToString(), "EventSource{Park}");
+    EXPECT_TRUE(made->IsConfigured());
+}
+
+TEST_F(ParkEventSourceTest, TwoShareOneComponentAndOneClient) {
+    const ParkEventSource second("Park", &env);
+    EXPECT_EQ(providers.CountMade("MotionState"), 1);
+    EXPECT_EQ(providers.BusOf("MotionState"), env.GetMsgBus());
+    EXPECT_EQ(providers->idleChange.Count(), 2U);
+    EXPECT_NE(env.GetComponent("MotionStateCommonComponent"), nullptr);
+}
+
+TEST_F(ParkEventSourceTest, AClientThatCannotBeMadeFailsTheSource) {
+    HalvekEnv other;
+    providers->onCreate = [](const std::string&) { throw osa::Exception("no client"); };
+    EXPECT_THAT([&] { ParkEventSource("Park", &other); }, ThrowsMessage<osa::Exception>(StrEq("no client")));
+}
+
+TEST_F(ParkEventSourceTest, ReadsItsDwellTimeAndAsksForTheIdleState) {
+    log.Clear();
+    source->Configure({{"DwellTime.sec", "7"}});
+    EXPECT_THAT(log.Lines(),
+                ElementsAre("Debug halvek: \t** Contents of Ini group we're configuring",
+                            "Debug halvek: \t** Key\t\tValue", "Debug halvek: \t** DwellTime.sec\t\t7",
+                            "Information ParkEventSource: \tPark DwellTime: 7",
+                            "Debug ParkEventSource: ParkEventSource::HandleIdleStateChange 1"));
+    EXPECT_THAT(providers.Calls(), ElementsAre("MotionState.GetIdleState()"));
+}
+
+TEST_F(ParkEventSourceTest, WithoutADwellTimeTheDefaultOfTenSecondsCounts) {
+    log.Clear();
+    source->Configure({});
+    EXPECT_THAT(log.Lines(), ElementsAre("Debug halvek: \t** Contents of Ini group we're configuring",
+                                         "Debug halvek: \t** Key\t\tValue", defaultMessage,
+                                         "Information ParkEventSource: \tPark DwellTime: 10",
+                                         "Debug ParkEventSource: ParkEventSource::HandleIdleStateChange 1"));
+}
+
+TEST_F(ParkEventSourceTest, ADwellTimeThatIsNoIntegerBecomesTheDefault) {
+    for (const char* text : {"", "abc", "5s", " 5", "+5", "1.5", "2147483648"}) {
+        Configure("3");
+        source->Configure({{"DwellTime.sec", text}});
+        EXPECT_TRUE(log.Has(defaultMessage)) << text;
+        EXPECT_TRUE(log.Has("Information ParkEventSource: \tPark DwellTime: 10")) << text;
+    }
+}
+
+TEST_F(ParkEventSourceTest, AQueryThatFailsInWhateverWayIsAWarningAndLeavesItDisarmed) {
+    const std::vector<std::function<void()>> failures = {[] { throw osa::Exception("no answer"); },
+                                                         [] { throw std::runtime_error("no memory"); },
+                                                         [] { throw 42; }};
+    providers->idleState = 0;
+    for (const auto& failure : failures) {
+        providers->onCall = [&](const std::string&) { failure(); };
+        log.Clear();
+        EXPECT_NO_THROW(source->Configure({{"DwellTime.sec", "0"}}));
+        EXPECT_THAT(OwnLines(), ElementsAre("Information ParkEventSource: \tPark DwellTime: 0", queryMessage));
+    }
+    source->StartListening();
+    TakeTime(1500ms);
+    EXPECT_EQ(handler.Count(), 0U);
+    Notify(0);
+    EXPECT_TRUE(handler.WaitForCount(1)) << "a report arms it";
+}
+
+TEST_F(ParkEventSourceTest, ACameraAtRestStartsItsDwellAtTheConfiguration) {
+    providers->idleState = 0;
+    Configure("1");
+    source->StartListening();
+    EXPECT_TRUE(handler.WaitForCount(1));
+}
+
+TEST_F(ParkEventSourceTest, IsSubscribedFromItsConstructionUntilItsDestruction) {
+    EXPECT_EQ(providers->idleChange.Count(), 1U);
+    source->StartListening();
+    source->StopListening();
+    EXPECT_EQ(providers->idleChange.Count(), 1U);
+    source->StartListening();
+    EXPECT_EQ(providers->idleChange.CountAdded(), 1U);
+    source.reset();
+    EXPECT_EQ(providers->idleChange.Count(), 0U);
+    EXPECT_EQ(providers.CountDestroyed("MotionState"), 0);
+}
+
+TEST_F(ParkEventSourceTest, EveryReportedStateIsLogged) {
+    log.Clear();
+    Notify(0);
+    Notify(1);
+    Notify(-5);
+    EXPECT_THAT(log.Lines(), ElementsAre("Debug ParkEventSource: ParkEventSource::HandleIdleStateChange 0",
+                                         "Debug ParkEventSource: ParkEventSource::HandleIdleStateChange 1",
+                                         "Debug ParkEventSource: ParkEventSource::HandleIdleStateChange -5"));
+}
+
+TEST_F(ParkEventSourceTest, FiresAParkEventWithItsTypeName) {
+    Configure("0");
+    Notify(0);
+    source->StartListening();
+    ASSERT_TRUE(handler.WaitForCount(1));
+    const test::ReceivedEvent event = handler.Events().front();
+    EXPECT_EQ(event.kind, "{Event: ParkEvent}");
+    EXPECT_EQ(event.priority, 0);
+    EXPECT_THAT(event.properties,
+                UnorderedElementsAre(Pair("eventType", "Park"), Key("Timestamp"), Key("FormattedTime")));
+    EXPECT_TRUE(log.WaitFor("Debug ParkEventSource: fired"));
+    EXPECT_THAT(OwnLines(), ::testing::UnorderedElementsAre(
+                                "Debug ParkEventSource: ParkEventSource::HandleIdleStateChange 0",
+                                "Debug ParkEventSource: ParkEventSource::Run",
+                                "Information ParkEventSource: ParkEventSource started", "Debug ParkEventSource: fired"));
+}
+
+TEST_F(ParkEventSourceTest, ADwellOfTenFiresExactlyOnceTenToElevenSecondsLater) {
+    Configure("10");
+    source->StartListening();
+    const Clock::time_point told = Notify(0);
+    ASSERT_TRUE(handler.WaitForCount(1));
+    EXPECT_THAT(Times().front() - told, AllOf(Ge(10s - 10ms), Lt(11s + 500ms)));
+    TakeTime(12s);
+    EXPECT_EQ(handler.Count(), 1U) << "fired again without a new report";
+    Notify(0);
+    EXPECT_TRUE(handler.WaitForCount(2));
+}
+
+TEST_F(ParkEventSourceTest, AMovementAfterFiveSecondsEndsTheDwellWithoutAnEvent) {
+    Configure("10");
+    source->StartListening();
+    Notify(0);
+    TakeTime(5s);
+    Notify(1);
+    TakeTime(8s);
+    EXPECT_EQ(handler.Count(), 0U);
+}
+
+TEST_F(ParkEventSourceTest, AnotherReportOfRestAfterEightSecondsCountsAnew) {
+    Configure("10");
+    source->StartListening();
+    Notify(0);
+    TakeTime(8s);
+    const Clock::time_point told = Notify(0);
+    ASSERT_TRUE(handler.WaitForCount(1));
+    EXPECT_THAT(Times().front() - told, AllOf(Ge(10s - 10ms), Lt(11s + 500ms)));
+}
+
+TEST_F(ParkEventSourceTest, TheDwellCountsFromTheReportHoweverLongTheHeadMovedBefore) {
+    Configure("2");
+    source->StartListening();
+    TakeTime(4s);
+    EXPECT_EQ(handler.Count(), 0U);
+    const Clock::time_point told = Notify(0);
+    ASSERT_TRUE(handler.WaitForCount(1));
+    EXPECT_THAT(Times().front() - told, AllOf(Ge(2s - 10ms), Lt(3s + 500ms)));
+}
+
+TEST_F(ParkEventSourceTest, ADwellOfZeroFiresWithinASecondOfTheReport) {
+    Configure("0");
+    source->StartListening();
+    for (size_t round = 1; round <= 3; ++round) {
+        const Clock::time_point told = Notify(0);
+        ASSERT_TRUE(handler.WaitForCount(round));
+        EXPECT_LT(Times().back() - told, 1s + 500ms);
+    }
+}
+
+TEST_F(ParkEventSourceTest, ANegativeDwellNeverFires) {
+    source->Configure({{"DwellTime.sec", "-1"}});
+    EXPECT_TRUE(log.Has("Information ParkEventSource: \tPark DwellTime: -1"));
+    EXPECT_FALSE(log.Has(defaultMessage));
+    Notify(0);
+    source->StartListening();
+    TakeTime(3s);
+    EXPECT_EQ(handler.Count(), 0U);
+}
+
+TEST_F(ParkEventSourceTest, OneArmingFiresOnce) {
+    Configure("0");
+    source->StartListening();
+    Notify(0);
+    ASSERT_TRUE(handler.WaitForCount(1));
+    TakeTime(2500ms);
+    EXPECT_EQ(handler.Count(), 1U);
+}
+
+TEST_F(ParkEventSourceTest, StoppingCutsTheSleepShort) {
+    Configure("10");
+    source->StartListening();
+    ASSERT_TRUE(log.WaitFor("Information ParkEventSource: ParkEventSource started"));
+    // Into the sleep: what follows the test of the counter.
+    TakeTime(100ms);
+    log.Clear();
+    const Clock::time_point begin = Clock::now();
+    source->StopListening();
+    EXPECT_LT(Clock::now() - begin, 500ms);
+    EXPECT_THAT(OwnLines(), ElementsAre("Debug ParkEventSource: ParkEventSource::Stop()",
+                                        "Debug ParkEventSource: interrupted by signal 14", "Debug ParkEventSource: DONE",
+                                        "Information ParkEventSource: ParkEventSource stopped"));
+    EXPECT_EQ(source->GetCurrentThread(), nullptr);
+}
+
+TEST_F(ParkEventSourceTest, AStopBeforeItRunsHasNoEffect) {
+    Configure("0");
+    source->Stop();
+    EXPECT_THAT(log.Lines(), ElementsAre("Debug ParkEventSource: ParkEventSource::Stop()"));
+    source->StartListening();
+    Notify(0);
+    EXPECT_TRUE(handler.WaitForCount(1));
+}
+
+TEST_F(ParkEventSourceTest, StoppingWhatWasNeverStartedOnlySaysSo) {
+    log.Clear();
+    source->StopListening();
+    source->StopListening();
+    EXPECT_THAT(log.Lines(), ElementsAre("Debug ParkEventSource: ParkEventSource::Stop()",
+                                         "Information ParkEventSource: ParkEventSource stopped",
+                                         "Debug ParkEventSource: ParkEventSource::Stop()",
+                                         "Information ParkEventSource: ParkEventSource stopped"));
+}
+
+TEST_F(ParkEventSourceTest, AStopRightAfterTheStartIsNeverTooEarly) {
+    Configure("10");
+    for (int round = 0; round < 100; ++round) {
+        source->StartListening();
+        const Clock::time_point begin = Clock::now();
+        source->StopListening();
+        ASSERT_LT(Clock::now() - begin, 900ms) << "round " << round;
+    }
+}
+
+TEST_F(ParkEventSourceTest, MayBeStartedAgainAfterAStop) {
+    Configure("0");
+    source->StartListening();
+    source->StopListening();
+    source->StartListening();
+    Notify(0);
+    EXPECT_TRUE(handler.WaitForCount(1));
+}
+
+TEST_F(ParkEventSourceTest, StaysArmedOverAStop) {
+    Configure("1");
+    source->StartListening();
+    source->StopListening();
+    Notify(0);
+    EXPECT_EQ(handler.Count(), 0U);
+    source->StartListening();
+    EXPECT_TRUE(handler.WaitForCount(1));
+}
+
+TEST_F(ParkEventSourceTest, ItsThreadBearsItsName) {
+    EXPECT_FALSE(test::HasThread("ParkEventSource"));
+    source->StartListening();
+    EXPECT_TRUE(test::HasThread("ParkEventSource"));
+    source->StopListening();
+    EXPECT_FALSE(test::HasThread("ParkEventSource"));
+}
+
+TEST_F(ParkEventSourceTest, HandlersRunOnItsThreadAndNotOnTheProviders) {
+    std::thread::id ran;
+    test::RecordingHandler noting([&](Event&) { ran = std::this_thread::get_id(); });
+    source->AddHandler(&noting);
+    Configure("0");
+    source->StartListening();
+    std::thread::id told;
+    std::thread([&] {
+        told = std::this_thread::get_id();
+        Notify(0);
+    }).join();
+    ASSERT_TRUE(noting.WaitForCount(1));
+    source->StopListening();
+    EXPECT_NE(ran, told);
+    EXPECT_NE(ran, std::this_thread::get_id());
+}
+
+TEST_F(ParkEventSourceTest, AnExceptionOfAHandlerEndsTheSourceForGood) {
+    test::RecordingHandler throwing([](Event&) { throw osa::Exception("100%% broken %s", "handler"); });
+    source->AddHandler(&throwing);
+    Configure("0");
+    source->StartListening();
+    Notify(0);
+    ASSERT_TRUE(log.WaitFor("Debug ParkEventSource: DONE"));
+    EXPECT_TRUE(log.Has("Error ParkEventSource: 100% broken handler"));
+    EXPECT_FALSE(log.Has("Debug ParkEventSource: fired"));
+    Notify(0);
+    TakeTime(1500ms);
+    EXPECT_EQ(handler.Count(), 1U);
+    source->StopListening();
+}
+
+TEST_F(ParkEventSourceTest, AHandlerThatIsNotConfiguredEndsTheSourceForGood) {
+    handler.SetConfigured(false);
+    Configure("0");
+    source->StartListening();
+    Notify(0);
+    ASSERT_TRUE(log.WaitFor("Debug ParkEventSource: DONE"));
+    EXPECT_TRUE(log.Has("Error ParkEventSource: EventHandler: not configured"));
+    handler.SetConfigured(true);
+    Notify(0);
+    TakeTime(1500ms);
+    EXPECT_EQ(handler.Count(), 0U);
+}
+
+TEST_F(ParkEventSourceTest, AnExceptionThatIsNotThePlatformsEndsTheThreadButNotTheProcess) {
+    test::RecordingHandler throwing([](Event&) { throw std::runtime_error("not the platform's"); });
+    source->AddHandler(&throwing);
+    Configure("0");
+    source->StartListening();
+    Notify(0);
+    EXPECT_TRUE(log.WaitFor(
+        "Error kelto.osa: Thread ParkEventSource ended by an exception: not the platform's"));
+    Notify(0);
+    TakeTime(1500ms);
+    EXPECT_EQ(handler.Count(), 1U);
+    const Clock::time_point begin = Clock::now();
+    source->StopListening();
+    EXPECT_LT(Clock::now() - begin, 500ms);
+}
+
+TEST_F(ParkEventSourceTest, StoppingWaitsForAnActionInProgress) {
+    std::promise<void> gate;
+    std::atomic<bool> inside = false;
+    test::RecordingHandler slow([&, opened = gate.get_future().share()](Event&) {
+        inside = true;
+        opened.wait();
+        inside = false;
+    });
+    source->AddHandler(&slow);
+    Configure("0");
+    source->StartListening();
+    Notify(0);
+    ASSERT_TRUE(slow.WaitForCount(1));
+    std::future<bool> stopped = std::async(std::launch::async, [&] {
+        source->StopListening();
+        return inside.load();
+    });
+    EXPECT_EQ(stopped.wait_for(100ms), std::future_status::timeout);
+    gate.set_value();
+    EXPECT_FALSE(stopped.get());
+}
+
+TEST_F(ParkEventSourceTest, DestroyingItStopsIt) {
+    Configure("10");
+    source->StartListening();
+    log.Clear();
+    source.reset();
+    EXPECT_TRUE(log.Has("Information ParkEventSource: ParkEventSource stopped"));
+    EXPECT_FALSE(test::HasThread("ParkEventSource"));
+}
+
+TEST_F(ParkEventSourceTest, ReportsMayComeFromManyThreadsWhileItTicksAndIsConfigured) {
+    Configure("0");
+    source->StartListening();
+    std::atomic<bool> going = true;
+    std::vector<std::jthread> threads;
+    for (int32_t state = 0; state < 3; ++state) {
+        threads.emplace_back([this, state, &going] {
+            while (going) {
+                Notify(state);
+            }
+        });
+    }
+    for (int round = 0; round < 200; ++round) {
+        source->Configure({{"DwellTime.sec", "0"}});
+    }
+    going = false;
+    threads.clear();
+    Notify(0);
+    EXPECT_TRUE(handler.WaitForCount(1));
+}
+
+}  // namespace
+
+}  // namespace kelto::halvek::source
