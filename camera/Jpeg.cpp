@@ -17,10 +17,6 @@ namespace {
 
 constexpr int quality = 85;
 
-struct Free {
-    void operator()(unsigned char* buffer) const { std::free(buffer); }
-};
-
 /** Takes all rows of an image; the object is ready to be started. */
 void CompressRows(jpeg_compress_struct& compressor, const Image& image) {
     compressor.image_width = static_cast<JDIMENSION>(image.GetWidth());
@@ -51,7 +47,7 @@ std::vector<uint8_t> EncodeJpeg(const Image& image) {
     jpeg_mem_dest(&compressor, &buffer, &size);
     CompressRows(compressor, image);
     jpeg_destroy_compress(&compressor);
-    const std::unique_ptr<unsigned char, Free> owner(buffer);
+    const std::unique_ptr<unsigned char, void (*)(void*)> owner(buffer, std::free);
     return {buffer, buffer + size};
 }
 

@@ -199,14 +199,19 @@ class VirtualCamera:
     def begin_call(self, provider: str, method: str, signature: str = "", *arguments: Any) -> int:
         return self.client.begin_call(*service(provider), method, signature, *arguments)
 
-    def configure_relay(
-        self, bank: str, index: int, *, polarity=False, mode=3, on=500, off=500, count=1
-    ) -> None:
+    def configure_relay(self, bank: str, index: int, *, polarity=False, mode=3, on=500, off=500, count=1) -> None:
         arguments = (bank, index, polarity, mode, on, off, count)
         assert self.call("RelayV3", "SetConfiguration", "sibiiii", *arguments) == [True]
 
     def activate(self, bank: str, index: int, mode: int) -> None:
         assert self.call("RelayV3", "Activate", "sii", bank, index, mode) == [True]
+
+    def let_pass(self, milliseconds: int) -> None:
+        """Waits by the camera's own clock, a pulse of the relay Remote:3: so long anything else may have happened."""
+        after = len(self.lines.items)
+        self.configure_relay(REMOTE, 3, on=milliseconds)
+        self.activate(REMOTE, 3, 3)
+        self.lines.wait_for("relay Remote:3 off", after=after)
 
     def go_to(self, preset: str, speed: float = 1.0, level: int = 900) -> None:
         assert self.call("PresetsV2", "GoTo", "sdi", preset, speed, level) == []

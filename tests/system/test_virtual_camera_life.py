@@ -77,7 +77,7 @@ def test_a_picture_that_cannot_be_written_is_told_once_and_comes_back(bus, tmp_p
             before = len(camera.complaints.items)
             shutil.move(folder, tmp_path / "away")
             camera.complaints.wait_for("kelto-vcam: Cannot write .*: No such file or directory$", after=before)
-            camera.set_alarm(LOCAL, 0, True)
+            camera.let_pass(1500)  # and the next one cannot be written either
             shutil.move(tmp_path / "away", folder)
             (folder / "now.jpg").unlink(missing_ok=True)
             wait_until((folder / "now.jpg").exists, "a picture again")
