@@ -1,8 +1,8 @@
 #include "kelto/core/Logger.h"
-#include "kelto/msgbus/MsgBus.h"
 #include "kelto/osa/Exception.h"
 #include "monitor/EventMonitor.h"
 #include "tests/fakes/Fifo.h"
+#include "tests/fakes/ProcessState.h"
 #include "tests/fakes/WaitUntil.h"
 #include "tests/unit/monitor/MonitorFixture.h"
 
@@ -47,6 +47,7 @@ TEST_F(EventMonitorTest, TheSeparatorHasSixtyThreeAsterisks) {
 }
 
 TEST_F(EventMonitorTest, LogsAWholeConfigurationInItsOrder) {
+    UseRealSourceType("MsgBus");
     const std::string pipe = folder.PathOf("pipe");
     monitor->Configure(MakeIni({{"Applications/halvek/Server", {{"Type", "Pipe"}}},
                                 {"Applications/halvek/Server/Pipe", {{"Path", pipe}}},
@@ -70,7 +71,7 @@ TEST_F(EventMonitorTest, LogsAWholeConfigurationInItsOrder) {
                     "Debug halvek: \t** Path\t\t" + pipe, "Information halvek: Configuring EventServer",
                     "Information halvek: Creating FIFO: " + pipe, "Information halvek: Configured EventServer",
                     "Information halvek: Done loading servers", separator, "Information halvek: Loading Sources",
-                    "Debug halvek: \tCreating EventSource: MsgBus", "Warning halvek: \tUnknown EventSource: MsgBus",
+                    "Debug halvek: \tCreating EventSource: MsgBus",
                     "Information halvek: \tFound source Events/Source#1",
                     "Information halvek: \tSource: Events/Source#1\tType: Motion",
                     "Debug halvek: \tCreating EventSource: Motion", "Warning halvek: \tUnknown EventSource: Motion",
@@ -82,11 +83,15 @@ TEST_F(EventMonitorTest, LogsAWholeConfigurationInItsOrder) {
                     "Debug halvek: The source type being added to the EventServer: Motion",
                     "Debug halvek: \t\tEventServerSource::AddHandler: Adding handler to event: Motion",
                     "Debug halvek: Source created: EventSource{server}", "Information halvek: Done loading handlers",
-                    separator, "Information halvek: Loading External Handler", "Debug halvek: Number of sources: 1",
-                    "Debug halvek: Added Always handler to source", "Information halvek: Done loading external handler",
-                    separator, "Debug halvek: Starting source: EventSource{server}",
-                    "Information halvek: Opening FIFO: " + pipe, "Information halvek: EventServerSource started",
-                    "Debug halvek: Done starting sources"));
+                    separator, "Information halvek: Loading External Handler", "Debug halvek: Number of sources: 2",
+                    "Debug halvek: Added Always handler to source", "Debug halvek: Added Always handler to source",
+                    "Information halvek: Done loading external handler", separator,
+                    "Warning kelto.msgbus: There is no message bus, looking for it: Cannot open the message bus: No "
+                    "such file or directory",
+                    "Debug halvek: Starting source: EventSource{MsgBus}",
+                    "Information MsgBusEventSource: MsgBusEventSource started",
+                    "Debug halvek: Starting source: EventSource{server}", "Information halvek: Opening FIFO: " + pipe,
+                    "Information halvek: EventServerSource started", "Debug halvek: Done starting sources"));
 }
 
 TEST_F(EventMonitorTest, AnEmptyConfigurationStillMakesTheMessageBusSourceWithTheAlwaysOnHandler) {
@@ -222,25 +227,26 @@ TEST_F(EventMonitorTest, ALoadThatThrowsOutLeavesConfigureAndTheLockFree) {
 }
 
 TEST_F(EventMonitorTest, TheMessageBusIsStartedAfterTheHandlersAndBeforeTheSources) {
-    static HalvekEnv* env = nullptr;
+    // A bus that has been started has a thread that listens, or looks for it.
+    const auto isStarted = [] { return test::HasThread("MsgBusListener"); };
+    static bool startedWhenHandlersAreMade = true;
     AddHandlerType(
-        "Env",
-        [](HalvekEnv* given) -> std::unique_ptr<EventHandler> {
-            env = given;
-            return std::make_unique<JournalHandler>("Env");
+        "Last",
+        [](HalvekEnv*) -> std::unique_ptr<EventHandler> {
+            startedWhenHandlersAreMade = test::HasThread("MsgBusListener");
+            return std::make_unique<JournalHandler>("Last");
         },
         1);
-    const auto isStarted = [] { return dynamic_cast<msgbus::MsgBus&>(*env->GetMsgBus()).IsStarted(); };
     bool startedWhenConfigured = true;
     bool startedWhenStarting = false;
     AddSourceType("A", [&](HalvekEnv* given) {
-        env = given;
         return ProbeCreator("A", {.configure = [&] { startedWhenConfigured = isStarted(); },
                                   .start = [&] { startedWhenStarting = isStarted(); },
                                   .stop = {}})(given);
     });
     monitor->Configure(TwoSources());
     EXPECT_FALSE(startedWhenConfigured);
+    EXPECT_FALSE(startedWhenHandlersAreMade);
     EXPECT_TRUE(startedWhenStarting);
 }
 

@@ -55,6 +55,7 @@ MonitorFixture::MonitorFixture() {
     for (const std::string name : {"A", "B", "C"}) {
         AddSourceType(name, ProbeCreator(name));
     }
+    AddSourceType("MsgBus", [](HalvekEnv*) { return nullptr; });
     monitor = std::make_unique<EventMonitor>(&registry);
 }
 
@@ -82,6 +83,12 @@ MonitorFixture::SourceCreator MonitorFixture::ProbeCreator(const std::string& na
 
 void MonitorFixture::AddSourceType(const std::string& type, const SourceCreator& creator) {
     creators[type] = creator;
+    hook.reset();
+    hook = std::make_unique<test::SourceFactoryHook>(creators);
+}
+
+void MonitorFixture::UseRealSourceType(const std::string& type) {
+    creators.erase(type);
     hook.reset();
     hook = std::make_unique<test::SourceFactoryHook>(creators);
 }

@@ -26,8 +26,9 @@ namespace kelto::halvek {
 /**
  * An event monitor with probes for sources and handlers; all that happens to them stands in one journal.
  *
- * The source types "A", "B" and "C" are probes of that name. The handler types "Probe", "Other" and the always-on
- * "Always" are recording handlers; what else a test needs it adds itself.
+ * The source types "A", "B" and "C" are probes of that name, and the message-bus source that every configuration makes
+ * is left out. The handler types "Probe", "Other" and the always-on "Always" are recording handlers; what else a test
+ * needs it adds itself.
  */
 class MonitorFixture : public ::testing::Test {
 protected:
@@ -44,6 +45,9 @@ protected:
 
     /** Makes a source type known. */
     void AddSourceType(const std::string& type, const SourceCreator& creator);
+
+    /** Leaves a source type to the real factory. */
+    void UseRealSourceType(const std::string& type);
 
     /** Makes a handler type known, at the front of the registry. */
     void AddHandlerType(const char* name, HandlerCreator creator, int32_t kind = 0);
