@@ -21,7 +21,8 @@ namespace {
 constexpr const char* addressVariable = "DBUS_SYSTEM_BUS_ADDRESS";
 
 /** The largest message is kept small, so that one that the bus refuses is quickly made. */
-constexpr const char* configuration = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+constexpr const char* configuration =
+    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
   <listen>unix:path=@SOCKET@</listen>

@@ -23,9 +23,9 @@ using MessagePtr = std::unique_ptr<sd_bus_message, Unref>;
 
 void Send(sd_bus* bus, const BusSignal& signal) {
     sd_bus_message* made = nullptr;
-    CheckBus(sd_bus_message_new_signal(bus, &made, signal.path.c_str(), signal.interface.c_str(),
-                                       signal.member.c_str()),
-             "make a signal");
+    CheckBus(
+        sd_bus_message_new_signal(bus, &made, signal.path.c_str(), signal.interface.c_str(), signal.member.c_str()),
+        "make a signal");
     const MessagePtr message(made);
     AppendArguments(made, signal.arguments);
     if (signal.append) {

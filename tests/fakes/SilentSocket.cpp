@@ -14,7 +14,8 @@ SilentSocket::SilentSocket(const std::string& socketPath)
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof(address.sun_path) - 1);
     // The system accepts on its own as many as may wait.
-    if (bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 || listen(fd.Get(), 64) != 0) {
+    if (bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        listen(fd.Get(), 64) != 0) {
         throw std::runtime_error("cannot listen at " + path);
     }
 }

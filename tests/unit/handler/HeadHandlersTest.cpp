@@ -87,12 +87,12 @@ TYPED_TEST(HeadHandler, IsMadeByTheRegistryUnderItsType) {
 TYPED_TEST(HeadHandler, ConfiguringRunsTheBaseFirstAndCallsItAPresetOnPurpose) {
     this->log.Clear();
     this->handler->Configure({{"Id", "front door"}, {"EnabledDays", "MTWRFSU"}});
-    EXPECT_THAT(this->log.Lines(),
-                ElementsAre("Debug halvek: \t** Contents of Ini group we're configuring",
-                            "Debug halvek: \t** Key\t\tValue", "Debug halvek: \t** EnabledDays\t\tMTWRFSU",
-                            "Debug halvek: \t** Id\t\tfront door",
-                            "Information halvek: \tFilterChain: Configured day filter",
-                            "Information halvek: Configured preset to: \"front door\""));
+    EXPECT_THAT(
+        this->log.Lines(),
+        ElementsAre("Debug halvek: \t** Contents of Ini group we're configuring", "Debug halvek: \t** Key\t\tValue",
+                    "Debug halvek: \t** EnabledDays\t\tMTWRFSU", "Debug halvek: \t** Id\t\tfront door",
+                    "Information halvek: \tFilterChain: Configured day filter",
+                    "Information halvek: Configured preset to: \"front door\""));
     EXPECT_TRUE(this->handler->IsConfigured());
     EXPECT_THAT(this->providers.Calls(), IsEmpty());
 }
@@ -195,14 +195,12 @@ TEST_F(PresetEventHandlerTest, AnErrorOfTheServiceIsLoggedWithTheHandlersName) {
 
 TEST_F(PresetEventHandlerTest, AnythingElseThrownIsLoggedAsUnknown) {
     handler->Configure({{"Id", "door"}});
-    const std::vector<std::function<void()>> failures = {[] { throw std::runtime_error("library"); },
-                                                         [] { throw 42; }};
+    const std::vector<std::function<void()>> failures = {[] { throw std::runtime_error("library"); }, [] { throw 42; }};
     for (const auto& failure : failures) {
         providers->onCall = [&](const std::string&) { failure(); };
         Act();
-        EXPECT_THAT(log.Lines(),
-                    ElementsAre("Debug halvek: PresetEventHandler::PerformAction",
-                                "Error halvek: PresetEventHandler: Error, unknown exception caught"));
+        EXPECT_THAT(log.Lines(), ElementsAre("Debug halvek: PresetEventHandler::PerformAction",
+                                             "Error halvek: PresetEventHandler: Error, unknown exception caught"));
     }
 }
 
@@ -238,8 +236,7 @@ TEST_F(TourEventHandlerTest, AnErrorOfTheServiceIsLoggedAsItIs) {
 
 TEST_F(TourEventHandlerTest, AnythingElseThrownIsLoggedAsUnknown) {
     handler->Configure({{"Id", "night"}});
-    const std::vector<std::function<void()>> failures = {[] { throw std::runtime_error("library"); },
-                                                         [] { throw 42; }};
+    const std::vector<std::function<void()>> failures = {[] { throw std::runtime_error("library"); }, [] { throw 42; }};
     for (const auto& failure : failures) {
         providers->onCall = [&](const std::string&) { failure(); };
         Act();

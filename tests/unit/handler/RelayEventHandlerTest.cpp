@@ -103,12 +103,11 @@ TEST_F(RelayEventHandlerTest, AFreshHandlerIsNotConfigured) {
 TEST_F(RelayEventHandlerTest, ConfiguringRunsTheBaseFirstAndEndsWithTheIndex) {
     log.Clear();
     handler->Configure({{"BankName", "A"}, {"Index", "7"}, {"EnabledDays", "MTWRFSU"}});
-    EXPECT_THAT(log.Lines(),
-                ElementsAre("Debug halvek: \t** Contents of Ini group we're configuring",
-                            "Debug halvek: \t** Key\t\tValue", "Debug halvek: \t** BankName\t\tA",
-                            "Debug halvek: \t** EnabledDays\t\tMTWRFSU", "Debug halvek: \t** Index\t\t7",
-                            "Information halvek: \tFilterChain: Configured day filter",
-                            "Information halvek: Configured relay at index: 7"));
+    EXPECT_THAT(log.Lines(), ElementsAre("Debug halvek: \t** Contents of Ini group we're configuring",
+                                         "Debug halvek: \t** Key\t\tValue", "Debug halvek: \t** BankName\t\tA",
+                                         "Debug halvek: \t** EnabledDays\t\tMTWRFSU", "Debug halvek: \t** Index\t\t7",
+                                         "Information halvek: \tFilterChain: Configured day filter",
+                                         "Information halvek: Configured relay at index: 7"));
 }
 
 TEST_F(RelayEventHandlerTest, WithSettingsOfItsOwnTheSameLineEndsTheConfiguration) {
@@ -195,12 +194,8 @@ TEST_F(RelayEventHandlerTest, AServiceThatDoesNotAnswerFailsTheConfiguration) {
 TEST_F(RelayEventHandlerTest, WithOnlyIndexAndBankEachActionReadsTheConfigurationAndActivatesInTheReportedMode) {
     Configure({{"Index", "2"}, {"BankName", "A"}});
     for (const int32_t mode : {0, 1, 2, 3, 7, -1}) {
-        providers->relay = {.result = true,
-                            .polarity = false,
-                            .mode = mode,
-                            .onIntervalMs = 1,
-                            .offIntervalMs = 2,
-                            .pulseCount = 3};
+        providers->relay = {
+            .result = true, .polarity = false, .mode = mode, .onIntervalMs = 1, .offIntervalMs = 2, .pulseCount = 3};
         EXPECT_THAT(Act(),
                     ElementsAre("RelayV3.GetConfiguration(A,2)", "RelayV3.Activate(A,2," + std::to_string(mode) + ")"));
     }
@@ -298,13 +293,17 @@ TEST_F(RelayEventHandlerTest, NumbersOutOfRangeAreCorrectedSilently) {
 
 TEST_F(RelayEventHandlerTest, AValueThatCannotBeReadIsAnErrorThatNamesKeyAndValue) {
     for (const char* key : {"Index", "Mode", "OnInterval.msec", "OffInterval.msec", "PulseCount"}) {
-        EXPECT_THAT([&] { handler->Configure({{"BankName", "A"}, {key, "five"}}); },
-                    ThrowsMessage<osa::Exception>(
-                        StrEq("The value of key " + std::string(key) + " is not an integer: five")));
+        EXPECT_THAT(
+            [&] {
+                handler->Configure({{"BankName", "A"}, {key, "five"}});
+            },
+            ThrowsMessage<osa::Exception>(StrEq("The value of key " + std::string(key) + " is not an integer: five")));
     }
-    EXPECT_THAT([&] { handler->Configure({{"BankName", "A"}, {"Polarity", "upside down"}}); },
-                ThrowsMessage<osa::Exception>(
-                    StrEq("The value of key Polarity is neither true nor false: upside down")));
+    EXPECT_THAT(
+        [&] {
+            handler->Configure({{"BankName", "A"}, {"Polarity", "upside down"}});
+        },
+        ThrowsMessage<osa::Exception>(StrEq("The value of key Polarity is neither true nor false: upside down")));
 }
 
 TEST_F(RelayEventHandlerTest, SettingsOfItsOwnStayWhenALaterGroupHasNone) {
@@ -338,8 +337,7 @@ TEST_F(RelayEventHandlerTest, AReadCallThatFailsActivatesNothing) {
 
 TEST_F(RelayEventHandlerTest, AnythingElseThrownIsLoggedAsUnknown) {
     Configure({{"BankName", "A"}, {"Mode", "1"}});
-    const std::vector<std::function<void()>> failures = {[] { throw std::runtime_error("library"); },
-                                                         [] { throw 42; }};
+    const std::vector<std::function<void()>> failures = {[] { throw std::runtime_error("library"); }, [] { throw 42; }};
     for (const auto& failure : failures) {
         providers->onCall = [&](const std::string&) { failure(); };
         log.Clear();
@@ -352,7 +350,8 @@ TEST_F(RelayEventHandlerTest, TheEventsContentsDoNotMatter) {
     Configure({{"BankName", "A"}, {"Mode", "1"}});
     Event empty(Event::Properties{}, 99);
     handler->HandleEvent(empty);
-    EXPECT_THAT(providers.Calls(), ElementsAre("RelayV3.SetConfiguration(A,0,0,1,500,500,1)", "RelayV3.Activate(A,0,1)"));
+    EXPECT_THAT(providers.Calls(),
+                ElementsAre("RelayV3.SetConfiguration(A,0,0,1,500,500,1)", "RelayV3.Activate(A,0,1)"));
     EXPECT_FALSE(empty.HasProperties());
 }
 

@@ -73,7 +73,9 @@ TEST_F(AlarmEventSourceTest, AllShareTheOneClientOfTheEnvironmentsComponent) {
 
 TEST_F(AlarmEventSourceTest, AClientThatCannotBeMadeFailsTheSource) {
     HalvekEnv other;
-    providers->onCreate = [](const std::string& provider) { throw osa::Exception("no client of %s", provider.c_str()); };
+    providers->onCreate = [](const std::string& provider) {
+        throw osa::Exception("no client of %s", provider.c_str());
+    };
     EXPECT_THAT([&] { AlarmEventSource("Alarm", &other); },
                 ThrowsMessage<osa::Exception>(StrEq("no client of AlarmV3")));
     EXPECT_EQ(other.GetComponent("AlarmCommonComponent"), nullptr);
@@ -107,9 +109,11 @@ TEST_F(AlarmEventSourceTest, WithoutAnIndexInputZeroIsWatched) {
 
 TEST_F(AlarmEventSourceTest, AnIndexThatCannotBeReadIsAnErrorThatNamesKeyAndValue) {
     for (const char* value : {"", "abc", "1x", " 1", "+1", "2147483648"}) {
-        EXPECT_THAT([&] { source->Configure({{"BankName", "A"}, {"Index", value}}); },
-                    ThrowsMessage<osa::Exception>(
-                        StrEq(std::string("The value of key Index is not an integer: ") + value)));
+        EXPECT_THAT(
+            [&] {
+                source->Configure({{"BankName", "A"}, {"Index", value}});
+            },
+            ThrowsMessage<osa::Exception>(StrEq(std::string("The value of key Index is not an integer: ") + value)));
     }
 }
 
@@ -292,8 +296,7 @@ TEST_F(AlarmEventSourceTest, WhatAHandlerThrowsGoesBackToTheProvider) {
 
 TEST_F(AlarmEventSourceTest, AHandlerThatIsNotConfiguredThrowsBeforeItsAction) {
     handler.SetConfigured(false);
-    EXPECT_THAT([this] { Notify("", 0, true); },
-                ThrowsMessage<osa::Exception>(StrEq("EventHandler: not configured")));
+    EXPECT_THAT([this] { Notify("", 0, true); }, ThrowsMessage<osa::Exception>(StrEq("EventHandler: not configured")));
     EXPECT_EQ(handler.Count(), 0U);
 }
 

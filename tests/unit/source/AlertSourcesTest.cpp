@@ -22,6 +22,8 @@ namespace kelto::halvek::source {
 namespace {
 
 using namespace std::chrono_literals;
+using test::AlertSignal;
+using test::ScriptedService;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Key;
@@ -29,8 +31,6 @@ using ::testing::Pair;
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
 using ::testing::UnorderedElementsAre;
-using test::AlertSignal;
-using test::ScriptedService;
 
 struct MsgBusKind {
     using Source = MsgBusEventSource;
@@ -106,8 +106,7 @@ TYPED_TEST(AlertSource, ConfiguringItDoesNothingAtAll) {
 TYPED_TEST(AlertSource, StartingItOnlySaysSo) {
     this->log.Clear();
     this->source->StartListening();
-    EXPECT_THAT(this->log.Lines(),
-                ElementsAre(this->Line("Information", std::string(TypeParam::logger) + " started")));
+    EXPECT_THAT(this->log.Lines(), ElementsAre(this->Line("Information", std::string(TypeParam::logger) + " started")));
 }
 
 TYPED_TEST(AlertSource, AnAlertFiresAnEventWithAllItsFields) {
@@ -121,13 +120,13 @@ TYPED_TEST(AlertSource, AnAlertFiresAnEventWithAllItsFields) {
     const test::ReceivedEvent event = this->handler.Events().front();
     EXPECT_EQ(event.kind, TypeParam::event);
     EXPECT_EQ(event.priority, 0);
-    EXPECT_THAT(event.properties,
-                UnorderedElementsAre(Pair("eventType", "AnalyticsAlert"), Pair("source", "camera1"),
-                                     Pair("class", "person"), Pair("analyticsType", "LineCross"),
-                                     Pair("ruleName", "Line 1"), Pair("ruleDescription", "over the/line+"),
-                                     Pair("rulePoints", "(0,0)|(1,0.5)"), Pair("boxPoints", ""),
-                                     Pair("mediaType", "jpeg"), Pair("mediaUrl", "http://camera/a%20b"),
-                                     Key("Timestamp"), Key("FormattedTime")));
+    EXPECT_THAT(
+        event.properties,
+        UnorderedElementsAre(Pair("eventType", "AnalyticsAlert"), Pair("source", "camera1"), Pair("class", "person"),
+                             Pair("analyticsType", "LineCross"), Pair("ruleName", "Line 1"),
+                             Pair("ruleDescription", "over the/line+"), Pair("rulePoints", "(0,0)|(1,0.5)"),
+                             Pair("boxPoints", ""), Pair("mediaType", "jpeg"), Pair("mediaUrl", "http://camera/a%20b"),
+                             Key("Timestamp"), Key("FormattedTime")));
     std::vector<std::string> expected = {this->Line("Information", "Received AnalyticsAlert")};
     if (TypeParam::announces) {
         expected.push_back(this->Line("Information", "send Analytics Event, for possible Handler"));
@@ -159,8 +158,9 @@ TYPED_TEST(AlertSource, AnAlertThatDoesNotDecodeFiresNothingAndTheNextOneDoes) {
     ASSERT_TRUE(this->handler.WaitForCount(1));
     EXPECT_EQ(this->handler.Events().front().properties.at("ruleName"), "well-formed");
     EXPECT_EQ(this->log.Count(this->Line("Information", "Received AnalyticsAlert")), 2U);
-    EXPECT_TRUE(this->log.Has("Error kelto.msgbus: Message com.zentu.analytics.AnalyticsAlert has arguments "
-                              "\"sssssa(dd)a(dd)s\" instead of \"sssssa(dd)a(dd)ss\""));
+    EXPECT_TRUE(
+        this->log.Has("Error kelto.msgbus: Message com.zentu.analytics.AnalyticsAlert has arguments "
+                      "\"sssssa(dd)a(dd)s\" instead of \"sssssa(dd)a(dd)ss\""));
 }
 
 TYPED_TEST(AlertSource, WhatAHandlerThrowsCostsTheOthersTheEventAndTheBusGoesOn) {

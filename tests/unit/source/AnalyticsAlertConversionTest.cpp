@@ -35,11 +35,11 @@ std::string RulePoints(const std::vector<Alert::Point>& points) {
 }
 
 TEST(AnalyticsAlertConversion, HasTenPropertiesEvenOfAnEmptyAlert) {
-    EXPECT_THAT(AlertToProperties(EmptyAlert()),
-                ElementsAre(Pair("analyticsType", ""), Pair("boxPoints", ""), Pair("class", ""),
-                            Pair("eventType", "AnalyticsAlert"), Pair("mediaType", ""), Pair("mediaUrl", ""),
-                            Pair("ruleDescription", ""), Pair("ruleName", ""), Pair("rulePoints", ""),
-                            Pair("source", "")));
+    EXPECT_THAT(
+        AlertToProperties(EmptyAlert()),
+        ElementsAre(Pair("analyticsType", ""), Pair("boxPoints", ""), Pair("class", ""),
+                    Pair("eventType", "AnalyticsAlert"), Pair("mediaType", ""), Pair("mediaUrl", ""),
+                    Pair("ruleDescription", ""), Pair("ruleName", ""), Pair("rulePoints", ""), Pair("source", "")));
 }
 
 TEST(AnalyticsAlertConversion, OnlyTheRulesNameAndDescriptionAreDecoded) {

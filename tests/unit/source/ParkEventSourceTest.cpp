@@ -71,7 +71,8 @@ protected:
     /** What was logged under the source's own name. */
     std::vector<std::string> OwnLines() const {
         std::vector<std::string> lines = log.Lines();
-        std::erase_if(lines, [](const std::string& line) { return line.find(" ParkEventSource: ") == std::string::npos; });
+        std::erase_if(lines,
+                      [](const std::string& line) { return line.find(" ParkEventSource: ") == std::string::npos; });
         return lines;
     }
 
@@ -116,11 +117,10 @@ TEST_F(ParkEventSourceTest, AClientThatCannotBeMadeFailsTheSource) {
 TEST_F(ParkEventSourceTest, ReadsItsDwellTimeAndAsksForTheIdleState) {
     log.Clear();
     source->Configure({{"DwellTime.sec", "7"}});
-    EXPECT_THAT(log.Lines(),
-                ElementsAre("Debug halvek: \t** Contents of Ini group we're configuring",
-                            "Debug halvek: \t** Key\t\tValue", "Debug halvek: \t** DwellTime.sec\t\t7",
-                            "Information ParkEventSource: \tPark DwellTime: 7",
-                            "Debug ParkEventSource: ParkEventSource::HandleIdleStateChange 1"));
+    EXPECT_THAT(log.Lines(), ElementsAre("Debug halvek: \t** Contents of Ini group we're configuring",
+                                         "Debug halvek: \t** Key\t\tValue", "Debug halvek: \t** DwellTime.sec\t\t7",
+                                         "Information ParkEventSource: \tPark DwellTime: 7",
+                                         "Debug ParkEventSource: ParkEventSource::HandleIdleStateChange 1"));
     EXPECT_THAT(providers.Calls(), ElementsAre("MotionState.GetIdleState()"));
 }
 
@@ -143,9 +143,8 @@ TEST_F(ParkEventSourceTest, ADwellTimeThatIsNoIntegerBecomesTheDefault) {
 }
 
 TEST_F(ParkEventSourceTest, AQueryThatFailsInWhateverWayIsAWarningAndLeavesItDisarmed) {
-    const std::vector<std::function<void()>> failures = {[] { throw osa::Exception("no answer"); },
-                                                         [] { throw std::runtime_error("no memory"); },
-                                                         [] { throw 42; }};
+    const std::vector<std::function<void()>> failures = {
+        [] { throw osa::Exception("no answer"); }, [] { throw std::runtime_error("no memory"); }, [] { throw 42; }};
     providers->idleState = 0;
     for (const auto& failure : failures) {
         providers->onCall = [&](const std::string&) { failure(); };
@@ -200,10 +199,11 @@ TEST_F(ParkEventSourceTest, FiresAParkEventWithItsTypeName) {
     EXPECT_THAT(event.properties,
                 UnorderedElementsAre(Pair("eventType", "Park"), Key("Timestamp"), Key("FormattedTime")));
     EXPECT_TRUE(log.WaitFor("Debug ParkEventSource: fired"));
-    EXPECT_THAT(OwnLines(), ::testing::UnorderedElementsAre(
-                                "Debug ParkEventSource: ParkEventSource::HandleIdleStateChange 0",
-                                "Debug ParkEventSource: ParkEventSource::Run",
-                                "Information ParkEventSource: ParkEventSource started", "Debug ParkEventSource: fired"));
+    EXPECT_THAT(OwnLines(),
+                ::testing::UnorderedElementsAre("Debug ParkEventSource: ParkEventSource::HandleIdleStateChange 0",
+                                                "Debug ParkEventSource: ParkEventSource::Run",
+                                                "Information ParkEventSource: ParkEventSource started",
+                                                "Debug ParkEventSource: fired"));
 }
 
 TEST_F(ParkEventSourceTest, ADwellOfTenFiresExactlyOnceTenToElevenSecondsLater) {
@@ -287,9 +287,10 @@ TEST_F(ParkEventSourceTest, StoppingCutsTheSleepShort) {
     const Clock::time_point begin = Clock::now();
     source->StopListening();
     EXPECT_LT(Clock::now() - begin, 500ms);
-    EXPECT_THAT(OwnLines(), ElementsAre("Debug ParkEventSource: ParkEventSource::Stop()",
-                                        "Debug ParkEventSource: interrupted by signal 14", "Debug ParkEventSource: DONE",
-                                        "Information ParkEventSource: ParkEventSource stopped"));
+    EXPECT_THAT(
+        OwnLines(),
+        ElementsAre("Debug ParkEventSource: ParkEventSource::Stop()", "Debug ParkEventSource: interrupted by signal 14",
+                    "Debug ParkEventSource: DONE", "Information ParkEventSource: ParkEventSource stopped"));
     EXPECT_EQ(source->GetCurrentThread(), nullptr);
 }
 
@@ -400,8 +401,7 @@ TEST_F(ParkEventSourceTest, AnExceptionThatIsNotThePlatformsEndsTheThreadButNotT
     Configure("0");
     source->StartListening();
     Notify(0);
-    EXPECT_TRUE(log.WaitFor(
-        "Error kelto.osa: Thread ParkEventSource ended by an exception: not the platform's"));
+    EXPECT_TRUE(log.WaitFor("Error kelto.osa: Thread ParkEventSource ended by an exception: not the platform's"));
     Notify(0);
     TakeTime(1500ms);
     EXPECT_EQ(handler.Count(), 1U);

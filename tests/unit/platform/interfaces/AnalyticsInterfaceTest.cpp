@@ -60,10 +60,10 @@ TEST(AnalyticsAlert, OtherArgumentsAreRefusedWithBothSignatures) {
     MsgBusMsg message = Alert();
     for (const char* signature : {"", "sssssa(dd)a(dd)s", "sssssa(dd)a(dd)sss", "sssssa(ii)a(dd)ss"}) {
         message.signature = signature;
-        EXPECT_THAT([&] { AnalyticsAlert{message}; },
-                    ThrowsMessage<osa::Exception>(StrEq("Message com.zentu.analytics.AnalyticsAlert has arguments \"" +
-                                                        std::string(signature) +
-                                                        "\" instead of \"sssssa(dd)a(dd)ss\"")));
+        EXPECT_THAT(
+            [&] { AnalyticsAlert{message}; },
+            ThrowsMessage<osa::Exception>(StrEq("Message com.zentu.analytics.AnalyticsAlert has arguments \"" +
+                                                std::string(signature) + "\" instead of \"sssssa(dd)a(dd)ss\"")));
     }
 }
 

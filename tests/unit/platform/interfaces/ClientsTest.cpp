@@ -21,13 +21,13 @@ namespace kelto::interfaces {
 
 namespace {
 
+using test::BusArguments;
+using test::ScriptedService;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
-using test::BusArguments;
-using test::ScriptedService;
 using Strings = std::vector<std::string>;
 
 /**
@@ -166,9 +166,8 @@ TEST_F(RelayV3Client, ReadsAConfigurationAsTheInterfaceFileSays) {
 TEST_F(RelayV3Client, WritesAConfigurationAsTheInterfaceFileSays) {
     for (const bool result : {true, false}) {
         bool answered = !result;
-        ExpectExchange("SetConfiguration", {std::string(""), INT32_MIN, result, 1, 2, 3, INT32_MAX}, {result}, [&] {
-            answered = client->SetConfiguration("", INT32_MIN, result, 1, 2, 3, INT32_MAX);
-        });
+        ExpectExchange("SetConfiguration", {std::string(""), INT32_MIN, result, 1, 2, 3, INT32_MAX}, {result},
+                       [&] { answered = client->SetConfiguration("", INT32_MIN, result, 1, 2, 3, INT32_MAX); });
         EXPECT_EQ(answered, result);
     }
 }
@@ -280,7 +279,8 @@ TEST(Clients, FailAtOnceWithoutTheirService) {
 }
 
 TEST(InterfaceFiles, NameTheObjectAndTheInterfaceByOneRule) {
-    for (const std::string provider : {"AlarmV3", "RelayV3", "PresetsV2", "Tour", "MotionState", "RecordingInformation"}) {
+    for (const std::string provider :
+         {"AlarmV3", "RelayV3", "PresetsV2", "Tour", "MotionState", "RecordingInformation"}) {
         const InterfaceFile file(provider);
         EXPECT_EQ(file.GetName(), "com.kelto." + provider);
         EXPECT_EQ(file.GetObjectPath(), "/com/kelto/" + provider);

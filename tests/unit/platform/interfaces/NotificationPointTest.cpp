@@ -24,10 +24,10 @@ namespace kelto::interfaces {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using test::ProviderSignal;
 using test::ScriptedService;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 using StateChange = IAlarmV3Provider::StateChangeEventArgs;
 
 /** Hears notifications as "<bank>:<index>:<active>" or as the number that they are, then does what a test wants. */
@@ -249,9 +249,8 @@ TEST_F(NotificationPointTest, WhatADelegateThrowsIsLoggedAndDeliveryGoesOn) {
     Idles().Add(throwing.IdleDelegate());
     motion.Emit({IdleChanged(1), IdleChanged(2), IdleChanged(3), IdleChanged(4)});
     ASSERT_TRUE(throwing.WaitForCount(4));
-    EXPECT_THAT(log.Lines(),
-                ElementsAre("Error kelto.msgbus: the platform's", "Error kelto.msgbus: the library's",
-                            "Error kelto.msgbus: A message handler threw an unknown exception"));
+    EXPECT_THAT(log.Lines(), ElementsAre("Error kelto.msgbus: the platform's", "Error kelto.msgbus: the library's",
+                                         "Error kelto.msgbus: A message handler threw an unknown exception"));
     Idles().Remove(&throwing);
 }
 
@@ -326,8 +325,7 @@ TEST_F(NotificationPointTest, RemoveFromInsideACallReturnsAtOnceAndTheObjectMayG
         std::promise<void> gone;
         std::unique_ptr<OneShot> oneShot;
         oneShot = std::make_unique<OneShot>(Idles(), oneShot, gone);
-        Idles().Add(
-            std::make_unique<core::VoidObjectMethodDelegate1<OneShot, int32_t>>(oneShot.get(), &OneShot::Hear));
+        Idles().Add(std::make_unique<core::VoidObjectMethodDelegate1<OneShot, int32_t>>(oneShot.get(), &OneShot::Hear));
         motion.Emit({IdleChanged(1), IdleChanged(2)});
         gone.get_future().get();
     }

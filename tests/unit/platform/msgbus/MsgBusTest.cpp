@@ -22,12 +22,12 @@ namespace kelto::msgbus {
 namespace {
 
 using namespace std::chrono_literals;
+using test::BusSignal;
+using test::ScriptedService;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::SizeIs;
-using test::BusSignal;
-using test::ScriptedService;
 
 const MessageFilter anybody{.name = "Said", .domain = "com.zentu.test", .sender = "", .path = ""};
 const MessageFilter owner{

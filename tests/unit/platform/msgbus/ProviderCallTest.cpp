@@ -368,7 +368,9 @@ TEST_F(ProviderCallTest, TheMaskIsRestoredHoweverTheCallEnds) {
     daemon.Kill();
     FailureOf(GetNames);
     EXPECT_EQ(test::BlockedSignals(gettid()), before) << "without a bus";
-    { const auto unsent = FailureOf([] { ProviderCall("Test", "GetNames"); }); }
+    {
+        const auto unsent = FailureOf([] { ProviderCall("Test", "GetNames"); });
+    }
     EXPECT_EQ(test::BlockedSignals(gettid()), before) << "without a connection to make the call by";
     pthread_sigmask(SIG_SETMASK, &saved, nullptr);
 }

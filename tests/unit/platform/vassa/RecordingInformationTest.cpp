@@ -11,10 +11,10 @@
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
 using kelto::interfaces::InterfaceFile;
 using kelto::test::PrivateBus;
 using kelto::test::ScriptedService;
+using ::testing::ElementsAre;
 
 using Summary = std::array<int32_t, 4>;
 
