@@ -1,6 +1,7 @@
 """What tests of the daemon on a bus have in common: settings, alerts, what the bus knows of it, and a steady beat."""
 
 import os
+import re
 import threading
 import time
 from collections.abc import Iterator
@@ -28,12 +29,34 @@ def alarm(number: int, index: int, **keys: object) -> Settings:
 
 def alert(text: str = "", rule_points=(), box_points=()) -> tuple:
     """The arguments of an alert; its text is in the source."""
-    return (text, "Human", "LineCrossing", "Gate", "", list(rule_points), list(box_points), "video", "rtsp://camera/1")
+    return (
+        text,
+        "Human",
+        "LineCrossing",
+        "Gate",
+        "",
+        list(rule_points),
+        list(box_points),
+        "video",
+        "rtsp://camera/1",
+    )
 
 
 def ids(*numbers: int) -> list[str]:
     """The ids of sources, as a handler names them."""
     return [f"Events/Source#{number}" for number in numbers]
+
+
+def dropped(daemon: Daemon) -> int:
+    """How many messages the daemon says it has dropped, over all sources."""
+    warnings = daemon.log.matching("Warning kelto.msgbus: ")
+    found = [re.search(r"(\d+) messages were dropped, too many came at a time$", line) for line in warnings]
+    return sum(int(match.group(1)) for match in found if match)
+
+
+def accounted_for(daemon: Daemon) -> int:
+    """How many alerts were delivered or counted as dropped, over both kinds of sources."""
+    return len(daemon.log.matching(r"EventSource: Received AnalyticsAlert$")) + dropped(daemon)
 
 
 def pid_of(client: BusClient, name: str) -> int:

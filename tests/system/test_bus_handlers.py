@@ -87,7 +87,9 @@ def test_a_relay_handler_without_settings_of_its_own_reads_before_each_action(la
     launch_on_bus(SERVER | source(1, "Door") | relay(1, *ids(1)))
     expected = []
     # The read call's result stands for the polarity, so "false" is no failure; nothing of it is written back.
-    for count, (result, polarity, mode) in enumerate([(True, False, 1), (False, True, 2), (False, False, 0)], start=1):
+    for count, (result, polarity, mode) in enumerate(
+        [(True, False, 1), (False, True, 2), (False, False, 0)], start=1
+    ):
         services.answers["RelayV3.GetConfiguration"] = ("bbiiii", result, polarity, mode, 7, 8, 9)
         post(block("Door"))
         services.wait_for_call("RelayV3.Activate", count)
@@ -97,7 +99,9 @@ def test_a_relay_handler_without_settings_of_its_own_reads_before_each_action(la
 
 def test_a_result_of_no_means_nothing_to_a_relay_handler_that_writes(launch_on_bus, services):
     services.answers |= {"RelayV3.SetConfiguration": ("b", False), "RelayV3.Activate": ("b", False)}
-    daemon = launch_on_bus(SERVER | source(1, "Door") | relay(1, *ids(1), Mode=1) | relay(2, *ids(1), Index=1, Mode=1))
+    daemon = launch_on_bus(
+        SERVER | source(1, "Door") | relay(1, *ids(1), Mode=1) | relay(2, *ids(1), Index=1, Mode=1)
+    )
     post(block("Door"))
     services.wait_for_call("RelayV3.Activate", 2)
     assert [call[0] for call in asked(services)] == ["RelayV3.SetConfiguration", "RelayV3.Activate"] * 2
@@ -223,9 +227,7 @@ def test_a_service_that_fails_costs_one_line_and_the_next_event_tries_again(
 
 
 @pytest.mark.parametrize(("handler_type", "provider", "keys", "prefix"), FAILING, ids=str)
-def test_an_error_without_a_text_is_known_by_its_name(
-    launch_on_bus, services, handler_type, provider, keys, prefix
-):
+def test_an_error_without_a_text_is_known_by_its_name(launch_on_bus, services, handler_type, provider, keys, prefix):
     methods = [method for method in services.answers if method.startswith(provider)]
     services.answers |= {method: BusError("org.example.Broken", "") for method in methods}
     daemon = launch_on_bus(SERVER | source(1, "Door") | handler(1, *ids(1), handler_type=handler_type, **keys))
@@ -244,7 +246,12 @@ def test_a_reply_that_is_not_what_it_should_be_is_a_failure(
     assert len(asked(services)) == 1
 
 
-UNCONFIGURED = [("Relay", {"Index": -1, "BankName": LOCAL}), ("Preset", {"Id": ""}), ("Tour", {"Id": ""}), ("Tour", {})]
+UNCONFIGURED = [
+    ("Relay", {"Index": -1, "BankName": LOCAL}),
+    ("Preset", {"Id": ""}),
+    ("Tour", {"Id": ""}),
+    ("Tour", {}),
+]
 
 
 @pytest.mark.parametrize(("handler_type", "keys"), UNCONFIGURED, ids=str)

@@ -47,7 +47,7 @@ def run_every_relay(camera, pipe) -> None:
         seen, activations = len(pipe.items), len(relays_of(camera, index))
         camera.set_alarm(LOCAL, index, True)
         pipe.wait_for_event("Alarm", properties={"alarmIndex": str(index)}, after=seen)
-        wait_until(lambda: len(relays_of(camera, index)) > activations, f"relay {index}")  # noqa: B023
+        wait_until(lambda: len(relays_of(camera, index)) > activations, f"relay {index}")
     activations = len(relays_of(camera, 2))
     post(block("Door"))
     wait_until(lambda: len(relays_of(camera, 2)) > activations, "the relay of the posted event")
@@ -77,10 +77,10 @@ def test_alarms_and_relays_outlive_a_bus_that_is_killed_again_and_again(launch_o
         returned = time.monotonic()
         with VirtualCamera(bus, tmp_path / f"camera{number}") as camera:
             post(block("Door"))  # the thread behind it has a connection that died while it was idle
-            wait_until(lambda: relays_of(camera, 2), "the first relay call after the bus's return")  # noqa: B023
+            wait_until(lambda: relays_of(camera, 2), "the first relay call after the bus's return")
             assert relays_of(camera, 2) == ["Local, 2, 2"]
             seen = len(pipe.items)
-            set_alarms_until(lambda: len(pipe.items) > seen, camera, patience=BACK_WITHIN)  # noqa: B023
+            set_alarms_until(lambda: len(pipe.items) > seen, camera, patience=BACK_WITHIN)
             slowest = max(slowest, time.monotonic() - returned)
             run_every_relay(camera, pipe)
             if number < kills:
@@ -116,7 +116,9 @@ def test_without_a_bus_there_is_one_warning_however_often_it_is_reloaded(launch_
 
 def test_without_a_bus_what_has_to_be_asked_is_left_out_until_a_reload_finds_one(launch_on_bus, bus, tmp_path):
     bus.stop()
-    daemon = launch_on_bus(SERVER | source(1, "Alarm") | source(2, "Park") | handler(1, *ids(2), handler_type="Relay"))
+    daemon = launch_on_bus(
+        SERVER | source(1, "Alarm") | source(2, "Park") | handler(1, *ids(2), handler_type="Relay")
+    )
     for warning in (
         rf"Warning halvek: \tError LoadSources: {NO_BUS}",
         r"Warning ParkEventSource: Failed when querying current idle state\.$",
@@ -143,7 +145,9 @@ def test_an_action_without_a_bus_fails_at_once_with_one_error(launch_on_bus, bus
     assert len(daemon.log.matching(" Error ")) == 3
 
 
-def test_a_bus_that_stands_still_holds_up_neither_the_start_nor_posted_events(launch_on_bus, bus, output_pipe, tmp_path):
+def test_a_bus_that_stands_still_holds_up_neither_the_start_nor_posted_events(
+    launch_on_bus, bus, output_pipe, tmp_path
+):
     pipe = output_pipe("all.halvek.any")
     with VirtualCamera(bus, tmp_path / "camera") as camera:
         bus.send(signal.SIGSTOP)
