@@ -44,14 +44,15 @@ void BusConnection::WaitUntilReady(Clock::time_point deadline, const Wait& wait)
 }
 
 bool BusConnection::Drain() {
-    int result = 0;
-    while ((result = sd_bus_process(bus.get(), nullptr)) > 0) {
+    // One poll is all that it costs while nothing has happened.
+    pollfd descriptor{sd_bus_get_fd(bus.get()), POLLIN | POLLRDHUP, 0};
+    uint64_t queued = 0;
+    while (poll(&descriptor, 1, 0) > 0 || (sd_bus_get_n_queued_read(bus.get(), &queued) >= 0 && queued > 0)) {
+        if ((descriptor.revents & ~POLLIN) != 0 || sd_bus_process(bus.get(), nullptr) < 0) {
+            return false;
+        }
     }
-    if (result < 0) {
-        return false;
-    }
-    pollfd descriptor{sd_bus_get_fd(bus.get()), POLLRDHUP, 0};
-    return poll(&descriptor, 1, 0) == 0;
+    return true;
 }
 
 }  // namespace kelto::msgbus

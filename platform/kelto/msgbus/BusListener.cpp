@@ -202,8 +202,10 @@ void BusListener::WaitForInput(sd_bus* bus, std::chrono::milliseconds limit) {
     }};
     const auto time = static_cast<int>(std::min(limit, TimeUntilCall(bus)).count());
     poll(descriptors.data(), descriptors.size(), time);
-    uint64_t count = 0;
-    static_cast<void>(!read(wakeFd.Get(), &count, sizeof(count)));
+    if (descriptors[1].revents != 0) {
+        uint64_t count = 0;
+        static_cast<void>(!read(wakeFd.Get(), &count, sizeof(count)));
+    }
 }
 
 bool BusListener::IsStopping() {

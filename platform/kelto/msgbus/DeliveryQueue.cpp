@@ -29,14 +29,17 @@ DeliveryQueue::~DeliveryQueue() {
 }
 
 void DeliveryQueue::Push(std::shared_ptr<const MsgBusMsg> message) {
-    const std::lock_guard lock(mutex);
-    bytes += message->size;
-    messages.push_back(std::move(message));
-    while (messages.size() > mostMessages || bytes > mostBytes) {
-        bytes -= messages.front()->size;
-        messages.pop_front();
-        ++droppedCount;
+    {
+        const std::lock_guard lock(mutex);
+        bytes += message->size;
+        messages.push_back(std::move(message));
+        while (messages.size() > mostMessages || bytes > mostBytes) {
+            bytes -= messages.front()->size;
+            messages.pop_front();
+            ++droppedCount;
+        }
     }
+    // Not under the lock: the thread that this wakes up would only wait again, for the lock.
     changed.notify_all();
 }
 
