@@ -16,9 +16,14 @@ from pathlib import Path
 from typing import NamedTuple
 
 HERE = Path(__file__).parent
+sys.path.append(str(HERE.parent / "scripts"))
+
+from private_bus import PrivateBus  # noqa: E402
 
 THROUGHPUT_ROUNDS, THROUGHPUT_EVENTS = 25, 10_000
 LATENCY_ROUNDS, LATENCY_EVENTS = 8, 1_000
+BUS_ROUNDS, BUS_ALARMS = 9, 500
+ISOLATION_EVENTS = 100
 # What starting and stopping cost falls out of the difference between two counts.
 STRACE_EVENTS = (1_000, 3_000)
 CALLGRIND_EVENTS = (2_000, 12_000)
@@ -48,6 +53,8 @@ class Programs:
     def __init__(self, folder: Path) -> None:
         self.load = str(folder / "pipe_load")
         self.disabled_log = str(folder / "disabled_log")
+        self.bus_load = str(folder / "bus_load")
+        self.bus_peer = str(folder / "bus_peer")
         self.bare_process = [str(folder / "bare_process")]
         self.daemon = [str(folder / "halvek")]
         self.peer = [str(folder / "pipe_loop"), "/var/run/peer.pipe", "/var/run/peer"]
@@ -60,9 +67,9 @@ def environment(settings: str, level: str = "Warning", **more: str) -> dict[str,
     return inherited | {"KELTO_SETTINGS": str(HERE / settings), "KELTO_LOG": level} | more
 
 
-def run(command: Sequence[str]) -> subprocess.CompletedProcess:
-    """Runs a program with the settings of the event server; what it says is shown if it fails."""
-    result = subprocess.run(command, env=environment("server.ini"), capture_output=True, text=True)
+def run(command: Sequence[str], settings: str = "server.ini", **variables: str) -> subprocess.CompletedProcess:
+    """Runs a program, with the settings of the event server if none are named; what it says is shown if it fails."""
+    result = subprocess.run(command, env=environment(settings, **variables), capture_output=True, text=True)
     if result.returncode != 0:
         raise RuntimeError(f"{' '.join(command)} failed:\n{result.stderr.strip()}")
     return result
@@ -133,6 +140,46 @@ def measure_latency(programs: Programs) -> list[Limit]:
         Limit("latency at p50, ratio", median.ratio(), most=1.15),
         Limit("latency at p99, ratio", tail.ratio(), most=1.3),
     ]
+
+
+def run_on_bus(command: Sequence[str]) -> list[list[str]]:
+    """Runs a program on a bus of its own; returns the words of each line that it prints."""
+    with tempfile.TemporaryDirectory(prefix="halvek-bench-") as folder:
+        with contextlib.closing(PrivateBus(Path(folder))) as bus:
+            lines = run(command, "bus.ini", **bus.environment).stdout.splitlines()
+    # The daemon leaves its event pipe behind; the next load wants to make it.
+    Path("/var/run/halvek.pipe").unlink(missing_ok=True)
+    return [line.split() for line in lines]
+
+
+def measure_bus(programs: Programs) -> list[Limit]:
+    title(f"From an alarm on the bus to its relay, 100 a second, {BUS_ROUNDS} rounds of {BUS_ALARMS}, in turns")
+    two, one = ([programs.bus_peer, number, calls] for number, calls in (("1", "two"), ("2", "one")))
+    command = [programs.bus_load, "latency", str(BUS_ROUNDS), str(BUS_ALARMS), *programs.daemon, "--", *two, "--", *one]
+    times: dict[tuple[str, str], list[float]] = {}
+    for who, *words in run_on_bus(command):
+        for name, seconds in zip(words[::2], words[1::2], strict=True):
+            times.setdefault((who, name), []).append(float(seconds) * 1e6)
+    show_heading()
+    print("  the peer asks for the relay's configuration, then activates it, as the daemon does:")
+    same_calls = {name: Pair(times["0", name], times["1", name]) for name in ("p50", "p99")}
+    for name, pair in same_calls.items():
+        pair.show(f"latency, {name}", "us")
+    print("  the peer activates the relay, and that is all:")
+    for name in ("p50", "p99"):
+        Pair(times["0", name], times["2", name]).show(f"latency, {name}", "us")
+    return [Limit("alarm to relay at p50, ratio, same calls", same_calls["p50"].ratio(), most=1.5)]
+
+
+def measure_isolation(programs: Programs) -> list[Limit]:
+    title(f"{ISOLATION_EVENTS} posted events, one every 100 ms, beside a relay service that answers after 3 s")
+    command = [programs.bus_load, "isolation", str(ISOLATION_EVENTS), *programs.daemon]
+    paces = {words[0]: dict(zip(words[1::2], map(float, words[2::2]), strict=True)) for words in run_on_bus(command)}
+    for name, text in (("quiet", "no alarms"), ("alarms", "an alarm a second")):
+        median, worst = (paces[name][figure] * 1e3 for figure in ("median", "worst"))
+        print(f"  {text:<24} from one event to the next: median {median:6.1f} ms, longest {worst:6.1f} ms")
+    print(f"  The relay service took {paces['alarms']['calls']:.0f} calls meanwhile.")
+    return [Limit("longest gap beside a slow relay", paces["alarms"]["worst"] * 1e3, most=200, unit="ms")]
 
 
 def count_system_calls(command: Sequence[str], under_load: Sequence[str] = ()) -> dict[str, int]:
@@ -300,6 +347,8 @@ def main() -> int:
     try:
         limits += measure_throughput(programs)
         limits += measure_latency(programs)
+        limits += measure_bus(programs)
+        limits += measure_isolation(programs)
         limits += measure_system_calls(programs)
         limits += measure_instructions(programs)
         limits += measure_disabled_log(programs)
