@@ -75,7 +75,7 @@ class Play:
 
     def start(self) -> None:
         heading("A camera without hardware, and the daemon")
-        say("   On a message bus of its own, kelto-vcam offers what a camera would: alarm inputs, relays, a moving head.")
+        say("   On a bus of its own, kelto-vcam offers what a camera would: alarm inputs, relays, a moving head.")
         self.watch_camera("ready")
         self.daemon.wait_until_ready(PATIENCE)
         say("   The daemon has read its settings, and its sources are listening: READY=1 to the service manager.")
