@@ -116,26 +116,26 @@ def test_an_oversized_alert_is_delivered_or_counted_and_what_follows_comes(
         assert not daemon.log.matching(" Error ")
 
 
-def a_name_of_its_own(bus, client) -> None:
+def a_name_of_its_own(client) -> None:
     """Nothing but the unique name."""
 
 
-def another_name(bus, client) -> None:
+def another_name(client) -> None:
     client.own("com.kelto.Other")
 
 
-def a_longer_name(bus, client) -> None:
+def a_longer_name(client) -> None:
     client.own("com.kelto.AlarmV3.Backup")
     client.own("com.kelto.MotionState.Backup")
 
 
-def the_next_in_the_queue(bus, client) -> None:
+def the_next_in_the_queue(client) -> None:
     in_queue = 2
     for provider in ("AlarmV3", "MotionState"):
         assert client.call_bus("RequestName", "su", service(provider)[0], 0) == [in_queue]
 
 
-def the_name_of_another_provider(bus, client) -> None:
+def the_name_of_another_provider(client) -> None:
     for provider in ("PresetsV2", "Tour", "RecordingInformation"):
         client.own(service(provider)[0])
 
@@ -164,7 +164,7 @@ def test_nobody_but_the_owner_of_the_name_can_raise_an_alarm_or_park_the_head(la
     pipe = output_pipe("all.halvek.any")
     with ScriptedService(bus, "AlarmV3", "MotionState") as owner:
         liar = bus.client()
-        claim(bus, liar)
+        claim(liar)
         relay = handler(1, *ids(1), handler_type="Relay", BankName=LOCAL)
         daemon = launch_on_bus(SERVER | alarm(1, 0) | source(2, "Park", DwellTime_sec=0) | relay)
         assert fake(liar, daemon, bus.client()) >= 2  # the one that listens, and one that has called

@@ -12,6 +12,7 @@ from scripted_service import ScriptedService
 pytest_plugins = ["camera_fixtures"]
 
 BACK_WITHIN = 10.0  # seconds from the bus's return to the first alarm
+STOP_LIMIT = 10.0  # seconds
 AWAY = r"org\.freedesktop\.DBus\.Error\.(ServiceUnknown|NameHasNoOwner): "
 NO_BUS = "Cannot open the message bus: "
 
@@ -161,6 +162,19 @@ def test_a_bus_that_stands_still_holds_up_neither_the_start_nor_posted_events(
         assert len(daemon.log.matching(CONFIGURING)) == 1
 
 
+@pytest.mark.parametrize("connected", [True, False], ids=["connected", "not yet connected"])
+def test_a_stop_while_the_bus_stands_still_is_orderly(launch_on_bus, bus, connected):
+    if not connected:
+        bus.send(signal.SIGSTOP)
+    daemon = launch_on_bus(SERVER | alarm(1, 0))
+    bus.send(signal.SIGSTOP)
+    try:
+        assert daemon.stop(patience=STOP_LIMIT) == 0
+    finally:
+        bus.send(signal.SIGCONT)
+    daemon.assert_orderly_end()
+
+
 ACTIONS = [
     ("RelayV3", "RelayV3.Activate", {"handler_type": "Relay", "BankName": LOCAL, "Mode": 1}),
     ("PresetsV2", "PresetsV2.GoTo", {"handler_type": "Preset", "Id": "gate"}),
@@ -181,7 +195,7 @@ def test_a_service_that_acts_is_found_whenever_it_is_there(launch_on_bus, bus, p
     assert len(daemon.log.matching(" Error ")) == 3
 
 
-def test_a_service_that_goes_in_the_middle_of_a_call_costs_that_call(launch_on_bus, bus, output_pipe):
+def test_a_service_that_goes_in_the_middle_of_a_call_costs_that_call(launch_on_bus, bus):
     daemon = launch_on_bus(SERVER | source(1, "Door") | relay(1, *ids(1)))
     with ScriptedService(bus, "RelayV3") as service:
         service.hold("RelayV3.SetConfiguration")

@@ -58,6 +58,18 @@ def test_a_reload_in_the_middle_of_a_delivery_waits_for_it_and_loses_nothing_of_
     daemon.assert_orderly_end()
 
 
+def test_a_reload_with_an_event_pipe_costs_its_one_descriptor_and_no_more(launch_on_bus, camera, output_pipe):
+    pipe = output_pipe("Alarm.fifo")
+    daemon = launch_on_bus(SERVER | EVERYTHING)
+    before = daemon.descriptors()
+    for number in range(1, 21):
+        daemon.reload()
+        wait_until(lambda: daemon.descriptors() == before + number, f"{before + number}, not {daemon.descriptors()}")
+        for index in (0, 1):
+            camera.set_alarm(LOCAL, index, True)
+        pipe.wait_for_event("Alarm", count=2 * number)
+
+
 def test_reloads_at_any_moment_of_a_stream_of_signals(launch_on_bus, bus, output_pipe):
     pipe = output_pipe("Alarm.fifo")
     with ScriptedService(bus, "AlarmV3", "RelayV3", "MotionState") as service:
@@ -182,7 +194,7 @@ def test_sources_of_a_kind_share_one_subscription_on_the_bus_and_a_reload_keeps_
     assert len(camera.actions("MotionState.GetIdleState")) == 2 * 5
 
 
-def test_what_is_no_longer_listened_to_is_no_longer_sent(launch_on_bus, bus, camera):
+def test_what_is_no_longer_listened_to_is_no_longer_sent(launch_on_bus, bus):
     daemon = launch_on_bus(source(1, "Park", DwellTime_sec=3600) | alarm(2, 0))
     watcher = bus.client()
     daemon.write_settings(alarm(2, 0))
