@@ -272,7 +272,8 @@ void ScriptedService::Answer(sd_bus_message* message) {
     }
     const MessagePtr answer(made);
     AppendArguments(made, reply.values);
-    CheckBus(sd_bus_send(connection->bus.get(), made, nullptr), "send a reply");
+    // The bus may be gone, and whoever asked with it.
+    sd_bus_send(connection->bus.get(), made, nullptr);
 }
 
 }  // namespace kelto::test

@@ -283,6 +283,7 @@ TEST_F(BusSources, TwoAlarmSourcesDoNotDelayEachOther) {
         alarm.Emit(test::ProviderSignal("AlarmV3", "StateChanged", {std::string("Local"), 0, round % 2 == 0}));
     }
     EXPECT_TRUE(handler.WaitForCount(5));
+    EXPECT_TRUE(blocked.WaitForCount(1));
     EXPECT_EQ(blocked.Count(), 1U);
     gate.set_value();
     EXPECT_TRUE(blocked.WaitForCount(5));

@@ -261,6 +261,7 @@ TEST_F(NotificationPointTest, ADelegateThatBlocksDelaysNoOther) {
     Idles().Add(listener.IdleDelegate());
     motion.Emit({IdleChanged(1), IdleChanged(2), IdleChanged(3)});
     EXPECT_TRUE(listener.WaitForCount(3));
+    EXPECT_TRUE(blocked.WaitForCount(1));
     EXPECT_EQ(blocked.Heard().size(), 1U);
     gate.set_value();
     EXPECT_TRUE(blocked.WaitForCount(3));

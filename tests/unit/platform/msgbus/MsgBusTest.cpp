@@ -237,6 +237,7 @@ TEST_F(MsgBusTest, EachSubscriptionIsServedByAThreadOfItsOwn) {
     bus.Start();
     speaker.Emit(SaidNumbers(100));
     EXPECT_TRUE(heard.WaitForCount(100));
+    EXPECT_TRUE(blocked.WaitForCount(1));
     EXPECT_EQ(blocked.Count(), 1U);
     gate.set_value();
     EXPECT_TRUE(blocked.WaitForCount(100));
