@@ -70,6 +70,7 @@ def test_alarms_and_relays_outlive_a_bus_that_is_killed_again_and_again(launch_o
         daemon = launch_on_bus(SERVER | sources | source(5, "Analytics") | relays)
         run_every_relay(camera, pipe)
         daemon.log.wait_for("Done firing to all FIFO's$", count=3)
+        wait_until(lambda: daemon.thread_names().count("MsgBusDelivery") == 5, "every thread has its name")
         before = at_rest(daemon)
         let_flow(camera)
         bus.kill()
