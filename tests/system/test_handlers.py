@@ -138,7 +138,8 @@ def test_groups_are_taken_in_the_order_of_their_text(launch):
     assert found == ["Events/Source#1", "Events/Source#10", "Events/Source#2"]
 
 
-def test_each_configuration_warns_of_the_message_bus_source_once(launch):
+def test_each_configuration_makes_the_message_bus_source_once(launch):
     daemon = launch(SERVER)
     daemon.reload()
-    assert len(daemon.log.matching("Warning halvek: \tUnknown EventSource: MsgBus$")) == 2
+    assert len(daemon.log.matching("Debug halvek: \tCreating EventSource: MsgBus$")) == 2
+    assert len(daemon.log.matching("Information MsgBusEventSource: MsgBusEventSource started$")) == 2

@@ -2,7 +2,7 @@
 
 from harness import SERVER, Settings, block, post, timer
 
-RECORD = r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3} (Trace|Debug|Information|Warning|Error) [a-z.]+: "
+RECORD = r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3} (Trace|Debug|Information|Warning|Error) [A-Za-z.]+: "
 ANY_LEVEL = {"KELTO_LOG": ""}
 
 

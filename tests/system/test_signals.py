@@ -5,7 +5,7 @@ import signal
 from pathlib import Path
 
 import pytest
-from harness import SERVER, block, post, timer
+from harness import SERVER, block, post, timer, wait_until
 
 RELOADING = r"Information halvek: got: 'R' \(82\)$"
 STOPPING = r"Information halvek: got: 'S' \(83\)$"
@@ -31,7 +31,7 @@ def test_a_reload_takes_the_new_settings_and_nothing_of_the_old(launch):
     assert not daemon.log.matching(r"Found Server|Found source Events/Source#[12]$", after=behind)
     assert daemon.thread_names().count("TimerEventSourc") == 1
     assert "EventServerSour" not in daemon.thread_names()
-    assert len(daemon.log.matching("EventSource stopped|EventServerSource stopped")) == 3
+    assert len(daemon.log.matching("Information halvek: .*(Timer|Server).*Source stopped$")) == 3
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
@@ -56,6 +56,7 @@ def test_a_stop_is_orderly(launch, number):
 
 def test_an_alarm_signal_is_logged_and_changes_nothing(launch, output_pipe):
     daemon, pipe = launch(SERVER | timer(1, 3600)), output_pipe()
+    wait_until(lambda: "MsgBusDelivery" in daemon.thread_names(), "every thread has its name")
     threads = daemon.thread_names()
     for count in range(1, 4):
         daemon.send(signal.SIGALRM)
@@ -90,7 +91,9 @@ def test_the_first_of_two_stops_counts(launch):
 
 def test_every_thread_is_named_and_gone_after_its_source(launch):
     daemon = launch(SERVER | timer(1, 3600) | timer(2, 3600))
-    assert daemon.thread_names() == ["EventServerSour", "TimerEventSourc", "TimerEventSourc"]
+    bus = ["MsgBusDelivery", "MsgBusListener"]
+    started = ["EventServerSour", *bus, "TimerEventSourc", "TimerEventSourc"]
+    wait_until(lambda: daemon.thread_names() == started, "every thread has its name")
     daemon.write_settings("")
     daemon.reload()
-    assert daemon.thread_names() == []
+    wait_until(lambda: daemon.thread_names() == bus, "the threads are gone")

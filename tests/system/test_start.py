@@ -57,9 +57,10 @@ def test_the_steps_of_a_configuration_are_logged_in_order(launch):
         "Information halvek: Done loading handlers$",
         separator,
         "Information halvek: Loading External Handler$",
-        "Debug halvek: Number of sources: 2$",
+        "Debug halvek: Number of sources: 3$",
         "Information halvek: Done loading external handler$",
         separator,
+        r"Debug halvek: Starting source: EventSource\{MsgBus\}$",
         r"Debug halvek: Starting source: EventSource\{server\}$",
         r"Debug halvek: Starting source: EventSource\{Timer\}$",
         "Debug halvek: Done starting sources$",
@@ -150,7 +151,8 @@ def test_the_files_of_a_settings_folder_are_read_in_the_order_of_their_names(lau
 def test_without_any_settings_it_runs_and_says_what_it_misses(launch):
     daemon = launch("")
     assert len(daemon.log.matching("Warning halvek: \tError LoadServers: .")) == 1
-    assert len(daemon.log.matching("Warning halvek: \tUnknown EventSource: MsgBus$")) == 1
+    assert len(daemon.log.matching(" (Warning|Error) ")) == 2  # and there is no bus
+    assert len(daemon.log.matching("Information MsgBusEventSource: MsgBusEventSource started$")) == 1
     assert not DEFAULT_INPUT.exists()
 
 
