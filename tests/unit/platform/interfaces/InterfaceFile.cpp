@@ -2,30 +2,46 @@
 
 #include "tests/fakes/TempDir.h"
 
-#include <regex>
 #include <stdexcept>
+#include <vector>
 
 namespace kelto::interfaces {
 
 namespace {
 
+/** All tags in their order, without their brackets, "arg name="bank" type="s"/" for instance; no comments. */
+std::vector<std::string> Tags(const std::string& text) {
+    std::vector<std::string> tags;
+    for (size_t begin = text.find('<'); begin != std::string::npos; begin = text.find('<', begin)) {
+        const bool comment = text.compare(begin, 4, "<!--") == 0;
+        const size_t end = comment ? text.find("-->", begin) : text.find('>', begin);
+        if (!comment) {
+            tags.push_back(text.substr(begin + 1, end - begin - 1));
+        }
+        begin = end;
+    }
+    return tags;
+}
+
 /** The value of an attribute of a tag; empty if it has none of that name. */
 std::string Attribute(const std::string& tag, const std::string& attribute) {
-    std::smatch found;
-    return std::regex_search(tag, found, std::regex("\\b" + attribute + "=\"([^\"]*)\"")) ? found[1].str() : "";
+    const std::string opening = " " + attribute + "=\"";
+    const size_t begin = tag.find(opening);
+    if (begin == std::string::npos) {
+        return "";
+    }
+    const size_t value = begin + opening.size();
+    return tag.substr(value, tag.find('"', value) - value);
 }
 
 }  // namespace
 
 InterfaceFile::InterfaceFile(const std::string& provider) {
     const std::string path = INTERFACES_FOLDER "/com.kelto." + provider + ".xml";
-    const std::string text = std::regex_replace(test::ReadWholeFile(path), std::regex("<!--[^]*?-->"), "");
-    const std::regex tags("<(node|interface|method|signal|arg)\\b[^>]*>");
     std::string method;
     std::string signal;
-    for (auto at = std::sregex_iterator(text.begin(), text.end(), tags); at != std::sregex_iterator(); ++at) {
-        const std::string tag = at->str();
-        const std::string kind = (*at)[1];
+    for (const std::string& tag : Tags(test::ReadWholeFile(path))) {
+        const std::string kind = tag.substr(0, tag.find(' '));
         if (kind == "node") {
             objectPath = Attribute(tag, "name");
         } else if (kind == "interface") {
@@ -37,10 +53,9 @@ InterfaceFile::InterfaceFile(const std::string& provider) {
         } else if (kind == "signal") {
             signal = Attribute(tag, "name");
             signals[signal];
-            method.clear();
-        } else if (!signal.empty()) {
+        } else if (kind == "arg" && !signal.empty()) {
             signals[signal] += Attribute(tag, "type");
-        } else {
+        } else if (kind == "arg") {
             std::string& signature = Attribute(tag, "direction") == "in" ? methods[method].in : methods[method].out;
             signature += Attribute(tag, "type");
         }
