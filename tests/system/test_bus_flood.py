@@ -68,6 +68,7 @@ def test_a_source_that_is_held_up_keeps_the_newest_and_counts_the_rest_once(laun
             assert len(service.calls) == 1
             service.release()
             wait_until_accounted_for(daemon, 2 * FLOOD)
+            service.wait_for_call("RelayV3.Activate", 1 + QUEUE)
     delivered = len(daemon.log.matching("AnalyticsEventSource: Received AnalyticsAlert$"))
     assert delivered == 1 + QUEUE
     own = daemon.log.matching(f"Warning kelto.msgbus: {FLOOD - delivered} messages were dropped")
