@@ -18,8 +18,8 @@ void MsgBus::Start() {
         if (started) {
             return;
         }
-        started = true;
         change = listener.Start();
+        started = true;
     }
     listener.WaitUntilSettled(change);
 }
