@@ -4,13 +4,11 @@
 
 #include <dirent.h>
 
-#include <algorithm>
 #include <fstream>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 namespace kelto::test {
 
@@ -41,11 +39,18 @@ size_t CountThreads() {
     return Threads().size();
 }
 
+std::vector<pid_t> ThreadsNamed(const std::string& name) {
+    std::vector<pid_t> ids;
+    for (const std::string& thread : Threads()) {
+        if (ReadWholeFile("/proc/self/task/" + thread + "/comm") == name + "\n") {
+            ids.push_back(std::stoi(thread));
+        }
+    }
+    return ids;
+}
+
 bool HasThread(const std::string& name) {
-    const std::vector<std::string> threads = Threads();
-    return std::any_of(threads.begin(), threads.end(), [&](const std::string& thread) {
-        return ReadWholeFile("/proc/self/task/" + thread + "/comm") == name + "\n";
-    });
+    return !ThreadsNamed(name).empty();
 }
 
 uint64_t BlockedSignals(pid_t thread) {

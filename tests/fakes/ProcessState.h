@@ -5,13 +5,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace kelto::test {
 
 /** How many threads this process has. */
 size_t CountThreads();
 
-/** Whether a thread of this process has that name, of which the system keeps 15 bytes. */
+/** The ids of the threads of this process that have that name, of which the system keeps 15 bytes. */
+std::vector<pid_t> ThreadsNamed(const std::string& name);
 bool HasThread(const std::string& name);
 
 /** The signals that a thread of this process blocks: bit N - 1 for signal N. */

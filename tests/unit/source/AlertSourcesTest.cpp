@@ -251,6 +251,13 @@ protected:
     HalvekEnv env;
 };
 
+TEST_F(BusSources, TheirTypeNamesInAnotherCaseAreUnknownToTheFactory) {
+    for (const std::string name : {"alarm", "park", "Msgbus", "msgbus", "analytics", "Park "}) {
+        EXPECT_EQ(CreateEventSource(name, &env), nullptr);
+        EXPECT_TRUE(log.Has("Warning halvek: \tUnknown EventSource: " + name));
+    }
+}
+
 TEST_F(BusSources, WithBothSourcesOneAlertFiresOnceThroughEach) {
     MsgBusEventSource first("MsgBus", &env);
     AnalyticsEventSource second("Analytics", &env);

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -523,6 +524,34 @@ TEST_F(MsgBusTest, SubscriptionsComeAndGoOnManyThreadsWhileSignalsFlow) {
     const size_t before = heard.Count();
     speaker.Emit(Said("still flowing"));
     EXPECT_TRUE(heard.WaitForCount(before + 1));
+}
+
+TEST_F(MsgBusTest, InterruptionsOfItsThreadsLoseNothing) {
+    struct sigaction counted {};
+    struct sigaction before {};
+    counted.sa_handler = [](int) {};
+    sigaction(SIGALRM, &counted, &before);
+    bus.Subscribe(anybody, &heard);
+    bus.Start();
+    std::atomic<bool> going = true;
+    std::jthread interrupter([&] {
+        // A thread has its name when it has begun to run.
+        while (going) {
+            for (const char* name : {"MsgBusListener", "MsgBusDelivery"}) {
+                for (const pid_t thread : test::ThreadsNamed(name)) {
+                    tgkill(getpid(), thread, SIGALRM);
+                }
+            }
+        }
+    });
+    for (size_t count = 1; count <= 500; ++count) {
+        speaker.Emit(Said(std::to_string(count)));
+    }
+    EXPECT_TRUE(heard.WaitForCount(500));
+    going = false;
+    interrupter.join();
+    EXPECT_EQ(log.Text(), "");
+    sigaction(SIGALRM, &before, nullptr);
 }
 
 TEST_F(MsgBusTest, SignalsMayArriveWhileItIsDestroyed) {
