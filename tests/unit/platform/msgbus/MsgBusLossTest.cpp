@@ -119,6 +119,19 @@ TEST(MsgBusLoss, KilledAndStartedAgainTwentyTimesSignalsFlowWithinTenSecondsEach
     EXPECT_EQ(test::OpenDescriptors().size(), descriptors);
 }
 
+TEST(MsgBusLoss, HoweverLongTheBusWasAwaySignalsFlowWithinTenSecondsOfItsReturn) {
+    test::PrivateBus daemon(State::Absent);
+    const test::LogCapture log;
+    HeardMessages heard;
+    MsgBus bus;
+    bus.Subscribe(filter, &heard);
+    bus.Start();
+    // Pauses that went on doubling would last longer than ten seconds by now.
+    test::WaitUntil([] { return false; }, 13500ms);
+    daemon.Start();
+    EXPECT_TRUE(FlowsAgain(heard));
+}
+
 TEST(MsgBusLoss, ALossIsWarnedOfOnceHoweverLongItLasts) {
     test::PrivateBus daemon;
     test::LogCapture log;
