@@ -427,11 +427,20 @@ TEST_F(ApplicationTest, AnOptionBehindAWordIsUnknownToo) {
 
 TEST_F(ApplicationTest, WithoutDescriptorsForThePipeTheStartFailsAndTearsDown) {
     WriteSettings("[Events/Source#1]\nType=Probe\n[Events/Source#2]\nType=Timer\n");
-    {
+    // Once with descriptors: a sanitizer opens some when it meets a class for the first time.
+    Start();
+    application.reset();
+    journal.Clear();
+    log.Clear();
+    std::string failure;
+    try {
         // Reading the settings takes one at a time; the pipe needs two at once.
         const test::FewDescriptorsLeft one(1);
-        EXPECT_THAT([this] { Start(); }, ThrowsMessage<osa::Exception>(HasSubstr("Too many open files")));
+        Start();
+    } catch (const osa::Exception& exception) {
+        failure = exception.what();
     }
+    EXPECT_EQ(failure, "pipe failed: Too many open files");
     EXPECT_THAT(journal.Entries(), ElementsAre("make Probe", "configure Probe", "attach to Probe", "start Probe",
                                                "stop Probe", "destroy Probe"));
     EXPECT_THAT(log.Lines(), IsSupersetOf({"Debug halvek: DONE", "Information halvek: TimerEventSource stopped"}));
