@@ -302,6 +302,7 @@ TEST_F(ExternEventHandlerTest, WithoutADescriptorItIsAnError) {
     const test::Fifo pipe(PathOf("all.halvek.any"));
     // Once with descriptors: a sanitizer opens some when it meets a class for the first time.
     FireTimer();
+    Fire(Event::Properties{});
     EXPECT_EQ(pipe.Read(), timerBlock);
     {
         const test::FewDescriptorsLeft none(0);
