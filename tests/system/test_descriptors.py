@@ -37,6 +37,7 @@ def full_pipe(output_pipe):
 
 def test_a_reload_keeps_exactly_one_descriptor_and_an_event_none(launch, output_pipe):
     daemon, pipe = launch(SERVER | timer(1, 3600)), output_pipe()
+    daemon.log.wait_for("next tick: ")
     at_start = daemon.descriptors()
     for number in range(1, RELOADS + 1):
         daemon.reload()
@@ -118,10 +119,12 @@ def test_an_event_pipe_behind_the_limit_of_select_counts_as_not_opened(launch, o
     daemon = launch(SERVER | timer(1, 3600), prefix=holding(10))
     failed = "Error kelto.osa: .*Unable to open FIFO for reading"
     assert not daemon.log.matching(failed)
+    pipe.wait_for_event("Timer")  # a reload right after the start may come before the first tick
     for number in range(1, 21):
         daemon.reload()
         pipe.wait_for_event("Timer", count=number + 1)  # writing needs no select, so the output goes on
     wait_until(lambda: "EventServerSour" not in daemon.thread_names(), "the thread is gone")
+    daemon.log.wait_for("next tick: ", count=21)
     failures, kept = len(daemon.log.matching(failed)), daemon.descriptors()
     assert 10 < failures < 20
     daemon.reload()
