@@ -133,6 +133,14 @@ TEST_F(ApplicationTest, FetchesItsOwnGroupsAndThoseOfTheEvents) {
                 "[Applications/halvek2]\n[Events/Source#1/Timer]"));
 }
 
+TEST_F(ApplicationTest, AReloadKeepsNothingOfTheSettingsBefore) {
+    Start();
+    folder.Write("settings.ini", "[Applications/halvek]\ny=1\n");
+    application->Reload();
+    EXPECT_EQ(journal.Entries().back(), "destroy Probe");
+    EXPECT_TRUE(log.Has("Information halvek: Current INI:\n[Applications/halvek]\ny=1"));
+}
+
 TEST_F(ApplicationTest, TheLogLevelOfTheSettingsCountsFromTheStartAndFollowsAReload) {
     WriteSettings("", "Warning");
     Start();

@@ -9,6 +9,7 @@
 #include <pthread.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -134,6 +135,13 @@ TEST_F(TimerEventSourceTest, TheLargestIntervalsSaturateTheSleep) {
     Configure("2147483647");
     RunTicks(1);
     EXPECT_THAT(NextTicks(log), ElementsAre(2147483647));
+}
+
+TEST_F(TimerEventSourceTest, TheSleepIsReckonedInSinglePrecision) {
+    Configure("2147483");
+    RunTicks(1);
+    // 2147483000 is no value of single precision, this is the nearest one.
+    EXPECT_THAT(NextTicks(log), ElementsAre(2147483008));
 }
 
 TEST_F(TimerEventSourceTest, AnIntervalOfZeroFiresWithoutEverSleeping) {
@@ -290,6 +298,13 @@ TEST_F(TimerEventSourceTest, StoppingBeforeAStartIsHarmless) {
     source.StartListening();
     EXPECT_TRUE(log.WaitFor("Debug halvek: fired"));
     source.StopListening();
+}
+
+TEST_F(TimerEventSourceTest, AStopBeforeTheBodyRunsIsLost) {
+    source.Stop();
+    source.AddHandler(&handler);
+    RunTicks(1);
+    EXPECT_EQ(handler.Count(), 1U);
 }
 
 TEST_F(TimerEventSourceTest, CanBeStartedAgainAfterAStop) {
