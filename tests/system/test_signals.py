@@ -62,7 +62,8 @@ def test_an_alarm_signal_is_logged_and_changes_nothing(launch, output_pipe):
     post(block("Door"))
     pipe.wait_for_event("Door")
     assert daemon.thread_names() == threads
-    assert not daemon.log.matching(r"got: '")
+    daemon.reload()  # whatever an alarm had queued would come before it
+    assert len(daemon.log.matching(r"got: '")) == 1
 
 
 def test_a_signal_that_lands_on_a_timer_does_not_end_its_sleep(launch):
