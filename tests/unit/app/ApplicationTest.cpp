@@ -78,6 +78,16 @@ protected:
         application = std::make_unique<Application>(static_cast<int>(words.size()), arguments.data());
     }
 
+    /** Runs the loop; what it throws. */
+    std::string FailureOfRun() {
+        try {
+            application->Run();
+        } catch (const osa::Exception& exception) {
+            return exception.what();
+        }
+        return "none";
+    }
+
     /** The descriptor of the pipe to the process itself that is open for that. */
     int PipeEnd(int accessMode) const {
         for (const int fd : test::OpenDescriptors()) {
@@ -406,7 +416,8 @@ TEST_F(ApplicationTest, ANonStandardExceptionOnAReloadLeavesTheLoopWithAnError) 
     Start();
     SetActions({.configure = {}, .start = [] { throw 42; }, .stop = {}});
     std::raise(SIGHUP);
-    EXPECT_THAT([this] { application->Run(); }, ThrowsMessage<osa::Exception>(StrEq("invalid configuration")));
+    std::raise(SIGTERM);
+    EXPECT_EQ(FailureOfRun(), "invalid configuration");
     EXPECT_EQ(log.Lines().back(), "Error halvek: invalid configuration");
     EXPECT_FALSE(log.Has("Information halvek: run complete"));
 }
@@ -474,7 +485,7 @@ TEST_F(ApplicationTest, AFailureToWaitIsLoggedByTheLoopAndLeavesIt) {
     Start();
     const int readEnd = PipeEnd(O_RDONLY);
     close(readEnd);
-    EXPECT_THAT([this] { application->Run(); }, ThrowsMessage<osa::Exception>(StrEq("select failed")));
+    EXPECT_EQ(FailureOfRun(), "select failed");
     EXPECT_EQ(log.Lines().back(), "Error halvek: select failed");
     ASSERT_EQ(open("/dev/null", O_RDONLY | O_CLOEXEC), readEnd);
 }
