@@ -431,7 +431,7 @@ TEST_F(EventServerSourceTest, WithoutAPathTheDefaultCounts) {
 }
 
 TEST_F(EventServerSourceTest, TheModeOfThePipeIsTheDecimal666LessTheUmask) {
-    for (const mode_t mask : {0000, 0022, 0077}) {
+    for (const mode_t mask : {0000U, 0022U, 0077U}) {
         const Umask changed(mask);
         const std::string other = folder.PathOf("other");
         source.Configure({{"Path", other}});
