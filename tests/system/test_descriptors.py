@@ -1,12 +1,13 @@
 """Descriptors: those that are left open by custom, and life without any to spare."""
 
 import fcntl
+import itertools
 import os
 import subprocess
 
 import pytest
 from daemon_process import PIPE_FOLDER
-from harness import SERVER, block, post, server, timer, wait_until
+from harness import SERVER, Daemon, block, post, server, timer, wait_until
 
 RELOADS = 40
 SELECT_LIMIT = 1024
@@ -19,8 +20,15 @@ def holding(first: int) -> list[str]:
     return ["prlimit", f"--nofile={2 * SELECT_LIMIT}", "--", "bash", "-c", hold, "bash"]
 
 
-def limit(pid: int, descriptors: int) -> None:
-    subprocess.run(["prlimit", "--pid", str(pid), f"--nofile={descriptors}:"], check=True)
+def limit(daemon: Daemon, below: int) -> None:
+    subprocess.run(["prlimit", "--pid", str(daemon.pid), f"--nofile={below}:"], check=True)
+
+
+def leave_spare(daemon: Daemon, count: int) -> None:
+    """Lets the daemon open this many more descriptors. The limit is on their numbers, so gaps count."""
+    used = {int(name) for name in os.listdir(f"/proc/{daemon.pid}/fd")}
+    free = (number for number in itertools.count() if number not in used)
+    limit(daemon, next(itertools.islice(free, count, None)))
 
 
 @pytest.fixture
@@ -37,6 +45,7 @@ def full_pipe(output_pipe):
 
 def test_a_reload_keeps_exactly_one_descriptor_and_an_event_none(launch, output_pipe):
     daemon, pipe = launch(SERVER | timer(1, 3600)), output_pipe()
+    daemon.log.wait_for("next tick: ")
     at_start = daemon.descriptors()
     for number in range(1, RELOADS + 1):
         daemon.reload()
@@ -71,10 +80,10 @@ def test_each_write_that_fails_or_falls_short_keeps_exactly_one_descriptor(launc
 
 def test_without_descriptors_every_failure_is_logged_and_the_stop_is_orderly(launch, output_pipe):
     pipe = output_pipe()
-    daemon = launch(SERVER | timer(1, 1))
+    daemon = launch(SERVER | timer(1, 3600))
     pipe.wait_for_event("Timer")
     daemon.log.wait_for("next tick: ")
-    limit(daemon.pid, daemon.descriptors())
+    leave_spare(daemon, 0)
     for number in range(1, 11):
         behind = daemon.reload(until="Error halvek: Error reloading, invalid configuration: ")
         assert "Too many open files" in daemon.log.items[behind - 1]
@@ -88,8 +97,8 @@ def test_without_descriptors_every_failure_is_logged_and_the_stop_is_orderly(lau
 
 def test_failed_writes_may_take_the_last_descriptor(launch, full_pipe):
     daemon = launch(SERVER)
-    limit(daemon.pid, daemon.descriptors() + 5)
     spare = 5
+    leave_spare(daemon, spare)
     for number in range(1, spare + 6):
         before = len(daemon.log.items)
         post(block("Door"))
@@ -102,10 +111,10 @@ def test_failed_writes_may_take_the_last_descriptor(launch, full_pipe):
 
 def test_a_daemon_that_got_descriptors_back_takes_events_again(launch, output_pipe):
     daemon, pipe = launch(SERVER), output_pipe()
-    limit(daemon.pid, daemon.descriptors())
+    leave_spare(daemon, 0)
     post(block("Door", number=1))
     daemon.log.wait_for("Error halvek: .")
-    limit(daemon.pid, SELECT_LIMIT)
+    limit(daemon, SELECT_LIMIT)
     daemon.reload()
     post(block("Door", number=2))
     pipe.wait_for_event("Door", properties={"number": "2"})
@@ -118,10 +127,12 @@ def test_an_event_pipe_behind_the_limit_of_select_counts_as_not_opened(launch, o
     daemon = launch(SERVER | timer(1, 3600), prefix=holding(10))
     failed = "Error kelto.osa: .*Unable to open FIFO for reading"
     assert not daemon.log.matching(failed)
+    pipe.wait_for_event("Timer")  # a reload right after the start may come before the first tick
     for number in range(1, 21):
         daemon.reload()
         pipe.wait_for_event("Timer", count=number + 1)  # writing needs no select, so the output goes on
     wait_until(lambda: "EventServerSour" not in daemon.thread_names(), "the thread is gone")
+    daemon.log.wait_for("next tick: ", count=21)
     failures, kept = len(daemon.log.matching(failed)), daemon.descriptors()
     assert 10 < failures < 20
     daemon.reload()

@@ -31,7 +31,6 @@ using ::testing::Each;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using ::testing::IsSupersetOf;
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
 using SignalHandler = void (*)(int);
@@ -50,7 +49,6 @@ std::vector<SignalHandler> Dispositions() {
 class ApplicationTest : public ::testing::Test {
 protected:
     ApplicationTest() {
-        signal(SIGALRM, SIG_DFL);  // Stopping a timer may have left an empty handler.
         setenv("KELTO_SETTINGS", folder.PathOf("settings.ini").c_str(), 1);
         WriteSettings("[Events/Source#1]\nType=Probe\n");
     }
@@ -78,6 +76,16 @@ protected:
         arguments.push_back(nullptr);
         optind = 0;  // A start that failed may have left off in the middle of its options.
         application = std::make_unique<Application>(static_cast<int>(words.size()), arguments.data());
+    }
+
+    /** Runs the loop; what it throws. */
+    std::string FailureOfRun() {
+        try {
+            application->Run();
+        } catch (const osa::Exception& exception) {
+            return exception.what();
+        }
+        return "none";
     }
 
     /** The descriptor of the pipe to the process itself that is open for that. */
@@ -133,6 +141,14 @@ TEST_F(ApplicationTest, FetchesItsOwnGroupsAndThoseOfTheEvents) {
     EXPECT_TRUE(
         log.Has("Information halvek: Current INI:\n[Applications/halvek]\nx=1\n[Applications/halvek/a/b]\n"
                 "[Applications/halvek2]\n[Events/Source#1/Timer]"));
+}
+
+TEST_F(ApplicationTest, AReloadKeepsNothingOfTheSettingsBefore) {
+    Start();
+    folder.Write("settings.ini", "[Applications/halvek]\ny=1\n");
+    application->Reload();
+    EXPECT_EQ(journal.Entries().back(), "destroy Probe");
+    EXPECT_TRUE(log.Has("Information halvek: Current INI:\n[Applications/halvek]\ny=1"));
 }
 
 TEST_F(ApplicationTest, TheLogLevelOfTheSettingsCountsFromTheStartAndFollowsAReload) {
@@ -400,7 +416,8 @@ TEST_F(ApplicationTest, ANonStandardExceptionOnAReloadLeavesTheLoopWithAnError) 
     Start();
     SetActions({.configure = {}, .start = [] { throw 42; }, .stop = {}});
     std::raise(SIGHUP);
-    EXPECT_THAT([this] { application->Run(); }, ThrowsMessage<osa::Exception>(StrEq("invalid configuration")));
+    std::raise(SIGTERM);
+    EXPECT_EQ(FailureOfRun(), "invalid configuration");
     EXPECT_EQ(log.Lines().back(), "Error halvek: invalid configuration");
     EXPECT_FALSE(log.Has("Information halvek: run complete"));
 }
@@ -426,16 +443,24 @@ TEST_F(ApplicationTest, AnOptionBehindAWordIsUnknownToo) {
 }
 
 TEST_F(ApplicationTest, WithoutDescriptorsForThePipeTheStartFailsAndTearsDown) {
-    WriteSettings("[Events/Source#1]\nType=Probe\n[Events/Source#2]\nType=Timer\n");
-    {
+    // Once with descriptors: a sanitizer opens some when it meets a class for the first time.
+    Start();
+    application.reset();
+    journal.Clear();
+    log.Clear();
+    std::string failure;
+    try {
         // Reading the settings takes one at a time; the pipe needs two at once.
         const test::FewDescriptorsLeft one(1);
-        EXPECT_THAT([this] { Start(); }, ThrowsMessage<osa::Exception>(HasSubstr("Too many open files")));
+        Start();
+    } catch (const osa::Exception& exception) {
+        failure = exception.what();
     }
+    EXPECT_EQ(failure, "pipe failed: Too many open files");
     EXPECT_THAT(journal.Entries(), ElementsAre("make Probe", "configure Probe", "attach to Probe", "start Probe",
                                                "stop Probe", "destroy Probe"));
-    EXPECT_THAT(log.Lines(), IsSupersetOf({"Debug halvek: DONE", "Information halvek: TimerEventSource stopped"}));
     EXPECT_EQ(test::OpenDescriptors(), openBefore);
+    EXPECT_THAT(Dispositions(), Each(SIG_DFL));
 }
 
 TEST_F(ApplicationTest, APipeThatFitsNoSetIsAFailedStartAndIsClosed) {
@@ -460,7 +485,7 @@ TEST_F(ApplicationTest, AFailureToWaitIsLoggedByTheLoopAndLeavesIt) {
     Start();
     const int readEnd = PipeEnd(O_RDONLY);
     close(readEnd);
-    EXPECT_THAT([this] { application->Run(); }, ThrowsMessage<osa::Exception>(StrEq("select failed")));
+    EXPECT_EQ(FailureOfRun(), "select failed");
     EXPECT_EQ(log.Lines().back(), "Error halvek: select failed");
     ASSERT_EQ(open("/dev/null", O_RDONLY | O_CLOEXEC), readEnd);
 }

@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <future>
@@ -376,7 +377,8 @@ TEST_F(EventServerSourceTest, AHandlersFailureIsAnErrorAndTheServerGoesOn) {
     source.AddHandler(&behind, "A");
     EXPECT_EQ(EventsOf("[A]\n.\n[B]\n.\n"), Events({Made("A"), Made("B")}));
     EXPECT_EQ(log.Count("Error halvek: no relay"), 1U);
-    ASSERT_TRUE(behind.WaitForCount(2));
+    EXPECT_TRUE(behind.WaitForCount(2));
+    source.StopListening();
     EXPECT_EQ(behind.Events().front().properties.at("eventType"), "B");
 }
 
@@ -429,7 +431,7 @@ TEST_F(EventServerSourceTest, WithoutAPathTheDefaultCounts) {
 }
 
 TEST_F(EventServerSourceTest, TheModeOfThePipeIsTheDecimal666LessTheUmask) {
-    for (const mode_t mask : {0000, 0022, 0077}) {
+    for (const mode_t mask : {0000U, 0022U, 0077U}) {
         const Umask changed(mask);
         const std::string other = folder.PathOf("other");
         source.Configure({{"Path", other}});
@@ -552,6 +554,53 @@ TEST_F(EventServerSourceTest, StoppingInterruptsTheWaitAtOnce) {
         EXPECT_LT(Clock::now() - begin, 3s);
     }
     EXPECT_EQ(log.Count("Debug halvek: DONE"), 20U);
+}
+
+TEST_F(EventServerSourceTest, StoppingWaitsForADeliveryInProgress) {
+    std::promise<void> delivering;
+    std::promise<void> release;
+    test::RecordingHandler slow([&](Event&) {
+        delivering.set_value();
+        release.get_future().wait();
+    });
+    source.AddHandler(&slow);
+    source.StartListening();
+    fifo.Write("[A]\n.\n");
+    delivering.get_future().wait();
+    std::atomic<bool> stopped = false;
+    std::thread stopping([&] {
+        source.StopListening();
+        stopped = true;
+    });
+    EXPECT_FALSE(test::WaitUntil([&] { return stopped.load(); }, 100ms));
+    release.set_value();
+    stopping.join();
+    EXPECT_TRUE(log.Has("Debug halvek: DONE"));
+}
+
+TEST_F(EventServerSourceTest, AStopBeforeTheBodyRunsIsLost) {
+    test::RecordingHandler stopping([this](Event&) { source.Stop(); });
+    source.AddHandler(&stopping);
+    source.Stop();
+    fifo.Write("[A]\n.\n");
+    source.Run();
+    EXPECT_EQ(handler.Count(), 1U);
+}
+
+TEST_F(EventServerSourceTest, AnInterruptedWaitGoesOn) {
+    std::atomic<pthread_t> thread = 0;
+    test::RecordingHandler noting([&](Event&) { thread = pthread_self(); });
+    source.AddHandler(&noting);
+    EventsOf("");
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_EQ(pthread_kill(thread, SIGUSR1), 0);
+    }
+    EXPECT_EQ(EventsOf("[A]\n.\n"), Events({Made("Last1"), Made("A")}));
+    source.StopListening();
+    signal(SIGUSR1, SIG_DFL);
 }
 
 TEST_F(EventServerSourceTest, ASecondStartIsRefused) {

@@ -8,7 +8,9 @@
 #include <gmock/gmock.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -96,7 +98,7 @@ TEST_F(TimerEventSourceTest, WithoutAnIntervalTheDefaultOfTenSecondsCounts) {
     RunTicks(1);
     EXPECT_TRUE(log.Has("Debug halvek: TICK: 10 sec"));
     ASSERT_EQ(NextTicks(log).size(), 1U);
-    EXPECT_GT(NextTicks(log).front(), 9000);
+    EXPECT_GT(NextTicks(log).front(), 5000);
     EXPECT_LE(NextTicks(log).front(), 10000);
 }
 
@@ -134,6 +136,13 @@ TEST_F(TimerEventSourceTest, TheLargestIntervalsSaturateTheSleep) {
     Configure("2147483647");
     RunTicks(1);
     EXPECT_THAT(NextTicks(log), ElementsAre(2147483647));
+}
+
+TEST_F(TimerEventSourceTest, TheSleepIsReckonedInSinglePrecision) {
+    Configure("2147483");
+    RunTicks(1);
+    // 2147483000 is no value of single precision, this is the nearest one.
+    EXPECT_THAT(NextTicks(log), ElementsAre(2147483008));
 }
 
 TEST_F(TimerEventSourceTest, AnIntervalOfZeroFiresWithoutEverSleeping) {
@@ -187,14 +196,15 @@ TEST_F(TimerEventSourceTest, LogsHowLongItSlept) {
     for (const std::string& line : log.Lines()) {
         std::sscanf(line.c_str(), "Debug halvek: sleep took %lf sec", &seconds);
     }
-    EXPECT_NEAR(seconds, 1.0, 0.5);
+    EXPECT_GT(seconds, 0.9);
+    EXPECT_LT(seconds, 5.0);
 }
 
 TEST_F(TimerEventSourceTest, TheTimeThatHandlersTakeShortensTheSleep) {
     test::RecordingHandler slow([](Event&) { TakeTime(300ms); });
     source.AddHandler(&slow);
     RunTicks(1);
-    EXPECT_GT(NextTicks(log).at(0), 9000);
+    EXPECT_GT(NextTicks(log).at(0), 5000);
     EXPECT_LE(NextTicks(log).at(0), 9700);
 }
 
@@ -204,10 +214,15 @@ TEST_F(TimerEventSourceTest, TicksStandOnePeriodApartFromStartToStart) {
     source.AddHandler(&handler);
     source.AddHandler(&slow);
     source.StartListening();
-    ASSERT_TRUE(handler.WaitForCount(3));
+    ASSERT_TRUE(handler.WaitForCount(4));
     source.StopListening();
-    EXPECT_NEAR(std::chrono::duration<double>(starts.at(1) - starts.at(0)).count(), 1.0, 0.3);
-    EXPECT_NEAR(std::chrono::duration<double>(starts.at(2) - starts.at(1)).count(), 1.0, 0.3);
+    auto shortest = Clock::duration::max();
+    for (size_t tick = 1; tick < 4; ++tick) {
+        shortest = std::min(shortest, starts.at(tick) - starts.at(tick - 1));
+    }
+    // A busy machine makes some periods longer; a sleep that is not shortened makes all of them 1.4 s.
+    EXPECT_GT(shortest, 990ms);
+    EXPECT_LT(shortest, 1300ms);
     EXPECT_LE(NextTicks(log).at(0), 600);
 }
 
@@ -290,6 +305,13 @@ TEST_F(TimerEventSourceTest, StoppingBeforeAStartIsHarmless) {
     source.StartListening();
     EXPECT_TRUE(log.WaitFor("Debug halvek: fired"));
     source.StopListening();
+}
+
+TEST_F(TimerEventSourceTest, AStopBeforeTheBodyRunsIsLost) {
+    source.Stop();
+    source.AddHandler(&handler);
+    RunTicks(1);
+    EXPECT_EQ(handler.Count(), 1U);
 }
 
 TEST_F(TimerEventSourceTest, CanBeStartedAgainAfterAStop) {

@@ -118,6 +118,7 @@ TEST(StringUtil, PlusAndMalformedEscapesStay) {
     }
     EXPECT_EQ(StringUtil::UrlDecode("%%41"), "%A");
     EXPECT_EQ(StringUtil::UrlDecode("%4%41"), "%4A");
+    EXPECT_EQ(StringUtil::UrlDecode(std::string_view("%41", 2)), "%4");
 }
 
 }  // namespace

@@ -260,6 +260,8 @@ TEST(Thread, ABodyThatReturnsLogsNothing) {
 }
 
 TEST(Thread, ManyThreadsLeaveNoTaskBehind) {
+    // Once before: ThreadSanitizer makes a thread of its own with the first one.
+    RunOnThread(defaultStack, defaultPriority, [] {});
     const size_t before = CountTasks();
     std::atomic<int> runs = 0;
     for (int round = 0; round < 10; ++round) {
@@ -273,7 +275,7 @@ TEST(Thread, ManyThreadsLeaveNoTaskBehind) {
         threads.clear();
     }
     EXPECT_EQ(runs, 200);
-    EXPECT_TRUE(test::WaitUntil([before] { return CountTasks() == before; }));
+    EXPECT_TRUE(test::WaitUntil([before] { return CountTasks() <= before; }));
 }
 
 }  // namespace
