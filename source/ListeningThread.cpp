@@ -12,8 +12,9 @@ constexpr int defaultPriority = 0;
 void ListeningThread::Start(const char* name, osa::Runnable& body) {
     std::unique_lock lock(mutex);
     latchOpen = false;
-    thread = std::make_unique<osa::Thread>(name, body, stackKiB, defaultPriority);
-    thread->Run();
+    auto started = std::make_unique<osa::Thread>(name, body, stackKiB, defaultPriority);
+    started->Run();
+    thread = std::move(started);
     changed.wait(lock, [this] { return latchOpen; });
 }
 

@@ -84,10 +84,13 @@ std::vector<std::string> ReadStrings(sd_bus_message* message) {
 
 [[noreturn]] void BecomeDaemon(int readyFd, const char* configurationPath) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const int nowhere = open("/dev/null", O_WRONLY);
-    // Descriptor 3 is where it tells its address, which means that it listens.
-    dup2(readyFd, 3);
-    dup2(nowhere, STDERR_FILENO);
+    dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
+    // Descriptor 3 is where it tells its address, which means that it listens. Duplicated onto itself it would be closed.
+    if (readyFd == 3) {
+        fcntl(readyFd, F_SETFD, 0);
+    } else {
+        dup2(readyFd, 3);
+    }
     execl("/usr/bin/dbus-daemon", "dbus-daemon", "--config-file", configurationPath, "--nofork", "--nopidfile",
           "--nosyslog", "--print-address=3", nullptr);
     _exit(127);

@@ -1,6 +1,7 @@
 #include "kelto/msgbus/BusListener.h"
 
 #include "kelto/core/Logger.h"
+#include "kelto/msgbus/DeliveryQueue.h"
 #include "kelto/msgbus/MessageReader.h"
 #include "kelto/osa/Exception.h"
 
@@ -223,7 +224,9 @@ void BusListener::Pause() {
 int BusListener::OnMatchAdded(sd_bus_message* message, void* userdata, sd_bus_error*) {
     Match& match = *static_cast<Match*>(userdata);
     match.acknowledged = true;
-    if (const sd_bus_error* const error = sd_bus_message_get_error(message)) {
+    // A bus that goes away leaves the request without a reply: that is reported as the loss of the bus.
+    const sd_bus_error* const error = sd_bus_message_get_error(message);
+    if (error != nullptr && sd_bus_error_has_name(error, SD_BUS_ERROR_NO_REPLY) == 0) {
         Log().Warning("The message bus refused a subscription: %s: %s", error->name, error->message);
     }
     return 1;
@@ -242,7 +245,8 @@ void BusListener::Receive(Match& match, sd_bus_message* message) {
     }
     try {
         CheckBusResult(sd_bus_message_rewind(message, 1), "Cannot read a message");
-        receiver(match.filter, std::make_shared<const MsgBusMsg>(MessageReader::Read(message)));
+        receiver(match.filter,
+                 std::make_shared<const MsgBusMsg>(MessageReader::Read(message, DeliveryQueue::mostBytes)));
     } catch (const std::exception& exception) {
         Log().Error("%s", exception.what());
     }

@@ -31,8 +31,13 @@ DeliveryQueue::~DeliveryQueue() {
 void DeliveryQueue::Push(std::shared_ptr<const MsgBusMsg> message) {
     {
         const std::lock_guard lock(mutex);
-        bytes += message->size;
-        messages.push_back(std::move(message));
+        if (message->size > mostBytes) {
+            // It would drive out all the others and not stay itself.
+            ++droppedCount;
+        } else {
+            bytes += message->size;
+            messages.push_back(std::move(message));
+        }
         while (messages.size() > mostMessages || bytes > mostBytes) {
             bytes -= messages.front()->size;
             messages.pop_front();

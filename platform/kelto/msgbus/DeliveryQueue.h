@@ -22,7 +22,7 @@ class IMessageHandler;
  * Each subscription has one of its own, so that an action that blocks delays only its own source: with a shared
  * delivery thread one relay service that hangs would hold up every alarm of the camera. What comes faster than the
  * handler takes it waits here, up to 1,024 messages or 4 MiB; then the oldest goes, and a Warning says how many did
- * when the queue has drained.
+ * when the queue has drained. A single message of more than that goes at once, and only it.
  */
 class DeliveryQueue final : public osa::Runnable {
 public:

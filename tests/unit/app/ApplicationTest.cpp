@@ -183,16 +183,18 @@ TEST_F(ApplicationTest, OnlyTheWriteEndOfThePipeToItselfDoesNotBlock) {
 
 TEST_F(ApplicationTest, TheTearDownGivesSignalsBackAndClosesThePipeBeforeItStopsTheSources) {
     std::vector<SignalHandler> atStop;
-    std::vector<int> openAtStop;
+    std::vector<int> pipeAtStop;
     SetActions({.configure = {}, .start = {}, .stop = [&] {
                     atStop = Dispositions();
-                    openAtStop = test::OpenDescriptors();
+                    pipeAtStop = {PipeEnd(O_RDONLY), PipeEnd(O_WRONLY)};
                 }});
     Start();
+    ASSERT_NE(PipeEnd(O_RDONLY), -1);
     application.reset();
     EXPECT_EQ(atStop.size(), 4U);
     EXPECT_THAT(atStop, Each(SIG_DFL));
-    EXPECT_EQ(openAtStop, openBefore);
+    EXPECT_THAT(pipeAtStop, ElementsAre(-1, -1));
+    EXPECT_EQ(test::OpenDescriptors(), openBefore);
     EXPECT_THAT(journal.Entries(), ElementsAre("make Probe", "configure Probe", "attach to Probe", "start Probe",
                                                "stop Probe", "destroy Probe"));
 }
@@ -450,8 +452,8 @@ TEST_F(ApplicationTest, WithoutDescriptorsForThePipeTheStartFailsAndTearsDown) {
     log.Clear();
     std::string failure;
     try {
-        // Reading the settings takes one at a time; the pipe needs two at once.
-        const test::FewDescriptorsLeft one(1);
+        // The message bus keeps one, reading the settings takes one at a time; the pipe needs two at once.
+        const test::FewDescriptorsLeft two(2);
         Start();
     } catch (const osa::Exception& exception) {
         failure = exception.what();
@@ -473,8 +475,10 @@ TEST_F(ApplicationTest, APipeThatFitsNoSetIsAFailedStartAndIsClosed) {
 }
 
 TEST_F(ApplicationTest, ThePipeMayHaveTheLastDescriptorThatFitsASet) {
-    const test::LowDescriptorsTaken taken(FD_SETSIZE - 1);
+    // The message bus takes the one before.
+    const test::LowDescriptorsTaken taken(FD_SETSIZE - 2);
     Start();
+    ASSERT_EQ(PipeEnd(O_RDONLY), FD_SETSIZE - 1);
     std::raise(SIGTERM);
     application->Run();
     EXPECT_TRUE(log.Has("Information halvek: got: 'S' (83)"));

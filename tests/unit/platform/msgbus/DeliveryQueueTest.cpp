@@ -191,6 +191,19 @@ TEST(DeliveryQueue, OneMessageTooLargeForItIsDroppedAndWarnedOfAtOnce) {
     EXPECT_THAT(log.Lines(), ElementsAre(DroppedWarning(1)));
 }
 
+TEST(DeliveryQueue, AMessageTooLargeForItDrivesNoOtherOut) {
+    const test::LogCapture log;
+    FilledQueue filled;
+    filled.queue.Push(Message("2"));
+    filled.queue.Push(Message("large", 4 * mebibyte + 1));
+    filled.queue.Push(Message("3"));
+    filled.Release();
+    ASSERT_TRUE(filled.heard.WaitForCount(3));
+    EXPECT_TRUE(log.WaitFor(DroppedWarning(1)));
+    filled.queue.Close();
+    EXPECT_THAT(filled.heard.Texts(), ElementsAre("in flight", "2", "3"));
+}
+
 TEST(DeliveryQueue, EachFloodHasAWarningOfItsOwn) {
     const test::LogCapture log;
     HeardMessages heard;

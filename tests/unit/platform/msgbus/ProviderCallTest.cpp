@@ -376,12 +376,11 @@ TEST_F(ProviderCallTest, TheMaskIsRestoredHoweverTheCallEnds) {
 }
 
 TEST_F(ProviderCallTest, ManyThreadsCallWhileTheBusGoesAndComes) {
-    std::atomic<bool> calling = true;
     std::atomic<int> answered = 0;
     std::vector<std::jthread> threads;
     for (int number = 0; number < 4; ++number) {
-        threads.emplace_back([&] {
-            while (calling) {
+        threads.emplace_back([&](const std::stop_token& end) {
+            while (!end.stop_requested()) {
                 answered += FailureOf(GetNames) == "no failure" ? 1 : 0;
             }
         });
@@ -393,7 +392,6 @@ TEST_F(ProviderCallTest, ManyThreadsCallWhileTheBusGoesAndComes) {
     }
     const int before = answered;
     EXPECT_TRUE(test::WaitUntil([&] { return answered > before + 20; }));
-    calling = false;
 }
 
 }  // namespace
