@@ -187,8 +187,8 @@ class SettingsPipe:
     def release(self, text: str) -> None:
         try:
             os.write(self._writer, text.encode())
-        except BrokenPipeError:
-            pass  # it was the end of the fetch before; the next one comes
+        except (BrokenPipeError, BlockingIOError):
+            pass  # it was the end of a fetch, or one that has been given more than it has come to read
         finally:
             os.close(self._writer)
             self._writer = None
