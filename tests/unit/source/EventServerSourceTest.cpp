@@ -1,13 +1,7 @@
 #include "event/TimerEvent.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/Signal.h"
-#include "source/EventServerSource.h"
-#include "tests/fakes/Descriptors.h"
-#include "tests/fakes/Fifo.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/RecordingHandler.h"
-#include "tests/fakes/TempDir.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/unit/source/EventServerSourceFixture.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -31,17 +25,10 @@ using ::testing::ElementsAre;
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
 using Clock = std::chrono::steady_clock;
-using Events = std::vector<Event::Properties>;
 
 constexpr const char* defaultPath = "/var/run/halvek.pipe";
 constexpr const char* openFailure =
     "Error kelto.osa: Thread EventServerSource ended by an exception: Unable to open FIFO for reading";
-
-/** What a block of a type becomes when nothing but these properties stands in it. */
-Event::Properties Made(const std::string& type, Event::Properties properties = {}) {
-    properties.insert({{"eventType", type}, {"eventId", type}});
-    return properties;
-}
 
 mode_t ModeOf(const std::string& path) {
     struct stat status {};
@@ -64,225 +51,6 @@ class NeverConfiguredServer : public EventServerSource {
 public:
     bool IsConfigured() const override { return false; }
 };
-
-class EventServerSourceTest : public ::testing::Test {
-protected:
-    EventServerSourceTest() {
-        source.Configure({{"Path", path}});
-        source.AddHandler(&handler);
-        log.Clear();
-    }
-
-    /** All events so far, without their stamps, once there are so many. */
-    Events Received(size_t count) {
-        EXPECT_TRUE(handler.WaitForCount(count));
-        Events events;
-        for (const test::ReceivedEvent& event : handler.Events()) {
-            events.push_back(event.properties);
-            events.back().erase("Timestamp");
-            events.back().erase("FormattedTime");
-        }
-        return events;
-    }
-
-    /** What a text posted at once becomes. The block that ends it shows that nothing more came of the text. */
-    Events EventsOf(const std::string& text) {
-        if (source.GetCurrentThread() == nullptr) {
-            source.StartListening();
-        }
-        const std::string last = "Last" + std::to_string(++posts);
-        fifo.Write(text + "[" + last + "]\n.\n");
-        EXPECT_TRUE(test::WaitUntil([&] { return EndsWith(last); }));
-        Events events = Received(1);
-        EXPECT_EQ(events.back(), Made(last));
-        events.pop_back();
-        return events;
-    }
-
-    bool EndsWith(const std::string& type) const {
-        const std::vector<test::ReceivedEvent> events = handler.Events();
-        return !events.empty() && events.back().properties.at("eventType") == type;
-    }
-
-    int posts = 0;
-    const test::LeftDescriptorsClosed leftDescriptorsClosed;
-    const test::TempDir folder;
-    const std::string path = folder.PathOf("pipe");
-    test::LogCapture log;
-    test::RecordingHandler handler;
-    EventServerSource source;
-    const test::Fifo fifo{path};
-};
-
-TEST_F(EventServerSourceTest, HeaderAndPropertiesBecomeOneMotionEvent) {
-    EXPECT_EQ(EventsOf("[Alarm]\nlevel=3\n.\n"), Events({Made("Alarm", {{"level", "3"}})}));
-    EXPECT_EQ(handler.Events().front().kind, "{Event: MotionEvent}");
-    EXPECT_EQ(handler.Events().front().priority, 0);
-    EXPECT_EQ(handler.Events().front().properties.count("Timestamp"), 1U);
-    EXPECT_EQ(handler.Events().front().properties.count("FormattedTime"), 1U);
-}
-
-TEST_F(EventServerSourceTest, TheRegionOfAMotionIsItsId) {
-    EXPECT_EQ(EventsOf("[MotionDetection]\nregion=2\n.\n"),
-              Events({{{"region", "2"}, {"eventId", "2"}, {"eventType", "MotionDetection"}}}));
-}
-
-TEST_F(EventServerSourceTest, AMotionWithoutARegionHasItsTypeForItsId) {
-    EXPECT_EQ(EventsOf("[MotionDetection]\n.\n"), Events({Made("MotionDetection")}));
-}
-
-TEST_F(EventServerSourceTest, TheRegionOfAnythingElseIsNotItsId) {
-    EXPECT_EQ(EventsOf("[Motion]\nregion=2\n.\n"), Events({Made("Motion", {{"region", "2"}})}));
-}
-
-TEST_F(EventServerSourceTest, AnEmptyRegionIsAnEmptyIdThatOnlyHandlersWithoutIdGet) {
-    test::RecordingHandler byType;
-    test::RecordingHandler byEmptyId;
-    source.AddHandler(&byType, "MotionDetection");
-    source.AddHandler(&byEmptyId, "");
-    EXPECT_EQ(EventsOf("[MotionDetection]\nregion=\n.\n"),
-              Events({{{"region", ""}, {"eventId", ""}, {"eventType", "MotionDetection"}}}));
-    EXPECT_EQ(byType.Count(), 0U);
-    EXPECT_EQ(byEmptyId.Count(), 0U);
-    EXPECT_TRUE(log.Has("Debug halvek: EventServerSource: Event has eventID of: "));
-}
-
-TEST_F(EventServerSourceTest, PostedIdsTypesAndStampsAreReplaced) {
-    EXPECT_EQ(EventsOf("[A]\neventId=7\neventType=B\nTimestamp=noon\nFormattedTime=noon\n.\n"), Events({Made("A")}));
-    EXPECT_NE(handler.Events().front().properties.at("Timestamp"), "noon");
-}
-
-TEST_F(EventServerSourceTest, TwoEventsInOneWriteAreReadInTwoPasses) {
-    EXPECT_EQ(EventsOf("[A]\nx=1\n.\n[B]\ny=2\n.\n"), Events({Made("A", {{"x", "1"}}), Made("B", {{"y", "2"}})}));
-    std::vector<std::string> reading;
-    for (const std::string& line : log.Lines()) {
-        if (line.find("Select returned") != std::string::npos || line.find("Got line") != std::string::npos) {
-            reading.push_back(line);
-        }
-    }
-    EXPECT_THAT(
-        reading,
-        ElementsAre("Trace halvek: Select returned", "Trace halvek: Got line: [A]", "Trace halvek: Got line: x=1",
-                    "Trace halvek: Got line: .", "Trace halvek: Select returned", "Trace halvek: Got line: [B]",
-                    "Trace halvek: Got line: y=2", "Trace halvek: Got line: .", "Trace halvek: Select returned",
-                    "Trace halvek: Got line: [Last1]", "Trace halvek: Got line: ."));
-}
-
-TEST_F(EventServerSourceTest, ABlockWithoutAHeaderTakesTheLastType) {
-    EXPECT_EQ(EventsOf("[A]\nz=0\n.\nx=1\n.\n"), Events({Made("A", {{"z", "0"}}), Made("A", {{"x", "1"}})}));
-}
-
-TEST_F(EventServerSourceTest, TheEndOfTheDataEndsAnEvent) {
-    source.StartListening();
-    fifo.Write("[A]\nx=1\n");
-    EXPECT_EQ(Received(1), Events({Made("A", {{"x", "1"}})}));
-    fifo.Write("y=2\n.\n");
-    EXPECT_EQ(Received(2).back(), Made("A", {{"y", "2"}}));
-}
-
-TEST_F(EventServerSourceTest, ALineCutByANonAtomicWriteIsTakenAsItStands) {
-    source.StartListening();
-    fifo.Write("[A]\nspeed=12");
-    EXPECT_EQ(Received(1), Events({Made("A", {{"speed", "12"}})}));
-    fifo.Write("34\nx=1\n.\n");
-    EXPECT_EQ(Received(3), Events({Made("A", {{"speed", "12"}}), Made("A"), Made("A", {{"x", "1"}})}));
-}
-
-TEST_F(EventServerSourceTest, AKeyCutByANonAtomicWriteEndsTheEventAndItsRestIsAnother) {
-    source.StartListening();
-    fifo.Write("[A]\nx=1\nspe");
-    EXPECT_EQ(Received(1), Events({Made("A", {{"x", "1"}})}));
-    fifo.Write("ed=12\n.\n");
-    EXPECT_EQ(Received(2).back(), Made("A", {{"ed", "12"}}));
-}
-
-TEST_F(EventServerSourceTest, AHeaderCutByANonAtomicWriteIsLost) {
-    source.StartListening();
-    fifo.Write("[Al");
-    EXPECT_TRUE(log.WaitFor("Debug halvek: \tFind didn't find a ]"));
-    EXPECT_EQ(EventsOf("arm]\nx=1\n.\n"), Events());
-}
-
-TEST_F(EventServerSourceTest, ALetterOrDigitWithoutAnEqualsSignEndsTheEvent) {
-    EXPECT_EQ(EventsOf("[A]\nx=1\nabc\ny=2\n.\n"), Events({Made("A", {{"x", "1"}}), Made("A", {{"y", "2"}})}));
-    EXPECT_EQ(EventsOf("7\n"),
-              Events({Made("A", {{"x", "1"}}), Made("A", {{"y", "2"}}), Made("Last1"), Made("Last1")}));
-}
-
-TEST_F(EventServerSourceTest, LinesThatBeginWithNeitherLetterNorDigitAreIgnored) {
-    EXPECT_EQ(EventsOf("[A]\n x=1\n\tx=1\n_x=1\n#x=1\n-x=1\n..\n. \n]x=1\n.\n"), Events({Made("A")}));
-}
-
-TEST_F(EventServerSourceTest, ALineThatBeginsWithAnEqualsSignIsIgnored) {
-    EXPECT_EQ(EventsOf("[A]\n=x\n=\n.\n"), Events({Made("A")}));
-}
-
-TEST_F(EventServerSourceTest, TheFirstEqualsSignSeparatesAndNothingIsTrimmed) {
-    EXPECT_EQ(EventsOf("[A]\na=b=c\nd = e \nf=\n.\n"), Events({Made("A", {{"a", "b=c"}, {"d ", " e "}, {"f", ""}})}));
-}
-
-TEST_F(EventServerSourceTest, TheLastOfARepeatedKeyCounts) {
-    EXPECT_EQ(EventsOf("[A]\nx=1\nx=2\n.\n"), Events({Made("A", {{"x", "2"}})}));
-}
-
-TEST_F(EventServerSourceTest, ADotAndACarriageReturnAreNoTerminator) {
-    EXPECT_EQ(EventsOf("[A]\n.\r\nx=1\r\n.\n"), Events({Made("A", {{"x", "1\r"}})}));
-}
-
-TEST_F(EventServerSourceTest, BytesAbove7fAreOrdinaryInALineAndNoLetterAtItsBegin) {
-    EXPECT_EQ(EventsOf("[T\xFCr]\nx=\xFF\xFE\n\xC3\xA4=1\n\xFF=1\n.\n"), Events({Made("T\xFCr", {{"x", "\xFF\xFE"}})}));
-}
-
-TEST_F(EventServerSourceTest, AZeroByteStandsInAValue) {
-    EXPECT_EQ(EventsOf(std::string("[A]\nx=1\0002\n.\n", 12)), Events({Made("A", {{"x", std::string("1\0002", 3)}})}));
-}
-
-TEST_F(EventServerSourceTest, TheHeaderMayStandAnywhereAndTheLastOneWins) {
-    EXPECT_EQ(EventsOf("x=1\n[A]\ny=2\n[B]\n.\n"), Events({Made("B", {{"x", "1"}, {"y", "2"}})}));
-}
-
-TEST_F(EventServerSourceTest, TextBehindTheFirstClosingBracketIsIgnored) {
-    EXPECT_EQ(EventsOf("[A] x=1]\n.\n"), Events({Made("A")}));
-}
-
-TEST_F(EventServerSourceTest, AHeaderWithoutItsEndLeavesTheTypeAsItWas) {
-    EXPECT_EQ(EventsOf("[A]\n[B\nx=1\n.\n"), Events({Made("A", {{"x", "1"}})}));
-    EXPECT_TRUE(log.Has("Debug halvek: \tFind didn't find a ]"));
-}
-
-TEST_F(EventServerSourceTest, AnEmptyHeaderFiresNothing) {
-    EXPECT_EQ(EventsOf("[A]\n.\n[]\nx=1\n.\ny=2\n.\n"), Events({Made("A")}));
-    EXPECT_TRUE(log.Has("Debug halvek: \tEvent type: "));
-}
-
-TEST_F(EventServerSourceTest, AnEmptyHeaderIsForgottenOverALaterOneInTheSameBlock) {
-    EXPECT_EQ(EventsOf("[]\nx=1\n[B]\n.\n"), Events({Made("B", {{"x", "1"}})}));
-}
-
-TEST_F(EventServerSourceTest, BeforeAnyHeaderPropertiesAreDiscarded) {
-    EXPECT_EQ(EventsOf("x=1\n.\ny=2\n.\n.\n"), Events());
-}
-
-TEST_F(EventServerSourceTest, AnEmptyLineEndsTheThreadAndARestartGoesOnBehindIt) {
-    source.StartListening();
-    fifo.Write("[A]\nx=1\n\n[B]\ny=2\n.\n");
-    EXPECT_TRUE(test::WaitUntil([this] {
-        return log.Text().find("Error kelto.osa: Thread EventServerSource ended by an exception: ") !=
-               std::string::npos;
-    }));
-    EXPECT_FALSE(log.Has("Debug halvek: DONE"));
-    EXPECT_EQ(handler.Count(), 0U);
-    EXPECT_EQ(fifo.CountWaiting(), std::string("[B]\ny=2\n.\n").size());
-    source.StopListening();
-    EXPECT_EQ(EventsOf(""), Events({Made("B", {{"y", "2"}})}));
-}
-
-TEST_F(EventServerSourceTest, ALongLineIsTakenWhole) {
-    const std::string value(60000, 'v');
-    fifo.Write("[A]\nx=" + value + "\n.\n");
-    source.StartListening();
-    EXPECT_EQ(Received(1), Events({Made("A", {{"x", value}})}));
-}
 
 TEST_F(EventServerSourceTest, LogsAnEventStepByStep) {
     test::RecordingHandler stopping([this](Event&) { source.Stop(); });
