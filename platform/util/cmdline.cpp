@@ -9,12 +9,15 @@
 
 namespace {
 
+constexpr int wordThatIsNoOption = 1;
+
 bool IsEnd(const cmdline_option& option) {
     return option.longName == nullptr && option.shortName == 0;
 }
 
 std::string ShortOptions(const cmdline_option* table) {
-    std::string text;
+    // The "-" hands words that are no option out as option 1, in their order, whatever POSIXLY_CORRECT says.
+    std::string text = "-";
     for (; !IsEnd(*table); ++table) {
         if (table->shortName != 0) {
             text += table->shortName;
@@ -41,7 +44,10 @@ int cmdline_getopt(int argc, char** argv, const cmdline_option* table) {
     opterr = 0;
     const std::string shortOptions = ShortOptions(table);
     const std::vector<option> longOptions = LongOptions(table);
-    const int result = getopt_long(argc, argv, shortOptions.c_str(), longOptions.data(), nullptr);
+    int result = wordThatIsNoOption;
+    while (result == wordThatIsNoOption) {
+        result = getopt_long(argc, argv, shortOptions.c_str(), longOptions.data(), nullptr);
+    }
     if (result == -1) {
         optind = 0;
     }

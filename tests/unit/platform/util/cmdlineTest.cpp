@@ -1,3 +1,4 @@
+#include "tests/fakes/EnvironmentVariable.h"
 #include "tests/fakes/LogCapture.h"
 #include "util/cmdline.h"
 
@@ -6,6 +7,7 @@
 
 namespace {
 
+using kelto::test::EnvironmentVariable;
 using kelto::test::LogCapture;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -78,6 +80,12 @@ TEST(cmdline_getopt, WordsThatAreNoOptionAreIgnored) {
     EXPECT_THAT(Parse(emptyTable, {"word", "another", ""}), ElementsAre("-1"));
     EXPECT_THAT(Parse(emptyTable, {"-"}), ElementsAre("-1"));
     EXPECT_THAT(Parse(table, {"word", "-h", "another", "-v"}), ElementsAre("h", "v", "-1"));
+}
+
+TEST(cmdline_getopt, AnOptionBehindAWordIsOneInAnyEnvironment) {
+    const EnvironmentVariable environment("POSIXLY_CORRECT", "1");
+    EXPECT_THAT(Parse(table, {"word", "-h", "-c", "file", "word"}), ElementsAre("h", "c=file", "-1"));
+    EXPECT_THAT(Parse(emptyTable, {"word", "-x"}), ElementsAre("?", "-1"));
 }
 
 TEST(cmdline_getopt, NothingBehindTwoDashesIsAnOption) {
