@@ -10,6 +10,7 @@
 #include "tests/fakes/Fifo.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/TempDir.h"
+#include "tests/fakes/WaitUntil.h"
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -18,7 +19,6 @@
 #include <functional>
 #include <future>
 #include <memory>
-#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -56,6 +56,8 @@ constexpr const char* starting = "Debug halvek: \t FTPEventHandler::PerformActio
 constexpr const char* finished = "Debug halvek: \t FTPEventHandler::PerformAction Finished FTP command now";
 constexpr const char* unknownException = "Error halvek: FtpEventHandler: Error, unknown exception caught";
 
+const Words notRun = {"ftpput was not run"};
+
 /** Runs against an ftpput that only notes the words that it was started with. */
 class FtpEventHandlerTest : public ::testing::Test {
 protected:
@@ -90,18 +92,18 @@ protected:
         return log.Lines();
     }
 
-    /** The words that one action starts ftpput with; nothing if it does not start it. The log begins anew. */
-    std::optional<Words> Act() {
+    /** The words that one action starts ftpput with; notRun if it does not start it. The log begins anew. */
+    Words Act() {
         event::TimerEvent event(Event::Properties{{"eventType", "Timer"}});
         return ActOn(event);
     }
 
-    std::optional<Words> ActOn(Event& event) {
+    Words ActOn(Event& event) {
         log.Clear();
         unlink(wordsFile.c_str());
         handler.HandleEvent(event);
         if (access(wordsFile.c_str(), F_OK) != 0) {
-            return std::nullopt;
+            return notRun;
         }
         std::istringstream stream(test::ReadWholeFile(wordsFile));
         Words words;
@@ -113,8 +115,8 @@ protected:
 
     /** The remote path that an action asks for, the last word but one. */
     std::string RemotePath() {
-        const std::optional<Words> words = Act();
-        return words && words->size() == 7 ? words->at(5) : "no command of seven words";
+        const Words words = Act();
+        return words.size() == 7 ? words.at(5) : "no command of seven words";
     }
 
     const test::TempDir folder;
@@ -136,7 +138,7 @@ TEST_F(FtpEventHandlerTest, IsMadeByTheRegistryUnderFtp) {
 
 TEST_F(FtpEventHandlerTest, AFreshHandlerCountsAsConfiguredAndHasNoFileName) {
     EXPECT_TRUE(handler.IsConfigured());
-    EXPECT_EQ(Act(), std::nullopt);
+    EXPECT_EQ(Act(), notRun);
     EXPECT_THAT(log.Lines(), ElementsAre("Error halvek: FtpEventHandler: Illegal filename"));
 }
 
@@ -154,7 +156,7 @@ TEST_F(FtpEventHandlerTest, ConfiguringRunsTheBaseFirstAndThenNamesTheFile) {
 
 TEST_F(FtpEventHandlerTest, TheFilterOfTheBaseHolds) {
     Configure({{"EnabledDays", "X"}});
-    EXPECT_EQ(Act(), std::nullopt);
+    EXPECT_EQ(Act(), notRun);
     EXPECT_THAT(log.Lines(), Not(Contains(starting)));
 }
 
@@ -194,11 +196,11 @@ TEST_F(FtpEventHandlerTest, AnyFormOfTrueWantsTheAttachment) {
 
 TEST_F(FtpEventHandlerTest, TheSnapshotIsLookedUpInTheSettingsOfTheMoment) {
     Configure();
-    EXPECT_EQ(Act()->back(), snapshot);
+    EXPECT_EQ(Act().back(), snapshot);
     SetSnapshot("/media/latest.jpg");
-    EXPECT_EQ(Act()->back(), snapshot);
+    EXPECT_EQ(Act().back(), snapshot);
     EXPECT_EQ(Configure().back(), "Debug halvek: \tThe file we are copying: /media/latest.jpg");
-    EXPECT_EQ(Act()->back(), "/media/latest.jpg");
+    EXPECT_EQ(Act().back(), "/media/latest.jpg");
 }
 
 /** What is logged behind the base's records. */
@@ -238,7 +240,7 @@ TEST_F(FtpEventHandlerTest, SettingsThatCannotBeReadAreWarnedOfAndTheDefaultFile
     EXPECT_THAT(records[0], HasSubstr("Warning halvek: \tFtpEventHandler: "));
     EXPECT_THAT(records[0], HasSubstr(file));
     EXPECT_EQ(records[1], "Error halvek: \tNo source file path found, using default");
-    EXPECT_EQ(Act()->back(), "/tmp/snapshot/img2.jpg");
+    EXPECT_EQ(Act().back(), "/tmp/snapshot/img2.jpg");
 }
 
 TEST_F(FtpEventHandlerTest, AnEmptySnapshotPathIsAnErrorAndTheDefaultFileTaken) {
@@ -246,7 +248,7 @@ TEST_F(FtpEventHandlerTest, AnEmptySnapshotPathIsAnErrorAndTheDefaultFileTaken) 
     EXPECT_THAT(OwnRecords(Configure()),
                 ElementsAre("Error halvek: \tNo source file path found, using default",
                             "Debug halvek: \tThe file we are copying: /tmp/snapshot/img2.jpg"));
-    EXPECT_EQ(Act()->back(), "/tmp/snapshot/img2.jpg");
+    EXPECT_EQ(Act().back(), "/tmp/snapshot/img2.jpg");
 }
 
 TEST_F(FtpEventHandlerTest, ALookUpThatThrowsWhatNobodyKnowsIsWarnedOfInItsOwnWords) {
@@ -316,7 +318,7 @@ TEST_F(FtpEventHandlerTest, AnUnresolvedFolderIsPutBeforeTheNameAsItStands) {
     };
     for (const auto& [given, remotePath] : table) {
         EXPECT_THROW(Configure({{"BasePath", given}, {"Attachment", "no"}}), osa::Exception);
-        ASSERT_TRUE(Act());
+        EXPECT_NE(Act(), notRun);
         EXPECT_THAT(log.Lines(), Contains(std::string("Debug halvek: \tRemote fullpath  ") + remotePath));
     }
 }
@@ -324,9 +326,8 @@ TEST_F(FtpEventHandlerTest, AnUnresolvedFolderIsPutBeforeTheNameAsItStands) {
 TEST_F(FtpEventHandlerTest, AnActionLogsTheTransactionAndRunsTheCommand) {
     const std::string real = osa::PathUtils::RealPath(folder.GetPath());
     Configure({{"BasePath", real}});
-    const std::optional<Words> words = Act();
-    ASSERT_TRUE(words);
-    EXPECT_THAT(*words, ElementsAre("-u", "camera", "-p", "s3cret", "host", real + "/shot.jpg", snapshot));
+    const Words words = Act();
+    EXPECT_THAT(words, ElementsAre("-u", "camera", "-p", "s3cret", "host", real + "/shot.jpg", snapshot));
     EXPECT_THAT(log.Lines(),
                 ElementsAre("Debug halvek: FTP transaction info:", "Debug halvek: \tRemote server    host",
                             "Debug halvek: \tUsername         camera", "Debug halvek: \tLocal Filename   " + snapshot,
@@ -348,8 +349,8 @@ TEST_F(FtpEventHandlerTest, WhatTheEventHoldsDoesNotMatter) {
     Configure();
     event::AlarmEvent alarm(Event::Properties{{"alarmIndex", "7"}, {"DestName", "other.jpg"}});
     Event bare(Event::Properties{});
-    const std::optional<Words> words = Act();
-    ASSERT_TRUE(words);
+    const Words words = Act();
+    EXPECT_NE(words, notRun);
     EXPECT_EQ(ActOn(alarm), words);
     EXPECT_EQ(ActOn(bare), words);
 }
@@ -368,7 +369,7 @@ TEST_F(FtpEventHandlerTest, WithoutAFileNameEveryActionFailsAndNothingIsRun) {
     group.erase("DestName");
     handler.Configure(group);
     for (int action = 0; action < 2; ++action) {
-        EXPECT_EQ(Act(), std::nullopt);
+        EXPECT_EQ(Act(), notRun);
         EXPECT_THAT(log.Lines(), ElementsAre("Error halvek: FtpEventHandler: Illegal filename"));
     }
     Configure();
@@ -377,30 +378,30 @@ TEST_F(FtpEventHandlerTest, WithoutAFileNameEveryActionFailsAndNothingIsRun) {
 
 TEST_F(FtpEventHandlerTest, AFileNameThatCannotBeExpandedIsIllegal) {
     Configure({{"DestName", std::string(100000, 'x')}});
-    EXPECT_EQ(Act(), std::nullopt);
+    EXPECT_EQ(Act(), notRun);
     EXPECT_THAT(log.Lines(), ElementsAre("Error halvek: FtpEventHandler: Illegal filename"));
 }
 
 TEST_F(FtpEventHandlerTest, ABlankSplitsTheCommandIntoMoreWordsAsItIsMeant) {
     Configure({{"Username", "my camera"}});
-    EXPECT_EQ(*Act(), (Words{"-u", "my", "camera", "-p", "s3cret", "host", "/shot.jpg", snapshot}));
+    EXPECT_EQ(Act(), (Words{"-u", "my", "camera", "-p", "s3cret", "host", "/shot.jpg", snapshot}));
     Configure({{"Password", "two words"}});
-    EXPECT_EQ(*Act(), (Words{"-u", "camera", "-p", "two", "words", "host", "/shot.jpg", snapshot}));
+    EXPECT_EQ(Act(), (Words{"-u", "camera", "-p", "two", "words", "host", "/shot.jpg", snapshot}));
     Configure({{"DestName", "my shot.jpg"}});
-    EXPECT_EQ(*Act(), (Words{"-u", "camera", "-p", "s3cret", "host", "/my", "shot.jpg", snapshot}));
+    EXPECT_EQ(Act(), (Words{"-u", "camera", "-p", "s3cret", "host", "/my", "shot.jpg", snapshot}));
     SetSnapshot("/tmp/my snapshot.jpg");
     Configure();
-    EXPECT_EQ(*Act(), (Words{"-u", "camera", "-p", "s3cret", "host", "/shot.jpg", "/tmp/my", "snapshot.jpg"}));
+    EXPECT_EQ(Act(), (Words{"-u", "camera", "-p", "s3cret", "host", "/shot.jpg", "/tmp/my", "snapshot.jpg"}));
 }
 
 TEST_F(FtpEventHandlerTest, AnEmptyValueLeavesItsWordOutAsItIsMeant) {
     handler.Configure({{"Attachment", "1"}, {"DestName", "shot.jpg"}});
-    EXPECT_EQ(*Act(), (Words{"-u", "-p", "/shot.jpg", snapshot}));
+    EXPECT_EQ(Act(), (Words{"-u", "-p", "/shot.jpg", snapshot}));
 }
 
 TEST_F(FtpEventHandlerTest, TheShellReadsTheValuesAsItIsMeant) {
     Configure({{"Username", "$((6*7))"}, {"Password", "'a b'"}, {"Server", "ho\\st"}});
-    EXPECT_EQ(*Act(), (Words{"-u", "42", "-p", "a b", "host", "/shot.jpg", snapshot}));
+    EXPECT_EQ(Act(), (Words{"-u", "42", "-p", "a b", "host", "/shot.jpg", snapshot}));
 }
 
 /** The name that makes the whole command so many characters long. */
@@ -412,23 +413,23 @@ std::string NameForLength(size_t length, const std::string& snapshot) {
 TEST_F(FtpEventHandlerTest, ACommandOf255CharactersIsWhole) {
     const std::string name = NameForLength(255, snapshot);
     Configure({{"DestName", name}});
-    EXPECT_EQ(*Act(), (Words{"-u", "camera", "-p", "s3cret", "host", "/" + name, snapshot}));
+    EXPECT_EQ(Act(), (Words{"-u", "camera", "-p", "s3cret", "host", "/" + name, snapshot}));
 }
 
 TEST_F(FtpEventHandlerTest, ALongerCommandLosesTheLocalFileFirstAsItIsMeant) {
     std::string name = NameForLength(256, snapshot);
     Configure({{"DestName", name}});
     const std::string cutByOne = snapshot.substr(0, snapshot.size() - 1);
-    EXPECT_EQ(*Act(), (Words{"-u", "camera", "-p", "s3cret", "host", "/" + name, cutByOne}));
+    EXPECT_EQ(Act(), (Words{"-u", "camera", "-p", "s3cret", "host", "/" + name, cutByOne}));
 
     name = NameForLength(255 + snapshot.size(), snapshot);
     Configure({{"DestName", name}});
-    EXPECT_EQ(*Act(), (Words{"-u", "camera", "-p", "s3cret", "host", "/" + name}));
+    EXPECT_EQ(Act(), (Words{"-u", "camera", "-p", "s3cret", "host", "/" + name}));
 
     const std::string longName(1000, 'n');
     Configure({{"DestName", longName}});
     const size_t before = std::string("ftpput -u camera -p s3cret host /").size();
-    EXPECT_EQ(*Act(), (Words{"-u", "camera", "-p", "s3cret", "host", "/" + longName.substr(0, 255 - before)}));
+    EXPECT_EQ(Act(), (Words{"-u", "camera", "-p", "s3cret", "host", "/" + longName.substr(0, 255 - before)}));
     EXPECT_TRUE(log.Has("Debug halvek: \tRemote fullpath  /" + longName));
 }
 
@@ -447,7 +448,7 @@ TEST_F(FtpEventHandlerTest, HowTheCommandEndsIsNotLookedAt) {
 TEST_F(FtpEventHandlerTest, ACommandThatIsNotThereIsNotLookedAtEither) {
     const test::EnvironmentVariable nowhere("PATH", folder.PathOf("nowhere"));
     Configure();
-    EXPECT_EQ(Act(), std::nullopt);
+    EXPECT_EQ(Act(), notRun);
     const std::vector<std::string> records = log.Lines();
     ASSERT_EQ(records.size(), 9U);
     EXPECT_THAT(records[7], HasSubstr("ftpput: not found"));
@@ -507,7 +508,7 @@ TEST_F(FtpEventHandlerTest, NothingLeavesAnActionWhateverIsThrownInIt) {
 
 TEST_F(FtpEventHandlerTest, TwoSourcesUploadSideBySide) {
     const test::Fifo leave(folder.PathOf("leave"));
-    StandIn("read line <" + leave.GetPath() + "\n");
+    StandIn("echo running >>" + wordsFile + "\nread line <" + leave.GetPath() + "\n");
     Configure();
     const auto act = [this] {
         event::TimerEvent event(Event::Properties{});
@@ -517,7 +518,9 @@ TEST_F(FtpEventHandlerTest, TwoSourcesUploadSideBySide) {
     for (int source = 0; source < 2; ++source) {
         sources.push_back(std::async(std::launch::async, act));
     }
-    EXPECT_TRUE(log.WaitFor(starting, 2));
+    EXPECT_TRUE(test::WaitUntil([this] {
+        return access(wordsFile.c_str(), F_OK) == 0 && test::ReadWholeFile(wordsFile) == "running\nrunning\n";
+    }));
     EXPECT_EQ(log.Count(finished), 0U);
     leave.Write("\n\n");
     for (std::future<void>& source : sources) {
