@@ -4,12 +4,14 @@ import contextlib
 import json
 import os
 import re
+import shutil
 import signal
 import socket
 import statistics
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 from collections.abc import Callable, Iterator, Sequence
 from pathlib import Path
@@ -24,6 +26,7 @@ THROUGHPUT_ROUNDS, THROUGHPUT_EVENTS = 25, 10_000
 LATENCY_ROUNDS, LATENCY_EVENTS = 8, 1_000
 BUS_ROUNDS, BUS_ALARMS = 9, 500
 ISOLATION_EVENTS = 100
+UPLOAD_HANGS = 5.0  # seconds
 # What starting and stopping cost falls out of the difference between two counts.
 STRACE_EVENTS = (1_000, 3_000)
 CALLGRIND_EVENTS = (2_000, 12_000)
@@ -142,11 +145,11 @@ def measure_latency(programs: Programs) -> list[Limit]:
     ]
 
 
-def run_on_bus(command: Sequence[str]) -> list[list[str]]:
+def run_on_bus(command: Sequence[str], settings: str = "bus.ini", **variables: str) -> list[list[str]]:
     """Runs a program on a bus of its own; returns the words of each line that it prints."""
     with tempfile.TemporaryDirectory(prefix="halvek-bench-") as folder:
         with contextlib.closing(PrivateBus(Path(folder))) as bus:
-            lines = run(command, "bus.ini", **bus.environment).stdout.splitlines()
+            lines = run(command, settings, **bus.environment, **variables).stdout.splitlines()
     # The daemon leaves its event pipe behind; the next load wants to make it.
     Path("/var/run/halvek.pipe").unlink(missing_ok=True)
     return [line.split() for line in lines]
@@ -171,15 +174,59 @@ def measure_bus(programs: Programs) -> list[Limit]:
     return [Limit("alarm to relay at p50, ratio, same calls", same_calls["p50"].ratio(), most=1.5)]
 
 
-def measure_isolation(programs: Programs) -> list[Limit]:
-    title(f"{ISOLATION_EVENTS} posted events, one every 100 ms, beside a relay service that answers after 3 s")
-    command = [programs.bus_load, "isolation", str(ISOLATION_EVENTS), *programs.daemon]
-    paces = {words[0]: dict(zip(words[1::2], map(float, words[2::2]), strict=True)) for words in run_on_bus(command)}
+def show_paces(lines: list[list[str]]) -> dict[str, float]:
+    """Returns the figures of the pace while alarms came, in seconds."""
+    paces = {words[0]: dict(zip(words[1::2], map(float, words[2::2]), strict=True)) for words in lines}
     for name, text in (("quiet", "no alarms"), ("alarms", "an alarm a second")):
         median, worst = (paces[name][figure] * 1e3 for figure in ("median", "worst"))
         print(f"  {text:<24} from one event to the next: median {median:6.1f} ms, longest {worst:6.1f} ms")
-    print(f"  The relay service took {paces['alarms']['calls']:.0f} calls meanwhile.")
-    return [Limit("longest gap beside a slow relay", paces["alarms"]["worst"] * 1e3, most=200, unit="ms")]
+    return paces["alarms"]
+
+
+def measure_isolation(programs: Programs) -> list[Limit]:
+    title(f"{ISOLATION_EVENTS} posted events, one every 100 ms, beside a relay service that answers after 3 s")
+    pace = show_paces(run_on_bus([programs.bus_load, "isolation", str(ISOLATION_EVENTS), *programs.daemon]))
+    print(f"  The relay service took {pace['calls']:.0f} calls meanwhile.")
+    return [Limit("longest gap beside a slow relay", pace["worst"] * 1e3, most=200, unit="ms")]
+
+
+@contextlib.contextmanager
+def silent_ftp_server() -> Iterator[list[float]]:
+    """Says nothing to anybody for a while and then hangs up; gives when who came, as the list grows."""
+    arrivals: list[float] = []
+
+    def keep_waiting(listener: socket.socket) -> None:
+        with contextlib.suppress(OSError):  # shut down
+            while True:
+                connection, _ = listener.accept()
+                arrivals.append(time.monotonic())
+                timer = threading.Timer(UPLOAD_HANGS, connection.close)
+                timer.daemon = True
+                timer.start()
+
+    with socket.create_server(("127.0.0.1", 21)) as server:
+        thread = threading.Thread(target=keep_waiting, args=[server])
+        thread.start()
+        try:
+            yield arrivals
+        finally:
+            server.shutdown(socket.SHUT_RDWR)
+            thread.join()
+
+
+def measure_upload(programs: Programs) -> list[Limit]:
+    title(f"{ISOLATION_EVENTS} posted events, one every 100 ms, beside ftpput that hangs for {UPLOAD_HANGS:.0f} s")
+    busybox = shutil.which("busybox")
+    if busybox is None:
+        raise RuntimeError("there is no busybox to upload with")
+    command = [programs.bus_load, "pace", str(ISOLATION_EVENTS), *programs.daemon]
+    with tempfile.TemporaryDirectory(prefix="halvek-bench-") as folder, silent_ftp_server() as arrivals:
+        Path(folder, "ftpput").symlink_to(busybox)
+        pace = show_paces(run_on_bus(command, "upload.ini", PATH=f"{folder}:{os.environ['PATH']}"))
+    if len(arrivals) < 2 or arrivals[1] - arrivals[0] < UPLOAD_HANGS:
+        raise RuntimeError(f"no upload has hung for {UPLOAD_HANGS} s: they came at {arrivals}")
+    print(f"  {len(arrivals)} uploads hung meanwhile.")
+    return [Limit("longest gap beside an upload that hangs", pace["worst"] * 1e3, most=200, unit="ms")]
 
 
 def count_system_calls(command: Sequence[str], under_load: Sequence[str] = ()) -> dict[str, int]:
@@ -349,6 +396,7 @@ def main() -> int:
         limits += measure_latency(programs)
         limits += measure_bus(programs)
         limits += measure_isolation(programs)
+        limits += measure_upload(programs)
         limits += measure_system_calls(programs)
         limits += measure_instructions(programs)
         limits += measure_disabled_log(programs)

@@ -2,6 +2,7 @@
 //
 //   bus_load latency ROUNDS ALARMS DAEMON [-- PEER]...
 //   bus_load isolation EVENTS DAEMON
+//   bus_load pace EVENTS DAEMON
 //
 // The alarms of the daemon are those of the object /com/kelto/AlarmV3, and it must activate relay 0 for each; the n-th
 // peer has /com/kelto/AlarmV3/peern and relay n. The relay service of this program answers every call at once. DAEMON
@@ -15,6 +16,8 @@
 // comes every second; takes the times between the events as they come out. Before that the same without alarms. For
 // both it prints a line "quiet|alarms median VALUE worst VALUE calls NUMBER" in seconds, where the number counts relay
 // calls.
+//
+// pace: the same beside whatever else the daemon does for an alarm; whoever starts this makes that slow.
 
 #include "bench/load/CameraService.h"
 #include "bench/load/Channel.h"
@@ -182,6 +185,13 @@ void MeasureIsolation(uint64_t events, const Command& daemon) {
     camera.ServeUntil(Now() + slowAnswerNs);
 }
 
+void MeasurePaces(uint64_t events, const Command& daemon) {
+    CameraService camera;
+    Channel channel("/var/run/halvek", daemon);
+    MeasurePace(camera, channel, "quiet", events, 0);
+    MeasurePace(camera, channel, "alarms", events, eventsPerAlarm);
+}
+
 int Run(const Command& arguments) {
     SeparateProcessors();
     const std::string mode = arguments.empty() ? "" : arguments[0];
@@ -189,10 +199,13 @@ int Run(const Command& arguments) {
         MeasureLatency(std::stoull(arguments[1]), std::stoull(arguments[2]), {arguments.begin() + 3, arguments.end()});
     } else if (mode == "isolation" && arguments.size() >= 3) {
         MeasureIsolation(std::stoull(arguments[1]), {arguments.begin() + 2, arguments.end()});
+    } else if (mode == "pace" && arguments.size() >= 3) {
+        MeasurePaces(std::stoull(arguments[1]), {arguments.begin() + 2, arguments.end()});
     } else {
         std::fputs(
             "usage: bus_load latency ROUNDS ALARMS DAEMON [ARGUMENT]... [-- PEER [ARGUMENT]...]...\n"
-            "       bus_load isolation EVENTS DAEMON [ARGUMENT]...\n",
+            "       bus_load isolation EVENTS DAEMON [ARGUMENT]...\n"
+            "       bus_load pace EVENTS DAEMON [ARGUMENT]...\n",
             stderr);
         return 2;
     }
