@@ -26,7 +26,7 @@ std::string_view WithoutSlashesAtTheEnd(std::string_view path) {
 
 bool IsDirectlyIn(std::string_view directory, std::string_view name) {
     const size_t slash = name.rfind('/');
-    return slash != std::string_view::npos && !directory.empty() &&
+    return slash != std::string_view::npos &&
            WithoutSlashesAtTheEnd(name.substr(0, slash)) == WithoutSlashesAtTheEnd(directory);
 }
 
