@@ -22,10 +22,10 @@ class MemoryDisk:
         self._mount("-t", "tmpfs", "-o", options, "tmpfs")
 
     def make_read_only(self) -> None:
-        self._mount("-o", "remount,ro")
+        self._mount("-o", "remount,bind,ro")
 
     def make_writable(self) -> None:
-        self._mount("-o", "remount,rw")
+        self._mount("-o", "remount,bind,rw")
 
     def take_away(self) -> None:
         subprocess.run(["umount", "-n", "-l", self.folder], check=True)

@@ -214,7 +214,8 @@ def thread_of_the_event_server(daemon: Daemon) -> Path:
 
 def count_waits(thread: Path) -> int:
     """How often a thread has begun to wait for something, anew after each interruption."""
-    return int(re.search(r"^voluntary_ctxt_switches:\s+(\d+)$", (thread / "status").read_text(), re.M).group(1))
+    status = (thread / "status").read_text()
+    return int(re.search(r"^voluntary_ctxt_switches:\s+(\d+)$", status, re.MULTILINE).group(1))
 
 
 def test_a_stop_waits_for_a_command_and_does_not_cut_what_it_says(launch, snapshot, card, tmp_path):
@@ -222,7 +223,8 @@ def test_a_stop_waits_for_a_command_and_does_not_cut_what_it_says(launch, snapsh
     programs.mkdir()
     os.mkfifo(tmp_path / "go")
     script = programs / "du"
-    script.write_text(f"#!/bin/sh\nprintf 1\necho waiting >&2\nread line < {tmp_path}/go\nprintf '6\\t/card\\n'\n")
+    lines = ("#!/bin/sh", "printf 1", "echo waiting >&2", f"read line < {tmp_path}/go", "printf '6\\t/card\\n'", "")
+    script.write_text("\n".join(lines))
     script.chmod(0o755)
     path = {"PATH": f"{programs}:{os.environ['PATH']}"}
     daemon = launch(DOOR | saving(snapshot, card, "24576"), environment=path)
@@ -231,7 +233,7 @@ def test_a_stop_waits_for_a_command_and_does_not_cut_what_it_says(launch, snapsh
     thread = thread_of_the_event_server(daemon)
     before = count_waits(thread)
     daemon.send(15)
-    wait_until(lambda: count_waits(thread) > before + 5, "the source's thread is asked to stop again and again")
+    wait_until(lambda: count_waits(thread) > before + 5, "the thread is asked to stop again and again")
     assert daemon.process.poll() is None
     (tmp_path / "go").write_text("\n")
     assert daemon.wait_for_exit() == 0
