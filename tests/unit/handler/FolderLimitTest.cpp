@@ -30,8 +30,9 @@ constexpr const char* cannotCheck = "Error halvek: FolderEventHandler: can't pro
 constexpr const char* cannotDelete =
     "Error halvek: FolderEventHandler: unable to delete oldest file, permission problem?";
 
+/** Where a long has 32 bits, sizes from 2 GiB on look odd in the log. */
 std::string FileSize(int64_t bytes) {
-    return "Debug halvek: Current File size:      " + std::to_string(bytes);
+    return "Debug halvek: Current File size:      " + std::to_string(static_cast<long>(bytes));
 }
 
 std::string DirectorySize(int64_t bytes) {
