@@ -218,16 +218,25 @@ def count_waits(thread: Path) -> int:
     return int(re.search(r"^voluntary_ctxt_switches:\s+(\d+)$", status, re.MULTILINE).group(1))
 
 
-def test_a_stop_waits_for_a_command_and_does_not_cut_what_it_says(launch, snapshot, card, tmp_path):
+@pytest.fixture
+def held_du(tmp_path: Path) -> Iterator[tuple[dict[str, str], int]]:
+    """A du that says 16 in two halves: the environment that has it, and a descriptor to write to between the two."""
     programs = tmp_path / "programs"
     programs.mkdir()
-    os.mkfifo(tmp_path / "go")
+    go_on = tmp_path / "go on"
+    os.mkfifo(go_on)
     script = programs / "du"
-    lines = ("#!/bin/sh", "printf 1", "echo waiting >&2", f"read line < {tmp_path}/go", "printf '6\\t/card\\n'", "")
+    lines = ("#!/bin/sh", "printf 1", "echo waiting >&2", f"read line < '{go_on}'", "printf '6\\t/card\\n'", "")
     script.write_text("\n".join(lines))
     script.chmod(0o755)
-    path = {"PATH": f"{programs}:{os.environ['PATH']}"}
-    daemon = launch(DOOR | saving(snapshot, card, "24576"), environment=path)
+    descriptor = os.open(go_on, os.O_RDWR)
+    yield {"PATH": f"{programs}:{os.environ['PATH']}"}, descriptor
+    os.close(descriptor)
+
+
+def test_a_stop_waits_for_a_command_and_does_not_cut_what_it_says(launch, snapshot, card, held_du):
+    environment, go_on = held_du
+    daemon = launch(DOOR | saving(snapshot, card, "24576"), environment=environment)
     post(block("Door"))
     daemon.log.wait_for("^waiting$")
     thread = thread_of_the_event_server(daemon)
@@ -235,7 +244,7 @@ def test_a_stop_waits_for_a_command_and_does_not_cut_what_it_says(launch, snapsh
     daemon.send(15)
     wait_until(lambda: count_waits(thread) > before + 5, "the thread is asked to stop again and again")
     assert daemon.process.poll() is None
-    (tmp_path / "go").write_text("\n")
+    os.write(go_on, b"\n")
     assert daemon.wait_for_exit() == 0
     daemon.assert_orderly_end()
     assert daemon.log.matching(SAVED)
