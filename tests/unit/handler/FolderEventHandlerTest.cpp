@@ -20,7 +20,6 @@ namespace kelto::halvek::handler {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -51,6 +50,16 @@ protected:
     }
 
     std::string Written(const std::string& name) const { return test::ReadWholeFile(InTarget(name)); }
+
+    /** How often the text is in the log, wherever in a line. */
+    int CountInLog(const std::string& text) const {
+        const std::string all = log.Text();
+        int count = 0;
+        for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) {
+            ++count;
+        }
+        return count;
+    }
 
     /** The text of what a configuration with these keys throws, and "no exception" if it throws none. */
     std::string Refusal(const Group& keys) {
@@ -384,7 +393,8 @@ TEST_F(FolderEventHandlerTest, MayActOnTwoThreadsAtOnce) {
     for (std::thread& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(log.Count(succeeded), 40U);
+    // A file that comes and goes while du looks makes it complain in the middle of the log.
+    EXPECT_EQ(CountInLog(succeeded), 40);
     EXPECT_THAT(Names(), ElementsAre("new.jpg", "old.jpg"));
     EXPECT_EQ(Written("new.jpg"), picture);
 }
