@@ -42,4 +42,8 @@ void MemoryMount::MakeReadOnly() {
     Check(mount(nullptr, path.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0, "remount of " + path);
 }
 
+void MemoryMount::MakeWritable() {
+    Check(mount(nullptr, path.c_str(), nullptr, MS_REMOUNT, nullptr) == 0, "remount of " + path);
+}
+
 }  // namespace kelto::test

@@ -19,6 +19,9 @@ public:
     /** Lets nobody write there any more. */
     void MakeReadOnly();
 
+    /** Undoes that. */
+    void MakeWritable();
+
 private:
     std::string path;
 };
