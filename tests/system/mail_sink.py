@@ -61,6 +61,9 @@ class MailSink:
             return list(self._mails)
 
     def close(self) -> None:
+        """Ends the server and its connections; a second time does nothing."""
+        if self._loop.is_closed():
+            return
         self._loop.call_soon_threadsafe(self._server.close)
         self._loop.call_soon_threadsafe(self._loop.stop)
         self._thread.join()

@@ -1,16 +1,12 @@
-"""What the tests of the mail handler have in common: its settings, and the real mail program's way to a mail sink."""
+"""What the tests of the mail handler have in common: its settings, and what it leaves in the daemon."""
 
 import base64
-import functools
 import os
 import re
-from collections.abc import Callable, Iterator
 from pathlib import Path
 
-import pytest
 from daemon_process import DaemonProcess
-from harness import SERVER, Daemon, Settings, handler, source
-from mail_sink import MailSink
+from harness import SERVER, Settings, handler, source
 
 DOOR = SERVER | source(1, "Door")
 SENT = "Debug halvek: Message size: "
@@ -44,24 +40,3 @@ def stand_in(folder: Path, script: str) -> dict[str, str]:
     program.write_text(f"#!/bin/sh\n{script}\n")
     program.chmod(0o755)
     return {"PATH": f"{folder}:{os.environ['PATH']}"}
-
-
-@pytest.fixture
-def sink() -> Iterator[MailSink]:
-    with MailSink() as mail_sink:
-        yield mail_sink
-
-
-@pytest.fixture
-def mail_environment(sink: MailSink, tmp_path: Path) -> dict[str, str]:
-    """Has the mail program send everything to the sink."""
-    configuration = tmp_path / ".esmtprc"
-    configuration.write_text(f"hostname=127.0.0.1:{sink.port}\n")
-    configuration.chmod(0o600)
-    return {"HOME": str(tmp_path)}
-
-
-@pytest.fixture
-def launch_mailing(launch: Callable[..., Daemon], mail_environment: dict[str, str]) -> Callable[..., Daemon]:
-    """As launch; mails go to the sink."""
-    return functools.partial(launch, environment=mail_environment)

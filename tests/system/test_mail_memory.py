@@ -3,7 +3,7 @@
 from harness import SERVER, block, post, source, timer
 from mailing import DOOR, mail_handler, maps_the_mail_library, snapshot
 
-pytest_plugins = ["mailing"]
+pytest_plugins = ["mail_fixtures"]
 
 ALLOWED = 5.5 * 1024  # KiB
 MAILS = 300
