@@ -128,8 +128,8 @@ std::string EmailMessage::ToWireForm() const {
     if (mailParts.empty()) {
         mailParts.push_back(emptyText);
     }
-    const std::string wireForm = WriteMail({subject.c_str(), date.c_str(), messageId.c_str(), addresses.data(),
-                                            addresses.size(), mailParts.data(), mailParts.size()});
+    std::string wireForm = WriteMail({subject.c_str(), date.c_str(), messageId.c_str(), addresses.data(),
+                                      addresses.size(), mailParts.data(), mailParts.size()});
     WarnOfRefused(addresses);
     return wireForm;
 }
