@@ -143,11 +143,7 @@ kelto_mail_part EmailMessage::ToMailPart(const Part& part) {
 }
 
 std::ostream& operator<<(std::ostream& stream, const EmailMessage& message) {
-    const std::string wireForm = message.ToWireForm();
-    stream << wireForm;
-    // The library leaves out the blank line behind the headers if nothing stands behind it.
-    const bool isEnded = wireForm.ends_with('\n') && wireForm.find("\n\n") != std::string::npos;
-    return isEnded ? stream : stream << '\n';
+    return stream << message.ToWireForm();
 }
 
 }  // namespace kelto::inet

@@ -3,6 +3,7 @@
 #include <gmime/gmime.h>
 
 #include <array>
+#include <csignal>
 #include <memory>
 
 namespace {
@@ -97,10 +98,19 @@ Owned<GMimeMessage> MakeMessage(const kelto_mail& mail) {
     return message;
 }
 
+/** Brings in a library that would have the process ignore SIGPIPE, and every command that it starts from then on. */
+bool InitialiseLibrary() {
+    struct sigaction brokenPipe {};
+    sigaction(SIGPIPE, nullptr, &brokenPipe);
+    g_mime_init();
+    sigaction(SIGPIPE, &brokenPipe, nullptr);
+    return true;
+}
+
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) kelto_mail_buffer kelto_mail_write(const kelto_mail* mail) {
-    g_mime_init();
+    [[maybe_unused]] static const bool initialised = InitialiseLibrary();
     const Owned<GMimeMessage> message = MakeMessage(*mail);
     const Owned<GMimeStream> stream(g_mime_stream_mem_new());
     g_mime_object_write_to_stream(GMIME_OBJECT(message.get()), nullptr, stream.get());

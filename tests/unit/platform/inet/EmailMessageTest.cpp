@@ -127,6 +127,10 @@ TEST(EmailMessage, HeadersAreEncodedAsUtf8) {
     EXPECT_THAT(wireForm, Each(::testing::Truly([](char c) { return static_cast<unsigned char>(c) < 0x80; })));
 }
 
+TEST(EmailMessage, HeadersThatWouldFitAnOlderCharsetAreUtf8Too) {
+    EXPECT_EQ(Written(EmailMessage("cam@x", "T\xC3\xBCr")).Header("Subject"), "=?UTF-8?B?VMO8cg==?=");
+}
+
 TEST(EmailMessage, HeadersThatAreNoUtf8GetReplacementCharacters) {
     EXPECT_EQ(Written(EmailMessage("\xFF <cam@x>", "\xFF")).Header("Subject"), "=?UTF-8?B?77+9?=");
     EXPECT_EQ(Written(EmailMessage("\xFF <cam@x>", "\xFF")).Header("From"), "=?UTF-8?b?77+9?= <cam@x>");

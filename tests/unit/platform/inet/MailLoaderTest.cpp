@@ -2,6 +2,7 @@
 #include "kelto/inet/MailLoader.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/PathUtils.h"
+#include "tests/fakes/Descriptors.h"
 #include "tests/fakes/EnvironmentVariable.h"
 #include "tests/fakes/FreshProcess.h"
 #include "tests/fakes/MailText.h"
@@ -9,6 +10,7 @@
 
 #include <gmock/gmock.h>
 
+#include <csignal>
 #include <sstream>
 
 namespace kelto::inet {
@@ -49,6 +51,28 @@ TEST(MailLoader, NothingIsLoadedBeforeTheFirstMailIsWritten) {
         WriteOne();
         EXPECT_THAT(MemoryMap(), HasSubstr("libgmime-3.0.so"));
         EXPECT_THAT(MemoryMap(), HasSubstr(PathOfModule()));
+    });
+}
+
+/** The handlers of all signals. */
+std::vector<sighandler_t> SignalHandlers() {
+    std::vector<sighandler_t> handlers;
+    for (int number = 1; number < SIGRTMAX; ++number) {
+        struct sigaction action {};
+        sigaction(number, nullptr, &action);
+        handlers.push_back(action.sa_handler);
+    }
+    return handlers;
+}
+
+TEST(MailLoader, TheLibraryChangesNeitherSignalsNorDescriptorsOfTheProcess) {
+    test::ExpectInFreshProcess([] {
+        ASSERT_EQ(SignalHandlers().at(SIGPIPE - 1), SIG_DFL);
+        const std::vector<sighandler_t> handlers = SignalHandlers();
+        const std::vector<int> descriptors = test::OpenDescriptors();
+        WriteOne();
+        EXPECT_EQ(SignalHandlers(), handlers);
+        EXPECT_EQ(test::OpenDescriptors(), descriptors);
     });
 }
 
