@@ -29,7 +29,7 @@ TEST(LINKED, RegisterInTheOneOrder) {
     for (const HandlerRegistration* const registration : ListOf(HandlerRegistry::Instance())) {
         names.emplace_back(registration->name);
     }
-    EXPECT_THAT(names, ElementsAre("Relay", "Extern", "Preset", "Ftp", "Folder", "Tour"));
+    EXPECT_THAT(names, ElementsAre("Relay", "Email", "Extern", "Preset", "Ftp", "Folder", "Tour"));
 }
 
 TEST(LINKED, AreListedByKindInThatOrder) {
@@ -37,7 +37,7 @@ TEST(LINKED, AreListedByKindInThatOrder) {
     std::list<std::string> alwaysOn;
     HandlerRegistry::Instance().GetNamesOfKind(0, ordinary);
     HandlerRegistry::Instance().GetNamesOfKind(1, alwaysOn);
-    EXPECT_THAT(ordinary, ElementsAre("Relay", "Preset", "Ftp", "Folder", "Tour"));
+    EXPECT_THAT(ordinary, ElementsAre("Relay", "Email", "Preset", "Ftp", "Folder", "Tour"));
     EXPECT_THAT(alwaysOn, ElementsAre("Extern"));
 }
 

@@ -1,0 +1,85 @@
+#include "kelto/inet/AttachedFile.h"
+
+#include "kelto/osa/Exception.h"
+#include "kelto/osa/PathUtils.h"
+#include "kelto/osa/UniqueFd.h"
+
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+namespace kelto::inet {
+
+namespace {
+
+struct KnownExtension {
+    const char* extension;
+    MediaType type;
+};
+
+constexpr std::array<KnownExtension, 10> knownExtensions = {{
+    {"jpg", {"image", "jpeg"}},
+    {"jpeg", {"image", "jpeg"}},
+    {"png", {"image", "png"}},
+    {"gif", {"image", "gif"}},
+    {"bmp", {"image", "bmp"}},
+    {"webp", {"image", "webp"}},
+    {"mp4", {"video", "mp4"}},
+    {"avi", {"video", "x-msvideo"}},
+    {"pdf", {"application", "pdf"}},
+    {"txt", {"text", "plain"}},
+}};
+
+[[noreturn]] void ThrowCannotRead(const std::string& path, const char* reason) {
+    throw osa::Exception("Cannot read %s: %s", path.c_str(), reason);
+}
+
+void CheckRegular(int file, const std::string& path) {
+    struct stat status {};
+    if (fstat(file, &status) != 0) {
+        ThrowCannotRead(path, std::strerror(errno));
+    }
+    if (!S_ISREG(status.st_mode)) {
+        ThrowCannotRead(path, "not a regular file");
+    }
+}
+
+}  // namespace
+
+MediaType TypeOfFile(const std::string& path) {
+    const std::string extension = osa::PathUtils::FileExt(path);
+    for (const KnownExtension& known : knownExtensions) {
+        if (strcasecmp(extension.c_str(), known.extension) == 0) {
+            return known.type;
+        }
+    }
+    return {"application", "octet-stream"};
+}
+
+std::string ReadAttachedFile(const std::string& path) {
+    // Non-blocking, so that a pipe under that name is refused instead of waited for.
+    const osa::UniqueFd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!file.IsValid()) {
+        ThrowCannotRead(path, std::strerror(errno));
+    }
+    CheckRegular(file.Get(), path);
+    std::string content;
+    std::array<char, 16384> buffer{};
+    while (true) {
+        const ssize_t count = read(file.Get(), buffer.data(), buffer.size());
+        if (count == 0) {
+            return content;
+        }
+        if (count > 0) {
+            content.append(buffer.data(), static_cast<size_t>(count));
+        } else if (errno != EINTR) {
+            ThrowCannotRead(path, std::strerror(errno));
+        }
+    }
+}
+
+}  // namespace kelto::inet

@@ -1,0 +1,51 @@
+"""What the mail handler costs in memory. Left out of sanitizer builds, whose memory is their own."""
+
+from harness import SERVER, block, post, timer
+from mailing import DOOR, mail_handler, maps_the_mail_library, snapshot
+
+pytest_plugins = ["mail_fixtures"]
+
+ALLOWED = 5.5 * 1024  # KiB
+MAILS = 300
+SETTLED_AFTER = 50
+ALLOWED_GROWTH = 512  # KiB
+
+
+def test_an_idle_daemon_that_mails_nothing_stays_small(launch, output_pipe):
+    pipe = output_pipe()
+    daemon = launch(SERVER | timer(1, 1))
+    pipe.wait_for_event("Timer", count=2)
+    print(f"resident without a mail handler: {daemon.resident_kib()} KiB")
+    assert not maps_the_mail_library(daemon)
+    assert daemon.resident_kib() < ALLOWED
+
+
+def test_a_mail_handler_that_has_not_mailed_stays_small_and_its_first_mail_loads_the_library(
+    launch_mailing, sink, output_pipe
+):
+    pipe = output_pipe()
+    daemon = launch_mailing(DOOR | timer(2, 1) | mail_handler())
+    pipe.wait_for_event("Timer", count=2)
+    before = daemon.resident_kib()
+    assert not maps_the_mail_library(daemon)
+    assert before < ALLOWED
+    post(block("Door"))
+    sink.wait_for(1)
+    print(f"resident before the first mail: {before} KiB, {daemon.resident_kib() - before} KiB more after it")
+    assert maps_the_mail_library(daemon)
+
+
+def test_mails_leave_the_resident_memory_flat(launch_mailing, sink, output_pipe, tmp_path):
+    pipe, picture = output_pipe(), tmp_path / "img2.jpg"
+    picture.write_bytes(bytes(100_000))
+    daemon = launch_mailing(DOOR | snapshot(picture) | mail_handler(Attachment="true", RawEventData="true"))
+    settled = 0
+    for number in range(1, MAILS + 1):
+        post(block("Door"))
+        pipe.wait_for_event("Door", count=number)
+        if number == SETTLED_AFTER:
+            settled = daemon.resident_kib()
+    sink.wait_for(MAILS)
+    growth = daemon.resident_kib() - settled
+    print(f"resident: {settled} KiB after {SETTLED_AFTER} mails, {growth} KiB more after {MAILS}")
+    assert growth <= ALLOWED_GROWTH

@@ -1,0 +1,127 @@
+#include "kelto/inet/EmailMessage.h"
+#include "kelto/inet/MailLoader.h"
+#include "kelto/osa/Exception.h"
+#include "kelto/osa/PathUtils.h"
+#include "tests/fakes/Descriptors.h"
+#include "tests/fakes/EnvironmentVariable.h"
+#include "tests/fakes/FreshProcess.h"
+#include "tests/fakes/MailText.h"
+#include "tests/fakes/TempDir.h"
+
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <sstream>
+
+namespace kelto::inet {
+
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+
+constexpr const char* variable = "KELTO_MAIL_MODULE";
+
+std::string PathOfModule() {
+    return osa::PathUtils::PathConcat(osa::PathUtils::Dirname(osa::PathUtils::RealPath("/proc/self/exe")),
+                                      "kelto-mail.so");
+}
+
+std::string MemoryMap() {
+    return test::ReadWholeFile("/proc/self/maps");
+}
+
+void WriteOne() {
+    std::ostringstream stream;
+    stream << EmailMessage("cam@x", "subject");
+    EXPECT_EQ(test::MailText(stream.str()).Header("Subject"), "subject");
+}
+
+TEST(MailLoader, NothingIsLoadedBeforeTheFirstMailIsWritten) {
+    test::ExpectInFreshProcess([] {
+        EmailMessage message("cam@x", "s");
+        message.AddRecipient("a@x", EmailMessage::Recipient::To);
+        message.AddContent("text");
+        message.Attach("/proc/self/comm");
+        EXPECT_THAT(MemoryMap(), Not(HasSubstr("gmime")));
+        EXPECT_THAT(MemoryMap(), Not(HasSubstr("kelto-mail.so")));
+        WriteOne();
+        EXPECT_THAT(MemoryMap(), HasSubstr("libgmime-3.0.so"));
+        EXPECT_THAT(MemoryMap(), HasSubstr(PathOfModule()));
+    });
+}
+
+/** The handlers of all signals. */
+std::vector<sighandler_t> SignalHandlers() {
+    std::vector<sighandler_t> handlers;
+    for (int number = 1; number < SIGRTMAX; ++number) {
+        struct sigaction action {};
+        sigaction(number, nullptr, &action);
+        handlers.push_back(action.sa_handler);
+    }
+    return handlers;
+}
+
+TEST(MailLoader, TheLibraryChangesNeitherSignalsNorDescriptorsOfTheProcess) {
+    test::ExpectInFreshProcess([] {
+        ASSERT_EQ(SignalHandlers().at(SIGPIPE - 1), SIG_DFL);
+        const std::vector<sighandler_t> handlers = SignalHandlers();
+        const std::vector<int> descriptors = test::OpenDescriptors();
+        WriteOne();
+        EXPECT_EQ(SignalHandlers(), handlers);
+        EXPECT_EQ(test::OpenDescriptors(), descriptors);
+    });
+}
+
+TEST(MailLoader, TheEnvironmentMayNameAnotherModule) {
+    const test::TempDir folder;
+    const std::string copy = folder.Write("other.so", test::ReadWholeFile(PathOfModule()));
+    const test::EnvironmentVariable named(variable, copy);
+    test::ExpectInFreshProcess([] {
+        const std::string path = std::getenv(variable);
+        WriteOne();
+        EXPECT_THAT(MemoryMap(), HasSubstr(path));
+        EXPECT_THAT(MemoryMap(), Not(HasSubstr(PathOfModule())));
+    });
+}
+
+TEST(MailLoader, AnEmptyVariableNamesNone) {
+    test::ExpectInFreshProcess([] {
+        const test::EnvironmentVariable named(variable, "");
+        WriteOne();
+    });
+}
+
+TEST(MailLoader, AMissingModuleIsAnExceptionAndTheNextMailTriesAgain) {
+    test::ExpectInFreshProcess([] {
+        {
+            const test::EnvironmentVariable named(variable, "/nowhere/mail.so");
+            EXPECT_THAT(WriteOne, ThrowsMessage<osa::Exception>(
+                                      StrEq("Cannot load the mail library: /nowhere/mail.so: cannot open shared object "
+                                            "file: No such file or directory")));
+        }
+        WriteOne();
+    });
+}
+
+TEST(MailLoader, AModuleThatIsNoneIsAnException) {
+    test::ExpectInFreshProcess([] {
+        const test::TempDir folder;
+        const test::EnvironmentVariable named(variable, folder.Write("mail.so", "no library"));
+        EXPECT_THAT(WriteOne, ThrowsMessage<osa::Exception>(StartsWith("Cannot load the mail library: ")));
+    });
+}
+
+TEST(MailLoader, ALibraryWithoutTheFunctionsIsAnException) {
+    test::ExpectInFreshProcess([] {
+        const test::EnvironmentVariable named(variable, "libdl.so.2");
+        EXPECT_THAT(WriteOne, ThrowsMessage<osa::Exception>(HasSubstr("undefined symbol: kelto_mail_write")));
+    });
+}
+
+}  // namespace
+
+}  // namespace kelto::inet
