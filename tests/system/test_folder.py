@@ -135,6 +135,7 @@ def test_a_full_disk_costs_its_events_only(launch, snapshot, card):
     for count in (1, 2):
         post(block("Door"))
         daemon.log.wait_for("Debug halvek: Copy really failed now$", count=count)
+    assert len(daemon.log.matching("Error kelto.osa: Cannot write .*: No space left on device$")) == 4
     assert names(card) == ["filler", "new.jpg"]
     assert (card / "new.jpg").read_bytes() == b"x" * BLOCK
     (card / "filler").unlink()
@@ -149,6 +150,7 @@ def test_a_read_only_disk_costs_its_events_only(launch, snapshot, disk):
     daemon = launch(DOOR | saving(snapshot, disk.folder))
     post(block("Door"))
     daemon.log.wait_for("Debug halvek: Copy really failed now$")
+    assert len(daemon.log.matching("Error kelto.osa: Cannot write into .*: Read-only file system$")) == 2
     assert names(disk.folder) == ["old.jpg"]
     disk.make_writable()
     post(block("Door"))

@@ -1,5 +1,6 @@
 #include "kelto/osa/FileUtils.h"
 
+#include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/PathUtils.h"
 #include "kelto/osa/UniqueFd.h"
@@ -24,6 +25,14 @@ namespace {
 struct DirectoryCloser {
     void operator()(DIR* directory) const { closedir(directory); }
 };
+
+core::Logger& Log() {
+    return core::Logger::GetLogger("kelto.osa");
+}
+
+[[noreturn]] void ThrowSystemError(const char* step, const std::string& path) {
+    throw Exception("Cannot %s %s: %s", step, path.c_str(), std::strerror(errno));
+}
 
 bool IsDotEntry(const char* name) {
     return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
@@ -60,13 +69,16 @@ bool CopyContent(int from, int to) {
     }
 }
 
-int OpenRegularFile(const char* path) {
+int OpenRegularFile(const std::string& path) {
     // Non-blocking, so that a FIFO under that name is refused instead of waited for.
-    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     struct stat status {};
-    if (fd >= 0 && (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))) {
+    if (fd < 0) {
+        ThrowSystemError("read", path);
+    }
+    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
         close(fd);
-        return -1;
+        throw Exception("Cannot read %s: it is no regular file", path.c_str());
     }
     return fd;
 }
@@ -81,6 +93,9 @@ int CreateHidden(const std::string& directory, std::string& path) {
         path = PathUtils::PathConcat(directory, name);
         fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     } while (fd < 0 && errno == EEXIST);
+    if (fd < 0) {
+        ThrowSystemError("write into", directory);
+    }
     return fd;
 }
 
@@ -91,22 +106,36 @@ bool MoveIntoPlace(const std::string& from, const std::string& to, bool overwrit
     return renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0;
 }
 
+/** The file system takes no such name: too long, or with characters that it has no place for. */
+bool IsRefusedName(int error) {
+    return error == ENAMETOOLONG || error == EINVAL;
+}
+
+/** False for a name that the file system refuses; any other failure throws. */
 bool CopyThroughHidden(const std::string& from, const std::string& to, bool overwrite) {
-    const UniqueFd source(OpenRegularFile(from.c_str()));
-    if (!source.IsValid()) {
-        return false;
-    }
+    const UniqueFd source(OpenRegularFile(from));
     std::string hidden;
     UniqueFd target(CreateHidden(PathUtils::Dirname(to), hidden));
-    if (!target.IsValid()) {
-        return false;
-    }
-    const bool written = CopyContent(source.Get(), target.Get()) && fsync(target.Get()) == 0;
-    if (target.Close() && written && MoveIntoPlace(hidden, to, overwrite)) {
+    const bool written = CopyContent(source.Get(), target.Get()) && fsync(target.Get()) == 0 && target.Close();
+    if (written && MoveIntoPlace(hidden, to, overwrite)) {
         return true;
     }
+    const int error = errno;
     unlink(hidden.c_str());
-    return false;
+    if (written && IsRefusedName(error)) {
+        return false;
+    }
+    errno = error;
+    ThrowSystemError("write", to);
+}
+
+bool CopyAndLog(const std::string& from, const std::string& to, bool overwrite) {
+    try {
+        return CopyThroughHidden(from, to, overwrite);
+    } catch (const Exception& exception) {
+        Log().Error("%s", exception.what());
+        return false;
+    }
 }
 
 }  // namespace
@@ -134,7 +163,7 @@ void FileUtils::ListFiles(const std::string& directory, std::vector<std::string>
 
 bool FileUtils::CopyFile(const std::string& from, const std::string& to, bool overwrite) noexcept {
     try {
-        return CopyThroughHidden(from, to, overwrite);
+        return CopyAndLog(from, to, overwrite);
     } catch (const std::exception&) {
         return false;
     }

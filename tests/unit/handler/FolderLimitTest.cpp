@@ -215,7 +215,9 @@ TEST_F(FolderLimit, OnAReadOnlyFolderNothingChangesAndLaterEventsAreSaved) {
     EXPECT_THAT(Lines(), ElementsAre(pastLimit, FileSize(5000), DirectorySize(16384), LimitSize(9216), cannotDelete));
     Configure({{"LimitSize", "0"}});
     Act();
-    EXPECT_THAT(Lines(), ElementsAre(noLimit, Writing("new.jpg"), retried, Writing("new.jpg"), reallyFailed));
+    const std::string failure = "Error kelto.osa: Cannot write into " + target + ": Read-only file system";
+    EXPECT_THAT(Lines(),
+                ElementsAre(noLimit, Writing("new.jpg"), failure, retried, Writing("new.jpg"), failure, reallyFailed));
     EXPECT_THAT(Names(), ElementsAre("a", "b", "c"));
     card.MakeWritable();
     Act();
@@ -240,7 +242,9 @@ TEST_F(FolderLimit, OnAFullDiskNothingIsLeftHalfWrittenAndLaterEventsAreSaved) {
     Put("filler", 31 * 4096 - 4096, 2000);
     Configure();
     Act();
-    EXPECT_THAT(Lines(), ElementsAre(noLimit, Writing("new.jpg"), retried, Writing("new.jpg"), reallyFailed));
+    const std::string failure = "Error kelto.osa: Cannot write " + InTarget("new.jpg") + ": No space left on device";
+    EXPECT_THAT(Lines(),
+                ElementsAre(noLimit, Writing("new.jpg"), failure, retried, Writing("new.jpg"), failure, reallyFailed));
     EXPECT_THAT(Names(), ElementsAre("filler", "new.jpg"));
     EXPECT_EQ(test::ReadWholeFile(InTarget("new.jpg")), std::string(4096, 'o'));
     fs::resize_file(InTarget("filler"), 20 * 4096);

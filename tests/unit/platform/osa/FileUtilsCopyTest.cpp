@@ -1,5 +1,6 @@
 #include "kelto/osa/FileUtils.h"
 #include "tests/fakes/Descriptors.h"
+#include "tests/fakes/LogCapture.h"
 #include "tests/fakes/MemoryMount.h"
 #include "tests/fakes/TempDir.h"
 #include "tests/fakes/Unprivileged.h"
@@ -61,6 +62,7 @@ protected:
 
     std::string InTarget(const std::string& name) const { return target + "/" + name; }
 
+    const test::LogCapture log;
     const test::TempDir folder;
     const std::string target = folder.PathOf("target");
     const std::string source = folder.Write("source.jpg", "picture");
@@ -127,6 +129,7 @@ TEST_F(CopyFileTest, ANameOfFullLengthIsWritten) {
 TEST_F(CopyFileTest, ANameThatIsTooLongFails) {
     EXPECT_FALSE(FileUtils::CopyFile(source, InTarget(std::string(NAME_MAX + 1, 'x')), true));
     EXPECT_FALSE(FileUtils::CopyFile(source, InTarget(std::string(NAME_MAX + 1, 'x')), false));
+    EXPECT_EQ(log.Text(), "") << "the caller may have another name";
     EXPECT_THAT(TargetNames(), IsEmpty());
 }
 
@@ -172,9 +175,18 @@ TEST_F(CopyFileTest, ASourceThatIsNoReadableRegularFileFailsAndLeavesNothing) {
     }
 }
 
+TEST_F(CopyFileTest, WhyASourceCannotBeReadIsLogged) {
+    FileUtils::CopyFile(folder.PathOf("missing"), InTarget("copy.jpg"), true);
+    FileUtils::CopyFile(target, InTarget("copy.jpg"), true);
+    EXPECT_THAT(log.Lines(),
+                ElementsAre("Error kelto.osa: Cannot read " + folder.PathOf("missing") + ": No such file or directory",
+                            "Error kelto.osa: Cannot read " + target + ": it is no regular file"));
+}
+
 TEST_F(CopyFileTest, ASourceWhoseReadingFailsLeavesNothingAndTheOldFileStays) {
     folder.Write("target/copy.jpg", "old");
     EXPECT_FALSE(FileUtils::CopyFile("/proc/self/mem", InTarget("copy.jpg"), true));
+    EXPECT_THAT(log.Lines(), ElementsAre(StartsWith("Error kelto.osa: Cannot write " + InTarget("copy.jpg") + ": ")));
     EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "old");
     EXPECT_THAT(TargetNames(), ElementsAre("copy.jpg"));
 }
@@ -214,6 +226,8 @@ TEST_F(CopyFileTest, AReadOnlyFileSystemFails) {
     EXPECT_FALSE(FileUtils::CopyFile(source, InTarget("new.jpg"), false));
     EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "old");
     EXPECT_THAT(TargetNames(), ElementsAre("copy.jpg"));
+    const std::string failure = "Error kelto.osa: Cannot write into " + target + ": Read-only file system";
+    EXPECT_THAT(log.Lines(), ElementsAre(failure, failure));
 }
 
 TEST_F(CopyFileTest, AFullFileSystemFailsLeavesNothingAndTheOldFileStays) {
@@ -225,6 +239,9 @@ TEST_F(CopyFileTest, AFullFileSystemFailsLeavesNothingAndTheOldFileStays) {
     EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "old");
     EXPECT_THAT(TargetNames(), ElementsAre("copy.jpg"));
     EXPECT_TRUE(FileUtils::CopyFile(source, InTarget("small.jpg"), true));
+    EXPECT_THAT(log.Lines(),
+                ElementsAre("Error kelto.osa: Cannot write " + InTarget("copy.jpg") + ": No space left on device",
+                            "Error kelto.osa: Cannot write " + InTarget("new.jpg") + ": No space left on device"));
 }
 
 TEST_F(CopyFileTest, WithoutADescriptorItFails) {
