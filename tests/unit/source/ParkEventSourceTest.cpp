@@ -276,7 +276,7 @@ TEST_F(ParkEventSourceTest, EveryStateButZeroEndsTheDwell) {
         Notify(0);
         Notify(state);
         source->StartListening();
-        TakeTime(1200ms);
+        TakeTime(300ms);
         source->StopListening();
         EXPECT_EQ(handler.Count(), 0U) << "state " << state;
     }
