@@ -212,7 +212,7 @@ TYPED_TEST(AlertSource, DestroyingItUnsubscribesWithoutAWord) {
     const size_t threads = test::CountThreads();
     this->log.Clear();
     this->source.reset();
-    EXPECT_EQ(test::CountThreads(), threads - 1);
+    EXPECT_TRUE(test::WaitUntil([&] { return test::CountThreads() == threads - 1; }));
     EXPECT_EQ(this->log.Text(), "");
     EXPECT_TRUE(test::WaitUntil([&] { return this->daemon.MatchRules().empty(); }));
 }

@@ -361,7 +361,7 @@ TEST_F(ParkEventSourceTest, ItsThreadBearsItsName) {
     source->StartListening();
     EXPECT_TRUE(test::HasThread("ParkEventSource"));
     source->StopListening();
-    EXPECT_FALSE(test::HasThread("ParkEventSource"));
+    EXPECT_TRUE(test::WaitUntil([] { return !test::HasThread("ParkEventSource"); }));
 }
 
 TEST_F(ParkEventSourceTest, HandlersRunOnItsThreadAndNotOnTheProviders) {
@@ -451,7 +451,7 @@ TEST_F(ParkEventSourceTest, DestroyingItStopsIt) {
     log.Clear();
     source.reset();
     EXPECT_TRUE(log.Has("Information ParkEventSource: ParkEventSource stopped"));
-    EXPECT_FALSE(test::HasThread("ParkEventSource"));
+    EXPECT_TRUE(test::WaitUntil([] { return !test::HasThread("ParkEventSource"); }));
 }
 
 TEST_F(ParkEventSourceTest, ReportsMayComeFromManyThreadsWhileItTicksAndIsConfigured) {
