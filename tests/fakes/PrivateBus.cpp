@@ -85,7 +85,8 @@ std::vector<std::string> ReadStrings(sd_bus_message* message) {
 [[noreturn]] void BecomeDaemon(int readyFd, const char* configurationPath) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
-    // Descriptor 3 is where it tells its address, which means that it listens. Duplicated onto itself it would be closed.
+    // Descriptor 3 is where it tells its address, which means that it listens. Duplicated onto itself it would be
+    // closed.
     if (readyFd == 3) {
         fcntl(readyFd, F_SETFD, 0);
     } else {

@@ -1,8 +1,10 @@
 #include "tests/fakes/ProcessState.h"
 
 #include "tests/fakes/TempDir.h"
+#include "tests/fakes/WaitUntil.h"
 
 #include <dirent.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <memory>
@@ -35,7 +37,12 @@ std::vector<std::string> Threads() {
 size_t CountThreads() {
     // ThreadSanitizer has a thread of its own from the first thread on.
     static std::once_flag first;
-    std::call_once(first, [] { std::thread([] {}).join(); });
+    std::call_once(first, [] {
+        pid_t id = 0;
+        std::thread([&id] { id = gettid(); }).join();
+        // The system lists a thread for a moment after it has been joined.
+        WaitUntil([id] { return access(("/proc/self/task/" + std::to_string(id)).c_str(), F_OK) != 0; });
+    });
     return Threads().size();
 }
 

@@ -1,21 +1,19 @@
 """What relay, preset and tour handlers ask of the camera's services, to the argument."""
 
+import re
+from pathlib import Path
+
 import pytest
 from bus import LOCAL, REMOTE
 from bus_client import BusError
 from daemon_on_bus import alarm, alert, ids
-from harness import SERVER, block, handler, post, source, timer
+from harness import SERVER, block, handler, post, source, timer, wait_until
 from scripted_service import ScriptedService
 
 pytest_plugins = ["camera_fixtures"]
 
 ALERTS = "Applications/halvek/MsgBus"  # the source of alerts that is always there
 SERVICES = ("RelayV3", "PresetsV2", "Tour")
-REQUIRED = {
-    "Relay": ["RelayV3.GetConfiguration", "RelayV3.Activate"],
-    "Preset": ["PresetsV2.IsAt", "PresetsV2.GoTo"],
-    "Tour": ["Tour.Start"],
-}
 
 
 def asked(service) -> list[tuple]:
@@ -193,6 +191,30 @@ def test_a_head_that_is_at_the_preset_is_not_moved(launch_on_bus, services, outp
     assert asked(services) == [("PresetsV2.IsAt", "gate")] * 3 + [("PresetsV2.GoTo", "gate", 1.0, 900)]
     assert len(daemon.log.matching("Debug halvek: PresetEventHandler::PerformAction$")) == 3
     assert not daemon.log.matching(" Error ")
+
+
+def blocked_signals(daemon) -> dict[str, int]:
+    """What each of the daemon's threads blocks, bit N - 1 for signal N, by the threads' names."""
+    masks: dict[str, int] = {}
+    for status in Path(f"/proc/{daemon.pid}/task").glob("*/status"):
+        fields = dict(re.findall(r"^(\w+):\s*(.*)$", status.read_text(), re.MULTILINE))
+        masks[fields["Name"]] = masks.get(fields["Name"], 0) | int(fields["SigBlk"], 16)
+    del masks["halvek"]  # a sanitizer's own thread goes by the name of the main one
+    return masks
+
+
+def test_no_thread_goes_on_blocking_signals_after_a_call(launch_on_bus, bus):
+    """The commands that handlers start would inherit that."""
+    sources = alarm(1, 0) | source(2, "Park", DwellTime_sec=0) | timer(3, 3600) | source(4, "Door")
+    with ScriptedService(bus, "AlarmV3", "RelayV3", "MotionState") as service:
+        daemon = launch_on_bus(SERVER | sources | relay(1, *ids(1, 2, 3, 4), Mode=1))
+        service.emit("AlarmV3.StateChanged", LOCAL, 0, True)
+        service.emit("MotionState.IdleChanged", 0)
+        post(block("Door"))
+        service.wait_for_call("RelayV3.Activate", 4)  # the timer's first tick is one of them
+        wait_until(lambda: not any(blocked_signals(daemon).values()), f"not {blocked_signals(daemon)}")
+    callers = {"EventServerSource", "MsgBusDelivery", "ParkEventSource", "TimerEventSource"}
+    assert {name[:15] for name in callers} <= blocked_signals(daemon).keys()
 
 
 @pytest.mark.parametrize("handler_type", ["Preset", "Tour"])

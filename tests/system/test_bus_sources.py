@@ -1,9 +1,12 @@
 """What the camera says on the bus, and the events that come of it."""
 
+import re
+from pathlib import Path
+
 import pytest
 from bus import LOCAL, REMOTE
-from daemon_on_bus import alarm, alert
-from harness import source, timer, unstamped
+from daemon_on_bus import alarm, alert, ids
+from harness import handler, source, timer, unstamped
 from scripted_service import ALERT, ALERT_INTERFACE, ALERT_SIGNATURE, ScriptedService
 
 pytest_plugins = ["camera_fixtures"]
@@ -217,6 +220,14 @@ def test_an_alert_counts_from_any_sender_and_path(launch_on_bus, bus, output_pip
 def test_the_bus_sources_do_not_even_look_at_their_settings(launch_on_bus):
     daemon = launch_on_bus(source(1, "Analytics", Anything="at all"))
     assert not daemon.log.matching("Contents of Ini group")
+
+
+def test_libsystemd_is_the_only_bus_library_that_a_daemon_at_work_has_loaded(launch_on_bus, camera, output_pipe):
+    daemon, pipe = launch_on_bus(alarm(1, 0) | handler(1, *ids(1), handler_type="Relay")), output_pipe("Alarm.fifo")
+    camera.set_alarm(LOCAL, 0, True)
+    pipe.wait_for_event("Alarm")
+    loaded = set(re.findall(r"/(lib[\w+-]+)\.so", Path(f"/proc/{daemon.pid}/maps").read_text()))
+    assert {name for name in loaded if re.search("systemd|bus|glib|gio|elogind|varlink", name)} == {"libsystemd"}
 
 
 def test_every_source_says_that_it_stops(launch_on_bus, camera):

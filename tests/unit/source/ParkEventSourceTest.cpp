@@ -231,7 +231,7 @@ TEST_F(ParkEventSourceTest, AMovementAfterFiveSecondsEndsTheDwellWithoutAnEvent)
 }
 
 TEST_F(ParkEventSourceTest, AnotherReportOfRestAfterEightSecondsCountsAnew) {
-    Configure("10");
+    // Unconfigured, its dwell time is the ten seconds that it is made with.
     source->StartListening();
     Notify(0);
     TakeTime(8500ms);
@@ -268,6 +268,18 @@ TEST_F(ParkEventSourceTest, ANegativeDwellNeverFires) {
     source->StartListening();
     TakeTime(3s);
     EXPECT_EQ(handler.Count(), 0U);
+}
+
+TEST_F(ParkEventSourceTest, EveryStateButZeroEndsTheDwell) {
+    Configure("0");
+    for (const int32_t state : {1, 2, -1, INT32_MAX, INT32_MIN}) {
+        Notify(0);
+        Notify(state);
+        source->StartListening();
+        TakeTime(300ms);
+        source->StopListening();
+        EXPECT_EQ(handler.Count(), 0U) << "state " << state;
+    }
 }
 
 TEST_F(ParkEventSourceTest, OneArmingFiresOnce) {
@@ -349,7 +361,7 @@ TEST_F(ParkEventSourceTest, ItsThreadBearsItsName) {
     source->StartListening();
     EXPECT_TRUE(test::HasThread("ParkEventSource"));
     source->StopListening();
-    EXPECT_FALSE(test::HasThread("ParkEventSource"));
+    EXPECT_TRUE(test::WaitUntil([] { return !test::HasThread("ParkEventSource"); }));
 }
 
 TEST_F(ParkEventSourceTest, HandlersRunOnItsThreadAndNotOnTheProviders) {
@@ -439,7 +451,7 @@ TEST_F(ParkEventSourceTest, DestroyingItStopsIt) {
     log.Clear();
     source.reset();
     EXPECT_TRUE(log.Has("Information ParkEventSource: ParkEventSource stopped"));
-    EXPECT_FALSE(test::HasThread("ParkEventSource"));
+    EXPECT_TRUE(test::WaitUntil([] { return !test::HasThread("ParkEventSource"); }));
 }
 
 TEST_F(ParkEventSourceTest, ReportsMayComeFromManyThreadsWhileItTicksAndIsConfigured) {

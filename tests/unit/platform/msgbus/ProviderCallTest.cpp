@@ -353,7 +353,7 @@ TEST_F(ProviderCallTest, TheMaskIsRestoredHoweverTheCallEnds) {
     sigaddset(&own, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &own, &saved);
     const uint64_t before = test::BlockedSignals(gettid());
-    EXPECT_EQ(before & Bit(SIGHUP), Bit(SIGHUP));
+    EXPECT_EQ(before & fourSignals, Bit(SIGHUP));
     GetNames();
     EXPECT_EQ(test::BlockedSignals(gettid()), before) << "after a reply";
     service->Fail("GetNames", "com.kelto.Error.Busy", "");
