@@ -23,8 +23,8 @@ public:
      * hidden name beside the target, then renamed. The copy's mode is 0666 less the umask.
      *
      * @param overwrite whether an existing target is replaced; if not, it is a failure
-     * @return true when the whole file stands under the target name; otherwise nothing is left behind, and why is logged
-     * at Error, but for a name that the file system refuses: the caller may have another one. Throws nothing.
+     * @return true when the whole file stands under the target name; otherwise nothing is left behind, and why is
+     * logged at Error, but for a name that the file system refuses: the caller may have another one. Throws nothing.
      */
     static bool CopyFile(const std::string& from, const std::string& to, bool overwrite) noexcept;
 };
