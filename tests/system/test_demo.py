@@ -164,25 +164,24 @@ def test_the_daemon_passes(tmp_path, user):
 
 @pytest.fixture(scope="module")
 def stand_in_demos(tmp_path_factory):
-    """The results by fault, if any, and user. Many run at once: they spend their time waiting."""
+    """The runs by fault, if any, and user. Many run at once: they spend their time waiting."""
     home = tmp_path_factory.mktemp("home")
     cases = [(fault, tuple(user)) for fault in ("", *FAULTS) for user in ([], ORDINARY_USER)]
     with ThreadPoolExecutor(AT_ONCE) as pool:
-        results = pool.map(lambda case: demo(STAND_IN, list(case[1]), home, FAULT=case[0]), cases)
-        return dict(zip(cases, results))
+        return {case: pool.submit(demo, STAND_IN, list(case[1]), home, FAULT=case[0]) for case in cases}
 
 
 @USERS
 def test_a_stand_in_without_a_fault_passes(stand_in_demos, user):
     """Those below fail for their fault and for nothing else."""
-    result = stand_in_demos["", tuple(user)]
+    result = stand_in_demos["", tuple(user)].result()
     assert result.returncode == 0, result.stderr
 
 
 @USERS
 @pytest.mark.parametrize("fault", FAULTS)
 def test_a_daemon_fails_that(stand_in_demos, user, fault):
-    result = stand_in_demos[fault, tuple(user)]
+    result = stand_in_demos[fault, tuple(user)].result()
     assert result.returncode == 1
     assert "what should have happened did not" in result.stderr and FAULTS[fault] in result.stderr
     assert "really happened" not in result.stdout
@@ -190,7 +189,7 @@ def test_a_daemon_fails_that(stand_in_demos, user, fault):
 
 @pytest.fixture(scope="module")
 def unfit_demos(tmp_path_factory):
-    """The results with the daemon in a system that lacks something."""
+    """The runs with the daemon in a system that lacks something."""
     home = tmp_path_factory.mktemp("home")
 
     def unfit_demo(case: str) -> subprocess.CompletedProcess:
@@ -204,12 +203,12 @@ def unfit_demos(tmp_path_factory):
             return demo(PROGRAM, [], home, PATH=f"{folder}:{os.environ['PATH']}")
 
     with ThreadPoolExecutor(len(UNFIT)) as pool:
-        return dict(zip(UNFIT, pool.map(unfit_demo, UNFIT)))
+        return {case: pool.submit(unfit_demo, case) for case in UNFIT}
 
 
 @pytest.mark.parametrize("case", UNFIT)
 def test_a_system_fails_where(unfit_demos, case):
-    result = unfit_demos[case]
+    result = unfit_demos[case].result()
     assert result.returncode == 1
     assert "what should have happened did not" in result.stderr and UNFIT[case] in result.stderr
 
