@@ -29,9 +29,10 @@ class CameraProcess:
 
     def __init__(self, program: str, bus: PrivateBus, folder: Path) -> None:
         self.environment = os.environ | bus.environment
+        self.snapshot = folder / "snapshot.jpg"
         self.notifications = NotifySocket(folder / "camera-notify")
         self.process = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "KILL", "--", program, "--snapshot", str(folder / "snapshot.jpg")],
+            ["setpriv", "--pdeathsig", "KILL", "--", program, "--snapshot", str(self.snapshot)],
             env=self.environment | {"NOTIFY_SOCKET": str(self.notifications.path)},
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,

@@ -11,33 +11,22 @@ from pathlib import Path
 
 from camera_process import SERVICE, CameraProcess, Order
 from daemon_process import DaemonProcess, Event, NotSeen, OutputPipe
+from demo_pictures import KIB, LIMIT, Destinations, PictureWatch
+from demo_show import PATIENCE, heading, require, say
 from private_bus import PrivateBus
 
 INTERVAL = 2.0  # seconds, as in the settings
 DWELL = 2.0
-PATIENCE = 5.0
 INPUT_PIPE = "/var/run/halvek.pipe"
 
 ALARM = ("SetAlarm", "sib", "Local", "2")
+GATE_ALARM = ("SetAlarm", "sib", "Local", "1")
 ALERT = ("RaiseAlert", "sssssa(dd)a(dd)ss", "gate", "Person", "LineCrossing", "Front%20gate", "")
 ALERT_SHAPES = ("2", "0.1", "0.9", "0.8", "0.9", "0", "", "")
 PULSE_RELAY = [
     Order("RelayV3.SetConfiguration", "Local, 0, false, 3, 200, 100, 3"),
     Order("RelayV3.Activate", "Local, 0, 3"),
 ]
-
-
-def say(text: str = "") -> None:
-    print(text, flush=True)
-
-
-def heading(text: str) -> None:
-    say(f"\n== {text}")
-
-
-def require(condition: bool, what_is_wrong: str) -> None:
-    if not condition:
-        raise NotSeen(what_is_wrong)
 
 
 def show(pipe: OutputPipe, event: Event) -> None:
@@ -51,9 +40,10 @@ def go_to(preset: int, level: int) -> Order:
 
 
 class Play:
-    def __init__(self, daemon: DaemonProcess, camera: CameraProcess) -> None:
+    def __init__(self, daemon: DaemonProcess, camera: CameraProcess, destinations: Destinations) -> None:
         self.daemon = daemon
         self.camera = camera
+        self.destinations = destinations
         self.timer_pipe = OutputPipe("Timer.fifo")
         self.any_pipe = OutputPipe("all.halvek.any")
         self.camera_lines = 0  # shown so far
@@ -63,6 +53,7 @@ class Play:
     def run(self) -> None:
         self.start()
         self.alarm()
+        self.pictures()
         self.doorbell()
         self.alert()
         self.park()
@@ -88,6 +79,21 @@ class Play:
         say("   The head is told a level with each order: 400 for an alarm, 900 for any other event.")
         self.expect_orders(*PULSE_RELAY, go_to(preset=3, level=400))
         self.expect_event("Alarm", {"alarmBank": "Local", "alarmIndex": "2", "alarmState": "1"})
+
+    def pictures(self) -> None:
+        heading("Another alarm input, at the front gate, sends the camera's picture to three places")
+        say(f"   The settings want it in a folder of at most {LIMIT // KIB} KiB, on an FTP server, and in a mail. Both")
+        say("   servers run here, for this demo. In the folder are three files that stand for pictures of other days,")
+        say("   and leave too little room for another.")
+        self.destinations.require_nothing_yet()
+        self.destinations.folder.show("so far")
+        begin = time.time() - 1.0  # the clock that the daemon asks for the second may be a little behind
+        with contextlib.closing(PictureWatch(self.camera.snapshot)) as made:
+            self.drive_camera(*GATE_ALARM, "true")
+            self.watch_camera("alarm Local:1 active")
+            event = self.expect_event("Alarm", {"alarmBank": "Local", "alarmIndex": "1", "alarmState": "1"})
+            self.destinations.show_arrivals(made, begin, event.properties)
+        self.expect_orders()  # none
 
     def doorbell(self) -> None:
         self.camera.call("ClearActions", patience=PATIENCE)
@@ -164,6 +170,7 @@ class Play:
     def check_whole(self) -> None:
         """What only the whole run can show: nothing twice, nothing in the wrong pipe, one reload."""
         self.check_timer_pipe()
+        self.destinations.require_nothing_more()
         for event_type, expected in self.copies.items():
             copies = len(self.any_pipe.of_type(event_type))
             require(copies == expected, f"{event_type} was passed on {copies} times instead of {expected}")
@@ -202,9 +209,11 @@ class Play:
             f"the camera was told {', '.join(map(str, orders))} instead of {', '.join(map(str, expected))}",
         )
 
-    def expect_event(self, event_type: str, properties: dict[str, str], copies: int = 1) -> None:
+    def expect_event(self, event_type: str, properties: dict[str, str], copies: int = 1) -> Event:
         self.copies[event_type] = self.copies.get(event_type, 0) + copies
-        show(self.any_pipe, self.wait_for_event(self.any_pipe, event_type, properties=properties, count=copies))
+        event = self.wait_for_event(self.any_pipe, event_type, properties=properties, count=copies)
+        show(self.any_pipe, event)
+        return event
 
     @staticmethod
     def wait_for_event(pipe: OutputPipe, event_type: str, **options) -> Event:
@@ -213,11 +222,12 @@ class Play:
 
 SUMMARY = f"""
 == What you just saw
-   halvek ties events to actions. Its sources here: an alarm input of the camera, alerts of its video analytics,
+   halvek ties events to actions. Its sources here: alarm inputs of the camera, alerts of its video analytics,
    its head at rest, a timer, and the pipe {INPUT_PIPE}, on which any process may post a few lines of text.
-   Its actions here: it pulses a relay, turns the head to a preset, starts a tour, and passes every event on, as
-   text with the time in it, to the named pipes in /var/run/halvek: to those that have the event's type in their
-   name, and to those that have "halvek.any". SIGHUP rebuilt everything from the settings, SIGTERM stopped it.
+   Its actions here: it pulses a relay, turns the head to a preset, starts a tour, saves the camera's picture in a
+   folder that it keeps below a limit, uploads it to an FTP server, mails it, and passes every event on, as text
+   with the time in it, to the named pipes in /var/run/halvek: to those that have the event's type in their name,
+   and to those that have "halvek.any". SIGHUP rebuilt everything from the settings, SIGTERM stopped it.
    The settings are in examples/demo.ini. The camera was build/release/bin/kelto-vcam: try it yourself, --help
    tells how."""
 
@@ -229,11 +239,12 @@ def perform(program: str, camera_program: str, settings: str, cleanup: contextli
     camera = cleanup.enter_context(contextlib.closing(CameraProcess(camera_program, bus, folder)))
     # The daemon asks it at once which banks it has.
     camera.wait_until_ready(PATIENCE)
-    environment = bus.environment | {"KELTO_LOG": "Information"}
+    destinations = cleanup.enter_context(contextlib.closing(Destinations(folder)))
+    environment = bus.environment | destinations.environment | {"KELTO_LOG": "Information"}
     daemon = cleanup.enter_context(
         contextlib.closing(DaemonProcess(program, Path(settings), folder, environment=environment))
     )
-    play = cleanup.enter_context(contextlib.closing(Play(daemon, camera)))
+    play = cleanup.enter_context(contextlib.closing(Play(daemon, camera, destinations)))
     try:
         play.run()
     except (NotSeen, subprocess.SubprocessError) as error:

@@ -17,6 +17,7 @@ ROOT = Path(__file__).resolve().parents[2]
 sys.path += [str(ROOT / "scripts"), str(ROOT / "tests/system")]
 
 from bus_client import SIGNAL, BusClient, Message  # noqa: E402
+from demo_sender import Sender  # noqa: E402
 
 FAULT = os.environ.get("FAULT", "")
 INPUT_PIPE = "/var/run/halvek.pipe"
@@ -40,11 +41,15 @@ def notify_ready() -> None:
         service_manager.sendto(b"READY=1", os.environ["NOTIFY_SOCKET"])
 
 
+def completed(event_type: str, properties: dict[str, str]) -> dict[str, str]:
+    return dict(sorted((properties | {"eventType": event_type}).items()))
+
+
 def pass_on(event_type: str, properties: dict[str, str]) -> None:
     if FAULT == f"drops {event_type}":
         return
-    properties = properties | {"eventType": event_type}
-    lines = [f"[{event_type}]", *(f"{key}={value}" for key, value in sorted(properties.items())), ".", ""]
+    properties = completed(event_type, properties)
+    lines = [f"[{event_type}]", *(f"{key}={value}" for key, value in properties.items()), ".", ""]
     for name in sorted(os.listdir(OUTPUT_FOLDER)):
         meant = event_type in name or "halvek.any" in name
         if meant or (FAULT == "uses the wrong pipe" and event_type != "Timer"):
@@ -107,10 +112,13 @@ class Listener:
     def on_alarm(self, bank: str, index: int, active: bool) -> None:
         if FAULT == "is deaf to the release of an alarm" and not active:
             return
-        self.camera.pulse_relay()
-        self.camera.turn("3", 900 if FAULT == "takes an alarm for any event" else 400)
-        state = str(int(active))
-        pass_on("Alarm", {"alarmBank": bank, "alarmIndex": str(index), "alarmState": state})
+        properties = {"alarmBank": bank, "alarmIndex": str(index), "alarmState": str(int(active))}
+        if index == 2 or FAULT == "pulses the relay at any alarm":
+            self.camera.pulse_relay()
+            self.camera.turn("3", 900 if FAULT == "takes an alarm for any event" else 400)
+        if index == 1 or FAULT == "sends the picture at any alarm":
+            Sender(FAULT).send(completed("Alarm", properties))
+        pass_on("Alarm", properties)
 
     def on_alert(self, *fields: object) -> None:
         self.camera.start_tour()

@@ -13,6 +13,14 @@ PRIVATE_RUN = ROOT / "scripts/private-run"
 ORDINARY_USER = ["unshare", "--user", "--map-user=1000", "--map-group=1000"]
 CTEST = '<testsuite><testcase name="unit" status="{}"/><testcase name="system.a" status="{}"/></testsuite>'
 
+USE_NETWORK = """
+import socket
+print(*(name for _, name in socket.if_nameindex()), end="")
+for port in (21, 25):
+    with socket.create_server(("127.0.0.1", port)) as server, socket.create_connection(server.getsockname(), 5):
+        print("", port, end="")
+"""
+
 
 def run(*command: object, **options) -> subprocess.CompletedProcess:
     return subprocess.run([str(word) for word in command], capture_output=True, text=True, timeout=60, **options)
@@ -140,6 +148,12 @@ def test_a_private_run_holds_the_pipe_folder_and_nothing_else(user, tmp_path):
     assert tmp_path.exists()  # ours, in the /run outside, is another
 
 
+@pytest.mark.parametrize("user", [[], ORDINARY_USER], ids=["root", "ordinary user"])
+def test_a_private_network_has_the_loopback_alone_and_every_port_free(user):
+    result = run(*user, PRIVATE_RUN, "--net", "/usr/bin/python3", "-c", USE_NETWORK)
+    assert (result.stdout, result.stderr) == ("lo 21 25", "")
+
+
 def test_a_private_run_hands_through_streams_arguments_and_status():
     result = run(PRIVATE_RUN, "sh", "-c", 'cat; printf "<%s>" "$@" >&2; exit 7', "sh", "a b", "", "*", input="in")
     assert (result.stdout, result.stderr, result.returncode) == ("in", "<a b><><*>", 7)
@@ -157,8 +171,11 @@ def test_a_private_run_without_a_command_says_how_it_is_used():
     assert result.returncode == 125 and "usage" in result.stderr
 
 
-def test_a_private_run_says_so_if_the_system_forbids_it(tmp_path):
+@pytest.mark.parametrize(
+    ("network", "missing"), [([], "no mount namespace"), (["--net"], "no network and mount namespace")]
+)
+def test_a_private_run_says_so_if_the_system_forbids_it(tmp_path, network, missing):
     (tmp_path / "unshare").write_text("#!/bin/sh\nexit 1\n")
     (tmp_path / "unshare").chmod(0o755)
-    result = run(PRIVATE_RUN, "true", env=os.environ | {"PATH": f"{tmp_path}:{os.environ['PATH']}"})
-    assert result.returncode == 125 and "user namespaces" in result.stderr
+    result = run(PRIVATE_RUN, *network, "true", env=os.environ | {"PATH": f"{tmp_path}:{os.environ['PATH']}"})
+    assert result.returncode == 125 and missing in result.stderr and "user namespaces" in result.stderr

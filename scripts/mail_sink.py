@@ -8,6 +8,7 @@ from email.message import EmailMessage
 from typing import NamedTuple
 
 from aiosmtpd.smtp import SMTP, Envelope, Session
+from daemon_process import PATIENCE, NotSeen
 
 HOST = "127.0.0.1"
 
@@ -53,11 +54,11 @@ class MailSink:
         with self._changed:
             return list(self._mails)
 
-    def wait_for(self, count: int, patience: float = 20.0) -> list[Mail]:
+    def wait_for(self, count: int, patience: float = PATIENCE) -> list[Mail]:
         """Waits until so many mails have come in all, and returns them all."""
         with self._changed:
             if not self._changed.wait_for(lambda: len(self._mails) >= count, patience):
-                raise AssertionError(f"{len(self._mails)} of {count} mails came within {patience} s")
+                raise NotSeen(f"not in {patience} s: {count} mails; {len(self._mails)} came")
             return list(self._mails)
 
     def close(self) -> None:
