@@ -33,11 +33,13 @@ class PictureWatch:
         self._seen: dict[bytes, float] = {}  # and when each was made
         self._last: tuple[int, int] = (0, 0)
         self._ending = threading.Event()
+        self._lock = threading.Lock()
         self._look()
         self._thread = threading.Thread(target=self._watch, name="picture watch", daemon=True)
         self._thread.start()
 
     def require_one_of_its_own(self, picture: bytes, where: str) -> None:
+        self._look()  # it may have come here before the thread has looked
         require(picture in self._seen, f"the picture {where}, of {len(picture)} bytes, is none of the camera's")
 
     def time_of(self, picture: bytes) -> str:
@@ -52,7 +54,7 @@ class PictureWatch:
             self._look()
 
     def _look(self) -> None:
-        with self._path.open("rb") as file:
+        with self._lock, self._path.open("rb") as file:
             status = os.fstat(file.fileno())
             if self._last != (status.st_ino, status.st_mtime_ns):
                 self._seen.setdefault(file.read(), status.st_mtime)

@@ -10,6 +10,7 @@
 #include <pthread.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <future>
@@ -133,13 +134,15 @@ TEST(CommandOutput, IsNotHeldOpenByCommandsThatOtherThreadsStart) {
     auto slow = std::async(std::launch::async, [&] {
         return ReadCommandOutput("echo > " + begun.GetPath() + "; read line < " + goOn.GetPath(), 100);
     });
-    ASSERT_TRUE(test::WaitUntil([&] { return begun.CountWaiting() > 0; }));
-    std::vector<int> descriptors = test::OpenDescriptors();
-    for (const int known : before) {
-        std::erase(descriptors, known);
-    }
-    ASSERT_EQ(descriptors.size(), 1U);
-    EXPECT_EQ(fcntl(descriptors[0], F_GETFD), FD_CLOEXEC);
+    EXPECT_TRUE(test::WaitUntil([&] { return begun.CountWaiting() > 0; }));
+    std::vector<int> descriptors;
+    // The command may have begun before the end of the pipe that is its own is closed here.
+    EXPECT_TRUE(test::WaitUntil([&] {
+        descriptors = test::OpenDescriptors();
+        std::erase_if(descriptors, [&](int fd) { return std::binary_search(before.begin(), before.end(), fd); });
+        return descriptors.size() == 1;
+    }));
+    EXPECT_EQ(fcntl(descriptors.at(0), F_GETFD), FD_CLOEXEC);
     goOn.Write("\n");
     slow.get();
 }
