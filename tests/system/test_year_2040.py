@@ -111,7 +111,7 @@ def test_a_handler_is_filtered_by(launch_at, output_pipe, keys, passes):
 
 def test_an_alarm_switches_a_relay(launch_at, bus, camera, output_pipe):
     pipe = output_pipe()
-    settings = alarm(1, 3) | handler(1, *ids(1), handler_type="Relay", BankName=LOCAL, Index=1, Mode=1)
+    settings = SERVER | alarm(1, 3) | handler(1, *ids(1), handler_type="Relay", BankName=LOCAL, Index=1, Mode=1)
     daemon = launch_at(SUNDAY, settings, environment=bus.environment)
     camera.set_alarm(LOCAL, 3, True)
     camera.lines.wait_for("relay Local:1 on ")
