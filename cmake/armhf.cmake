@@ -22,4 +22,6 @@ set(ENV{PKG_CONFIG_LIBDIR} ${CMAKE_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfi
 
 # The emulator's own choice of a processor is a newer one, which would let through what a Cortex-A9 does not know. A
 # library that another clock comes from is meant for the emulator, the dynamic one for this, and not for the program in it.
-set(CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/qemu-arm -cpu cortex-a9 -L ${CMAKE_SYSROOT} -U LD_PRELOAD)
+# The leak checker stops a process as a debugger would, which is beyond the emulator.
+set(CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/qemu-arm -cpu cortex-a9 -L ${CMAKE_SYSROOT} -U LD_PRELOAD
+  -E ASAN_OPTIONS=detect_leaks=0)
