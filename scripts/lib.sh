@@ -1,5 +1,6 @@
 # shellcheck shell=bash
-# What scripts/demo and scripts/test share: the packages that debian/control names, and building a preset.
+# What scripts/demo, scripts/test and scripts/test-armhf share: the packages that debian/control names, building a preset
+# and testing some.
 # Sourced by bash with "set -euo pipefail"; a function that fails says why on standard error.
 
 sourceFolder=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -53,4 +54,28 @@ build_preset() {
         cmake --preset "$preset" &&
             cmake --build --preset "$preset" --parallel "$(nproc)" ${2:+--target "${@:2}"}
     ) </dev/null || fail "cannot build the preset $preset"
+}
+
+# The results are what counts afterwards: a preset whose tests fail does not keep the others from running.
+test_preset() {
+    local results=$sourceFolder/build/$1/test-results
+    rm -rf "$results"
+    mkdir "$results"
+    ctest --test-dir "$sourceFolder/build/$1" --parallel "$(nproc)" --output-on-failure --no-tests=error \
+        --output-junit "$results/ctest.xml" </dev/null || echo "${0##*/}: the tests of preset $1 failed" >&2
+}
+
+# test_presets PRESET...: builds and tests each, and ends with a count for each and for all of them; the status is 0
+# only if every test ran and passed.
+test_presets() {
+    local preset
+    install_packages
+    if [[ " $*" == *" armhf"* ]]; then
+        "$sourceFolder/scripts/armhf-sysroot"
+    fi
+    for preset in "$@"; do
+        build_preset "$preset"
+        test_preset "$preset"
+    done
+    /usr/bin/python3 -B "$sourceFolder/scripts/test_summary.py" "$sourceFolder/build" "$@"
 }

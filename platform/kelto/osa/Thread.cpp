@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstring>
 #include <exception>
 
@@ -19,6 +20,7 @@ namespace kelto::osa {
 namespace {
 
 constexpr size_t maxNameLength = 15;
+constexpr size_t bytesPerMib = size_t{1} << 20;
 constexpr int32_t firstRepeatMs = 10;
 constexpr int32_t longestRepeatMs = 100;
 
@@ -44,8 +46,11 @@ public:
     Attributes(unsigned stackKiB, int priority) {
         pthread_attr_init(&attributes);
         if (stackKiB != 0) {
-            const size_t smallest = static_cast<size_t>(sysconf(_SC_THREAD_STACK_MIN));
-            pthread_attr_setstacksize(&attributes, std::max<size_t>(size_t{stackKiB} * 1024, smallest));
+            const uint64_t smallest = static_cast<uint64_t>(sysconf(_SC_THREAD_STACK_MIN));
+            // More than there are addresses for is refused at the start; the guard page still has to be added to it.
+            const uint64_t largest = SIZE_MAX - bytesPerMib;
+            pthread_attr_setstacksize(&attributes,
+                                      static_cast<size_t>(std::clamp(uint64_t{stackKiB} * 1024, smallest, largest)));
         }
         if (priority != 0) {
             sched_param parameters{};

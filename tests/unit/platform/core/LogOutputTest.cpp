@@ -40,8 +40,8 @@ Fields ParseFields(std::string datagram) {
             std::memcpy(&length, datagram.data() + lineEnd + 1, sizeof(length));
             begin = lineEnd + 1 + sizeof(length);
         }
-        fields[name] = datagram.substr(begin, length);
-        datagram.erase(0, begin + length + 1);
+        fields[name] = datagram.substr(begin, static_cast<size_t>(length));
+        datagram.erase(0, begin + static_cast<size_t>(length) + 1);
     }
     return fields;
 }
