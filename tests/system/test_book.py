@@ -1,5 +1,6 @@
 """The man pages against the code, both ways: what stands in only one of the two fails, and says where."""
 
+import os
 import re
 import subprocess
 from collections.abc import Iterator
@@ -354,8 +355,9 @@ def test_every_key_has_a_range_what_a_wrong_value_does_and_an_example():
 def test_every_type_is_explained_and_every_explained_one_can_be_made(section, pattern):
     lines = [line for line in page_lines("halvek-settings.5") if line.section == section]
     titles = {line.subsection: line.place for line in lines if line.words[:1] == [".Ss"] and "/" not in line.subsection}
-    others = {line.words[2]: line.place for line in lines if line.words[:1] == [".It"] and line.subsection == "Other types"}
-    in_page = {name: place for name, place in (titles | others).items() if " " not in name}
+    others = [line for line in lines if line.words[:1] == [".It"] and line.subsection == "Other types"]
+    named = titles | {line.words[2]: line.place for line in others}
+    in_page = {name: place for name, place in named.items() if " " not in name}
     assert_same("halvek-settings.5", in_page, literals(pattern, DAEMON))
 
 
@@ -370,9 +372,8 @@ def test_every_group_is_explained_and_every_explained_one_is_known():
 def test_every_logger_that_can_have_a_level_of_its_own_is_named():
     text = (ROOT / "docs/halvek-settings.5").read_text()
     described = text.partition(".It Li LogLevel. ")[2].partition(".Pp")[0]
-    named = {word: "docs/halvek-settings.5" for line in re.findall(r"^\.Li (.*)", described, re.M) for word in line.split()}
-    named.pop(",")
-    named = {name.rstrip("."): place for name, place in named.items() if name != "."}
+    lines = re.findall(r"^\.Li (.*)", described, re.M)
+    named = {word.rstrip("."): "docs/halvek-settings.5" for line in lines for word in line.split() if len(word) > 1}
     assert_same("halvek-settings.5", named, literals(r'(?:GetLogger|Warn\(Add)\("([\w.]+)"\)', DAEMON + PLATFORM))
 
 
@@ -410,7 +411,8 @@ def test_every_environment_variable_is_explained_and_every_explained_one_is_read
 
 def test_every_signal_is_explained_and_every_explained_one_is_caught():
     caught = re.search(r"caughtSignals = \{(.*)\};", (ROOT / "app/Application.cpp").read_text())[1]
-    assert_same("halvek.8", listed("halvek.8", "SIGNALS", "Dv"), dict.fromkeys(caught.split(", "), "app/Application.cpp"))
+    in_code = dict.fromkeys(caught.split(", "), "app/Application.cpp")
+    assert_same("halvek.8", listed("halvek.8", "SIGNALS", "Dv"), in_code)
 
 
 def test_every_file_is_listed_and_every_listed_one_is_used():
@@ -467,13 +469,27 @@ def shell(tmp_path):
         process.stdout.close()
 
 
+@pytest.fixture
+def follow(shell):
+    """Collects what commands that go on have to say."""
+    outputs: list[Lines] = []
+
+    def start(process: subprocess.Popen) -> Lines:
+        outputs.append(Lines(os.dup(process.stdout.fileno()), "shell"))
+        return outputs[-1]
+
+    yield start
+    for output in outputs:
+        output.close()
+
+
 def finish(process: subprocess.Popen) -> str:
     output, _ = process.communicate(timeout=20)
     assert process.returncode == 0, process.args
     return output
 
 
-def test_the_first_steps_lead_where_the_page_says(shell, launch, tmp_path):
+def test_the_first_steps_lead_where_the_page_says(shell, follow, launch, tmp_path):
     write, _, read, posting, shown, group, post_again, clean_up = displays("halvek.8", "FIRST STEPS")
     for command in typed(write):
         finish(shell(command))
@@ -482,8 +498,7 @@ def test_the_first_steps_lead_where_the_page_says(shell, launch, tmp_path):
     *prepare, cat = typed(read)
     for command in prepare:
         finish(shell(command))
-    reader = shell(f"exec {cat}")
-    lines = Lines(reader.stdout.fileno(), "the first terminal")
+    lines = follow(shell(f"exec {cat}"))
     daemon.log.wait_for("EventServerSource started")
     for command in typed(posting):
         finish(shell(command))
@@ -498,11 +513,10 @@ def test_the_first_steps_lead_where_the_page_says(shell, launch, tmp_path):
     assert list((tmp_path / "settings").iterdir()) == []
 
 
-def test_scripts_post_and_read_as_the_page_says(shell, launch):
+def test_scripts_post_and_read_as_the_page_says(shell, follow, launch):
     daemon = launch(SERVER)
     *_, posting, cleaning, reading = displays("halvek-events.5", "POSTING") + displays("halvek-events.5", "READING")
-    reader = shell(reading, "sh")
-    lines = Lines(reader.stdout.fileno(), "the script")
+    lines = follow(shell(reading, "sh"))
     pipe = Path("/var/run/halvek/door.Doorbell")
     wait_until(pipe.exists, "the script has made its pipe")
     for program in ("bash", "sh"):
