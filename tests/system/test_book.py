@@ -513,6 +513,16 @@ def test_the_first_steps_lead_where_the_page_says(shell, follow, launch, tmp_pat
     assert list((tmp_path / "settings").iterdir()) == []
 
 
+@pytest.mark.parametrize("program", ["bash", "sh"])
+def test_what_the_pages_say_posts_an_event_with_one_write(tmp_path, launch, program):
+    launch(SERVER)
+    posts = [displays("halvek-events.5", "POSTING")[1], typed(displays("halvek.8", "FIRST STEPS")[6])[0]]
+    for post_it in posts:
+        watch = ["strace", "-f", "-e", "trace=write", "-P", str(DEFAULT_INPUT), "-o", str(tmp_path / "writes")]
+        subprocess.run([*watch, program, "-ec", post_it], check=True, timeout=20)
+        assert len(re.findall(r"\bwrite\(", (tmp_path / "writes").read_text())) == 1
+
+
 def test_scripts_post_and_read_as_the_page_says(shell, follow, launch):
     daemon = launch(SERVER)
     *_, posting, cleaning, reading = displays("halvek-events.5", "POSTING") + displays("halvek-events.5", "READING")
