@@ -80,7 +80,8 @@ class Bench:
         self.program = program
         self.settings = folder / "settings.ini"
         self.notify = folder / "notify"
-        inherited = {name: value for name, value in os.environ.items() if name not in ("JOURNAL_STREAM", "KELTO_LOG", "TZ")}
+        foreign = ("JOURNAL_STREAM", "KELTO_LOG", "TZ")
+        inherited = {name: value for name, value in os.environ.items() if name not in foreign}
         own = {"KELTO_SETTINGS": str(self.settings), "NOTIFY_SOCKET": str(self.notify)}
         self.environment = inherited | own | bus.environment
 
@@ -179,14 +180,14 @@ def show_sizes(program: Path) -> None:
 
 
 def show_memory(name: str, memory: Memory) -> None:
-    print(f"  {name:<46} {memory.resident:6} KiB resident, {memory.proportional:6} proportional, {memory.threads:3} threads")
+    print(f"  {name:<46} {memory.resident} KiB resident, {memory.proportional} proportional, {memory.threads} threads")
 
 
 def show_growth(bench: Bench) -> None:
     for kind, settings in (("timer", timers), ("alarm", alarms)):
         few, many = (bench.memory(SERVER + settings(count)) for count in SOURCES)
-        grown = (many.proportional - few.proportional) / (SOURCES[1] - SOURCES[0])
-        print(f"  a source more ({kind}): {grown:.0f} KiB proportional, {(many.threads - few.threads) / 10:.0f} thread")
+        grown, threads = ((many[i] - few[i]) / (SOURCES[1] - SOURCES[0]) for i in (1, 2))
+        print(f"  a source more ({kind}): {grown:.0f} KiB proportional, {threads:.0f} thread")
 
 
 def timers(count: int) -> str:
@@ -197,8 +198,7 @@ def timers(count: int) -> str:
 def show_reloads(bench: Bench) -> None:
     measured = {count: bench.reload(SERVER + alarms(1) + handlers(count) + TIMER) for count in COUNTS}
     for count, (milliseconds, memory) in measured.items():
-        print(f"  {count:>4} handlers: {milliseconds:8.2f} ms a reload,", end="")
-        print(f" {memory.resident} KiB resident, {memory.proportional} proportional, {memory.threads} threads")
+        show_memory(f"{count:>4} handlers: {milliseconds:6.2f} ms a reload", memory)
     times, sizes = ([measured[count][i] for count in COUNTS] for i in (0, 1))
     each = [(times[i] - times[i - 1]) / (COUNTS[i] - COUNTS[i - 1]) * 1e3 for i in (2, 3)]
     grown = (sizes[3].proportional - sizes[2].proportional) / (COUNTS[3] - COUNTS[2])
@@ -214,8 +214,8 @@ def main() -> int:
     with tempfile.TemporaryDirectory(prefix="halvek-bench-") as name, contextlib.ExitStack() as stack:
         folder = Path(name)
         bus = stack.enter_context(contextlib.closing(PrivateBus(folder)))
-        camera = stack.enter_context(contextlib.closing(CameraProcess(str(program.with_name("kelto-vcam")), bus, folder)))
-        camera.wait_until_ready()
+        camera = CameraProcess(str(program.with_name("kelto-vcam")), bus, folder)
+        stack.enter_context(contextlib.closing(camera)).wait_until_ready()
         bench = Bench(program, folder, bus)
         show_memory("the event pipe and a timer", bench.memory(SERVER + TIMER))
         show_memory("two alarms, a timer and all seven handlers", bench.memory(everything()))

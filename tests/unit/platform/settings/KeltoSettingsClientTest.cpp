@@ -182,7 +182,9 @@ TEST_F(LookUpTest, ALookUpIntoSettingsThatHaveBecomeMalformedOrGoneFails) {
     const std::string path = folder.Write("a.ini", "[a]\nk=1\n");
     EXPECT_THAT(LookUp({"a"}), ElementsAre(Key("a")));
     folder.Write("a.ini", "[a]\nk:1\n");
-    EXPECT_THROW(LookUp({"a"}), osa::Exception);
+    for (int again = 0; again < 2; ++again) {
+        EXPECT_THROW(LookUp({"a"}), osa::Exception);
+    }
     folder.Write("a.ini", "[a]\nk=1\n");
     EXPECT_THAT(LookUp({"a"}), ElementsAre(Key("a")));
     const test::EnvironmentVariable gone("KELTO_SETTINGS", path + ".gone");
