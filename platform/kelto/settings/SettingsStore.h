@@ -2,6 +2,9 @@
 
 #include "kelto/core/IniFile.h"
 
+#include <string>
+#include <vector>
+
 namespace kelto::settings {
 
 /**
@@ -11,12 +14,29 @@ namespace kelto::settings {
  */
 class SettingsStore {
 public:
+    struct File {
+        std::string path;
+        std::string text;
+    };
+
     /**
      * Reads the whole store afresh.
      *
      * @throws kelto::osa::Exception naming the path and the reason if anything of it cannot be read
      */
-    static core::IniFile Load();
+    static core::IniFile Load() { return Parse(Read()); }
+
+    /** The first half of Load. Throws as it does. */
+    static std::vector<File> Read();
+
+    /** The second half of Load. Throws kelto::osa::Exception naming the file and the line that is malformed. */
+    static core::IniFile Parse(const std::vector<File>& files);
+
+    /**
+     * Whether the store consists of exactly these files and texts now. Reads them all, so it is as fresh as Read, but
+     * keeps nothing. Only regular files are looked at: from a pipe it would take what the next Read needs.
+     */
+    static bool Holds(const std::vector<File>& files) noexcept;
 };
 
 }  // namespace kelto::settings

@@ -4,6 +4,12 @@
 #include "tests/fakes/TempDir.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <thread>
 
 namespace kelto::settings {
 
@@ -132,6 +138,68 @@ TEST_F(KeltoSettingsClientTest, TellsItsListenerOfEachFetchThatSucceeded) {
     folder.Write("settings.ini", "");
     Fetch({"*"});
     EXPECT_EQ(told.size(), 2U);
+}
+
+/** Look-ups keep what they found last; these are about when that counts. */
+class LookUpTest : public testing::Test {
+protected:
+    const test::TempDir folder;
+    const test::EnvironmentVariable store = {"KELTO_SETTINGS", folder.GetPath()};
+
+    static core::IniFile::Groups LookUp(const KeltoSettingsClient::Patterns& patterns) {
+        core::IniFile ini;
+        KeltoSettingsClient(OperationMode::LookUp).GetSettings(patterns, ini);
+        return ini.GetGroups();
+    }
+};
+
+TEST_F(LookUpTest, ALookUpSeesEveryChangeAtOnceHoweverSmall) {
+    for (int number = 0; number < 1000; ++number) {
+        const std::string text = std::to_string(1000 + number);
+        folder.Write("a.ini", "[a]\nk=" + text + "\n");
+        ASSERT_THAT(LookUp({"a"}), ElementsAre(Pair("a", ElementsAre(Pair("k", text)))));
+        ASSERT_THAT(LookUp({"a"}), ElementsAre(Pair("a", ElementsAre(Pair("k", text)))));
+    }
+}
+
+TEST_F(LookUpTest, ALookUpForOtherGroupsFindsThose) {
+    folder.Write("a.ini", "[a]\nk=1\n[b]\nk=2\n");
+    EXPECT_THAT(LookUp({"a"}), ElementsAre(Key("a")));
+    EXPECT_THAT(LookUp({"b"}), ElementsAre(Key("b")));
+    EXPECT_THAT(LookUp({"*"}), ElementsAre(Key("a"), Key("b")));
+}
+
+TEST_F(LookUpTest, ALookUpSeesFilesComeAndGo) {
+    folder.Write("a.ini", "[a]\nk=1\n");
+    EXPECT_THAT(LookUp({"*"}), ElementsAre(Pair("a", ElementsAre(Pair("k", "1")))));
+    const std::string later = folder.Write("b.ini", "[a]\nk=2\n");
+    EXPECT_THAT(LookUp({"*"}), ElementsAre(Pair("a", ElementsAre(Pair("k", "2")))));
+    ASSERT_EQ(std::rename(later.c_str(), (folder.GetPath() + "/0.ini").c_str()), 0);
+    EXPECT_THAT(LookUp({"*"}), ElementsAre(Pair("a", ElementsAre(Pair("k", "1")))));
+}
+
+TEST_F(LookUpTest, ALookUpIntoSettingsThatHaveBecomeMalformedOrGoneFails) {
+    const std::string path = folder.Write("a.ini", "[a]\nk=1\n");
+    EXPECT_THAT(LookUp({"a"}), ElementsAre(Key("a")));
+    folder.Write("a.ini", "[a]\nk:1\n");
+    for (int again = 0; again < 2; ++again) {
+        EXPECT_THROW(LookUp({"a"}), osa::Exception);
+    }
+    folder.Write("a.ini", "[a]\nk=1\n");
+    EXPECT_THAT(LookUp({"a"}), ElementsAre(Key("a")));
+    const test::EnvironmentVariable gone("KELTO_SETTINGS", path + ".gone");
+    EXPECT_THROW(LookUp({"a"}), osa::Exception);
+}
+
+TEST_F(LookUpTest, SettingsThatAreServedByAPipeAreTakenFromItOnceEachTime) {
+    const std::string pipe = folder.GetPath() + "/pipe";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const test::EnvironmentVariable served("KELTO_SETTINGS", pipe);
+    for (const char* const text : {"[a]\nk=1\n", "[a]\nk=1\n", "[a]\nk=2\n"}) {
+        std::thread server([&] { std::ofstream(pipe) << text; });
+        EXPECT_THAT(LookUp({"a"}), ElementsAre(Pair("a", ElementsAre(Pair("k", std::string(1, text[6]))))));
+        server.join();
+    }
 }
 
 }  // namespace

@@ -1,0 +1,539 @@
+"""The man pages against the code, both ways: what stands in only one of the two fails, and says where."""
+
+import os
+import re
+import subprocess
+from collections.abc import Iterator
+from pathlib import Path
+from typing import NamedTuple
+
+import pytest
+from daemon_process import Lines
+from harness import DEFAULT_INPUT, SERVER, post, wait_until
+
+ROOT = Path(__file__).resolve().parents[2]
+PAGES = ("halvek.8", "halvek-settings.5", "halvek-events.5", "kelto-vcam.1")
+
+# Functions whose callers hand them a part of an exception's text: which argument, and what it becomes.
+TEXT_HELPERS = {"CheckBusResult": (1, "{}: %s"), "ThrowSystemError": (0, "Cannot {} %s: %s")}
+# Texts in the code that no record has, and why.
+NOT_LOGGED = {
+    "Cannot %s %s: %s": "each step of ThrowSystemError is a text of its own",
+    "interrupted by signal %d": "whoever catches it logs it at Debug",
+}
+GETTER = r"\b(?:TryGet|Get)(?:Value|Int|Bool)(?:OrDefault)?(?:FromGroup)?"
+TYPES = {"Value": "text", "Int": "integer", "Bool": "boolean"}
+# Where a key is explained that is read in a file, or in a function of it, without a section of its own name.
+SECTIONS = {
+    "monitor/EventMonitor.cpp:LoadServers": "Applications/halvek/Server",
+    "monitor/EventMonitor.cpp:LoadSource": "Events/Source#name",
+    "monitor/EventMonitor.cpp:AttachToSource": "Events/Source#name",
+    "monitor/EventMonitor.cpp:LoadHandler": "Events/Handler#name",
+    "source/EventServerSource.cpp": "Applications/halvek/Server/Pipe",
+    "handler/FilterChain.cpp": "Every handler",
+    "handler/SnapshotPath.cpp": "Video/Quickview",
+}
+LOG_SETTINGS = "platform/kelto/settings/LogManager.cpp"
+PROPERTY_SECTIONS = {
+    "event/Event.cpp": "Every event",
+    "source/EventServerSource.cpp": "Posted events",
+    "source/TimerEventSource.cpp": "Timer",
+    "source/AlarmEventSource.cpp": "Alarm",
+    "source/ParkEventSource.cpp": "Park",
+    "source/AnalyticsAlertConversion.cpp": "Analytics",
+}
+READ_BY_LIBRARIES = {"NOTIFY_SOCKET", "DBUS_SYSTEM_BUS_ADDRESS", "TZ", "PATH"}
+ID_WITHOUT_GROUP = "Applications/halvek/MsgBus"
+
+
+# --- the pages
+
+
+class Line(NamedTuple):
+    place: str
+    section: str
+    subsection: str
+    words: list[str]
+
+
+ESCAPES = {r"\(aq": "'", r"\(dq": '"', r"\-": "-", r"\e": "\\", r"\&": ""}
+
+
+def plain(text: str) -> str:
+    return re.sub(r"\\(?:\(..|.)", lambda escape: ESCAPES[escape[0]], text)
+
+
+def words_of(line: str) -> list[str]:
+    return [plain(quoted or word) for quoted, word in re.findall(r'"((?:[^"]|"")*)"|(\S+)', line)]
+
+
+def page_lines(page: str) -> Iterator[Line]:
+    section = subsection = ""
+    for number, line in enumerate((ROOT / "docs" / page).read_text().splitlines(), 1):
+        words = words_of(line)
+        if words[:1] == [".Sh"]:
+            section, subsection = " ".join(words[1:]), ""
+        elif words[:1] == [".Ss"]:
+            subsection = re.sub(r" ?\bNs ?|\bAr ", "", " ".join(words[1:])).replace(" /", "/")
+        yield Line(f"docs/{page}:{number}", section, subsection, words)
+
+
+def items(page: str, section: str) -> Iterator[Line]:
+    """The heads of the lists in a section, without their ".It"."""
+    for line in page_lines(page):
+        if line.section == section and line.words[:1] == [".It"]:
+            yield line._replace(words=line.words[1:])
+
+
+def listed(page: str, section: str, macro: str) -> dict[str, str]:
+    """The names that the heads of a section's lists have in a macro, with their places."""
+    found = {}
+    for line in items(page, section):
+        if line.words[0] == macro:
+            found |= {word: line.place for word in line.words[1:] if word != ","}
+    return found
+
+
+# --- the code
+
+
+class Call(NamedTuple):
+    place: str
+    function: str
+    signature: list[str]
+    body: str
+    arguments: list[str]
+    name: str
+
+
+TOKEN = r'"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])+\'|//[^\n]*|/\*.*?\*/'
+
+
+def blank_comment(token: re.Match) -> str:
+    return re.sub(r"[^\n]", " ", token[0]) if token[0].startswith("/") else token[0]
+
+
+def split_arguments(text: str, begin: int) -> list[str]:
+    """The arguments of a call, from behind its opening parenthesis on."""
+    arguments, depth, start = [], 0, begin
+    for token in re.compile(rf"{TOKEN}|[()\[\]{{}},]", re.DOTALL).finditer(text, begin):
+        if depth == 0 and token[0] in (",", ")"):
+            arguments.append(" ".join(text[start : token.start()].split()))
+            start = token.end()
+        if token[0] == ")" and depth == 0:
+            return arguments
+        depth += (token[0] in "([{") - (token[0] in ")]}") if len(token[0]) == 1 else 0
+    raise AssertionError(f"no end of the call: {text[begin:begin + 80]}")
+
+
+class Source:
+    """A file of the daemon or of its platform, without its comments."""
+
+    def __init__(self, path: Path) -> None:
+        self.name = str(path.relative_to(ROOT))
+        self.text = re.sub(TOKEN, blank_comment, path.read_text(), flags=re.DOTALL)
+        definition = r"constexpr (?:const )?[\w:]+(?:\*)? (\w+)\s*(?:=|\()\s*(\"(?:\\.|[^\"\\])*\"|-?\d+)\)?;"
+        self.constants = dict(re.findall(definition, self.text))
+
+    def place(self, position: int) -> str:
+        return f"{self.name}:{self.text.count(chr(10), 0, position) + 1}"
+
+    def value(self, expression: str) -> str | None:
+        """What an expression of literals and constants says; what varies in a sum with them is %s."""
+        expression = re.sub(r"\.c_str\(\)", "", expression).strip()
+        expression = self.constants.get(expression, expression)
+        pieces = re.findall(r'(?:"(?:\\.|[^"\\])*"\s*)+|[\w:.]+', expression)
+        if re.sub(r'"(?:\\.|[^"\\])*"|[\w:.]+|[\s+()]', "", expression) or '"' not in expression:
+            return None
+        return "".join(self._piece(piece) for piece in pieces)
+
+    def _piece(self, piece: str) -> str:
+        literals = re.findall(r'"((?:\\.|[^"\\])*)"', self.constants.get(piece, piece))
+        return "".join(literals).encode().decode("unicode_escape") if literals else "%s"
+
+    def calls(self, pattern: str) -> Iterator[Call]:
+        """Calls only: what declares the function has types for its arguments."""
+        for found in re.finditer(rf"({pattern})\(", self.text):
+            arguments = split_arguments(self.text, found.end())
+            if not re.match(r"const |int ", arguments[0]):
+                heads = re.finditer(r"^(?!constexpr|\[\[)[A-Za-z][^;{}=]*?(\w+)\(", self.text[: found.start()], re.M)
+                *_, head = (None, *heads)
+                function = head[1] if head else ""
+                signature = split_arguments(self.text, head.end()) if head else []
+                end = self.text.find("\n}", found.end())
+                body = self.text[head.start() if head else 0 : end]
+                yield Call(self.place(found.start()), function, signature, body, arguments, found[1])
+
+
+def sources(*folders: str) -> list[Source]:
+    paths = [path for folder in folders for path in sorted((ROOT / folder).rglob("*")) if path.suffix in (".h", ".cpp")]
+    return [Source(path) for path in paths]
+
+
+DAEMON = sources("app", "monitor", "event", "source", "handler")
+PLATFORM = sources("platform")
+
+
+def literals(pattern: str, files: list[Source]) -> dict[str, str]:
+    """What the pattern's group finds, with the place where it was found first."""
+    found: dict[str, str] = {}
+    for file in files:
+        for match in re.finditer(pattern, file.text):
+            found.setdefault(match[1], file.place(match.start()))
+    return found
+
+
+# --- comparing
+
+
+def differences(page: str, in_page: dict, in_code: dict) -> list[str]:
+    """One line for each thing that stands in only one of the two."""
+    only_code = [f"{place}: {thing} is not in docs/{page}" for thing, place in in_code.items() if thing not in in_page]
+    only_page = [f"{place}: {thing} is not in the code" for thing, place in in_page.items() if thing not in in_code]
+    return only_code + only_page
+
+
+def assert_same(page: str, in_page: dict, in_code: dict) -> None:
+    assert in_page and in_code, "nothing to compare"
+    found = differences(page, in_page, in_code)
+    assert not found, "\n" + "\n".join(found)
+
+
+# --- messages
+
+
+def filled(file: Source, call: Call, position: int) -> str:
+    """The format that a call hands on, with what its arguments say themselves put in."""
+    text = file.value(call.arguments[position])
+    assert text is not None, f"{call.place}: the text cannot be read here: {call.arguments[position]}"
+    rest = iter(call.arguments[position + 1 :])
+    conversion = r"%[-+ #0]*\d*(?:\.\d+)?(?:hh|h|ll|l|z)?[a-z]"
+    return re.sub(conversion, lambda found: file.value(next(rest, "")) or found[0], text).strip()
+
+
+def message_calls(file: Source) -> Iterator[tuple[Call, str, str]]:
+    for call in file.calls(r"(?:\.|->)(?:Warning|Error)"):
+        yield call, call.name.strip(".->"), filled(file, call, 0)
+    for call in file.calls(r"\bWarn(?=\(Add)"):
+        yield call, "Warning", filled(file, call, 1)
+    for call in file.calls(r"(?<!\w)Exception"):
+        yield call, "", filled(file, call, 0)
+    for helper, (position, text) in TEXT_HELPERS.items():
+        for call in file.calls(rf"\b{helper}"):
+            yield call, "", text.format(filled(file, call, position))
+    if file.name.startswith("platform/util/"):
+        return
+    for call in file.calls(r"\bfprintf(?=\(stderr)"):
+        yield call, "Standard error", filled(file, call, 1)
+    for call in file.calls(r"\bfputs"):
+        yield call, "Standard error", filled(file, call, 0)
+
+
+def messages_in_code() -> dict[tuple[str, str], str]:
+    found: dict[tuple[str, str], str] = {}
+    for file in DAEMON + PLATFORM:
+        for call, level, text in message_calls(file):
+            if text != "%s":
+                found.setdefault((level, text), call.place)
+    return found
+
+
+def messages_in_page() -> dict[tuple[str, str], str]:
+    found: dict[tuple[str, str], str] = {}
+    for line in items("halvek.8", "DIAGNOSTICS"):
+        *level, _, text = line.words
+        message = (" ".join(level[1:]), text)
+        assert message not in found, f"{line.place}: {message} stands at {found[message]} already"
+        found[message] = line.place
+    return found
+
+
+def test_every_warning_error_and_reason_is_explained_and_every_explained_one_is_in_the_code():
+    in_code = messages_in_code()
+    for text, reason in NOT_LOGGED.items():
+        assert in_code.pop(("", text), None), f"the code has no text {text!r} any more ({reason})"
+    assert_same("halvek.8", messages_in_page(), in_code)
+
+
+# --- settings
+
+
+class Key(NamedTuple):
+    section: str
+    name: str
+    type: str
+    default: str
+
+    def __str__(self) -> str:
+        return f"{self.section}: {self.name} ({self.type}, {self.default})"
+
+
+def section_of(file: Source, call: Call) -> str:
+    own = re.match(r"(?:source|handler)/(\w+)Event(?:Source|Handler)\.cpp", file.name)
+    known = SECTIONS.get(f"{file.name}:{call.function}") or SECTIONS.get(file.name) or (own and own[1])
+    assert known, f"{call.place}: in which section is a key explained that {call.function} reads?"
+    return known
+
+
+def default_of(file: Source, call: Call) -> str:
+    if "OrDefault" in call.name:
+        return f"default {file.constants.get(call.arguments[2], call.arguments[2])}"
+    if call.name.startswith("TryGet"):
+        return "no default"
+    if "catch (const osa::Exception&)" not in call.body:
+        return "required"
+    names = {name for name in re.findall(r"\bdefault\w+", call.body) if name in file.constants}
+    assert len(names) <= 1, f"{call.place}: which of {names} is the default?"
+    return "".join(f"default {file.constants[name]}".replace('"', "") for name in names) or "no default"
+
+
+def key_names(file: Source, call: Call) -> list[str]:
+    """The key that a getter is called with; those of the callers if it is a parameter of the function around it."""
+    name = file.value(call.arguments[1])
+    if name is not None:
+        return [name]
+    positions = [i for i, parameter in enumerate(call.signature) if re.search(rf"\b{call.arguments[1]}$", parameter)]
+    assert positions, f"{call.place}: the key cannot be read here: {call.arguments[1]}"
+    callers = file.calls(rf"\b{call.function}")
+    names = [file.value(caller.arguments[positions[0]]) for caller in callers]
+    assert names and None not in names, f"{call.place}: the callers' keys cannot be read: {names}"
+    return names
+
+
+def keys_in_code() -> dict[Key, str]:
+    found: dict[Key, str] = {}
+    for file in DAEMON:
+        for call in file.calls(GETTER):
+            if len(call.arguments) < 2:
+                continue
+            kind = TYPES[re.search("Value|Int|Bool", call.name)[0]]
+            for name in key_names(file, call):
+                key = Key(section_of(file, call), name, kind, default_of(file, call))
+                found.setdefault(key, call.place)
+    return found | log_keys()
+
+
+def log_keys() -> dict[Key, str]:
+    level = literals(r"LogLevel general = LogLevel::(\w+);", PLATFORM)
+    manager = next(file for file in PLATFORM if file.name == LOG_SETTINGS)
+    general, prefix = (manager.value(name) for name in ("generalKey", "loggerPrefix"))
+    defaults = {general: f"default {next(iter(level))}", prefix: "no default"}
+    return {Key("Applications/halvek", name, "text", default): LOG_SETTINGS for name, default in defaults.items()}
+
+
+def keys_in_page() -> dict[Key, str]:
+    found = {}
+    for section in ("THE DAEMON", "SOURCES", "HANDLERS"):
+        for line in items("halvek-settings.5", section):
+            if "Pq" in line.words:
+                kind, _, default = " ".join(line.words[line.words.index("Pq") + 1 :]).partition(", ")
+                found[Key(line.subsection, line.words[1], kind, default)] = line.place
+    return found
+
+
+def test_every_key_is_explained_with_its_type_and_default_and_every_explained_one_is_read():
+    assert_same("halvek-settings.5", keys_in_page(), keys_in_code())
+
+
+def test_settings_are_read_through_the_getters_that_the_comparison_knows():
+    assert not literals(r'\b(?:group|settings)(?:\.(?:find|at|count)\(|\[)("[^"]*")', DAEMON)
+
+
+def test_every_key_has_a_range_what_a_wrong_value_does_and_an_example():
+    text = (ROOT / "docs/halvek-settings.5").read_text()
+    explained = re.findall(r"^\.It Li (\S+)[^\n]* Pq .*\n((?:(?!\.It |\.El).*\n)*)", text, re.M)
+    assert len(explained) == len(keys_in_page())
+    for key, body in explained:
+        assert ".Em Range :\n" in body and ".Em Wrong :\n" in body, f"{key} lacks its range or what is wrong"
+        assert re.search(rf"^\.Dl {re.escape(key)}\S*=\S", body, re.M), f"{key} lacks its example"
+
+
+@pytest.mark.parametrize(
+    ("section", "pattern"),
+    [("SOURCES", r'typeName == "(\w+)"'), ("HANDLERS", r'HandlerRegistration registration\{"(\w+)"')],
+)
+def test_every_type_is_explained_and_every_explained_one_can_be_made(section, pattern):
+    lines = [line for line in page_lines("halvek-settings.5") if line.section == section]
+    titles = {line.subsection: line.place for line in lines if line.words[:1] == [".Ss"] and "/" not in line.subsection}
+    others = [line for line in lines if line.words[:1] == [".It"] and line.subsection == "Other types"]
+    named = titles | {line.words[2]: line.place for line in others}
+    in_page = {name: place for name, place in named.items() if " " not in name}
+    assert_same("halvek-settings.5", in_page, literals(pattern, DAEMON))
+
+
+def test_every_group_is_explained_and_every_explained_one_is_known():
+    in_code = literals(r'"((?:Applications|Events|Video)/[\w/#]+)"', DAEMON)
+    assert in_code.pop(ID_WITHOUT_GROUP)
+    lines = [line for line in page_lines("halvek-settings.5") if line.words[:1] == [".Ss"] and "/" in line.subsection]
+    in_page = {re.sub("(?:name.*|/Pipe)$", "", line.subsection): line.place for line in lines}
+    assert_same("halvek-settings.5", in_page, in_code)
+
+
+def test_every_logger_that_can_have_a_level_of_its_own_is_named():
+    text = (ROOT / "docs/halvek-settings.5").read_text()
+    described = text.partition(".It Li LogLevel. ")[2].partition(".Pp")[0]
+    lines = re.findall(r"^\.Li (.*)", described, re.M)
+    named = {word.rstrip("."): "docs/halvek-settings.5" for line in lines for word in line.split() if len(word) > 1}
+    assert_same("halvek-settings.5", named, literals(r'(?:GetLogger|Warn\(Add)\("([\w.]+)"\)', DAEMON + PLATFORM))
+
+
+# --- events
+
+
+def test_every_property_of_an_event_is_explained_and_every_explained_one_is_set():
+    in_code = {}
+    for file in DAEMON:
+        section = PROPERTY_SECTIONS.get(file.name)
+        asked = r'|\bproperties\.find\("(?:region)"' if section == "Posted events" else ""
+        for found in re.finditer(rf'\{{"(\w+)", |properties\["(\w+)"\]{asked}', file.text):
+            if file.name.startswith(("source/", "event/")):
+                name = found[1] or found[2] or "region"
+                in_code.setdefault((section, name), file.place(found.start()))
+    in_page = {
+        (line.subsection, word): line.place
+        for line in items("halvek-events.5", "PROPERTIES")
+        for word in line.words[1:]
+        if word != ","
+    }
+    assert_same("halvek-events.5", in_page, in_code)
+
+
+# --- the rest of halvek(8)
+
+
+def test_every_environment_variable_is_explained_and_every_explained_one_is_read():
+    in_page = listed("halvek.8", "ENVIRONMENT", "Ev")
+    assert READ_BY_LIBRARIES <= in_page.keys()
+    for name in READ_BY_LIBRARIES:
+        in_page.pop(name)
+    assert_same("halvek.8", in_page, literals(r'getenv\("(\w+)"\)', DAEMON + PLATFORM))
+
+
+def test_every_signal_is_explained_and_every_explained_one_is_caught():
+    caught = re.search(r"caughtSignals = \{(.*)\};", (ROOT / "app/Application.cpp").read_text())[1]
+    in_code = dict.fromkeys(caught.split(", "), "app/Application.cpp")
+    assert_same("halvek.8", listed("halvek.8", "SIGNALS", "Dv"), in_code)
+
+
+def test_every_file_is_listed_and_every_listed_one_is_used():
+    in_page = listed("halvek.8", "FILES", "Pa")
+    assert in_page.pop("/etc/esmtprc")  # by esmtp
+    in_code = literals(r'"(/(?:etc|var|tmp|media)/[^"]+)"', DAEMON + PLATFORM)
+    assert_same("halvek.8", in_page, in_code)
+
+
+# --- the pages by themselves
+
+
+@pytest.mark.parametrize("page", PAGES)
+def test_a_page_is_well_formed(page):
+    checked = subprocess.run(
+        ["groff", "-mandoc", "-ww", "-z", str(ROOT / "docs" / page)], capture_output=True, text=True, timeout=60
+    )
+    assert (checked.returncode, checked.stderr) == (0, "")
+
+
+@pytest.mark.parametrize("page", PAGES)
+def test_a_page_is_installed_with_its_program(page):
+    rules = (ROOT / "app/CMakeLists.txt").read_text() + (ROOT / "camera/CMakeLists.txt").read_text()
+    assert re.search(rf"docs/{re.escape(page)}\b", rules), f"no install rule names docs/{page}"
+
+
+def displays(page: str, section: str) -> list[str]:
+    """The literal displays of a section, as a reader would copy them."""
+    text = (ROOT / "docs" / page).read_text().partition(f"\n.Sh {section}\n")[2].partition("\n.Sh ")[0]
+    return [plain(block) for block in re.findall(r"^\.Bd -literal.*\n((?:.*\n)*?)\.Ed$", text, re.M)]
+
+
+def typed(display: str) -> list[str]:
+    """The commands of a display, with the lines that belong to them."""
+    return [command.rstrip("\n") for command in re.split(r"^\$ ", display, flags=re.M)[1:]]
+
+
+@pytest.fixture
+def shell(tmp_path):
+    """Runs commands; sudo is nobody else here, and the settings are this test's own."""
+    (tmp_path / "sudo").write_text('#!/bin/sh\nexec "$@"\n')
+    (tmp_path / "sudo").chmod(0o755)
+    running: list[subprocess.Popen] = []
+
+    def start(command: str, program: str = "bash") -> subprocess.Popen:
+        text = f'PATH="{tmp_path}:$PATH"\n' + command.replace("/etc/kelto/settings", str(tmp_path / "settings"))
+        running.append(subprocess.Popen([program, "-ec", text], stdout=subprocess.PIPE, text=True))
+        return running[-1]
+
+    yield start
+    for process in running:
+        process.kill()
+        process.wait()
+        process.stdout.close()
+
+
+@pytest.fixture
+def follow(shell):
+    """Collects what commands that go on have to say."""
+    outputs: list[Lines] = []
+
+    def start(process: subprocess.Popen) -> Lines:
+        outputs.append(Lines(os.dup(process.stdout.fileno()), "shell"))
+        return outputs[-1]
+
+    yield start
+    for output in outputs:
+        output.close()
+
+
+def finish(process: subprocess.Popen) -> str:
+    output, _ = process.communicate(timeout=20)
+    assert process.returncode == 0, process.args
+    return output
+
+
+def test_the_first_steps_lead_where_the_page_says(shell, follow, launch, tmp_path):
+    write, _, read, posting, shown, group, post_again, clean_up = displays("halvek.8", "FIRST STEPS")
+    for command in typed(write):
+        finish(shell(command))
+    daemon = launch(None, store=tmp_path / "settings")
+    assert daemon.log.matching("Unknown EventSource: Doorbell")
+    *prepare, cat = typed(read)
+    for command in prepare:
+        finish(shell(command))
+    lines = follow(shell(f"exec {cat}"))
+    daemon.log.wait_for("EventServerSource started")
+    for command in typed(posting):
+        finish(shell(command))
+    end = lines.wait_for(r"^\.$")
+    stamps = r"(?<=Time=)[-\dT:+]+|(?<=stamp=)[\d:]+"
+    assert [re.sub(stamps, "", line) for line in lines.items[:end]] == re.sub(stamps, "", shown).splitlines()
+    assert finish(shell(typed(group)[0])).startswith("p")
+    for command in typed(post_again):
+        finish(shell(command))
+    lines.wait_for("^button=back$", after=end)
+    finish(shell(typed(clean_up)[0]))
+    assert list((tmp_path / "settings").iterdir()) == []
+
+
+@pytest.mark.parametrize("program", ["bash", "sh"])
+def test_what_the_pages_say_posts_an_event_with_one_write(tmp_path, launch, program):
+    launch(SERVER)
+    posts = [displays("halvek-events.5", "POSTING")[1], typed(displays("halvek.8", "FIRST STEPS")[6])[0]]
+    for post_it in posts:
+        watch = ["strace", "-f", "-e", "trace=write", "-P", str(DEFAULT_INPUT), "-o", str(tmp_path / "writes")]
+        subprocess.run([*watch, program, "-ec", post_it], check=True, timeout=20)
+        assert len(re.findall(r"\bwrite\(", (tmp_path / "writes").read_text())) == 1
+
+
+def test_scripts_post_and_read_as_the_page_says(shell, follow, launch):
+    daemon = launch(SERVER)
+    *_, posting, cleaning, reading = displays("halvek-events.5", "POSTING") + displays("halvek-events.5", "READING")
+    lines = follow(shell(reading, "sh"))
+    pipe = Path("/var/run/halvek/door.Doorbell")
+    wait_until(pipe.exists, "the script has made its pipe")
+    for program in ("bash", "sh"):
+        finish(shell(posting, program))
+    assert lines.wait_for("^somebody rang at the front door$", count=2) == 2
+    assert daemon.log.matching(r"Received event: ") == daemon.log.matching(r"Received event: Doorbell$")
+    cleaned = finish(shell(f"name=$(printf 'a\\n.\\n[Fire]')\n{cleaning}\nprintf %s \"$name\""))
+    assert cleaned == "a.[Fire]"
+    post("[Done]\n.\n", DEFAULT_INPUT)
+    daemon.log.wait_for("Received event: Done")
