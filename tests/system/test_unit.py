@@ -1,0 +1,215 @@
+"""The units and what they need of the system, as far as that can be told without booting it."""
+
+import os
+import re
+import stat
+import struct
+import subprocess
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+PACKAGING = ROOT / "packaging"
+DAEMON = Path(os.environ["HALVEK_DAEMON"])
+UNITS = {"halvek": "/usr/sbin/halvek", "kelto-vcam": "/usr/bin/kelto-vcam"}
+WORST_EXPOSURE = 20  # tenths
+HAS_USERS = any(int(line.split()[2]) > 1000 for line in Path("/proc/self/uid_map").read_text().splitlines())
+
+# Entries of an access control list, as the kernel keeps them
+USER_ENTRY, MASK_ENTRY, READ_AND_WRITE = 0x02, 0x10, 6
+
+# What the daemon and those who live with it rely on, letter for letter.
+PROMISES = {
+    "Unit": {"StartLimitIntervalSec": ["0"]},
+    "Service": {
+        "Type": ["notify"],
+        "ExecStart": ["/usr/sbin/halvek"],
+        "ExecReload": ["/bin/kill -HUP $MAINPID"],
+        "Restart": ["on-failure"],
+        "KillMode": ["control-group"],
+        "TimeoutStopSec": ["90s"],
+        "LimitNOFILE": ["1024"],
+        "IgnoreSIGPIPE": ["no"],
+        "User": ["halvek"],
+        "Group": ["halvek"],
+        "Environment": ["PATH=/usr/lib/halvek/bin:/usr/local/bin:/usr/bin:/bin", "HOME=/nonexistent"],
+        "EnvironmentFile": ["-/etc/default/halvek"],
+        "ProtectSystem": ["strict"],
+        "ReadWritePaths": ["-/media -/tmp"],
+        "MountFlags": ["slave"],
+        "PrivateTmp": ["no"],
+        "ProtectHome": ["yes"],
+        "NoNewPrivileges": ["yes"],
+        "CapabilityBoundingSet": [""],
+        "RestrictAddressFamilies": ["AF_UNIX AF_INET AF_INET6"],
+        "SystemCallFilter": ["@system-service", "~@privileged @resources", "setuid setuid32"],
+        "SystemCallErrorNumber": ["EPERM"],
+    },
+}
+FORBIDDEN = {  # and why not
+    "RuntimeDirectory": "the pipes of the listeners would go with a stop",
+    "PrivateNetwork": "uploads and mails go over it",
+    "IPAddressDeny": "uploads and mails go over it",
+    "InaccessiblePaths": "a path becomes a mount of the unit",
+}
+
+
+def run(*command: object, **options) -> subprocess.CompletedProcess:
+    return subprocess.run([str(word) for word in command], capture_output=True, text=True, timeout=60, **options)
+
+
+def settings(unit: str) -> dict[str, dict[str, list[str]]]:
+    """All values of each key of a unit, by section."""
+    sections: dict[str, dict[str, list[str]]] = {}
+    for line in (PACKAGING / f"{unit}.service").read_text().splitlines():
+        if line.startswith("["):
+            section = sections.setdefault(line[1:-1], {})
+        elif line and not line.startswith("#"):
+            key, value = line.split("=", 1)
+            section.setdefault(key, []).append(value)
+    return sections
+
+
+@pytest.fixture
+def installed_unit(tmp_path):
+    """A unit whose program exists: in place of the installed one it names the one that was built."""
+
+    def write(unit: str, *more: str) -> Path:
+        text = (PACKAGING / f"{unit}.service").read_text()
+        assert text.count(f"ExecStart={UNITS[unit]}\n") == 1
+        text = text.replace(f"ExecStart={UNITS[unit]}\n", f"ExecStart={DAEMON}\n" + "".join(more))
+        (tmp_path / f"{unit}.service").write_text(text)
+        return tmp_path / f"{unit}.service"
+
+    return write
+
+
+def verify(unit: Path) -> str:
+    """What systemd has to say: its status is 0 for keys that it does not know."""
+    return run("systemd-analyze", "verify", "--man=no", unit).stderr
+
+
+@pytest.mark.parametrize("unit", UNITS)
+def test_systemd_has_nothing_to_say_about_the_unit(installed_unit, unit):
+    assert verify(installed_unit(unit)) == ""
+
+
+def test_a_setting_that_systemd_does_not_know_would_be_seen(installed_unit):
+    assert "Unknown key 'RestartSeconds'" in verify(installed_unit("halvek", "RestartSeconds=1\n"))
+
+
+def test_the_sandbox_is_as_tight_as_it_shall_be(installed_unit):
+    unit = installed_unit("halvek")
+    result = run("systemd-analyze", "security", "--offline=true", f"--threshold={WORST_EXPOSURE}", unit)
+    assert result.returncode == 0, result.stdout
+    exposure = re.search(r"Overall exposure level for halvek\.service: (\d+\.\d)", result.stdout)
+    assert float(exposure[1]) <= WORST_EXPOSURE / 10
+
+
+@pytest.mark.parametrize("section, key", [(section, key) for section, keys in PROMISES.items() for key in keys])
+def test_the_unit_keeps_to(section, key):
+    assert settings("halvek")[section].get(key) == PROMISES[section][key]
+
+
+@pytest.mark.parametrize("key", FORBIDDEN)
+def test_the_unit_does_without(key):
+    assert key not in settings("halvek")["Service"], FORBIDDEN[key]
+
+
+def test_every_setting_has_its_reason_above_it():
+    """Its own comment, or that of a run of settings that it belongs to; a blank line or a comment ends a run."""
+    for section in ("[Unit]", "[Service]"):
+        text = (PACKAGING / "halvek.service").read_text().split(section)[1].split("\n[")[0]
+        explained = section == "[Unit]"  # what the unit is needs no reason
+        for line in text.strip().splitlines():
+            explained = line.startswith("#") or (explained and line != "")
+            assert explained or line == "", line
+
+
+def access_list(path: Path) -> list[tuple[int, int, int]]:
+    """Tag, permissions and id of each entry."""
+    return list(struct.iter_unpack("<HHI", os.getxattr(path, "system.posix_acl_access")[4:]))
+
+
+def accounts(root: Path) -> tuple[dict[str, list[str]], dict[str, list[str]]]:
+    """Users and groups by name, as the fields of their lines."""
+    lines = [(root / "etc" / name).read_text().splitlines() for name in ("passwd", "group")]
+    users, groups = ({line.split(":")[0]: line.split(":") for line in file} for file in lines)
+    return users, groups
+
+
+@pytest.fixture
+def root(tmp_path) -> Path:
+    """A system with nothing in it but the accounts."""
+    root = tmp_path / "root"
+    (root / "etc").mkdir(parents=True)
+    for unit in UNITS:
+        result = run("systemd-sysusers", f"--root={root}", PACKAGING / f"{unit}.sysusers")
+        assert result.returncode == 0, result.stderr
+    return root
+
+
+def test_the_users_are_made(root):
+    users, groups = accounts(root)
+    for user in UNITS:
+        _, password, uid, gid, _, home, shell = users[user]
+        assert (password, home, shell) == ("x", "/nonexistent", "/usr/sbin/nologin")
+        assert 0 < int(uid) < 1000 and groups[user][2] == gid
+    assert groups["halvek-post"][3] == ""
+    assert groups["halvek-listen"][3] == "halvek"
+
+
+def make_folders(root: Path, unit: str) -> dict[str, tuple[int, int]]:
+    """Returns user and group of what was made, by name. An ordinary user has no ids to give away: all are its own then."""
+    if not HAS_USERS:
+        for name in ("passwd", "group"):
+            accounts_file = root / "etc" / name
+            accounts_file.write_text(re.sub(r":x:\d+(:\d+)?:", r":x:0\1:", accounts_file.read_text()))
+            accounts_file.write_text(re.sub(r":x:0:\d+:", ":x:0:0:", accounts_file.read_text()))
+    # Names in access control lists are looked up outside the root.
+    script = 'for f in passwd group; do mount -n --bind "$0/etc/$f" "/etc/$f" || exit; done; exec "$@"'
+    tmpfiles = ["systemd-tmpfiles", f"--root={root}", "--create", PACKAGING / f"{unit}.tmpfiles"]
+    result = run("unshare", "-m", "sh", "-c", script, root, *tmpfiles)
+    assert (result.returncode, result.stderr) == (0, "")
+    users, groups = accounts(root)
+    return {name: (int(users[unit][2]), int(groups[name][2])) for name in groups}
+
+
+def kind_mode_and_owner(path: Path) -> tuple[int, int, tuple[int, int]]:
+    found = path.lstat()
+    return stat.S_IFMT(found.st_mode), stat.S_IMODE(found.st_mode), (found.st_uid, found.st_gid)
+
+
+def test_the_event_pipe_is_for_the_daemon_and_those_who_may_post(root):
+    ids = make_folders(root, "halvek")
+    assert kind_mode_and_owner(root / "run/halvek.pipe") == (stat.S_IFIFO, 0o660, ids["halvek-post"])
+
+
+def test_the_folder_of_pipes_is_for_those_who_may_listen(root):
+    ids = make_folders(root, "halvek")
+    assert kind_mode_and_owner(root / "run/halvek") == (stat.S_IFDIR, 0o3770, ids["halvek-listen"])
+
+
+@pytest.mark.parametrize("umask", [0o022, 0o077], ids=oct)
+def test_whoever_makes_an_output_pipe_the_daemon_can_write_to_it(root, umask):
+    ids = make_folders(root, "halvek")
+    pipe = root / "run/halvek/log.halvek.any"
+    subprocess.run(["sh", "-c", f'umask {umask:o}; mkfifo "$0"', pipe], check=True)
+    assert (USER_ENTRY, READ_AND_WRITE, ids["halvek"][0]) in access_list(pipe)
+    assert (MASK_ENTRY, READ_AND_WRITE) in [entry[:2] for entry in access_list(pipe)]
+    assert stat.S_IMODE(pipe.stat().st_mode) & 0o007 == 0
+
+
+def test_the_folder_of_the_snapshot_is_the_virtual_cameras(root):
+    ids = make_folders(root, "kelto-vcam")
+    assert kind_mode_and_owner(root / "tmp/snapshot") == (stat.S_IFDIR, 0o755, ids["kelto-vcam"])
+
+
+@pytest.mark.parametrize("unit", UNITS)
+def test_making_the_folders_again_changes_nothing(root, unit):
+    make_folders(root, unit)
+    (root / "run").mkdir(exist_ok=True)
+    before = {path: kind_mode_and_owner(path) for top in ("run", "tmp") for path in (root / top).rglob("*")}
+    make_folders(root, unit)
+    assert before and {path: kind_mode_and_owner(path) for path in before} == before
