@@ -14,14 +14,8 @@ def pytest_report_teststatus(report: pytest.TestReport) -> tuple[str, str, str] 
     return ("passed", ".", "PASS") if report.when == "call" else None
 
 
-@pytest.fixture(scope="session", autouse=True)
-def booted() -> None:
-    """The machine is up, or has come as far as it gets."""
-    run("sh", "-c", "systemctl is-system-running --wait; systemctl --failed --plain --no-legend")
-
-
 @pytest.fixture
-def service(booted: None) -> Iterator[None]:
+def service() -> Iterator[None]:
     """The service with nothing but its event pipe."""
     if not is_active():
         run("systemctl", "start", UNIT)

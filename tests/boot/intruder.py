@@ -45,11 +45,6 @@ def make_set_user_id_program() -> None:
         program.unlink()
 
 
-def see_other_users() -> None:
-    if not any(path.stat().st_uid != os.getuid() for path in Path("/proc").glob("[0-9]*")):
-        raise FileNotFoundError(errno.ENOENT, "")
-
-
 def write_code() -> None:
     mmap.mmap(-1, 4096, prot=mmap.PROT_READ | mmap.PROT_WRITE | mmap.PROT_EXEC).close()
 
@@ -64,7 +59,7 @@ ATTEMPTS: dict[str, Callable[[], object]] = {
     "open a netlink socket": lambda: socket.socket(socket.AF_NETLINK, socket.SOCK_RAW).close(),
     "change its personality": lambda: system_call(lambda: min(libc.personality(0x0040000), 0)),
     "write code": write_code,
-    "see other users' processes": see_other_users,
+    "see the processes of others": lambda: os.stat("/proc/1"),
     "read the kernel's settings": lambda: Path("/proc/sys/kernel/hostname").read_text(),
 }
 

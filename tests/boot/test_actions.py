@@ -107,7 +107,7 @@ def test_an_alarm_and_a_rest_of_the_head_become_events(camera: None, consumer: C
     consumer.wait_for_event("Park")
 
 
-def test_the_services_found_again_after_they_have_restarted(camera: None):
+def test_a_service_is_found_again_after_it_has_restarted(camera: None):
     configure(on_door(("Relay", {"Index": 1})))
     run("systemctl", "restart", CAMERA_UNIT)
     open_door()
@@ -141,7 +141,7 @@ def test_a_limited_folder_loses_its_oldest_file(camera: None):
         run("touch", "-d", f"{age} hours ago", folder / name)
     run("chown", "-R", USER, folder)
     journal = Journal()
-    keys = {"DestinationPath": folder, "DestName": "door.jpg", "Attachment": "true", "LimitSize": "340000"}
+    keys = {"DestinationPath": folder, "DestName": "door.jpg", "Attachment": "true", "LimitSize": "250000"}
     configure(on_door(("Folder", keys)))
     open_door()
     wait_until((folder / "door.jpg").exists, "the snapshot")
@@ -229,7 +229,7 @@ def test_the_snapshot_is_mailed(camera: None, sink: MailSink, mail_configuration
     assert "Somebody is at the door." in mail.message.get_body().get_content()
 
 
-def test_all_actions_hang_on_one_event(camera: None, consumer: Consumer, ftp: FtpServer):
+def test_several_actions_follow_one_event(camera: None, consumer: Consumer, ftp: FtpServer):
     """And whatever the tests before had the daemon do has left it running."""
     handlers = on_door(("Relay", {"Index": 1}), ("Tour", {"Id": "1"}), uploading())
     configure(handlers | handler(9, "Events/Source#1", handler_type="Preset", Id="5"))
