@@ -1,0 +1,268 @@
+"""The bus policies that are installed with the daemon and with the virtual camera: who owns the camera's names and calls them.
+
+The bus of these tests has accounts of its own, mounted over /etc/passwd. Root gives each of them a user to itself; an
+ordinary user has only one to give away, which then stands for all the roles of a test at once, and for no other.
+"""
+
+import os
+import shutil
+import subprocess
+import xml.etree.ElementTree as ElementTree
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
+from pathlib import Path
+
+import pytest
+from bus import ALERT, CAMERA, PROVIDERS, ROOT, dies_with_us, service
+from bus_client import METHOD_CALL, BusClient, BusError
+from daemon_process import Lines
+from harness import wait_until
+from scripted_service import ALERT_INTERFACE, ALERT_PATH, ALERT_SIGNATURE
+
+POLICIES = {name: ROOT / f"packaging/{name}.conf" for name in ("halvek", "kelto-vcam")}
+OWNER, DAEMON, OPERATOR, SOMEBODY = "kelto-vcam", "halvek", "root", "somebody"
+ROLES = (OPERATOR, OWNER, DAEMON, SOMEBODY)
+NAMES = (*PROVIDERS, CAMERA)
+DENIED = "org.freedesktop.DBus.Error.AccessDenied"
+FIRST_UID = 61000
+HAS_USERS = any(
+    int(first) <= FIRST_UID and FIRST_UID + len(ROLES) <= int(first) + int(count)
+    for first, _, count in map(str.split, Path("/proc/self/uid_map").read_text().splitlines())
+)
+
+# What a system bus begins with, and one that is as careless as can be.
+USUAL = """
+    <allow user="*"/>
+    <deny own="*"/>
+    <deny send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_requested_reply="true" send_type="method_return"/>
+    <allow send_requested_reply="true" send_type="error"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+    <allow receive_type="signal"/>
+    <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
+"""
+CARELESS = '<allow user="*"/><allow own="*"/><allow send_destination="*"/><allow receive_sender="*"/>'
+DEAF = USUAL.replace('<allow receive_type="signal"/>', '<deny receive_type="signal"/>')
+
+CONFIGURATION = """\
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <listen>unix:path={socket}</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">{defaults}</policy>
+  {policies}
+</busconfig>
+"""
+
+
+def uids(roles: tuple[str, ...]) -> dict[str, int]:
+    """The user of every account. Where there is only one user, the roles share it and the other accounts are nobody's."""
+    if HAS_USERS:
+        return {name: 0 if name == OPERATOR else FIRST_UID + number for number, name in enumerate(ROLES)}
+    return {name: 0 if name in roles else FIRST_UID + number for number, name in enumerate(ROLES)}
+
+
+@contextmanager
+def acting_as(uid: int) -> Iterator[None]:
+    if uid == os.getuid():
+        yield
+        return
+    os.setresuid(uid, uid, 0)
+    try:
+        yield
+    finally:
+        os.setresuid(0, 0, 0)
+
+
+class PolicyBus:
+    """A bus with the installed policies, for the roles that a test plays."""
+
+    def __init__(self, roles: tuple[str, ...], defaults: str, policies: tuple[str, ...]) -> None:
+        self.folder = Path("/run/tests")  # the other users cannot look into pytest's folders
+        self.folder.mkdir(mode=0o755)
+        self.uids = uids(roles)
+        self.roles = roles
+        self._clients: list[BusClient] = []
+        accounts = self.folder / "passwd"
+        accounts.write_text("".join(f"{name}:x:{uid}:{uid}::/:/bin/sh\n" for name, uid in self.uids.items()))
+        included = "".join(f"<include>{POLICIES[name]}</include>" for name in policies)
+        configuration = self.folder / "bus.conf"
+        configuration.write_text(
+            CONFIGURATION.format(socket=self.folder / "bus", defaults=defaults, policies=included)
+        )
+        script = 'mount -n --bind "$0" /etc/passwd && exec "$@"'
+        bus = ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile", "--print-address"]
+        self._process = subprocess.Popen(
+            dies_with_us("unshare", "-m", "sh", "-c", script, str(accounts), *bus),
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+        )
+        output, self.complaints = (
+            Lines(os.dup(stream.fileno()), "dbus-daemon") for stream in (self._process.stdout, self._process.stderr)
+        )
+        self._process.stdout.close()
+        self._process.stderr.close()
+        try:
+            output.wait_for("^unix:")
+        finally:
+            output.close()
+
+    def client(self, role: str) -> BusClient:
+        assert role in self.roles
+        with acting_as(self.uids[role]):
+            self._clients.append(BusClient(self.folder / "bus"))
+        return self._clients[-1]
+
+    def camera(self, *names: str) -> BusClient:
+        client = self.client(OWNER)
+        for name in names or NAMES:
+            client.own(service(name)[0])
+        return client
+
+    def close(self) -> None:
+        for client in self._clients:
+            client.close()
+        self._process.terminate()
+        self._process.wait()
+        self.complaints.close()
+        shutil.rmtree(self.folder)
+
+
+@pytest.fixture
+def start_bus() -> Iterator[Callable[..., PolicyBus]]:
+    buses: list[PolicyBus] = []
+
+    def start(*roles: str, defaults: str = USUAL, policies: tuple[str, ...] = tuple(POLICIES)) -> PolicyBus:
+        buses.append(PolicyBus(roles, defaults, policies))
+        return buses[-1]
+
+    yield start
+    for bus in buses:
+        bus.close()
+
+
+either_bus = pytest.mark.parametrize("defaults", [USUAL, CARELESS], ids=["usual bus", "careless bus"])
+
+
+def is_call(message) -> bool:
+    return message.kind == METHOD_CALL
+
+
+def call(caller: BusClient, camera: BusClient, name: str, interface: str = "") -> list:
+    """Calls a service, whose owner answers with its name; raises BusError if the bus refuses."""
+    destination, path, own_interface = service(name)
+    before = len(camera.items)
+    serial = caller.begin_call(destination, path, interface or own_interface, "Anything")
+    wait_until(lambda: caller.is_answered(serial) or any(map(is_call, camera.items[before:])), "a call or its refusal")
+    if not caller.is_answered(serial):
+        camera.answer(next(filter(is_call, camera.items[before:])), "s", name)
+    return caller.finish_call(serial)
+
+
+def refusal(action: Callable[..., object], *arguments: object) -> str:
+    """The error's name; an empty text if there is none."""
+    try:
+        action(*arguments)
+    except BusError as error:
+        return error.name
+    return ""
+
+
+def test_the_policies_name_every_service_of_the_camera_and_no_other():
+    for policy, names in (("halvek", PROVIDERS), ("kelto-vcam", NAMES)):
+        rules = [rule for rule in ElementTree.parse(POLICIES[policy]).iter() if rule.tag in ("allow", "deny")]
+        mentioned = {rule.get("own") or rule.get("send_destination") or rule.get("receive_sender") for rule in rules}
+        assert mentioned - {None} == {service(name)[0] for name in names}
+
+
+@either_bus
+def test_the_bus_takes_the_policies_without_a_word(start_bus, defaults):
+    bus = start_bus(OWNER, defaults=defaults)
+    bus.client(OWNER)
+    complaints = [line for line in bus.complaints.items if "fd limit" not in line]
+    assert complaints == []
+
+
+@either_bus
+def test_the_user_of_the_virtual_camera_owns_its_names(start_bus, defaults):
+    bus = start_bus(OWNER, defaults=defaults)
+    camera = bus.camera()
+    assert {camera.owner(service(name)[0]) for name in NAMES} == {camera.unique_name}
+
+
+@either_bus
+@pytest.mark.parametrize("role", [DAEMON, OPERATOR, SOMEBODY])
+def test_nobody_else_owns_them(start_bus, defaults, role):
+    client = start_bus(role, defaults=defaults).client(role)
+    refused = {name: refusal(client.own, service(name)[0]) for name in NAMES}
+    assert refused == dict.fromkeys(NAMES, DENIED)
+
+
+@either_bus
+def test_without_the_virtual_camera_its_user_owns_none_of_the_services(start_bus, defaults):
+    client = start_bus(OWNER, defaults=defaults, policies=("halvek",)).client(OWNER)
+    refused = {name: refusal(client.own, service(name)[0]) for name in PROVIDERS}
+    assert refused == dict.fromkeys(PROVIDERS, DENIED)
+
+
+@either_bus
+def test_the_daemon_calls_the_services(start_bus, defaults):
+    bus = start_bus(DAEMON, OWNER, defaults=defaults)
+    camera, daemon = bus.camera(), bus.client(DAEMON)
+    assert [call(daemon, camera, name) for name in PROVIDERS] == [[name] for name in PROVIDERS]
+
+
+def test_the_daemon_calls_services_that_each_have_a_connection(start_bus):
+    bus = start_bus(DAEMON, OWNER)
+    daemon, cameras = bus.client(DAEMON), {name: bus.camera(name) for name in PROVIDERS}
+    assert [call(daemon, camera, name) for name, camera in cameras.items()] == [[name] for name in PROVIDERS]
+
+
+@either_bus
+def test_the_daemon_does_not_drive_the_virtual_camera(start_bus, defaults):
+    bus = start_bus(DAEMON, OWNER, defaults=defaults)
+    camera, daemon = bus.camera(), bus.client(DAEMON)
+    assert refusal(call, daemon, camera, CAMERA) == DENIED
+    assert refusal(call, daemon, camera, "AlarmV3", service(CAMERA)[2]) == DENIED
+    assert not any(map(is_call, camera.items))
+
+
+@either_bus
+def test_root_calls_all_of_them(start_bus, defaults):
+    bus = start_bus(OPERATOR, OWNER, defaults=defaults)
+    camera, operator = bus.camera(), bus.client(OPERATOR)
+    assert [call(operator, camera, name) for name in NAMES] == [[name] for name in NAMES]
+
+
+@either_bus
+def test_nobody_else_calls_any_of_them(start_bus, defaults):
+    bus = start_bus(SOMEBODY, OWNER, defaults=defaults)
+    camera, somebody = bus.camera(), bus.client(SOMEBODY)
+    assert {name: refusal(call, somebody, camera, name) for name in NAMES} == dict.fromkeys(NAMES, DENIED)
+    assert not any(map(is_call, camera.items))
+
+
+@pytest.mark.parametrize("defaults", [USUAL, CARELESS, DEAF], ids=["usual bus", "careless bus", "deaf bus"])
+def test_the_daemon_hears_the_signals_of_every_service_and_the_alerts(start_bus, defaults):
+    bus = start_bus(DAEMON, OWNER, defaults=defaults)
+    camera, daemon = bus.camera(), bus.client(DAEMON)
+    daemon.listen("type='signal'")
+    for name in PROVIDERS:
+        camera.emit(*service(name)[1:], "Changed", "s", name)
+    camera.emit(ALERT_PATH, ALERT_INTERFACE, "AnalyticsAlert", ALERT_SIGNATURE, *ALERT)
+    for name in PROVIDERS:
+        assert daemon.wait_for_signal(service(name)[2], "Changed", name).sender == camera.unique_name
+    daemon.wait_for_signal(ALERT_INTERFACE, "AnalyticsAlert")
+
+
+def test_alerts_are_heard_from_anybody(start_bus):
+    bus = start_bus(DAEMON, SOMEBODY)
+    daemon, analytics = bus.client(DAEMON), bus.client(SOMEBODY)
+    daemon.listen(f"type='signal',interface='{ALERT_INTERFACE}'")
+    analytics.emit(ALERT_PATH, ALERT_INTERFACE, "AnalyticsAlert", ALERT_SIGNATURE, *ALERT)
+    assert daemon.wait_for_signal(ALERT_INTERFACE, "AnalyticsAlert").sender == analytics.unique_name
