@@ -20,7 +20,6 @@ from machine import (
     run,
     seconds_of,
     show,
-    write_settings,
 )
 
 
@@ -35,7 +34,11 @@ def test_the_service_runs_as_a_user_of_its_own():
     assert owner == int(run("id", "-u", "halvek")) != 0
 
 
-def test_it_counts_as_started_only_after_its_configuration(tmp_path_factory: pytest.TempPathFactory):
+def has_open(path: Path) -> bool:
+    return any(os.readlink(link) == str(path) for link in Path(f"/proc/{main_pid()}/fd").iterdir())
+
+
+def test_it_counts_as_started_only_after_its_configuration():
     pipe = SettingsPipe(Path("/run/settings-pipe"))
     pipe.path.chmod(0o644)
     ENVIRONMENT.write_text(f"KELTO_SETTINGS={pipe.path}\n")
@@ -43,6 +46,7 @@ def test_it_counts_as_started_only_after_its_configuration(tmp_path_factory: pyt
         run("systemctl", "restart", "--no-block", UNIT)
         pipe.hold()  # the levels of the log
         pipe.release("")
+        wait_until(lambda: not has_open(pipe.path), "the daemon has read to the end")
         pipe.hold()  # the configuration
         assert show("ActiveState") == "activating"
         pipe.release(ini_text(SERVER))
@@ -93,9 +97,6 @@ def test_it_starts_without_readable_settings_and_takes_them_up_later(service: No
         assert is_active()
     finally:
         hidden.rename(folder)
-    write_settings(SERVER)
-    run("systemctl", "reload", UNIT)
-    wait_until(lambda: len(list(Path(f"/proc/{main_pid()}/task").iterdir())) > 1, "the event pipe is read")
     configure(SERVER)
     post("Bell")
     consumer.wait_for_event("Bell")
