@@ -7,6 +7,7 @@ ordinary user has only one to give away, which then stands for all the roles of 
 import os
 import shutil
 import subprocess
+import tempfile
 import xml.etree.ElementTree as ElementTree
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
@@ -82,8 +83,8 @@ class PolicyBus:
     """A bus with the installed policies, for the roles that a test plays."""
 
     def __init__(self, roles: tuple[str, ...], defaults: str, policies: tuple[str, ...]) -> None:
-        self.folder = Path("/run/tests")  # the other users cannot look into pytest's folders
-        self.folder.mkdir(mode=0o755)
+        self.folder = Path(tempfile.mkdtemp(dir="/run"))
+        self.folder.chmod(0o755)  # the other users cannot look into pytest's folders
         self.uids = uids(roles)
         self.roles = roles
         self._clients: list[BusClient] = []

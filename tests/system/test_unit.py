@@ -1,9 +1,9 @@
 """The units and what they need of the system, as far as that can be told without booting it."""
 
-import configparser
 import os
 import re
 import stat
+import struct
 import subprocess
 from pathlib import Path
 
@@ -14,6 +14,10 @@ PACKAGING = ROOT / "packaging"
 DAEMON = Path(os.environ["HALVEK_DAEMON"])
 UNITS = {"halvek": "/usr/sbin/halvek", "kelto-vcam": "/usr/bin/kelto-vcam"}
 WORST_EXPOSURE = 20  # tenths
+HAS_USERS = any(int(line.split()[2]) > 1000 for line in Path("/proc/self/uid_map").read_text().splitlines())
+
+# Entries of an access control list, as the kernel keeps them
+USER_ENTRY, MASK_ENTRY, READ_AND_WRITE = 0x02, 0x10, 6
 
 # What the daemon and those who live with it rely on, letter for letter.
 PROMISES = {
@@ -92,7 +96,7 @@ def test_systemd_has_nothing_to_say_about_the_unit(installed_unit, unit):
 
 
 def test_a_setting_that_systemd_does_not_know_would_be_seen(installed_unit):
-    assert "Unknown key name 'RestartSeconds'" in verify(installed_unit("halvek", "RestartSeconds=1\n"))
+    assert "Unknown key 'RestartSeconds'" in verify(installed_unit("halvek", "RestartSeconds=1\n"))
 
 
 def test_the_sandbox_is_as_tight_as_it_shall_be(installed_unit):
@@ -113,18 +117,19 @@ def test_the_unit_does_without(key):
     assert key not in settings("halvek")["Service"], FORBIDDEN[key]
 
 
-def test_every_block_of_the_unit_says_why():
-    """A setting stands below a comment, its own or that of the settings just above it."""
-    service = (PACKAGING / "halvek.service").read_text().split("[Service]\n")[1].split("[Install]")[0]
-    blocks = re.split(r"\n\n|(?<=[^#\n])\n(?=#)", service.strip())
-    own = {"Type=notify", "ExecReload", "Restart=", "KillMode", "TimeoutStopSec", "LimitNOFILE", "IgnoreSIGPIPE", "User="}
-    own |= {"UMask", "Environment=PATH", "Environment=HOME", "ProtectSystem", "ReadWritePaths", "MountFlags", "PrivateTmp"}
-    own |= {"StateDirectory", "ProtectHome", "NoNewPrivileges", "RestrictAddressFamilies", "SystemCallFilter"}
-    for setting in own:
-        block = next(text for text in service.split("\n") if text.startswith(setting))
-        lines = service.split("\n")
-        assert lines[lines.index(block) - 1].startswith("#"), f"{setting} has no reason beside it"
-    assert all("#" in block for block in blocks)
+def test_every_setting_has_its_reason_above_it():
+    """Its own comment, or that of a run of settings that it belongs to; a blank line or a comment ends a run."""
+    for section in ("[Unit]", "[Service]"):
+        text = (PACKAGING / "halvek.service").read_text().split(section)[1].split("\n[")[0]
+        explained = section == "[Unit]"  # what the unit is needs no reason
+        for line in text.strip().splitlines():
+            explained = line.startswith("#") or (explained and line != "")
+            assert explained or line == "", line
+
+
+def access_list(path: Path) -> list[tuple[int, int, int]]:
+    """Tag, permissions and id of each entry."""
+    return list(struct.iter_unpack("<HHI", os.getxattr(path, "system.posix_acl_access")[4:]))
 
 
 def accounts(root: Path) -> tuple[dict[str, list[str]], dict[str, list[str]]]:
@@ -155,6 +160,56 @@ def test_the_users_are_made(root):
     assert groups["halvek-listen"][3] == "halvek"
 
 
-def make_folders(root: Path, unit: str) -> None:
-    result = run("systemd-tmpfiles", f"--root={root}", "--create", PACKAGING / f"{unit}.tmpfiles")
+def make_folders(root: Path, unit: str) -> dict[str, tuple[int, int]]:
+    """Returns user and group of what was made, by name. An ordinary user has no ids to give away: all are its own then."""
+    if not HAS_USERS:
+        for name in ("passwd", "group"):
+            accounts_file = root / "etc" / name
+            accounts_file.write_text(re.sub(r":x:\d+(:\d+)?:", r":x:0\1:", accounts_file.read_text()))
+            accounts_file.write_text(re.sub(r":x:0:\d+:", ":x:0:0:", accounts_file.read_text()))
+    # Names in access control lists are looked up outside the root.
+    script = 'for f in passwd group; do mount -n --bind "$0/etc/$f" "/etc/$f" || exit; done; exec "$@"'
+    tmpfiles = ["systemd-tmpfiles", f"--root={root}", "--create", PACKAGING / f"{unit}.tmpfiles"]
+    result = run("unshare", "-m", "sh", "-c", script, root, *tmpfiles)
     assert (result.returncode, result.stderr) == (0, "")
+    users, groups = accounts(root)
+    return {name: (int(users[unit][2]), int(groups[name][2])) for name in groups}
+
+
+def kind_mode_and_owner(path: Path) -> tuple[int, int, tuple[int, int]]:
+    found = path.lstat()
+    return stat.S_IFMT(found.st_mode), stat.S_IMODE(found.st_mode), (found.st_uid, found.st_gid)
+
+
+def test_the_event_pipe_is_for_the_daemon_and_those_who_may_post(root):
+    ids = make_folders(root, "halvek")
+    assert kind_mode_and_owner(root / "run/halvek.pipe") == (stat.S_IFIFO, 0o660, ids["halvek-post"])
+
+
+def test_the_folder_of_pipes_is_for_those_who_may_listen(root):
+    ids = make_folders(root, "halvek")
+    assert kind_mode_and_owner(root / "run/halvek") == (stat.S_IFDIR, 0o3770, ids["halvek-listen"])
+
+
+@pytest.mark.parametrize("umask", [0o022, 0o077], ids=oct)
+def test_whoever_makes_an_output_pipe_the_daemon_can_write_to_it(root, umask):
+    ids = make_folders(root, "halvek")
+    pipe = root / "run/halvek/log.halvek.any"
+    subprocess.run(["sh", "-c", f'umask {umask:o}; mkfifo "$0"', pipe], check=True)
+    assert (USER_ENTRY, READ_AND_WRITE, ids["halvek"][0]) in access_list(pipe)
+    assert (MASK_ENTRY, READ_AND_WRITE) in [entry[:2] for entry in access_list(pipe)]
+    assert stat.S_IMODE(pipe.stat().st_mode) & 0o007 == 0
+
+
+def test_the_folder_of_the_snapshot_is_the_virtual_cameras(root):
+    ids = make_folders(root, "kelto-vcam")
+    assert kind_mode_and_owner(root / "tmp/snapshot") == (stat.S_IFDIR, 0o755, ids["kelto-vcam"])
+
+
+@pytest.mark.parametrize("unit", UNITS)
+def test_making_the_folders_again_changes_nothing(root, unit):
+    make_folders(root, unit)
+    (root / "run").mkdir(exist_ok=True)
+    before = {path: kind_mode_and_owner(path) for top in ("run", "tmp") for path in (root / top).rglob("*")}
+    make_folders(root, unit)
+    assert before and {path: kind_mode_and_owner(path) for path in before} == before
