@@ -11,11 +11,11 @@ constexpr size_t inputsPerBank = 8;
 }  // namespace
 
 const sd_bus_vtable AlarmV3::methods[] = {
-    SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD_WITH_ARGS("GetBankNames", SD_BUS_NO_ARGS, SD_BUS_RESULT("as", banks), OnCall<&AlarmV3::GetBankNames>,
-                            0),
+                            SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("IsRemote", SD_BUS_ARGS("s", bank), SD_BUS_RESULT("b", remote), OnCall<&AlarmV3::IsRemote>,
-                            0),
+                            SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_SIGNAL_WITH_ARGS("StateChanged", SD_BUS_ARGS("s", bank, "i", index, "b", active), 0),
     SD_BUS_VTABLE_END,
 };

@@ -3,9 +3,9 @@
 namespace kelto::vcam {
 
 const sd_bus_vtable MotionState::methods[] = {
-    SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD_WITH_ARGS("GetIdleState", SD_BUS_NO_ARGS, SD_BUS_RESULT("i", state),
-                            OnCall<&MotionState::GetIdleState>, 0),
+                            OnCall<&MotionState::GetIdleState>, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_SIGNAL_WITH_ARGS("IdleChanged", SD_BUS_ARGS("i", state), 0),
     SD_BUS_VTABLE_END,
 };

@@ -5,10 +5,11 @@
 namespace kelto::vcam {
 
 const sd_bus_vtable PresetsV2::methods[] = {
-    SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD_WITH_ARGS("GoTo", SD_BUS_ARGS("s", id, "d", speed, "i", level), SD_BUS_NO_RESULT,
-                            OnCall<&PresetsV2::GoTo>, 0),
-    SD_BUS_METHOD_WITH_ARGS("IsAt", SD_BUS_ARGS("s", id), SD_BUS_RESULT("b", at), OnCall<&PresetsV2::IsAt>, 0),
+                            OnCall<&PresetsV2::GoTo>, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("IsAt", SD_BUS_ARGS("s", id), SD_BUS_RESULT("b", at), OnCall<&PresetsV2::IsAt>,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END,
 };
 

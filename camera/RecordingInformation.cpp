@@ -5,9 +5,9 @@
 namespace kelto::vcam {
 
 const sd_bus_vtable RecordingInformation::methods[] = {
-    SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD_WITH_ARGS("GetSummary", SD_BUS_ARGS("s", client), SD_BUS_RESULT("i", a, "i", b, "i", c, "i", d),
-                            OnCall<&RecordingInformation::GetSummary>, 0),
+                            OnCall<&RecordingInformation::GetSummary>, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END,
 };
 

@@ -9,21 +9,21 @@ constexpr size_t relaysPerBank = 4;
 }  // namespace
 
 const sd_bus_vtable RelayV3::methods[] = {
-    SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD_WITH_ARGS("GetBankNames", SD_BUS_NO_ARGS, SD_BUS_RESULT("as", banks), OnCall<&RelayV3::GetBankNames>,
-                            0),
+                            SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("IsRemote", SD_BUS_ARGS("s", bank), SD_BUS_RESULT("b", remote), OnCall<&RelayV3::IsRemote>,
-                            0),
+                            SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS(
         "GetConfiguration", SD_BUS_ARGS("s", bank, "i", index),
         SD_BUS_RESULT("b", result, "b", polarity, "i", mode, "i", onMs, "i", offMs, "i", pulseCount),
-        OnCall<&RelayV3::GetConfiguration>, 0),
+        OnCall<&RelayV3::GetConfiguration>, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS(
         "SetConfiguration",
         SD_BUS_ARGS("s", bank, "i", index, "b", polarity, "i", mode, "i", onMs, "i", offMs, "i", pulseCount),
-        SD_BUS_RESULT("b", result), OnCall<&RelayV3::SetConfiguration>, 0),
+        SD_BUS_RESULT("b", result), OnCall<&RelayV3::SetConfiguration>, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("Activate", SD_BUS_ARGS("s", bank, "i", index, "i", mode), SD_BUS_RESULT("b", result),
-                            OnCall<&RelayV3::Activate>, 0),
+                            OnCall<&RelayV3::Activate>, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END,
 };
 

@@ -5,8 +5,9 @@
 namespace kelto::vcam {
 
 const sd_bus_vtable Tour::methods[] = {
-    SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
-    SD_BUS_METHOD_WITH_ARGS("Start", SD_BUS_ARGS("s", id, "i", level), SD_BUS_NO_RESULT, OnCall<&Tour::Start>, 0),
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD_WITH_ARGS("Start", SD_BUS_ARGS("s", id, "i", level), SD_BUS_NO_RESULT, OnCall<&Tour::Start>,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END,
 };
 

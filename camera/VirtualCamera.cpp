@@ -14,23 +14,24 @@ constexpr const char* alertSignal = "AnalyticsAlert";
 }  // namespace
 
 const sd_bus_vtable VirtualCamera::methods[] = {
-    SD_BUS_VTABLE_START(SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD_WITH_ARGS("SetAlarm", SD_BUS_ARGS("s", bank, "i", index, "b", active), SD_BUS_NO_RESULT,
-                            OnCall<&VirtualCamera::SetAlarm>, 0),
+                            OnCall<&VirtualCamera::SetAlarm>, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("SetIdleState", SD_BUS_ARGS("i", state), SD_BUS_NO_RESULT,
-                            OnCall<&VirtualCamera::SetIdleState>, 0),
+                            OnCall<&VirtualCamera::SetIdleState>, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("SetRecording", SD_BUS_ARGS("b", a, "b", b), SD_BUS_NO_RESULT,
-                            OnCall<&VirtualCamera::SetRecording>, 0),
+                            OnCall<&VirtualCamera::SetRecording>, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS(
         "RaiseAlert",
         SD_BUS_ARGS("s", source, "s", class, "s", analyticsType, "s", ruleName, "s", ruleDescription, "a(dd)",
                     rulePoints, "a(dd)", boxPoints, "s", mediaType, "s", mediaUrl),
-        SD_BUS_NO_RESULT, OnCall<&VirtualCamera::RaiseAlert>, 0),
+        SD_BUS_NO_RESULT, OnCall<&VirtualCamera::RaiseAlert>, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("GetActions", SD_BUS_NO_ARGS, SD_BUS_RESULT("a(tss)", actions),
-                            OnCall<&VirtualCamera::GetActions>, 0),
-    SD_BUS_METHOD_WITH_ARGS("ClearActions", SD_BUS_NO_ARGS, SD_BUS_NO_RESULT, OnCall<&VirtualCamera::ClearActions>, 0),
+                            OnCall<&VirtualCamera::GetActions>, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS("ClearActions", SD_BUS_NO_ARGS, SD_BUS_NO_RESULT, OnCall<&VirtualCamera::ClearActions>,
+                            SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("SetFault", SD_BUS_ARGS("s", provider, "s", kind), SD_BUS_NO_RESULT,
-                            OnCall<&VirtualCamera::SetFault>, 0),
+                            OnCall<&VirtualCamera::SetFault>, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END,
 };
 
