@@ -1,5 +1,6 @@
 """The man pages against the code, both ways: what stands in only one of the two fails, and says where."""
 
+import contextlib
 import os
 import re
 import subprocess
@@ -489,6 +490,18 @@ def finish(process: subprocess.Popen) -> str:
     return output
 
 
+def wait_until_open(process: subprocess.Popen, pipe: Path) -> None:
+    """What is written to a pipe before anybody has it open is lost."""
+
+    def is_open() -> bool:
+        links = Path(f"/proc/{process.pid}/fd").iterdir()
+        with contextlib.suppress(FileNotFoundError):  # it has closed one meanwhile
+            return str(pipe.resolve()) in [os.readlink(link) for link in links]
+        return False
+
+    wait_until(is_open, f"{pipe} is open in the shell")
+
+
 def test_the_first_steps_lead_where_the_page_says(shell, follow, launch, tmp_path):
     write, _, read, posting, shown, group, post_again, clean_up = displays("halvek.8", "FIRST STEPS")
     for command in typed(write):
@@ -498,7 +511,9 @@ def test_the_first_steps_lead_where_the_page_says(shell, follow, launch, tmp_pat
     *prepare, cat = typed(read)
     for command in prepare:
         finish(shell(command))
-    lines = follow(shell(f"exec {cat}"))
+    reader = shell(f"exec {cat}")
+    lines = follow(reader)
+    wait_until_open(reader, Path("/var/run/halvek/first.halvek.any"))
     daemon.log.wait_for("EventServerSource started")
     for command in typed(posting):
         finish(shell(command))
@@ -526,9 +541,9 @@ def test_what_the_pages_say_posts_an_event_with_one_write(tmp_path, launch, prog
 def test_scripts_post_and_read_as_the_page_says(shell, follow, launch):
     daemon = launch(SERVER)
     *_, posting, cleaning, reading = displays("halvek-events.5", "POSTING") + displays("halvek-events.5", "READING")
-    lines = follow(shell(reading, "sh"))
-    pipe = Path("/var/run/halvek/door.Doorbell")
-    wait_until(pipe.exists, "the script has made its pipe")
+    reader = shell(reading, "sh")
+    lines = follow(reader)
+    wait_until_open(reader, Path("/var/run/halvek/door.Doorbell"))
     for program in ("bash", "sh"):
         finish(shell(posting, program))
     assert lines.wait_for("^somebody rang at the front door$", count=2) == 2
