@@ -1,6 +1,7 @@
 #include "event/TimerEvent.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/Signal.h"
+#include "tests/fakes/WaitUntil.h"
 #include "tests/unit/source/EventServerSourceFixture.h"
 
 #include <fcntl.h>
@@ -360,6 +361,7 @@ TEST_F(EventServerSourceTest, AnInterruptedWaitGoesOn) {
     test::RecordingHandler noting([&](Event&) { thread = pthread_self(); });
     source.AddHandler(&noting);
     EventsOf("");
+    ASSERT_TRUE(test::WaitUntil([&thread] { return thread != 0; }));
     struct sigaction action {};
     action.sa_handler = [](int) {};
     ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);

@@ -62,8 +62,13 @@ protected:
         return now;
     }
 
-    /** When the handler was called. */
+    /** When the handler was called. It counts a call before it notes the time. */
     std::vector<Clock::time_point> Times() {
+        const auto isNoted = [this] {
+            const std::lock_guard lock(mutex);
+            return times.size() >= handler.Count();
+        };
+        EXPECT_TRUE(test::WaitUntil(isNoted));
         const std::lock_guard lock(mutex);
         return times;
     }
