@@ -165,8 +165,7 @@ def make_folders(root: Path, unit: str) -> dict[str, tuple[int, int]]:
     if not HAS_USERS:
         for name in ("passwd", "group"):
             accounts_file = root / "etc" / name
-            accounts_file.write_text(re.sub(r":x:\d+(:\d+)?:", r":x:0\1:", accounts_file.read_text()))
-            accounts_file.write_text(re.sub(r":x:0:\d+:", ":x:0:0:", accounts_file.read_text()))
+            accounts_file.write_text(re.sub(r"(?<=:)\d+(?=:)", "0", accounts_file.read_text()))
     # Names in access control lists are looked up outside the root.
     script = 'for f in passwd group; do mount -n --bind "$0/etc/$f" "/etc/$f" || exit; done; exec "$@"'
     tmpfiles = ["systemd-tmpfiles", f"--root={root}", "--create", PACKAGING / f"{unit}.tmpfiles"]
