@@ -36,6 +36,7 @@ PROMISES = {
         "Environment": ["PATH=/usr/lib/halvek/bin:/usr/local/bin:/usr/bin:/bin", "HOME=/nonexistent"],
         "EnvironmentFile": ["-/etc/default/halvek"],
         "ProtectSystem": ["strict"],
+        "ReadOnlyPaths": ["/run"],
         "ReadWritePaths": ["-/media -/tmp"],
         "MountFlags": ["slave"],
         "PrivateTmp": ["no"],
