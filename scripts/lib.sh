@@ -61,7 +61,8 @@ test_preset() {
     local results=$sourceFolder/build/$1/test-results
     rm -rf "$results"
     mkdir "$results"
-    ctest --test-dir "$sourceFolder/build/$1" --parallel "$(nproc)" --output-on-failure --no-tests=error \
+    # Most tests wait most of the time.
+    ctest --test-dir "$sourceFolder/build/$1" --parallel "$((2 * $(nproc)))" --output-on-failure --no-tests=error \
         --output-junit "$results/ctest.xml" </dev/null || echo "${0##*/}: the tests of preset $1 failed" >&2
 }
 
