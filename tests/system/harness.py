@@ -157,6 +157,8 @@ class Daemon(DaemonProcess):
         return sorted(name for name in names if name != main)
 
     def descriptors(self) -> int:
+        # READY=1 is seen before the socket that it was sent by is closed.
+        self.log.wait_for("Dropping to run state$", after=0)
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
     def resident_kib(self) -> int:
