@@ -1,9 +1,9 @@
 /**
  * What AddressSanitizer expects of a 32-bit ARM kernel, linked into its builds for that processor only.
  *
- * Such a kernel keeps the last of the four gigabytes to itself, and the sanitizer has no marks for that one. The emulator
- * hands it out once everything below has been in use: a process that has started enough threads gets a stack there, at
- * which the sanitizer ends it. Here it is taken beforehand.
+ * Such a kernel keeps the last of the four gigabytes to itself, and the sanitizer has no marks for that one. The
+ * emulator hands it out once everything below has been in use: a process that has started enough threads gets a stack
+ * there, at which the sanitizer ends it. Here it is taken beforehand.
  */
 #include <sys/mman.h>
 
