@@ -1,10 +1,15 @@
 # shellcheck shell=bash
-# What scripts/demo, scripts/test and scripts/test-armhf share: the packages that debian/control names, building a preset
-# and testing some.
+# What the scripts share: the packages that debian/control names, building a preset and testing some, and a fresh system
+# for what would change this one.
 # Sourced by bash with "set -euo pipefail"; a function that fails says why on standard error.
 
 sourceFolder=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 readonly sourceFolder
+
+# Where packages for another architecture come from: the main suite alone. What is fixed in others makes no difference
+# here, and a library that two architectures share has to be of the same version for both.
+readonly mirror=${HALVEK_DEBIAN_MIRROR:-http://deb.debian.org/debian}
+readonly suite=bookworm
 
 fail() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2
@@ -57,6 +62,11 @@ build_preset() {
 }
 
 # The results are what counts afterwards: a preset whose tests fail does not keep the others from running.
+test_boot() {
+    rm -rf "$sourceFolder/build/boot/test-results"
+    "$sourceFolder/scripts/test-boot" || echo "${0##*/}: the test of the packages failed" >&2
+}
+
 test_preset() {
     local results=$sourceFolder/build/$1/test-results
     rm -rf "$results"
@@ -67,7 +77,7 @@ test_preset() {
 }
 
 # test_presets PRESET...: builds and tests each, and ends with a count for each and for all of them; the status is 0
-# only if every test ran and passed.
+# only if every test ran and passed. "boot" stands for the packages on a machine of their own, which only root can boot.
 test_presets() {
     local preset
     install_packages
@@ -75,8 +85,36 @@ test_presets() {
         "$sourceFolder/scripts/armhf-sysroot"
     fi
     for preset in "$@"; do
-        build_preset "$preset"
-        test_preset "$preset"
+        if [[ $preset == boot ]]; then
+            test_boot
+        else
+            build_preset "$preset"
+            test_preset "$preset"
+        fi
     done
     /usr/bin/python3 -B "$sourceFolder/scripts/test_summary.py" "$sourceFolder/build" "$@"
+}
+
+# make_fresh_system FOLDER: FOLDER/root becomes a minimal Debian in memory that takes packages for armhf beside its own. Only
+# root can make one, in a mount namespace that takes it along when it ends.
+make_fresh_system() {
+    local root=$1/root
+    (cd "$1" && apt-get -qq -o APT::Sandbox::User=root download debootstrap && dpkg -x debootstrap_*.deb debootstrap)
+    mkdir "$root"
+    mount -n -t tmpfs -o mode=755 tmpfs "$root"
+    DEBOOTSTRAP_DIR=$1/debootstrap/usr/share/debootstrap "$1/debootstrap/usr/sbin/debootstrap" \
+        --variant=minbase "$suite" "$root" "$mirror"
+    rm -rf "$1"/debootstrap*
+    mount -n -t proc proc "$root/proc"
+    # Nothing is started in there.
+    printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"
+    chmod +x "$root/usr/sbin/policy-rc.d"
+    in_fresh_system "$1" 'dpkg --add-architecture armhf; apt_get update'
+}
+
+# in_fresh_system FOLDER COMMANDS: runs shell commands there; apt_get is one of them.
+in_fresh_system() {
+    DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8 chroot "$1/root" bash -euc "
+        apt_get() { apt-get -qq -y -o APT::Sandbox::User=root --no-install-recommends \"\$@\"; }
+        $2"
 }
