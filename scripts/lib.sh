@@ -16,28 +16,32 @@ fail() {
     exit 1
 }
 
-# The packages of Build-Depends, one a line. Versions, profiles and further alternatives are left out: a fresh
-# machine has no dpkg-dev to weigh them, and the release that this is built for satisfies them all. debhelper
-# only makes the package; building and testing does without it.
+# required_packages [armhf]: the packages of Build-Depends, one a line; those that only building for armhf takes, which are
+# marked [!armhf] since nobody takes them there, only if they are asked for. Versions, profiles and further alternatives
+# are left out: a fresh machine has no dpkg-dev to weigh them, and the release that this is built for satisfies them all.
+# debhelper only makes the package; building and testing does without it.
 required_packages() {
+    local leaveOut='/\[!armhf\]/d;'
+    [[ ${1-} != armhf ]] || leaveOut=
     awk '/^#/ { next }
        /^[^ \t]/ { inside = /^Build-Depends:/; sub(/^Build-Depends:/, "") }
        inside' "$sourceFolder/debian/control" |
-        tr ',' '\n' | sed -E 's/[[(<|:].*//; s/[[:space:]]//g' | grep -vE '^(debhelper.*)?$'
+        tr ',' '\n' | sed -E "$leaveOut"' s/[[(<|:].*//; s/[[:space:]]//g' | grep -vE '^(debhelper.*)?$'
 }
 
+# missing_packages [armhf]
 missing_packages() {
     local package
-    for package in $(required_packages); do
+    for package in $(required_packages "$@"); do
         # shellcheck disable=SC2016
         [[ $(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null) == installed ]] || echo "$package"
     done
 }
 
-# Root gets what is missing installed; anybody else is told the one command that does it.
+# install_packages [armhf]: root gets what is missing installed; anybody else is told the one command that does it.
 install_packages() {
     local -a missing
-    mapfile -t missing < <(missing_packages)
+    mapfile -t missing < <(missing_packages "$@")
     ((${#missing[@]} > 0)) || return 0
     local -a install=(apt-get install -y --no-install-recommends "${missing[@]}")
     if ((EUID != 0)); then

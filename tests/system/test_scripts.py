@@ -63,12 +63,24 @@ def test_root_gets_what_is_missing_installed_and_is_asked_nothing(commands):
     assert " install -y --no-install-recommends python3-pytest" in install and install.endswith("[noninteractive]")
 
 
+def required_packages(*kind: str) -> subprocess.CompletedProcess:
+    """Prints them, and as an error those that are not installed."""
+    commands = 'required_packages "$@"; missing_packages "$@" >&2'
+    return run("bash", "-ec", f". {ROOT}/scripts/lib.sh; {commands}", "bash", *kind)
+
+
 def test_every_package_that_is_needed_to_build_and_test_is_installed():
-    result = run("bash", "-ec", f". {ROOT}/scripts/lib.sh; required_packages; missing_packages >&2")
+    result = required_packages()
     packages = result.stdout.split()
     assert {"cmake", "g++", "ninja-build", "libsystemd-dev", "libgtest-dev", "python3-pytest"} <= set(packages)
     assert not any(package.startswith("debhelper") for package in packages)
     assert result.stderr == ""
+
+
+def test_the_cross_compiler_and_the_emulator_are_only_needed_for_armhf():
+    everywhere, for_armhf = (set(required_packages(*kind).stdout.split()) for kind in ((), ("armhf",)))
+    assert for_armhf - everywhere == {"g++-arm-linux-gnueabihf", "qemu-user"}
+    assert everywhere < for_armhf
 
 
 def test_the_test_script_refuses_what_it_does_not_know(commands):
