@@ -26,6 +26,7 @@ using namespace std::chrono_literals;
 using test::BusSignal;
 using test::ScriptedService;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Not;
 using ::testing::SizeIs;
@@ -259,6 +260,18 @@ TEST_F(MsgBusTest, AHandlerMayHaveSeveralSubscriptionsWhichEndTogether) {
     ASSERT_TRUE(other.WaitForCount(2));
     EXPECT_THAT(heard.Texts(), ::testing::UnorderedElementsAre("one", "two"));
     bus.Unsubscribe(&other);
+}
+
+TEST_F(MsgBusTest, ASubscriptionThatTheBusRefusesIsAWarningAndTheOthersAreServed) {
+    HeardMessages deaf;
+    bus.Subscribe({.name = "no name", .domain = "com.zentu.test", .sender = "", .path = ""}, &deaf);
+    bus.Subscribe(anybody, &heard);
+    bus.Start();
+    EXPECT_THAT(log.Text(), HasSubstr("Warning kelto.msgbus: The message bus refused a subscription: "
+                                      "org.freedesktop.DBus.Error.MatchRuleInvalid: "));
+    speaker.Emit(Said("hello"));
+    ASSERT_TRUE(heard.WaitForCount(1));
+    EXPECT_THAT(deaf.Texts(), IsEmpty());
 }
 
 TEST_F(MsgBusTest, UnsubscribingAStrangerDoesNothing) {
