@@ -3,12 +3,20 @@
 import fcntl
 import itertools
 import os
+import re
 import subprocess
+from pathlib import Path
 
 import pytest
+from bus import LOCAL
+from daemon_on_bus import ids
 from daemon_process import PIPE_FOLDER
-from harness import SERVER, Daemon, block, post, server, timer, wait_until
+from harness import SERVER, Daemon, block, handler, post, server, source, timer, wait_until
+from scripted_service import ScriptedService
 
+pytest_plugins = ["camera_fixtures"]
+
+LIMITS = Path(__file__).resolve().parents[2] / "docs/limits.md"
 RELOADS = 40
 SELECT_LIMIT = 1024
 PIPE_SIZE = 4096
@@ -29,6 +37,16 @@ def leave_spare(daemon: Daemon, count: int) -> None:
     used = {int(name) for name in os.listdir(f"/proc/{daemon.pid}/fd")}
     free = (number for number in itertools.count() if number not in used)
     limit(daemon, next(itertools.islice(free, count, None)))
+
+
+def always_open() -> int:
+    """What is always open, as the document's sum has it; its other summands are letters."""
+    return sum(int(number) for number in re.findall(r"^[+ ] (\d+)   ", LIMITS.read_text(), re.M))
+
+
+def wait_for_descriptors(daemon: Daemon, count: int) -> None:
+    """For a moment there may be more: without a bus the daemon looks for one."""
+    wait_until(lambda: daemon.descriptors() == count, f"{count} descriptors")
 
 
 @pytest.fixture
@@ -53,6 +71,35 @@ def test_a_reload_keeps_exactly_one_descriptor_and_an_event_none(launch, output_
         pipe.wait_for_event("Door", properties={"number": str(number)})
         daemon.log.wait_for("Done firing to all FIFO's", count=2 * number + 1)  # closed again by then
         assert daemon.descriptors() == at_start + number
+
+
+def test_an_idle_daemon_without_a_bus_has_the_descriptors_of_the_documents_sum(launch):
+    daemon = launch(SERVER)
+    for configurations in (1, 2):
+        wait_for_descriptors(daemon, always_open() + configurations)
+        daemon.reload()
+
+
+def test_on_a_bus_there_is_one_descriptor_more_and_one_for_each_thread_that_has_called(launch_on_bus, bus):
+    acting = source(1, "Door") | timer(2, 3600)
+    acting |= handler(1, *ids(1, 2), handler_type="Relay", BankName=LOCAL, Mode=1)
+    with ScriptedService(bus, "AlarmV3", "RelayV3") as services:
+        daemon = launch_on_bus(SERVER)
+        wait_for_descriptors(daemon, always_open() + 1 + 1)
+        daemon.write_settings(SERVER | acting)
+        daemon.reload()
+        daemon.log.wait_for("next tick: ")
+        wait_for_descriptors(daemon, always_open() + 2 + 1 + 1)  # the timer's thread
+        for count in (2, 3):
+            post(block("Door"))
+            services.wait_for_call("RelayV3.Activate", count)
+            wait_for_descriptors(daemon, always_open() + 2 + 1 + 2)  # that of the event pipe
+        daemon.write_settings(SERVER | source(3, "Alarm"))
+        daemon.reload()
+        wait_for_descriptors(daemon, always_open() + 3 + 1 + 1)  # the main one, for the bank; the others have ended
+        daemon.write_settings(SERVER)
+        daemon.reload()
+        wait_for_descriptors(daemon, always_open() + 4 + 1 + 1)
 
 
 def test_reloads_without_a_server_keep_no_descriptor(launch):
