@@ -7,6 +7,7 @@
 #include "kelto/osa/Signal.h"
 #include "kelto/osa/Thread.h"
 
+#include <algorithm>
 #include <csignal>
 #include <limits>
 
@@ -21,19 +22,15 @@ core::Logger& Log() {
 }
 
 /** Truncates toward zero; what does not fit becomes the nearest value that does. */
-int32_t ToInt32(float value) {
-    if (value >= static_cast<float>(std::numeric_limits<int32_t>::max())) {
-        return std::numeric_limits<int32_t>::max();
-    }
-    if (value <= static_cast<float>(std::numeric_limits<int32_t>::min())) {
-        return std::numeric_limits<int32_t>::min();
-    }
-    return static_cast<int32_t>(value);
+int32_t ToInt32(double value) {
+    constexpr double smallest = std::numeric_limits<int32_t>::min();
+    constexpr double largest = std::numeric_limits<int32_t>::max();
+    return static_cast<int32_t>(std::clamp(value, smallest, largest));
 }
 
-/** What is left of the period in milliseconds, in single precision; below 1 if nothing is left. */
+/** What is left of the period in milliseconds; below 1 if nothing is left. The seconds are of single precision. */
 int32_t NextTickMs(uint32_t intervalSec, double elapsedSec) {
-    return ToInt32((static_cast<float>(intervalSec) - static_cast<float>(elapsedSec)) * 1000.0F);
+    return ToInt32((static_cast<float>(intervalSec) - static_cast<float>(elapsedSec)) * 1000.0);
 }
 
 }  // namespace

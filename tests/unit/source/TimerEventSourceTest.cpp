@@ -138,11 +138,12 @@ TEST_F(TimerEventSourceTest, TheLargestIntervalsSaturateTheSleep) {
     EXPECT_THAT(NextTicks(log), ElementsAre(2147483647));
 }
 
-TEST_F(TimerEventSourceTest, TheSleepIsReckonedInSinglePrecision) {
+TEST_F(TimerEventSourceTest, TheSecondsOfTheSleepAreReckonedInSinglePrecision) {
     Configure("2147483");
     RunTicks(1);
-    // 2147483000 is no value of single precision, this is the nearest one.
-    EXPECT_THAT(NextTicks(log), ElementsAre(2147483008));
+    // A tick takes less than there is between 2147483 s and the next value of single precision. The milliseconds
+    // are of double precision: single knows no 2147483000.
+    EXPECT_THAT(NextTicks(log), ElementsAre(2147483000));
 }
 
 TEST_F(TimerEventSourceTest, AnIntervalOfZeroFiresWithoutEverSleeping) {
