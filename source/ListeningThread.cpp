@@ -10,11 +10,12 @@ constexpr int defaultPriority = 0;
 }  // namespace
 
 void ListeningThread::Start(const char* name, osa::Runnable& body) {
+    std::list<osa::Thread> started;
+    started.emplace_back(name, body, stackKiB, defaultPriority);
     std::unique_lock lock(mutex);
     latchOpen = false;
-    auto started = std::make_unique<osa::Thread>(name, body, stackKiB, defaultPriority);
-    started->Run();
-    thread = std::move(started);
+    started.back().Run();
+    threads.splice(threads.end(), started);
     changed.wait(lock, [this] { return latchOpen; });
 }
 
@@ -27,10 +28,8 @@ void ListeningThread::OpenLatch() {
 }
 
 void ListeningThread::Finish() {
-    if (thread != nullptr) {
-        thread->Join();
-        thread.reset();
-    }
+    // Each is joined as it goes.
+    threads.clear();
 }
 
 }  // namespace kelto::halvek::source

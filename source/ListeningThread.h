@@ -3,7 +3,7 @@
 #include "kelto/osa/Thread.h"
 
 #include <condition_variable>
-#include <memory>
+#include <list>
 #include <mutex>
 
 namespace kelto::osa {
@@ -33,17 +33,20 @@ public:
         ListeningThread& thread;
     };
 
-    /** Starts the body on a new thread and waits until it has opened the latch. Throws kelto::osa::Exception. */
+    /**
+     * Starts the body on a new thread, beside any that there is, and waits until it has opened the latch. Throws
+     * kelto::osa::Exception.
+     */
     void Start(const char* name, osa::Runnable& body);
 
     /** Called by the body when it is running. Any thread, any number of times. */
     void OpenLatch();
 
-    /** Joins and destroys the thread if there is one. */
+    /** Joins and destroys the thread, or all of them if it was started more than once. */
     void Finish();
 
 private:
-    std::unique_ptr<osa::Thread> thread;
+    std::list<osa::Thread> threads;
 
     // Guarded by mutex.
     std::mutex mutex;

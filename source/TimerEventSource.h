@@ -30,7 +30,7 @@ public:
     /** Stops if it is still listening. */
     ~TimerEventSource() override;
 
-    /** Returns when the thread ticks. */
+    /** Returns when the thread ticks. Throws kelto::osa::Exception if there is a thread already. */
     void StartListening() override;
     /** Cuts a sleep short, waits for a delivery in progress. */
     void StopListening() override;

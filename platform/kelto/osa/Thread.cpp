@@ -79,7 +79,9 @@ Thread::Thread(const char* threadName, Runnable& body, unsigned stackSizeKiB, in
 
 Thread::~Thread() {
     Join();
-    runnable.thread = nullptr;
+    // A later thread of the same runnable stays announced.
+    Thread* self = this;
+    runnable.thread.compare_exchange_strong(self, nullptr);
 }
 
 void Thread::Run() {
@@ -173,8 +175,7 @@ void Thread::CurrentThread::Sleep(int32_t milliseconds) {
         current->SleepFor(milliseconds);
         return;
     }
-    const timespec time{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
-    timespec rest = time;
+    timespec rest{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
     while (clock_nanosleep(CLOCK_MONOTONIC, 0, &rest, &rest) == EINTR) {
     }
 }

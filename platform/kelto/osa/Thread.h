@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -76,11 +75,11 @@ private:
     const int priority;
 
     // Used by the owner only.
-    pthread_t handle{};
     bool started = false;
     bool joinable = false;
 
-    // Guarded by stateMutex.
+    // Guarded by stateMutex; the handle does not change any more once the thread has been started.
+    pthread_t handle{};
     std::mutex stateMutex;
     std::condition_variable stateChanged;
     bool active = false;

@@ -351,6 +351,31 @@ TEST_F(ParkEventSourceTest, MayBeStartedAgainAfterAStop) {
     EXPECT_TRUE(handler.WaitForCount(1));
 }
 
+TEST_F(ParkEventSourceTest, StartedTwiceItHasTwoThreadsAndAStopEndsBoth) {
+    const size_t before = test::CountThreads();
+    source->StartListening();
+    source->StartListening();
+    EXPECT_EQ(log.Count("Information ParkEventSource: ParkEventSource started"), 2U);
+    EXPECT_EQ(test::CountThreads(), before + 2);
+    source->StopListening();
+    EXPECT_EQ(log.Count("Debug ParkEventSource: DONE"), 2U);
+    EXPECT_EQ(test::CountThreads(), before);
+}
+
+TEST_F(ParkEventSourceTest, StartedAgainAfterItsLoopHasEndedItIsStoppedAtOnce) {
+    test::RecordingHandler failing([](Event&) { throw osa::Exception("cannot act"); });
+    source->AddHandler(&failing);
+    Configure("0");
+    Notify(0);
+    source->StartListening();
+    ASSERT_TRUE(log.WaitFor("Debug ParkEventSource: DONE"));
+    source->StartListening();
+    const Clock::time_point begin = Clock::now();
+    source->StopListening();
+    EXPECT_LT(Clock::now() - begin, 500ms);
+    EXPECT_EQ(log.Count("Debug ParkEventSource: DONE"), 2U);
+}
+
 TEST_F(ParkEventSourceTest, StaysArmedOverAStop) {
     Configure("1");
     source->StartListening();

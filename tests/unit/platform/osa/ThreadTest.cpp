@@ -186,6 +186,18 @@ TEST(Thread, ItsRunnableKnowsItForAsLongAsItExists) {
     EXPECT_EQ(body.GetCurrentThread(), nullptr);
 }
 
+TEST(Thread, OfTwoOfOneRunnableTheLaterIsKnownUntilItGoes) {
+    Body body;
+    auto first = std::make_unique<Thread>("first", body, defaultStack, defaultPriority);
+    {
+        Thread second("second", body, defaultStack, defaultPriority);
+        EXPECT_EQ(body.GetCurrentThread(), &second);
+        first.reset();
+        EXPECT_EQ(body.GetCurrentThread(), &second);
+    }
+    EXPECT_EQ(body.GetCurrentThread(), nullptr);
+}
+
 TEST(Thread, ItsBodySeesItsOwnThread) {
     Thread* seen = nullptr;
     Body* self = nullptr;
