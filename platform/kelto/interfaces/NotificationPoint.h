@@ -38,7 +38,13 @@ public:
             const osa::MutexAutoLock guard(lock);
             registrations.push_back(std::move(registration));
         }
-        bus->Subscribe(filter, handler);
+        try {
+            bus->Subscribe(filter, handler);
+        } catch (...) {
+            const osa::MutexAutoLock guard(lock);
+            registrations.remove_if([&](const auto& kept) { return kept.get() == handler; });
+            throw;
+        }
     }
 
     void Remove(const void* target) override {

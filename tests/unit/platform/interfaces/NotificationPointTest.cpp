@@ -1,6 +1,7 @@
 #include "kelto/core/VoidObjectMethodDelegate1.h"
 #include "kelto/interfaces/IAlarmV3Provider.h"
 #include "kelto/interfaces/IMotionStateProvider.h"
+#include "kelto/interfaces/NotificationPoint.h"
 #include "kelto/msgbus/MsgBus.h"
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/LogCapture.h"
@@ -14,6 +15,7 @@
 
 #include <functional>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -80,6 +82,29 @@ test::BusSignal IdleChanged(int32_t state) {
     return ProviderSignal("MotionState", "IdleChanged", {state});
 }
 
+/** A bus that has no thread left for a subscription. */
+class RefusingBus : public msgbus::IMsgBus {
+public:
+    void Start() override {}
+    void Subscribe(const msgbus::MessageFilter&, msgbus::IMessageHandler*) override {
+        throw osa::Exception("cannot subscribe");
+    }
+    void Unsubscribe(msgbus::IMessageHandler*) override { ++unsubscribed; }
+
+    int unsubscribed = 0;
+};
+
+/** Says by a use of a token that it is still there. */
+class TokenDelegate : public core::IVoidDelegate1<int32_t> {
+public:
+    explicit TokenDelegate(std::shared_ptr<int> sharedToken) : token(std::move(sharedToken)) {}
+    void Invoke(int32_t) override {}
+    const void* GetTarget() const override { return token.get(); }
+
+private:
+    const std::shared_ptr<int> token;
+};
+
 class NotificationPointTest : public ::testing::Test {
 protected:
     NotificationPointTest() { bus.Start(); }
@@ -124,6 +149,17 @@ TEST_F(NotificationPointTest, WhatIsSaidRightAfterADelegateWasAddedIsHeardTwoHun
         ASSERT_TRUE(passing.WaitForCount(1)) << "round " << round;
         Idles().Remove(&passing);
     }
+}
+
+TEST_F(NotificationPointTest, ADelegateThatCannotBeSubscribedIsNotKept) {
+    RefusingBus refusing;
+    const auto token = std::make_shared<int>();
+    {
+        NotificationPoint<int32_t> point(&refusing, {}, [](const msgbus::MsgBusMsg&) { return 0; });
+        EXPECT_THROW(point.Add(std::make_unique<TokenDelegate>(token)), osa::Exception);
+        EXPECT_EQ(token.use_count(), 1);
+    }
+    EXPECT_EQ(refusing.unsubscribed, 0);
 }
 
 TEST_F(NotificationPointTest, OneMatchOnTheBusServesAllDelegatesOfAProvider) {
