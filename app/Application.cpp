@@ -12,6 +12,7 @@
 #include <sys/select.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -109,8 +110,9 @@ void Application::CreateSelfPipe() {
         throw osa::Exception("pipe failed: %s", std::strerror(errno));
     }
     // A descriptor that fits no fd_set would corrupt the stack.
-    if (pipeFds[0] >= FD_SETSIZE) {
-        throw osa::Exception("pipe failed: descriptor %d is too large for select", pipeFds[0]);
+    const int largest = *std::max_element(pipeFds.begin(), pipeFds.end());
+    if (largest >= FD_SETSIZE) {
+        throw osa::Exception("pipe failed: descriptor %d is too large for select", largest);
     }
     fcntl(pipeFds[1], F_SETFL, O_NONBLOCK);
 }
@@ -155,6 +157,8 @@ void Application::WaitForCommands() {
         if (!WaitForInput()) {
             continue;
         }
+        // The look-up brings the log's clock up to date: it may have been changed since the last record.
+        core::Logger::GetLogger("halvek");
         char command = '\0';
         static_cast<void>(!read(pipeFds[0], &command, 1));
         logger->Information("got: '%c' (%d)", command, command);

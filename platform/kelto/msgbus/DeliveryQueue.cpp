@@ -1,6 +1,7 @@
 #include "kelto/msgbus/DeliveryQueue.h"
 
 #include "kelto/core/Logger.h"
+#include "kelto/core/UtcOffset.h"
 #include "kelto/msgbus/IMessageHandler.h"
 
 #include <exception>
@@ -78,6 +79,8 @@ void DeliveryQueue::Run() {
             Log().Warning("%zu messages were dropped, too many came at a time", next->dropped);
         }
         if (next->message != nullptr) {
+            // It may have been waiting for it over a change of the clocks, and the handler's records count by them.
+            core::UtcOffset::Refresh();
             Deliver(*next->message);
         }
     }

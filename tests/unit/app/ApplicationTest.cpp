@@ -2,6 +2,7 @@
 #include "handler/EventHandler.h"
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/Descriptors.h"
+#include "tests/fakes/FakeClock.h"
 #include "tests/fakes/Journal.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/ProbeSource.h"
@@ -112,6 +113,17 @@ protected:
             }
         }
         return records;
+    }
+
+    /** The local time of a record. */
+    double SecondsOf(const std::string& text) const {
+        for (const test::LogRecord& record : log.Records()) {
+            tm local{};
+            if (record.text == text && strptime(record.time.c_str(), "%Y-%m-%dT%H:%M:%S", &local) != nullptr) {
+                return static_cast<double>(timegm(&local));
+            }
+        }
+        throw std::runtime_error("no record: " + text);
     }
 
     size_t CountConfigurations() const { return log.Count("Information halvek: Configuring..."); }
@@ -465,8 +477,9 @@ TEST_F(ApplicationTest, WithoutDescriptorsForThePipeTheStartFailsAndTearsDown) {
     EXPECT_THAT(Dispositions(), Each(SIG_DFL));
 }
 
-TEST_F(ApplicationTest, APipeThatFitsNoSetIsAFailedStartAndIsClosed) {
-    const test::LowDescriptorsTaken taken(FD_SETSIZE);
+TEST_F(ApplicationTest, APipeOfWhichOneEndFitsNoSetIsAFailedStartAndIsClosed) {
+    // The message bus takes one, the pipe's read end the last one that fits.
+    const test::LowDescriptorsTaken taken(FD_SETSIZE - 2);
     const std::vector<int> open = test::OpenDescriptors();
     EXPECT_THROW(Start(), osa::Exception);
     EXPECT_EQ(test::OpenDescriptors(), open);
@@ -476,13 +489,24 @@ TEST_F(ApplicationTest, APipeThatFitsNoSetIsAFailedStartAndIsClosed) {
 
 TEST_F(ApplicationTest, ThePipeMayHaveTheLastDescriptorThatFitsASet) {
     // The message bus takes the one before.
-    const test::LowDescriptorsTaken taken(FD_SETSIZE - 2);
+    const test::LowDescriptorsTaken taken(FD_SETSIZE - 3);
     Start();
-    ASSERT_EQ(PipeEnd(O_RDONLY), FD_SETSIZE - 1);
+    ASSERT_EQ(PipeEnd(O_WRONLY), FD_SETSIZE - 1);
     std::raise(SIGTERM);
     application->Run();
     EXPECT_TRUE(log.Has("Information halvek: got: 'S' (83)"));
     application.reset();
+}
+
+TEST_F(ApplicationTest, TheLoopsRecordsCountByTheClocksAsTheyAreNow) {
+    test::FakeClock clock("2025-03-30 01:50:00", "CET-1CEST,M3.5.0,M10.5.0/3");
+    Start();
+    clock.Set("2025-03-30 03:10:00");
+    std::raise(SIGTERM);
+    application->Run();
+    const double later = SecondsOf("got: 'S' (83)") - SecondsOf("Dropping to run state");
+    EXPECT_GE(later, 3600);
+    EXPECT_LT(later, 3660);
 }
 
 TEST_F(ApplicationTest, AFailureToWaitIsLoggedByTheLoopAndLeavesIt) {

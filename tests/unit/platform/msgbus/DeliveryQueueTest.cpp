@@ -1,5 +1,7 @@
+#include "kelto/core/UtcOffset.h"
 #include "kelto/msgbus/DeliveryQueue.h"
 #include "kelto/osa/Exception.h"
+#include "tests/fakes/FakeClock.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/ProcessState.h"
 #include "tests/unit/platform/msgbus/HeardMessages.h"
@@ -86,6 +88,20 @@ TEST(DeliveryQueue, TheDeliveringThreadBlocksNoSignals) {
     queue.Close();
     EXPECT_EQ(blocked, test::BlockedSignals(gettid()));
     EXPECT_EQ(blocked, 0U);
+}
+
+TEST(DeliveryQueue, WhatADeliveryLogsCountsByTheClocksAsTheyAreNow) {
+    test::FakeClock clock("2025-03-30 01:50:00", "CET-1CEST,M3.5.0,M10.5.0/3");
+    std::vector<long> offsets;
+    HeardMessages heard([&](const MsgBusMsg&) { offsets.push_back(core::UtcOffset::Get()); });
+    DeliveryQueue queue(&heard);
+    queue.Push(Message("a"));
+    ASSERT_TRUE(heard.WaitForCount(1));
+    clock.Set("2025-03-30 03:10:00");
+    queue.Push(Message("b"));
+    ASSERT_TRUE(heard.WaitForCount(2));
+    queue.Close();
+    EXPECT_THAT(offsets, ElementsAre(3600, 7200));
 }
 
 TEST(DeliveryQueue, Keeps1024Messages) {
