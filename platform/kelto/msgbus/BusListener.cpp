@@ -144,14 +144,16 @@ void BusListener::Disconnect(const char* reason) {
     changed.notify_all();
 }
 
-/** One round: what others asked for, what the bus sent, then waiting for more of either. */
+/** One round: what others asked for, and one message of the bus or, if there is none, waiting for more of either. */
 void BusListener::Listen() {
     try {
+        // In each round, so that no flood holds up a stop or a subscription.
         UpdateMatches();
-        while (CheckBusResult(sd_bus_process(connection->Get(), nullptr), "The message bus is gone") > 0) {
-        }
+        const bool busy = CheckBusResult(sd_bus_process(connection->Get(), nullptr), "The message bus is gone") > 0;
         ReportSettled();
-        WaitForInput(connection->Get(), longestWait);
+        if (!busy) {
+            WaitForInput(connection->Get(), longestWait);
+        }
     } catch (const osa::Exception& exception) {
         Disconnect(exception.what());
     }
