@@ -12,11 +12,7 @@ namespace kelto::halvek::handler {
 
 namespace {
 
-constexpr int32_t notConfigured = -1;
 constexpr int32_t highestMode = 3;
-constexpr int32_t defaultMode = 3;
-constexpr int32_t defaultIntervalMs = 500;
-constexpr int32_t defaultPulseCount = 1;
 
 std::unique_ptr<EventHandler> Create(HalvekEnv* env) {
     return std::make_unique<RelayEventHandler>(env->GetMsgBus());
@@ -31,21 +27,6 @@ bool HasRelaySettings(const core::IniFile::Group& group) {
     return std::any_of(keys.begin(), keys.end(), [&](const char* key) { return group.count(key) != 0; });
 }
 
-int32_t ReadMode(const core::IniFile::Group& group) {
-    const int32_t mode = core::IniFile::GetIntOrDefaultFromGroup(group, "Mode", defaultMode);
-    return mode < 0 || mode > highestMode ? defaultMode : mode;
-}
-
-int32_t ReadInterval(const core::IniFile::Group& group, const char* key) {
-    const int32_t interval = core::IniFile::GetIntOrDefaultFromGroup(group, key, defaultIntervalMs);
-    return interval < 0 ? defaultIntervalMs : interval;
-}
-
-int32_t ReadPulseCount(const core::IniFile::Group& group) {
-    const int32_t count = core::IniFile::GetIntOrDefaultFromGroup(group, "PulseCount", defaultPulseCount);
-    return count < 1 ? defaultPulseCount : count;
-}
-
 }  // namespace
 
 RelayEventHandler::RelayEventHandler(msgbus::IMsgBus* bus)
@@ -57,18 +38,29 @@ RelayEventHandler::RelayEventHandler(std::unique_ptr<interfaces::IRelayV3Provide
 void RelayEventHandler::Configure(const core::IniFile::Group& group) {
     EventHandler::Configure(group);
     Settings read = CopySettings();
-    read.index = core::IniFile::GetIntOrDefaultFromGroup(group, "Index", 0);
-    ReadBankName(group, read.bankName);
-    if (HasRelaySettings(group)) {
-        read.hasExplicitSettings = true;
-        read.polarity = core::IniFile::GetBoolOrDefaultFromGroup(group, "Polarity", false);
-        read.mode = ReadMode(group);
-        read.onIntervalMs = ReadInterval(group, "OnInterval.msec");
-        read.offIntervalMs = ReadInterval(group, "OffInterval.msec");
-        read.pulseCount = ReadPulseCount(group);
+    try {
+        ReadSettings(group, read);
+    } catch (...) {
+        // What has been read until then holds.
+        StoreSettings(read);
+        throw;
     }
     StoreSettings(read);
     logger.Information("Configured relay at index: %d", read.index);
+}
+
+void RelayEventHandler::ReadSettings(const core::IniFile::Group& group, Settings& read) const {
+    read.index = core::IniFile::GetIntOrDefaultFromGroup(group, "Index", 0);
+    ReadBankName(group, read.bankName);
+    if (!HasRelaySettings(group)) {
+        return;
+    }
+    read.hasExplicitSettings = true;
+    read.polarity = core::IniFile::GetBoolOrDefaultFromGroup(group, "Polarity", false);
+    read.mode = ReadMode(group);
+    read.onIntervalMs = ReadInterval(group, "OnInterval.msec");
+    read.offIntervalMs = ReadInterval(group, "OffInterval.msec");
+    read.pulseCount = ReadPulseCount(group);
 }
 
 /** Without the key, the first bank that the service does not call remote; the name stays as it was if there is none. */
@@ -84,8 +76,24 @@ void RelayEventHandler::ReadBankName(const core::IniFile::Group& group, std::str
     }
 }
 
+int32_t RelayEventHandler::ReadMode(const core::IniFile::Group& group) {
+    const int32_t mode = core::IniFile::GetIntOrDefaultFromGroup(group, "Mode", defaultMode);
+    return mode < 0 || mode > highestMode ? defaultMode : mode;
+}
+
+int32_t RelayEventHandler::ReadInterval(const core::IniFile::Group& group, const char* key) {
+    const int32_t interval = core::IniFile::GetIntOrDefaultFromGroup(group, key, defaultIntervalMs);
+    return interval < 0 ? defaultIntervalMs : interval;
+}
+
+int32_t RelayEventHandler::ReadPulseCount(const core::IniFile::Group& group) {
+    const int32_t count = core::IniFile::GetIntOrDefaultFromGroup(group, "PulseCount", defaultPulseCount);
+    return count < 1 ? defaultPulseCount : count;
+}
+
 bool RelayEventHandler::IsConfigured() const {
-    return CopySettings().index != notConfigured;
+    const std::lock_guard lock(settingsMutex);
+    return settings.index != notConfigured;
 }
 
 void RelayEventHandler::PerformAction(Event&) {

@@ -43,20 +43,30 @@ public:
     void PerformAction(Event& event) override;
 
 private:
+    static constexpr int32_t notConfigured = -1;
+    static constexpr int32_t defaultMode = 3;
+    static constexpr int32_t defaultIntervalMs = 500;
+    static constexpr int32_t defaultPulseCount = 1;
+
     /** How the relay is to be driven. */
     struct Settings {
         std::string bankName;
-        int32_t index = -1;
+        int32_t index = notConfigured;
         bool hasExplicitSettings = false;
         bool polarity = false;
-        int32_t mode = 3;
-        int32_t onIntervalMs = 500;
-        int32_t offIntervalMs = 500;
-        int32_t pulseCount = 1;
+        int32_t mode = defaultMode;
+        int32_t onIntervalMs = defaultIntervalMs;
+        int32_t offIntervalMs = defaultIntervalMs;
+        int32_t pulseCount = defaultPulseCount;
     };
+
+    static int32_t ReadMode(const core::IniFile::Group& group);
+    static int32_t ReadInterval(const core::IniFile::Group& group, const char* key);
+    static int32_t ReadPulseCount(const core::IniFile::Group& group);
 
     Settings CopySettings() const;
     void StoreSettings(const Settings& newSettings);
+    void ReadSettings(const core::IniFile::Group& group, Settings& read) const;
     void ReadBankName(const core::IniFile::Group& group, std::string& bankName) const;
     void DriveRelay();
 

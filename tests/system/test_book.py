@@ -133,8 +133,10 @@ class Source:
     def __init__(self, path: Path) -> None:
         self.name = str(path.relative_to(ROOT))
         self.text = re.sub(TOKEN, blank_comment, path.read_text(), flags=re.DOTALL)
+        own_header = path.with_suffix(".h")
+        shared = own_header.read_text() if own_header.exists() else ""
         definition = r"constexpr (?:const )?[\w:]+(?:\*)? (\w+)\s*(?:=|\()\s*(\"(?:\\.|[^\"\\])*\"|-?\d+)\)?;"
-        self.constants = dict(re.findall(definition, self.text))
+        self.constants = dict(re.findall(definition, shared + self.text))
 
     def place(self, position: int) -> str:
         return f"{self.name}:{self.text.count(chr(10), 0, position) + 1}"

@@ -306,6 +306,13 @@ TEST_F(RelayEventHandlerTest, AValueThatCannotBeReadIsAnErrorThatNamesKeyAndValu
         ThrowsMessage<osa::Exception>(StrEq("The value of key Polarity is neither true nor false: upside down")));
 }
 
+TEST_F(RelayEventHandlerTest, WhatWasReadBeforeAFailureHolds) {
+    EXPECT_THROW(handler->Configure({{"Index", "2"}, {"BankName", "A"}, {"Mode", "1"}, {"PulseCount", "five"}}),
+                 osa::Exception);
+    EXPECT_TRUE(handler->IsConfigured());
+    EXPECT_THAT(Act(), ElementsAre("RelayV3.SetConfiguration(A,2,0,1,500,500,1)", "RelayV3.Activate(A,2,1)"));
+}
+
 TEST_F(RelayEventHandlerTest, SettingsOfItsOwnStayWhenALaterGroupHasNone) {
     handler->Configure({{"BankName", "A"}, {"Mode", "1"}, {"PulseCount", "2"}});
     handler->Configure({{"BankName", "B"}});
