@@ -27,7 +27,8 @@ std::string ReadCommandOutput(const std::string& command, size_t limit) {
     }
     std::string output(limit, '\0');
     size_t length = 0;
-    // By hand: stdio takes the interruption by a signal for the end.
+    // By hand: stdio takes an interruption for the end. Whether a signal handler has the read go on is its installer's
+    // affair.
     while (length < limit) {
         const ssize_t count = read(fileno(pipe.get()), &output[length], limit - length);
         if (count < 0 && errno == EINTR) {

@@ -7,8 +7,6 @@
 #include "monitor/HandlerRegistry.h"
 #include "util/base64.h"
 
-#include <fcntl.h>
-
 #include <csignal>
 #include <cstdio>
 #include <ctime>
@@ -58,12 +56,11 @@ void BlockBrokenPipeSignal() {
 }
 
 void HandToMailProgram(const std::string& mail) {
-    FILE* const program = popen(mailProgram, "w");
+    // Not inherited by commands that other threads start meanwhile: the mail would not end before them.
+    FILE* const program = popen(mailProgram, "we");
     if (program == nullptr) {
         return;
     }
-    // A command that another source starts meanwhile would hold the pipe open, and the mail would not end before it.
-    fcntl(fileno(program), F_SETFD, FD_CLOEXEC);
     // An interruption loses nothing: the daemon's signal handlers have the write go on.
     static_cast<void>(std::fwrite(mail.data(), 1, mail.size(), program));
     pclose(program);

@@ -33,8 +33,8 @@ public:
     ~FolderEventHandler() override = default;
 
     /**
-     * Throws nothing. Blocks until the picture is written, and before that for two shell commands and one more for
-     * each file deleted and, for the folder of the SD card, for a query of 5 s at most.
+     * Throws nothing. Blocks until the picture is written; before that, with a limit, for one shell command and two
+     * more for each file deleted and, for the folder of the SD card, for a query of 5 s at most.
      */
     void PerformAction(Event& event) override;
 

@@ -29,7 +29,7 @@ extern "C" void CountSignal(int) {
     ++caught;
 }
 
-/** SIGALRM interrupts system calls for the length of a scope, as it does while the daemon stops a thread. */
+/** SIGALRM interrupts system calls for the length of a scope: its handler does not have them go on. */
 class InterruptingAlarm {
 public:
     InterruptingAlarm() {
