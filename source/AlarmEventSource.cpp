@@ -30,25 +30,22 @@ void AlarmEventSource::Configure(const core::IniFile::Group& group) {
         index = newIndex;
     }
     std::string newBankName;
-    if (!core::IniFile::TryGetValueFromGroup(group, "BankName", newBankName)) {
-        newBankName = FirstLocalBank();
-    }
-    {
+    if (core::IniFile::TryGetValueFromGroup(group, "BankName", newBankName) || FindLocalBank(newBankName)) {
         const std::lock_guard lock(watchedMutex);
         bankName = newBankName;
     }
     logger.Information("Configured alarm %d", newIndex);
 }
 
-/** The first bank that the provider does not call remote; the present one if there is none. */
-std::string AlarmEventSource::FirstLocalBank() const {
+/** The first bank that the provider does not call remote; false if there is none. */
+bool AlarmEventSource::FindLocalBank(std::string& found) const {
     for (const std::string& name : alarmProvider->GetBankNames()) {
         if (!alarmProvider->IsRemote(name)) {
-            return name;
+            found = name;
+            return true;
         }
     }
-    const std::lock_guard lock(watchedMutex);
-    return bankName;
+    return false;
 }
 
 bool AlarmEventSource::IsConfigured() const {

@@ -51,14 +51,14 @@ private:
     using StateChangeEventArgs = interfaces::IAlarmV3Provider::StateChangeEventArgs;
 
     void HandleStateChange(StateChangeEventArgs change);
-    std::string FirstLocalBank() const;
+    bool FindLocalBank(std::string& found) const;
 
     core::Logger& logger;
     interfaces::IAlarmV3Provider* const alarmProvider;
     const std::string typeName;
 
     // Guarded by watchedMutex, which is held to copy in and out only.
-    mutable std::mutex watchedMutex;
+    std::mutex watchedMutex;
     std::string bankName;
     int32_t index = 0;
 };

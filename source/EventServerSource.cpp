@@ -172,10 +172,11 @@ void EventServerSource::ReceiveEvent(int fd, std::string& line, std::string& eve
     const core::Logger& logger = Log();
     FdInputStream stream(fd);
     Event::Properties properties;
-    bool open = true;
-    while (open && std::getline(stream, line)) {
+    while (std::getline(stream, line)) {
         logger.Trace("Got line: %s", line.c_str());
-        open = ReadLine(line, properties, eventType);
+        if (!ReadLine(line, properties, eventType)) {
+            break;
+        }
     }
     line.clear();
     // The type outlives its event: a block without a header is of the type of the one before.

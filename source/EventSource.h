@@ -39,7 +39,7 @@ public:
     /** Attaches a handler for events of one id. A source that does not tell ids apart attaches it for all. */
     virtual void AddHandler(EventHandler* handler, const std::string& eventId);
 
-    /** Starts to produce events. Throws kelto::osa::Exception if the source is not configured or runs already. */
+    /** Starts to produce events. Throws kelto::osa::Exception if it cannot. */
     virtual void StartListening() = 0;
 
     /** Stops to produce events; when it returns no delivery is in progress any more. A running action is waited for. */
