@@ -6,6 +6,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace kelto::halvek {
 
@@ -17,22 +18,32 @@ inline msgbus::IMsgBus* BusOf(HalvekEnv* env) {
     return env->GetMsgBus();
 }
 
+using Components = std::list<std::unique_ptr<HalvekEnv::IHalvekComponent>>;
+
 /**
- * The component of a class and id, made and registered if there is none yet.
- *
- * Components are never destroyed: the process-wide list keeps them to its end, so that no one who still holds one can
- * be left with a dangling pointer.
+ * The components of the process. They are never destroyed, so that no one who still holds one can be left with a
+ * dangling pointer.
  */
+inline Components& ComponentsOfProcess() {
+    static Components& components = *new Components;
+    return components;
+}
+
+/** The component of a class and id, made and registered if there is none yet. For the event monitor's thread. */
 template <typename Component>
 Component* ComponentInstance(HalvekEnv* env, const std::string& id) {
-    static auto& components = *std::make_unique<std::list<std::unique_ptr<Component>>>().release();
     auto* const found = env == nullptr ? nullptr : dynamic_cast<Component*>(env->GetComponent(id));
     if (found != nullptr) {
         return found;
     }
     auto component = std::make_unique<Component>(env);
-    env->RegisterComponent(id, component.get());
-    return components.emplace_back(std::move(component)).get();
+    Component* const instance = component.get();
+    // What has been registered must be kept, whatever fails.
+    Components made;
+    made.push_back(std::move(component));
+    env->RegisterComponent(id, instance);
+    ComponentsOfProcess().splice(ComponentsOfProcess().end(), made);
+    return instance;
 }
 
 }  // namespace kelto::halvek
