@@ -1,6 +1,5 @@
 #pragma once
 
-#include "event/IConfigurable.h"
 #include "kelto/core/IniFile.h"
 #include "kelto/osa/Mutex.h"
 #include "monitor/HalvekEnv.h"

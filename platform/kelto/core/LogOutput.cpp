@@ -1,5 +1,7 @@
 #include "kelto/core/LogOutput.h"
 
+#include "kelto/core/UtcOffset.h"
+
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -16,8 +18,6 @@
 #include <string_view>
 
 #define SD_JOURNAL_SUPPRESS_LOCATION
-#include "kelto/core/UtcOffset.h"
-
 #include <systemd/sd-journal.h>
 
 namespace kelto::core {

@@ -19,7 +19,7 @@ class LoggerRegistry {
 public:
     /** Never destroyed: static objects of others may log until the very end. */
     static LoggerRegistry& Instance() {
-        static LoggerRegistry& registry = *std::make_unique<LoggerRegistry>().release();
+        static LoggerRegistry& registry = *new LoggerRegistry;
         return registry;
     }
 
@@ -38,7 +38,7 @@ public:
     Logger* Find(const char* name) const {
         Logger* logger = newest.load(std::memory_order_acquire);
         while (logger != nullptr && logger->name != name) {
-            logger = const_cast<Logger*>(logger->older);
+            logger = logger->older;
         }
         return logger;
     }

@@ -45,13 +45,13 @@ public:
 private:
     friend class LoggerRegistry;
 
-    Logger(const char* loggerName, LogLevel initialLevel, const Logger* olderLogger)
+    Logger(const char* loggerName, LogLevel initialLevel, Logger* olderLogger)
         : name(loggerName), older(olderLogger), level(initialLevel) {}
 
     void Write(LogLevel recordLevel, const char* format, va_list arguments) const;
 
     const std::string name;
-    const Logger* const older;
+    Logger* const older;
     std::atomic<LogLevel> level;
 };
 

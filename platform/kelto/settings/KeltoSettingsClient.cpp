@@ -36,7 +36,7 @@ class LastLookUp {
 public:
     /** Never destroyed, like whatever may be used until the process ends. */
     static LastLookUp& Instance() {
-        static LastLookUp& instance = *std::make_unique<LastLookUp>().release();
+        static LastLookUp& instance = *new LastLookUp;
         return instance;
     }
 
