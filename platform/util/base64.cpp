@@ -16,8 +16,12 @@ void Decode(const char* text, size_t length, Sink sink) {
     unsigned digits = 0;
     unsigned pads = 0;
     for (size_t at = 0; at < length; ++at) {
-        if (text[at] == padding && digits >= 2 && digits + ++pads >= groupLength) {
-            return;
+        if (text[at] == padding) {
+            ++pads;
+            if (digits >= 2 && digits + pads >= groupLength) {
+                return;
+            }
+            continue;
         }
         const size_t value = alphabet.find(text[at]);
         if (value == std::string_view::npos) {
