@@ -98,6 +98,11 @@ def record_time(line: str) -> float:
     return time.mktime(time.strptime(stamp, "%Y-%m-%dT%H:%M:%S")) + int(millis) / 1000
 
 
+def resident_kib(program: DaemonProcess) -> int:
+    text = Path(f"/proc/{program.pid}/smaps_rollup").read_text()
+    return int(re.search(r"^Rss:\s+(\d+) kB", text, re.MULTILINE).group(1))
+
+
 class Daemon(DaemonProcess):
     """A daemon whose settings are a file that the test may write anew."""
 
@@ -162,8 +167,7 @@ class Daemon(DaemonProcess):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
     def resident_kib(self) -> int:
-        text = Path(f"/proc/{self.pid}/smaps_rollup").read_text()
-        return int(re.search(r"^Rss:\s+(\d+) kB", text, re.MULTILINE).group(1))
+        return resident_kib(self)
 
     def assert_orderly_end(self) -> None:
         """To be called after the exit: everything that was started was stopped, and no sanitizer complained."""
