@@ -32,6 +32,17 @@ std::vector<std::string> Threads() {
     return threads;
 }
 
+/** What the system says of a thread under a name. */
+std::string StatusOf(pid_t thread, const std::string& name) {
+    std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind(name + ":\t", 0) == 0) {
+            return line.substr(name.size() + 2);
+        }
+    }
+    throw std::runtime_error("there is no thread " + std::to_string(thread));
+}
+
 }  // namespace
 
 size_t CountThreads() {
@@ -60,14 +71,16 @@ bool HasThread(const std::string& name) {
     return !ThreadsNamed(name).empty();
 }
 
+uint64_t CountSleeps(pid_t thread) {
+    return std::stoull(StatusOf(thread, "voluntary_ctxt_switches"));
+}
+
+bool IsAsleep(pid_t thread) {
+    return StatusOf(thread, "State")[0] == 'S';
+}
+
 uint64_t BlockedSignals(pid_t thread) {
-    std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.rfind("SigBlk:", 0) == 0) {
-            return std::stoull(line.substr(line.find_first_not_of(" \t", 7)), nullptr, 16);
-        }
-    }
-    throw std::runtime_error("there is no thread " + std::to_string(thread));
+    return std::stoull(StatusOf(thread, "SigBlk"), nullptr, 16);
 }
 
 }  // namespace kelto::test

@@ -16,6 +16,12 @@ size_t CountThreads();
 std::vector<pid_t> ThreadsNamed(const std::string& name);
 bool HasThread(const std::string& name);
 
+/** How often a thread of this process has gone to sleep since it was started. */
+uint64_t CountSleeps(pid_t thread);
+
+/** Whether a thread of this process sleeps now. */
+bool IsAsleep(pid_t thread);
+
 /** The signals that a thread of this process blocks: bit N - 1 for signal N. */
 uint64_t BlockedSignals(pid_t thread);
 

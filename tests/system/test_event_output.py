@@ -5,8 +5,8 @@ import os
 import re
 
 import pytest
-from daemon_process import PIPE_FOLDER
-from harness import SERVER, block, post, timer
+from daemon_process import PIPE_FOLDER, bytes_ready
+from harness import SERVER, block, post, timer, wait_until
 
 PIPE_SIZE = 8192
 TYPES_THAT_REACH = {
@@ -27,6 +27,31 @@ def full_pipe(output_pipe):
     os.write(descriptor, b"x" * PIPE_SIZE)
     yield descriptor
     os.close(descriptor)
+
+
+def read_block(descriptor: int) -> str:
+    text = b""
+    while not text.endswith(b"\n.\n"):
+        wait_until(lambda: bytes_ready(descriptor), "a block, or more of it")
+        text += os.read(descriptor, PIPE_SIZE)
+    return text.decode()
+
+
+def test_what_it_writes_it_reads_back_as_the_same_event(launch, clean_run):
+    path = PIPE_FOLDER / "raw.halvek.any"
+    os.mkfifo(path)
+    descriptor = os.open(path, os.O_RDWR | os.O_NONBLOCK)
+    try:
+        launch(SERVER)
+        post(block("Door", bell="front, left", empty="", equation="a=b=c", spaced=" x "))
+        written = read_block(descriptor)
+        assert written.startswith("[Door]\n") and "\nequation=a=b=c\n" in written
+        post(written)
+        again = read_block(descriptor)
+    finally:
+        os.close(descriptor)
+    stamps = re.compile(r"^(Timestamp|FormattedTime)=.*\n", re.MULTILINE)
+    assert stamps.sub("", again) == stamps.sub("", written)
 
 
 @pytest.mark.parametrize("event_type", TYPES_THAT_REACH)

@@ -1,12 +1,15 @@
 #include "handler/FilterChain.h"
+#include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/LogCapture.h"
 
 #include <gmock/gmock.h>
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace kelto::halvek {
@@ -15,11 +18,18 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 
 constexpr const char* illegalRange = "Warning halvek: FilterChain: Illegal time range setting, not filtering";
 /** 2 March 2025 was a Sunday. */
 const std::vector<std::string> week = {"2025-03-02", "2025-03-03", "2025-03-04", "2025-03-05",
                                        "2025-03-06", "2025-03-07", "2025-03-08"};
+
+class NeverConfiguredFilter : public FilterChain {
+public:
+    bool IsConfigured() const override { return false; }
+};
 
 class FilterChainTest : public ::testing::Test {
 protected:
@@ -50,6 +60,25 @@ protected:
     test::LogCapture log;
     FilterChain filter;
 };
+
+TEST_F(FilterChainTest, AskedUnconfiguredItThrows) {
+    EXPECT_THAT([] { NeverConfiguredFilter().IsFiltered(); }, ThrowsMessage<osa::Exception>(StrEq("not configured")));
+}
+
+TEST_F(FilterChainTest, MayBeAskedOnSeveralThreadsAtOnce) {
+    filter.Configure({{"EnabledTimes", "0-1159,1300-2400"}, {"EnabledDays", "UMT"}});
+    std::atomic<int> passed = 0;
+    std::vector<std::jthread> threads;
+    for (int number = 0; number < 4; ++number) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < 100; ++round) {
+                passed += filter.IsFiltered() ? 0 : 1;
+            }
+        });
+    }
+    threads.clear();
+    EXPECT_EQ(passed, 0);
+}
 
 TEST_F(FilterChainTest, WithoutSettingsEverythingPassesWithoutAWord) {
     EXPECT_TRUE(filter.IsConfigured());

@@ -1,6 +1,7 @@
 #include "event/TimerEvent.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/Signal.h"
+#include "tests/fakes/ProcessState.h"
 #include "tests/fakes/WaitUntil.h"
 #include "tests/unit/source/EventServerSourceFixture.h"
 
@@ -248,6 +249,22 @@ TEST_F(EventServerSourceTest, APipeThatCannotBeOpenedEndsTheThreadAndStartingRet
 TEST_F(EventServerSourceTest, RunningWithoutAPipeThrows) {
     source.Configure({{"Path", folder.PathOf("missing/pipe")}});
     EXPECT_THAT([this] { source.Run(); }, ThrowsMessage<osa::Exception>(StrEq("Unable to open FIFO for reading")));
+}
+
+TEST_F(EventServerSourceTest, AfterFiveQuietSecondsItWaitsAnewWithoutAWord) {
+    EventsOf("");
+    const std::vector<pid_t> threads = test::ThreadsNamed("EventServerSour");
+    ASSERT_EQ(threads.size(), 1U);
+    const pid_t thread = threads.front();
+    ASSERT_TRUE(test::WaitUntil([&] { return test::IsAsleep(thread); }));
+    log.Clear();
+    const uint64_t sleeps = test::CountSleeps(thread);
+    const Clock::time_point begin = Clock::now();
+    ASSERT_TRUE(test::WaitUntil([&] { return test::CountSleeps(thread) > sleeps; }));
+    EXPECT_GT(Clock::now() - begin, 4s);
+    EXPECT_LT(Clock::now() - begin, 7s);
+    EXPECT_EQ(log.Text(), "");
+    EXPECT_EQ(EventsOf("[A]\n.\n").back(), Made("A"));
 }
 
 TEST_F(EventServerSourceTest, ADescriptorThatFitsNoSetIsAFailedOpenAndIsClosed) {
