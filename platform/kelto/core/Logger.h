@@ -19,7 +19,10 @@ namespace kelto::core {
  */
 class Logger {
 public:
-    /** The logger of that name, made at the first call. Not for signal handlers. */
+    /**
+     * The logger of that name, made at the first call. Also looks up how far local time is from UTC now, by which
+     * all records are stamped. Not for signal handlers.
+     */
     static Logger& GetLogger(const char* name);
 
     /** Sets the levels of all present and future loggers; a level named in the environment's KELTO_LOG wins. */
