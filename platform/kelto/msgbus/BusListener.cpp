@@ -14,6 +14,7 @@
 #include <array>
 #include <cerrno>
 #include <exception>
+#include <iterator>
 
 namespace kelto::msgbus {
 
@@ -71,6 +72,8 @@ uint64_t BusListener::SetFilters(const std::set<MessageFilter>& newFilters) {
     uint64_t change = 0;
     {
         const std::lock_guard lock(mutex);
+        std::set_difference(newFilters.begin(), newFilters.end(), filters.begin(), filters.end(),
+                            std::inserter(addedFilters, addedFilters.end()));
         filters = newFilters;
         change = ++generation;
     }
@@ -161,6 +164,7 @@ void BusListener::Listen() {
 
 void BusListener::UpdateMatches() {
     std::set<MessageFilter> wanted;
+    std::set<MessageFilter> added;
     {
         const std::lock_guard lock(mutex);
         if (requested == generation) {
@@ -168,8 +172,12 @@ void BusListener::UpdateMatches() {
         }
         requested = generation;
         wanted = filters;
+        added.swap(addedFilters);
     }
-    std::erase_if(matches, [&](const auto& match) { return wanted.count(match.first) == 0; });
+    // What was refused is asked for again when it was taken back in between.
+    std::erase_if(matches, [&](const auto& match) {
+        return wanted.count(match.first) == 0 || (match.second.refused && added.count(match.first) != 0);
+    });
     for (const MessageFilter& filter : wanted) {
         if (matches.count(filter) == 0) {
             AddMatch(filter);
@@ -229,6 +237,7 @@ int BusListener::OnMatchAdded(sd_bus_message* message, void* userdata, sd_bus_er
     // A bus that goes away leaves the request without a reply: that is reported as the loss of the bus.
     const sd_bus_error* const error = sd_bus_message_get_error(message);
     if (error != nullptr && sd_bus_error_has_name(error, SD_BUS_ERROR_NO_REPLY) == 0) {
+        match.refused = true;
         Log().Warning("The message bus refused a subscription: %s: %s", error->name, error->message);
     }
     return 1;

@@ -57,6 +57,7 @@ private:
         const MessageFilter filter;
         BusSlotPtr slot;
         bool acknowledged = false;
+        bool refused = false;
     };
 
     static int OnSignal(sd_bus_message* message, void* userdata, sd_bus_error* error);
@@ -89,6 +90,7 @@ private:
     std::mutex mutex;
     std::condition_variable changed;
     std::set<MessageFilter> filters;
+    std::set<MessageFilter> addedFilters;
     uint64_t generation = 1;
     uint64_t settled = 0;
     bool started = false;

@@ -32,6 +32,7 @@ using ::testing::Not;
 using ::testing::SizeIs;
 
 const MessageFilter anybody{.name = "Said", .domain = "com.zentu.test", .sender = "", .path = ""};
+const MessageFilter refused{.name = "no name", .domain = "com.zentu.test", .sender = "", .path = ""};
 const MessageFilter owner{
     .name = "Said", .domain = "com.kelto.Speaker", .sender = "com.kelto.Speaker", .path = "/com/kelto/Speaker"};
 
@@ -264,7 +265,7 @@ TEST_F(MsgBusTest, AHandlerMayHaveSeveralSubscriptionsWhichEndTogether) {
 
 TEST_F(MsgBusTest, ASubscriptionThatTheBusRefusesIsAWarningAndTheOthersAreServed) {
     HeardMessages deaf;
-    bus.Subscribe({.name = "no name", .domain = "com.zentu.test", .sender = "", .path = ""}, &deaf);
+    bus.Subscribe(refused, &deaf);
     bus.Subscribe(anybody, &heard);
     bus.Start();
     EXPECT_THAT(log.Text(), HasSubstr("Warning kelto.msgbus: The message bus refused a subscription: "
@@ -272,6 +273,16 @@ TEST_F(MsgBusTest, ASubscriptionThatTheBusRefusesIsAWarningAndTheOthersAreServed
     speaker.Emit(Said("hello"));
     ASSERT_TRUE(heard.WaitForCount(1));
     EXPECT_THAT(deaf.Texts(), IsEmpty());
+}
+
+TEST_F(MsgBusTest, WhatWasRefusedIsAskedForAgainAtEachNewSubscription) {
+    HeardMessages deaf;
+    bus.Start();
+    for (size_t count = 1; count <= 100; ++count) {
+        bus.Subscribe(refused, &deaf);
+        ASSERT_EQ(log.Lines().size(), count);
+        bus.Unsubscribe(&deaf);
+    }
 }
 
 TEST_F(MsgBusTest, UnsubscribingAStrangerDoesNothing) {
