@@ -12,7 +12,7 @@ from pathlib import Path
 from camera_process import SERVICE, CameraProcess, Order
 from daemon_process import DaemonProcess, Event, NotSeen, OutputPipe
 from demo_pictures import KIB, LIMIT, Destinations, PictureWatch
-from demo_show import PATIENCE, heading, require, say
+from demo_show import PATIENCE, end_at, heading, require, say
 from private_bus import PrivateBus
 
 INTERVAL = 2.0  # seconds, as in the settings
@@ -252,8 +252,7 @@ def perform(program: str, camera_program: str, settings: str, cleanup: contextli
 
 
 def main(program: str, camera_program: str, settings: str) -> int:
-    for number in (signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, lambda number, _: sys.exit(128 + number))
+    end_at(signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
     begin = time.monotonic()
     try:
         with contextlib.ExitStack() as cleanup:

@@ -1,11 +1,34 @@
-"""How the demo speaks, and how it insists."""
+"""How the demo speaks, how it insists, and how it is interrupted."""
+
+import signal
+import sys
 
 from daemon_process import NotSeen
 
 PATIENCE = 5.0  # seconds
 
+caught: list[int] = []
+
+
+def end_at(*signals: signal.Signals) -> None:
+    """Has the demo end in good order at any of these signals."""
+
+    def catch(number: int, _: object) -> None:
+        caught.append(number)
+        end_if_caught()
+
+    for number in signals:
+        signal.signal(number, catch)
+
+
+def end_if_caught() -> None:
+    if caught:
+        sys.exit(128 + caught[0])
+
 
 def say(text: str = "") -> None:
+    # What a signal handler raises may be lost, in a call that Python makes for a weak reference say.
+    end_if_caught()
     print(text, flush=True)
 
 
