@@ -72,9 +72,13 @@ class FtpServer:
     def set_fault(self, fault: str) -> None:
         """Ends all connections."""
         assert fault in ("none", "refuse", "hang", "password")
+        hung, self._hung = self._hung, []
         self._close()
         self._fault = fault
         self._open()
+        # Not before: where one ends, the next upload may begin at once.
+        for connection in hung:
+            connection.close()
 
     def close(self) -> None:
         self._close()
