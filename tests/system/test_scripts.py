@@ -11,7 +11,10 @@ import pytest
 ROOT = Path(__file__).resolve().parents[2]
 PRIVATE_RUN = ROOT / "scripts/private-run"
 ORDINARY_USER = ["unshare", "--user", "--map-user=1000", "--map-group=1000"]
-CTEST = '<testsuite><testcase name="unit" status="{}"/><testcase name="system.a" status="{}"/></testsuite>'
+CTEST = """<testsuite>
+<testcase name="unit" status="{}"><system-out>{said}</system-out></testcase>
+<testcase name="system.a" status="{}"/>
+</testsuite>"""
 
 USE_NETWORK = """
 import socket
@@ -93,10 +96,10 @@ def summary(folder: Path, *presets: str) -> subprocess.CompletedProcess:
     return run(sys.executable, "-B", ROOT / "scripts/test_summary.py", folder, *presets)
 
 
-def write_results(folder: Path, preset: str, statuses: tuple[str, str], pytest_cases: str) -> None:
+def write_results(folder: Path, preset: str, statuses: tuple[str, str], pytest_cases: str, said: str = "") -> None:
     results = folder / preset / "test-results"
     results.mkdir(parents=True)
-    (results / "ctest.xml").write_text(CTEST.format(*statuses))
+    (results / "ctest.xml").write_text(CTEST.format(*statuses, said=said))
     if pytest_cases:
         (results / "system.a.xml").write_text(f"<testsuites><testsuite>{pytest_cases}</testsuite></testsuites>")
 
@@ -141,6 +144,23 @@ def test_the_summary_adds_up_the_presets(tmp_path):
     result = summary(tmp_path, "release", "tsan")
     assert result.stdout.splitlines()[-1] == "3 passed, 1 failed, 0 skipped"
     assert result.returncode == 1
+
+
+def test_the_summary_names_what_failed_and_what_it_said(tmp_path):
+    write_results(
+        tmp_path,
+        "release",
+        ("fail", "fail"),
+        '<testcase classname="test_a" name="x"><failure message="assert 1 == 2&#10; +  where 1 = f()"/></testcase>'
+        '<testcase classname="test_a" name="y"/>',
+        said="".join(f"line {number}\n" for number in range(100)),
+    )
+    lines = summary(tmp_path, "release").stdout.splitlines()
+    unit, system = lines.index("release: unit failed:"), lines.index("release: test_a.x failed:")
+    assert lines[unit + 20 : unit + 22] == ["    line 99", ""]
+    assert lines[system + 1 : system + 4] == ["    assert 1 == 2", "     +  where 1 = f()", ""]
+    assert not any("test_a.y" in line for line in lines)
+    assert lines[-1] == "1 passed, 2 failed, 0 skipped"
 
 
 @pytest.mark.parametrize("ctest", [None, "<testsuite/>"])
