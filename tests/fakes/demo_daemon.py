@@ -22,8 +22,8 @@ from demo_sender import Sender  # noqa: E402
 FAULT = os.environ.get("FAULT", "")
 INPUT_PIPE = "/var/run/halvek.pipe"
 OUTPUT_FOLDER = "/var/run/halvek"
-INTERVAL = 0.5 if FAULT == "ticks too fast" else 2.0
-DWELL = 0.5 if FAULT == "parks too early" else 2.0
+INTERVAL = 0.1 if FAULT == "ticks too fast" else 2.0
+DWELL = 0.2 if FAULT == "parks too early" else 2.0
 FOREVER = 1e6  # seconds
 
 

@@ -17,7 +17,8 @@ PROVIDERS = ("AlarmV3", "RelayV3", "PresetsV2", "Tour", "MotionState", "Recordin
 CAMERA = "VirtualCamera"
 REMOTE, LOCAL = "Remote", "Local"  # the banks
 TIME = r"\d\d:\d\d:\d\d\.\d{3}"  # at the beginning of the camera's lines
-LATE = 0.4  # seconds that a loaded machine may be late
+LATE = 0.4  # seconds
+ATTEMPTS = 3  # of which one has to be in time: a loaded machine may be late with the others
 
 ALERT = (  # arguments of an alert as analytics programs send it
     "camera",

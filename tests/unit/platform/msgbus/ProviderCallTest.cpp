@@ -121,7 +121,7 @@ TEST_F(ProviderCallTest, AnErrorOfTheServiceWithoutATextIsItsName) {
 TEST_F(ProviderCallTest, AServiceThatIsNotThereFailsAtOnce) {
     service.reset();
     std::string failure;
-    EXPECT_LT(TimeOf([&] { failure = FailureOf(GetNames); }), 1s);
+    EXPECT_LT(TimeOf([&] { failure = FailureOf(GetNames); }), 4s);
     EXPECT_THAT(failure, StartsWith("org.freedesktop.DBus.Error.ServiceUnknown: "));
 }
 
@@ -149,7 +149,7 @@ TEST_F(ProviderCallTest, AReplyOfOtherTypesFails) {
 TEST_F(ProviderCallTest, WithoutABusItFailsAtOnceAndThrowsNothingElse) {
     daemon.Kill();
     std::string failure;
-    EXPECT_LT(TimeOf([&] { failure = FailureOf(GetNames); }), 1s);
+    EXPECT_LT(TimeOf([&] { failure = FailureOf(GetNames); }), 4s);
     EXPECT_THAT(failure, StartsWith("Cannot open the message bus: "));
 }
 
@@ -254,7 +254,7 @@ TEST_F(ProviderCallTest, AServiceThatEndsUnderWayFailsTheCall) {
 TEST_F(ProviderCallTest, AServiceThatHangsFailsAfterFiveSecondsAndItsLateReplyIsNobodyElses) {
     service->Hold();
     std::string failure;
-    EXPECT_THAT(TimeOf([&] { failure = FailureOf(GetNames); }), AllOf(Ge(4900ms), Lt(7s)));
+    EXPECT_THAT(TimeOf([&] { failure = FailureOf(GetNames); }), AllOf(Ge(4900ms), Lt(9s)));
     EXPECT_EQ(failure, "org.freedesktop.DBus.Error.Timeout: Connection timed out");
     service->Release();
     service->Answer("GetNames", {Strings{"new"}});
@@ -265,7 +265,7 @@ TEST(ProviderCallConnection, ABusThatAcceptsAndNeverAnswersFailsTheCallAfterFive
     const test::PrivateBus daemon(State::Absent);
     const test::SilentSocket silent(daemon.GetSocketPath());
     std::string failure;
-    EXPECT_THAT(TimeOf([&] { failure = FailureOf(GetNames); }), AllOf(Ge(4900ms), Lt(7s)));
+    EXPECT_THAT(TimeOf([&] { failure = FailureOf(GetNames); }), AllOf(Ge(4900ms), Lt(9s)));
     EXPECT_EQ(failure, "Cannot open the message bus: Connection timed out");
 }
 
@@ -276,7 +276,7 @@ TEST_F(ProviderCallTest, OpeningTheConnectionAndTheCallTakeFiveSecondsTogether) 
         std::async(std::launch::async, [] { return TimeOf([] { FailureOf(GetNames); }); });
     EXPECT_EQ(time.wait_for(3s), std::future_status::timeout);
     daemon.Thaw();
-    EXPECT_THAT(time.get(), AllOf(Ge(4900ms), Lt(7s)));
+    EXPECT_THAT(time.get(), AllOf(Ge(4900ms), Lt(7900ms)));
     EXPECT_THAT(service->Calls(), SizeIs(1));
 }
 
