@@ -1,6 +1,7 @@
 """What the mail handler costs in memory. Left out of sanitizer builds, whose memory is their own."""
 
 import os
+from collections.abc import Callable
 
 import pytest
 from daemon_process import DaemonProcess
@@ -18,23 +19,28 @@ ALLOWED_GROWTH = 512  # KiB
 
 
 @pytest.fixture
-def allowed(tmp_path) -> float:
-    """The resident memory of a daemon that has not mailed, in KiB."""
-    bare = DaemonProcess(os.environ["HALVEK_BARE_PROCESS"], tmp_path, tmp_path)
-    try:
-        bare.wait_until_ready()
-        return resident_kib(bare) + ALLOWED_ABOVE_BARE
-    finally:
-        bare.close()
+def allowed(tmp_path) -> Callable[[], float]:
+    """The resident memory of a daemon that has not mailed, in KiB; to be asked for when the libraries are in the cache."""
+
+    def measure() -> float:
+        bare = DaemonProcess(os.environ["HALVEK_BARE_PROCESS"], tmp_path, tmp_path)
+        try:
+            bare.wait_until_ready()
+            return resident_kib(bare) + ALLOWED_ABOVE_BARE
+        finally:
+            bare.close()
+
+    return measure
 
 
 def test_an_idle_daemon_that_mails_nothing_stays_small(launch, output_pipe, allowed):
     pipe = output_pipe()
     daemon = launch(SERVER | timer(1, 1))
     pipe.wait_for_event("Timer", count=2)
-    print(f"resident without a mail handler: {daemon.resident_kib()} KiB of {allowed:.0f}")
     assert not maps_the_mail_library(daemon)
-    assert daemon.resident_kib() < allowed
+    resident, limit = daemon.resident_kib(), allowed()
+    print(f"resident without a mail handler: {resident} KiB of {limit:.0f}")
+    assert resident < limit
 
 
 def test_a_mail_handler_that_has_not_mailed_stays_small_and_its_first_mail_loads_the_library(
@@ -45,7 +51,7 @@ def test_a_mail_handler_that_has_not_mailed_stays_small_and_its_first_mail_loads
     pipe.wait_for_event("Timer", count=2)
     before = daemon.resident_kib()
     assert not maps_the_mail_library(daemon)
-    assert before < allowed
+    assert before < allowed()
     post(block("Door"))
     sink.wait_for(1)
     print(f"resident before the first mail: {before} KiB, {daemon.resident_kib() - before} KiB more after it")

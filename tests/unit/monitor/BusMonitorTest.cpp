@@ -190,6 +190,7 @@ TEST_F(BusMonitor, TwoHundredReloadsInTheMiddleOfDeliveriesLeaveNothingBehind) {
 TEST_F(BusMonitor, StoppedItLeavesNoThreadNoDescriptorAndNoMatch) {
     Configure({});
     monitor.reset();
+    ASSERT_TRUE(test::WaitUntil([] { return !test::HasThread("MsgBusListener"); }));
     const size_t threads = test::CountThreads();
     const size_t descriptors = test::OpenDescriptors().size();
     monitor = std::make_unique<EventMonitor>(&HandlerRegistry::Instance());

@@ -361,7 +361,7 @@ TEST_F(ParkEventSourceTest, StartedTwiceItHasTwoThreadsAndAStopEndsBoth) {
     EXPECT_EQ(test::CountThreads(), before + 2);
     source->StopListening();
     EXPECT_EQ(log.Count("Debug ParkEventSource: DONE"), 2U);
-    EXPECT_EQ(test::CountThreads(), before);
+    EXPECT_TRUE(test::WaitUntil([&] { return test::CountThreads() == before; }));
 }
 
 TEST_F(ParkEventSourceTest, StartedAgainAfterItsLoopHasEndedItIsStoppedAtOnce) {
