@@ -5,7 +5,7 @@ import sys
 
 from daemon_process import NotSeen
 
-PATIENCE = 5.0  # seconds
+PATIENCE = 10.0  # seconds
 
 caught: list[int] = []
 

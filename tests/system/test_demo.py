@@ -14,7 +14,7 @@ from harness import PROGRAM, wait_until
 
 ROOT = Path(__file__).resolve().parents[2]
 STAND_IN = ROOT / "tests/fakes/demo_daemon.py"
-TIME_LIMIT = 60  # seconds
+TIME_LIMIT = 120  # seconds
 AT_ONCE = 12
 PR_SET_CHILD_SUBREAPER = 36
 # Nobody in particular to the system: another user id, and no privilege at all.
