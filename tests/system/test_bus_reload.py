@@ -57,7 +57,8 @@ def test_a_reload_in_the_middle_of_a_delivery_waits_for_it_and_loses_nothing_of_
             wait_for_threads(daemon, THREADS)
             if number == 1:
                 descriptors = daemon.descriptors()
-        wait_until(lambda: daemon.descriptors() == descriptors, f"{descriptors} descriptors")
+        # The first time there may have been more: an event on its way out has its pipe open.
+        wait_until(lambda: daemon.descriptors() <= descriptors, f"{descriptors} descriptors")
         assert len(pipe.of_type("Alarm")) == 200 and len(pipe.of_type(ALERT)) == 400
         assert not daemon.log.matching(" Error ")
         assert daemon.stop() == 0

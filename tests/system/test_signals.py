@@ -56,8 +56,8 @@ def test_a_stop_is_orderly(launch, number):
 
 def test_an_alarm_signal_is_logged_and_changes_nothing(launch, output_pipe):
     daemon, pipe = launch(SERVER | timer(1, 3600)), output_pipe()
-    wait_until(lambda: "MsgBusDelivery" in daemon.thread_names(), "every thread has its name")
-    threads = daemon.thread_names()
+    threads = ["EventServerSour", "MsgBusDelivery", "MsgBusListener", "TimerEventSourc"]
+    wait_until(lambda: daemon.thread_names() == threads, "every thread has its name")
     for count in range(1, 4):
         daemon.send(signal.SIGALRM)
         daemon.log.wait_for("Debug halvek: signal caught: 14$", count=count)
