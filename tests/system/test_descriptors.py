@@ -1,4 +1,7 @@
-"""Descriptors: those that are left open by custom, and life without any to spare."""
+"""Descriptors: those that are left open by custom, and life without any to spare.
+
+On a bus, where there is one: a daemon without looks for it, which takes a descriptor for a moment now and then.
+"""
 
 import fcntl
 import itertools
@@ -61,8 +64,8 @@ def full_pipe(output_pipe):
     os.close(descriptor)
 
 
-def test_a_reload_keeps_exactly_one_descriptor_and_an_event_none(launch, output_pipe):
-    daemon, pipe = launch(SERVER | timer(1, 3600)), output_pipe()
+def test_a_reload_keeps_exactly_one_descriptor_and_an_event_none(launch_on_bus, output_pipe):
+    daemon, pipe = launch_on_bus(SERVER | timer(1, 3600)), output_pipe()
     daemon.log.wait_for("next tick: ")
     at_start = daemon.descriptors()
     for number in range(1, RELOADS + 1):
@@ -102,8 +105,8 @@ def test_on_a_bus_there_is_one_descriptor_more_and_one_for_each_thread_that_has_
         wait_for_descriptors(daemon, always_open() + 4 + 1 + 1)
 
 
-def test_reloads_without_a_server_keep_no_descriptor(launch):
-    daemon = launch(timer(1, 3600))
+def test_reloads_without_a_server_keep_no_descriptor(launch_on_bus):
+    daemon = launch_on_bus(timer(1, 3600))
     daemon.log.wait_for("next tick: ")
     at_start = daemon.descriptors()
     for number in range(RELOADS):
@@ -113,8 +116,8 @@ def test_reloads_without_a_server_keep_no_descriptor(launch):
 
 
 @pytest.mark.parametrize("text", ["", "y" * PIPE_SIZE], ids=["failed", "short"])
-def test_each_write_that_fails_or_falls_short_keeps_exactly_one_descriptor(launch, full_pipe, text):
-    daemon = launch(SERVER)
+def test_each_write_that_fails_or_falls_short_keeps_exactly_one_descriptor(launch_on_bus, full_pipe, text):
+    daemon = launch_on_bus(SERVER)
     at_start = daemon.descriptors()
     for number in range(1, 11):
         if text:
@@ -125,9 +128,9 @@ def test_each_write_that_fails_or_falls_short_keeps_exactly_one_descriptor(launc
         assert daemon.descriptors() == at_start + number
 
 
-def test_without_descriptors_every_failure_is_logged_and_the_stop_is_orderly(launch, output_pipe):
+def test_without_descriptors_every_failure_is_logged_and_the_stop_is_orderly(launch_on_bus, output_pipe):
     pipe = output_pipe()
-    daemon = launch(SERVER | timer(1, 3600))
+    daemon = launch_on_bus(SERVER | timer(1, 3600))
     pipe.wait_for_event("Timer")
     daemon.log.wait_for("next tick: ")
     leave_spare(daemon, 0)
@@ -142,8 +145,8 @@ def test_without_descriptors_every_failure_is_logged_and_the_stop_is_orderly(lau
     daemon.assert_orderly_end()
 
 
-def test_failed_writes_may_take_the_last_descriptor(launch, full_pipe):
-    daemon = launch(SERVER)
+def test_failed_writes_may_take_the_last_descriptor(launch_on_bus, full_pipe):
+    daemon = launch_on_bus(SERVER)
     spare = 5
     leave_spare(daemon, spare)
     for number in range(1, spare + 6):
@@ -156,8 +159,8 @@ def test_failed_writes_may_take_the_last_descriptor(launch, full_pipe):
     daemon.assert_orderly_end()
 
 
-def test_a_daemon_that_got_descriptors_back_takes_events_again(launch, output_pipe):
-    daemon, pipe = launch(SERVER), output_pipe()
+def test_a_daemon_that_got_descriptors_back_takes_events_again(launch_on_bus, output_pipe):
+    daemon, pipe = launch_on_bus(SERVER), output_pipe()
     leave_spare(daemon, 0)
     post(block("Door", number=1))
     daemon.log.wait_for("Error halvek: .")
@@ -168,10 +171,10 @@ def test_a_daemon_that_got_descriptors_back_takes_events_again(launch, output_pi
     assert len(pipe.items) == 1
 
 
-def test_an_event_pipe_behind_the_limit_of_select_counts_as_not_opened(launch, output_pipe):
+def test_an_event_pipe_behind_the_limit_of_select_counts_as_not_opened(launch_on_bus, output_pipe):
     pipe = output_pipe()
     # Only the descriptors below 10 are free; each reload takes one for the event pipe, until none is left.
-    daemon = launch(SERVER | timer(1, 3600), prefix=holding(10))
+    daemon = launch_on_bus(SERVER | timer(1, 3600), prefix=holding(10))
     failed = "Error kelto.osa: .*Unable to open FIFO for reading"
     assert not daemon.log.matching(failed)
     pipe.wait_for_event("Timer")  # a reload right after the start may come before the first tick
