@@ -16,6 +16,7 @@ LOSES_SIGNALS = "HALVEK_TEST_LOST_SIGNALS" in os.environ
 DEFAULT_INPUT = Path("/var/run/halvek.pipe")
 STAMPS = {"Timestamp", "FormattedTime"}
 CONFIGURED = "Done starting sources"
+LIMITS = Path(__file__).resolve().parents[2] / "docs/limits.md"
 SANITIZER_REPORT = r"(Address|Leak|Thread|UndefinedBehavior)Sanitizer|runtime error:"
 
 Settings = dict[str, dict[str, object]]
@@ -97,6 +98,11 @@ def record_time(line: str) -> float:
     """The local time of a log record, in seconds; only differences mean something."""
     stamp, millis = re.match(r"([-\dT:]{19})\.(\d{3}) ", line).groups()
     return time.mktime(time.strptime(stamp, "%Y-%m-%dT%H:%M:%S")) + int(millis) / 1000
+
+
+def always_open() -> int:
+    """How many descriptors, as the document's sum has it; its other summands are letters."""
+    return sum(int(number) for number in re.findall(r"^[+ ] (\d+)   ", LIMITS.read_text(), re.MULTILINE))
 
 
 def assert_paced(ticks: list[float], seconds: float) -> None:

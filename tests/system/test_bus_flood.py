@@ -12,7 +12,7 @@ pytest_plugins = ["camera_fixtures"]
 
 FLOOD = 10_000
 QUEUE = 1024
-NOTICEABLE = 3.0  # seconds
+NOTICEABLE = 1.5  # seconds
 PATIENCE = 120.0  # seconds, for a sanitizer to see through ten thousand alerts
 
 

@@ -12,7 +12,7 @@ pytest_plugins = ["camera_fixtures"]
 
 SLOW, LIMIT = 3.0, 5.0  # seconds: the virtual camera's slow answer, and what a caller waits for at most
 LATE = 4.0  # seconds that a loaded machine may be late; less than another call would take
-NOTICEABLE = 2.5  # seconds; less than what a slow service takes, many times the beat
+NOTICEABLE = 1.5  # seconds; half of what a slow service takes, fifteen times the beat
 TIMED_OUT = r"org\.freedesktop\.DBus\.Error\.(NoReply|Timeout): "
 
 

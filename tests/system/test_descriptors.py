@@ -6,20 +6,17 @@ On a bus, where there is one: a daemon without looks for it, which takes a descr
 import fcntl
 import itertools
 import os
-import re
 import subprocess
-from pathlib import Path
 
 import pytest
 from bus import LOCAL
 from daemon_on_bus import ids
 from daemon_process import PIPE_FOLDER
-from harness import SERVER, Daemon, block, handler, post, server, source, timer, wait_until
+from harness import SERVER, Daemon, always_open, block, handler, post, server, source, timer, wait_until
 from scripted_service import ScriptedService
 
 pytest_plugins = ["camera_fixtures"]
 
-LIMITS = Path(__file__).resolve().parents[2] / "docs/limits.md"
 RELOADS = 40
 SELECT_LIMIT = 1024
 PIPE_SIZE = 4096
@@ -40,11 +37,6 @@ def leave_spare(daemon: Daemon, count: int) -> None:
     used = {int(name) for name in os.listdir(f"/proc/{daemon.pid}/fd")}
     free = (number for number in itertools.count() if number not in used)
     limit(daemon, next(itertools.islice(free, count, None)))
-
-
-def always_open() -> int:
-    """What is always open, as the document's sum has it; its other summands are letters."""
-    return sum(int(number) for number in re.findall(r"^[+ ] (\d+)   ", LIMITS.read_text(), re.M))
 
 
 def wait_for_descriptors(daemon: Daemon, count: int) -> None:

@@ -4,7 +4,9 @@ import os
 import shutil
 import signal
 import time
+from itertools import pairwise
 from pathlib import Path
+from statistics import median
 
 import pytest
 from daemon_on_bus import alarm
@@ -321,6 +323,9 @@ def test_an_upload_that_hangs_delays_only_its_own_source(hang, server, hanging):
         for event_type in others:
             hang.trigger(event_type, number)
             hang.pipe.wait_for_event(event_type, count=number, patience=4)
+    if "Timer" in others:
+        ticks = [hang.pipe.time_of(i) for i, event in enumerate(hang.pipe.items) if event.type == "Timer"]
+        assert median(later - earlier for earlier, later in pairwise(ticks)) < 1.5
     # What listens to all of the event server's events gets a posted one before the handlers of its type.
     passed_on = 1 if hanging == "Door" else 0
     assert len(hang.pipe.of_type(hanging)) == passed_on
