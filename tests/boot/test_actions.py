@@ -61,6 +61,12 @@ def test_a_member_of_the_posting_group_posts_from_the_shell(consumer: Consumer):
     assert consumer.wait_for_event("Bell").properties["button"] == "2"
 
 
+def test_a_member_of_the_posting_group_cannot_read_what_others_post(service: None):
+    for redirection in ("<", "<>"):
+        reading = run_as("poster", "halvek-post", command=f"timeout 5 cat {redirection} {EVENT_PIPE}")
+        assert "Permission denied" in reading.stderr
+
+
 def test_a_stranger_may_neither_post_nor_listen(service: None):
     assert "Permission denied" in run_as("stranger", command=f"echo . > {EVENT_PIPE}").stderr
     assert "Permission denied" in run_as("stranger", command=f"cat {EVENT_PIPE}").stderr

@@ -181,9 +181,9 @@ def kind_mode_and_owner(path: Path) -> tuple[int, int, tuple[int, int]]:
     return stat.S_IFMT(found.st_mode), stat.S_IMODE(found.st_mode), (found.st_uid, found.st_gid)
 
 
-def test_the_event_pipe_is_for_the_daemon_and_those_who_may_post(root):
+def test_the_event_pipe_is_read_by_the_daemon_alone_and_written_by_those_who_may_post(root):
     ids = make_folders(root, "halvek")
-    assert kind_mode_and_owner(root / "run/halvek.pipe") == (stat.S_IFIFO, 0o660, ids["halvek-post"])
+    assert kind_mode_and_owner(root / "run/halvek.pipe") == (stat.S_IFIFO, 0o620, ids["halvek-post"])
 
 
 def test_the_folder_of_pipes_is_for_those_who_may_listen(root):
