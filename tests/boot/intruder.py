@@ -51,8 +51,6 @@ def write_code() -> None:
 
 ATTEMPTS: dict[str, Callable[[], object]] = {
     **{f"write to {folder}": lambda folder=folder: write_to(folder) for folder in FOLDERS},
-    "read /home": lambda: Path("/home/open/secret").read_text(),
-    "list /home": lambda: os.listdir("/home"),
     "become root": become_root,
     "make a set-user-id program": make_set_user_id_program,
     "make a user namespace": lambda: system_call(libc.unshare, CLONE_NEWUSER),

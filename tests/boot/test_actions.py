@@ -67,6 +67,28 @@ def test_a_member_of_the_posting_group_cannot_read_what_others_post(service: Non
         assert "Permission denied" in reading.stderr
 
 
+def test_an_ordinary_file_among_the_pipes_is_written_to_and_holds_up_none_behind_it(consumer: Consumer):
+    file = Path("/run/halvek/ordinary.halvek.any")
+    run("sh", "-c", f"umask 022; : > {file}")
+    journal = Journal()
+    open_door()
+    consumer.wait_for_event("Door")
+    assert file.read_text().startswith("[Door]\n") and file.read_text().endswith("\n.\n")
+    assert not journal.matching("FIFO open() failed")
+    file.unlink()
+
+
+@pytest.mark.parametrize("go", ["mv /run/halvek /run/halvek.old", "rm -r /run/halvek"])
+def test_a_folder_of_pipes_that_is_made_anew_is_seen(service: None, go: str):
+    run("sh", "-c", go)
+    run("systemd-tmpfiles", "--create", "halvek.conf")
+    consumer = Consumer()
+    open_door()
+    consumer.wait_for_event("Door")
+    consumer.close()
+    run("rm", "-rf", "/run/halvek.old")
+
+
 def test_a_stranger_may_neither_post_nor_listen(service: None):
     assert "Permission denied" in run_as("stranger", command=f"echo . > {EVENT_PIPE}").stderr
     assert "Permission denied" in run_as("stranger", command=f"cat {EVENT_PIPE}").stderr
@@ -202,6 +224,18 @@ def test_the_snapshot_is_uploaded(camera: None, ftp: FtpServer):
     configure(on_door(uploading()))
     open_door()
     assert_picture(ftp.wait_for_file("/door.jpg"))
+
+
+def test_a_folder_of_the_server_below_home_is_found_on_the_camera(camera: None, ftp: FtpServer):
+    """Its owner may keep what is in it to himself."""
+    folder = Path("/home/camera7")
+    folder.mkdir(mode=0o700)
+    (ftp.folder / "home/camera7").mkdir(parents=True)
+    journal = Journal()
+    configure(on_door(uploading(BasePath=folder)))
+    assert not journal.matching("No destination path found")
+    open_door()
+    assert_picture(ftp.wait_for_file("/home/camera7/door.jpg"))
 
 
 def test_a_stop_ends_a_hung_upload(camera: None, ftp: FtpServer):

@@ -7,11 +7,12 @@ from pathlib import Path
 import intruder
 import pytest
 from harness import wait_until
-from machine import SNAPSHOT, USER, Journal, configure, main_pid, on_door, open_door, run_as
+from machine import SNAPSHOT, UNIT, USER, Journal, configure, main_pid, on_door, open_door, run, run_as
 
 PROGRAM = Path("/usr/local/bin/intruder")
 REPORTS = Path("/tmp/intruder")
 ID_OF_ROOT = Path("/usr/local/bin/id-of-root")
+DROP_IN = Path("/etc/systemd/system/halvek.service.d/boot-test.conf")
 
 
 @pytest.fixture(scope="module", autouse=True)
@@ -20,7 +21,6 @@ def open_places() -> None:
     for folder in (*intruder.FOLDERS, REPORTS):
         Path(folder).mkdir()
         Path(folder).chmod(0o777)
-    Path("/home/open/secret").write_text("secret")
     shutil.copy("/usr/bin/id", ID_OF_ROOT)
     ID_OF_ROOT.chmod(0o4755)
     shutil.copy(intruder.__file__, PROGRAM)
@@ -62,20 +62,43 @@ def test_the_folder_handler_saves_nothing_to(folder: str, camera: None):
     configure(on_door(("Folder", {"DestinationPath": folder, "DestName": "door.jpg", "Attachment": "true"})))
     journal = Journal()
     open_door()
-    journal.wait_for("Illegal file name or path" if folder.startswith("/home") else "Read-only file system")
-    assert [path.name for path in Path(folder).iterdir() if path.name != "secret"] == []
+    journal.wait_for("Read-only file system")
+    assert list(Path(folder).iterdir()) == []
 
 
-def test_the_folder_handler_reads_nothing_below_home(camera: None):
-    shutil.copy(SNAPSHOT, "/home/open/img.jpg")
-    settings = on_door(("Folder", {"DestinationPath": "/tmp", "DestName": "stolen.jpg", "Attachment": "true"}))
-    settings["Video/Quickview"] = {"SnapshotPath": "/home/open/img.jpg"}
+def test_a_snapshot_below_home_is_read_unless_its_owner_keeps_it_to_himself(camera: None):
+    folder, saved = Path("/home/open"), Path("/tmp/from-home.jpg")
+    shutil.copy(SNAPSHOT, folder / "img.jpg")
+    settings = on_door(("Folder", {"DestinationPath": "/tmp", "DestName": saved.name, "Attachment": "true"}))
+    settings["Video/Quickview"] = {"SnapshotPath": folder / "img.jpg"}
     configure(settings)
+    open_door()
+    wait_until(saved.exists, "the snapshot")
+    saved.unlink()
+    folder.chmod(0o700)
     journal = Journal()
     open_door()
     journal.wait_for("Illegal file name or path")
-    assert not Path("/tmp/stolen.jpg").exists()
-    Path("/home/open/img.jpg").unlink()
+    assert not saved.exists()
+    (folder / "img.jpg").unlink()
+
+
+def test_a_drop_in_opens_a_folder_below_home(camera: None):
+    folder = Path("/home/saved")
+    folder.mkdir()
+    run("chown", USER, folder)
+    DROP_IN.parent.mkdir(exist_ok=True)
+    DROP_IN.write_text(f"[Service]\nReadWritePaths={folder}\n")
+    try:
+        run("systemctl", "daemon-reload")
+        run("systemctl", "restart", UNIT)
+        configure(on_door(("Folder", {"DestinationPath": folder, "DestName": "door.jpg", "Attachment": "true"})))
+        open_door()
+        wait_until((folder / "door.jpg").exists, "the snapshot")
+    finally:
+        DROP_IN.unlink()
+        run("systemctl", "daemon-reload")
+        run("systemctl", "restart", UNIT)
 
 
 def test_the_daemon_has_survived_all_of_it(camera: None):

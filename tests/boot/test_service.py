@@ -113,3 +113,8 @@ def test_the_limit_of_descriptors_is_what_select_can_take(service: None):
     limits = Path(f"/proc/{main_pid()}/limits").read_text()
     (line,) = (line for line in limits.splitlines() if line.startswith("Max open files"))
     assert line.split()[3:5] == ["1024", "1024"]
+
+
+def test_the_memory_of_the_daemon_and_its_commands_is_limited_and_a_command_that_exceeds_it_ends_alone():
+    assert show("MemoryMax") == str(256 * 1024 * 1024)
+    assert show("OOMPolicy") == "continue"

@@ -1,7 +1,9 @@
 """What the mail handler costs in memory. Left out of sanitizer builds, whose memory is their own."""
 
 import os
+import re
 from collections.abc import Callable
+from pathlib import Path
 
 import pytest
 from daemon_process import DaemonProcess
@@ -15,6 +17,8 @@ pytest_plugins = ["mail_fixtures"]
 ALLOWED_ABOVE_BARE = (5.5 - 3.9) * 1024  # KiB
 MAILS = 300
 WINDOW = 50
+LARGEST = 16 * 1024 * 1024
+UNIT = Path(__file__).resolve().parents[2] / "packaging/halvek.service"
 ALLOWED_GROWTH = 512  # KiB
 
 
@@ -72,3 +76,17 @@ def test_mails_leave_the_resident_memory_flat(launch_mailing, sink, output_pipe,
     settled, at_last = min(resident[WINDOW : 2 * WINDOW]), min(resident[-WINDOW:])
     print(f"resident: {settled} KiB after {2 * WINDOW} mails, {at_last - settled} KiB more after {MAILS}")
     assert at_last - settled <= ALLOWED_GROWTH
+
+
+def test_the_service_has_room_for_two_of_the_largest_mails_at_a_time(launch_mailing, sink, tmp_path):
+    picture = tmp_path / "img2.jpg"
+    picture.write_bytes(bytes(LARGEST))
+    daemon = launch_mailing(DOOR | snapshot(picture) | mail_handler(Attachment="true"))
+    post(block("Door"))
+    (mail,) = sink.wait_for(1)
+    (attached,) = mail.message.iter_attachments()
+    assert len(attached.get_content()) == LARGEST
+    peak = int(re.search(r"VmHWM:\s+(\d+) kB", Path(f"/proc/{daemon.pid}/status").read_text())[1])
+    allowed = int(re.search(r"^MemoryMax=(\d+)M$", UNIT.read_text(), re.M)[1]) * 1024
+    print(f"resident at most: {peak} KiB; the service may use {allowed} KiB")
+    assert 2 * peak < allowed

@@ -30,6 +30,8 @@ PROMISES = {
         "KillMode": ["control-group"],
         "TimeoutStopSec": ["90s"],
         "LimitNOFILE": ["1024"],
+        "MemoryMax": ["256M"],
+        "OOMPolicy": ["continue"],
         "IgnoreSIGPIPE": ["no"],
         "User": ["halvek"],
         "Group": ["halvek"],
@@ -37,10 +39,10 @@ PROMISES = {
         "EnvironmentFile": ["-/etc/default/halvek"],
         "ProtectSystem": ["strict"],
         "ReadOnlyPaths": ["/run"],
-        "ReadWritePaths": ["-/media -/tmp"],
+        "ReadWritePaths": ["-/media -/tmp -/run/halvek"],
         "MountFlags": ["slave"],
         "PrivateTmp": ["no"],
-        "ProtectHome": ["yes"],
+        "ProtectHome": ["read-only"],
         "NoNewPrivileges": ["yes"],
         "CapabilityBoundingSet": [""],
         "RestrictAddressFamilies": ["AF_UNIX AF_INET AF_INET6"],
@@ -163,17 +165,24 @@ def test_the_users_are_made(root):
 
 def make_folders(root: Path, unit: str) -> dict[str, tuple[int, int]]:
     """Returns user and group of what was made, by name. An ordinary user has no ids to give away: all are its own then."""
+    said = create(root, PACKAGING / f"{unit}.tmpfiles")
+    assert said == ""
+    users, groups = accounts(root)
+    return {name: (int(users[unit][2]), int(groups[name][2])) for name in groups}
+
+
+def create(root: Path, *files: Path) -> str:
+    """Has these files applied, or those that are installed in the root; returns what was said of them."""
     if not HAS_USERS:
         for name in ("passwd", "group"):
             accounts_file = root / "etc" / name
             accounts_file.write_text(re.sub(r"(?<=:)\d+(?=:)", "0", accounts_file.read_text()))
     # Names in access control lists are looked up outside the root.
     script = 'for f in passwd group; do mount -n --bind "$0/etc/$f" "/etc/$f" || exit; done; exec "$@"'
-    tmpfiles = ["systemd-tmpfiles", f"--root={root}", "--create", PACKAGING / f"{unit}.tmpfiles"]
+    tmpfiles = ["systemd-tmpfiles", f"--root={root}", "--create", *files]
     result = run("unshare", "-m", "sh", "-c", script, root, *tmpfiles)
-    assert (result.returncode, result.stderr) == (0, "")
-    users, groups = accounts(root)
-    return {name: (int(users[unit][2]), int(groups[name][2])) for name in groups}
+    assert result.returncode == 0, result.stderr
+    return result.stderr
 
 
 def kind_mode_and_owner(path: Path) -> tuple[int, int, tuple[int, int]]:
@@ -204,6 +213,40 @@ def test_whoever_makes_an_output_pipe_the_daemon_can_write_to_it(root, umask):
 def test_the_folder_of_the_snapshot_is_the_virtual_cameras(root):
     ids = make_folders(root, "kelto-vcam")
     assert kind_mode_and_owner(root / "tmp/snapshot") == (stat.S_IFDIR, 0o755, ids["kelto-vcam"])
+
+
+def owner_after_boot(root: Path, **lines: str) -> tuple[int, int, tuple[int, int]]:
+    """Of the folder of the snapshot, with the daemon's files installed, and others by their names."""
+    installed = root / "usr/lib/tmpfiles.d"
+    installed.mkdir(parents=True)
+    renamed = re.findall(r"install\(FILES (\S+\.tmpfiles) .* RENAME (\S+)\)", (PACKAGING / "CMakeLists.txt").read_text())
+    own = {"halvek.conf": "halvek.tmpfiles"} | {name: file for file, name in renamed if "$" not in name}
+    assert len(own) == 2
+    for name, file in own.items():
+        (installed / name).write_text((PACKAGING / file).read_text())
+    for name, text in lines.items():
+        (installed / f"{name}.conf").write_text(text)
+    create(root)
+    return kind_mode_and_owner(root / "tmp/snapshot")
+
+
+def test_without_a_camera_the_folder_of_the_snapshot_is_roots(root):
+    assert owner_after_boot(root) == (stat.S_IFDIR, 0o755, (os.getuid(), os.getgid()))
+
+
+def test_a_cameras_own_line_for_the_folder_of_the_snapshot_counts(root):
+    kind, mode, _ = owner_after_boot(root, zoom="d /tmp/snapshot 0775 halvek halvek-post -\n")
+    assert (kind, mode) == (stat.S_IFDIR, 0o775)
+
+
+def test_a_folder_of_the_snapshot_that_is_there_stays_its_owners(root):
+    folder = root / "tmp/snapshot"
+    folder.mkdir(parents=True)
+    folder.chmod(0o700)
+    if HAS_USERS:
+        os.chown(folder, 123, 123)
+    before = kind_mode_and_owner(folder)
+    assert owner_after_boot(root) == before
 
 
 @pytest.mark.parametrize("unit", UNITS)
