@@ -2,9 +2,10 @@
 
 import os
 import time
+from pathlib import Path
 
 import pytest
-from harness import SERVER, block, post, server, unstamped
+from harness import SERVER, block, post, server, unstamped, wait_until
 
 LAST = ("Last", {"eventId": "Last"})
 
@@ -130,3 +131,23 @@ def test_a_pipe_that_is_there_already_is_used_and_outlives_the_daemon(launch, ou
     pipe.wait_for_event("Door")
     assert daemon.stop() == 0
     assert path.is_fifo() and path.stat().st_mode & 0o7777 == 0o600
+
+
+def test_a_pipe_that_was_made_anew_is_not_read_until_a_reload(launch, output_pipe, tmp_path):
+    path = tmp_path / "given.pipe"
+    os.mkfifo(path, 0o600)
+    daemon, pipe = launch(server(path)), output_pipe()
+    post(block("Door"), path)
+    pipe.wait_for_event("Door")
+    path.unlink()
+    os.mkfifo(path, 0o600)
+    with pytest.raises(OSError, match="No such device or address"):  # nobody reads it
+        post(block("Window"), path)
+    daemon.reload()
+    wait_until(lambda: str(path) in open_paths(daemon.pid), "the new pipe is open")
+    post(block("Window"), path)
+    pipe.wait_for_event("Window")
+
+
+def open_paths(pid: int) -> list[str]:
+    return [os.readlink(link) for link in Path(f"/proc/{pid}/fd").iterdir()]

@@ -95,6 +95,16 @@ def test_every_event_uploads_the_snapshot_of_its_moment(start, server, snapshot)
     assert len(server.received) == 3
 
 
+def test_a_link_in_the_snapshots_place_is_followed_at_each_upload(start, server, snapshot):
+    daemon = start(DOOR | ftp(1))
+    for count, name in enumerate(("one", "two"), 1):
+        snapshot.with_name(name).write_text(name)
+        snapshot.unlink()
+        snapshot.symlink_to(name)
+        ring(daemon)
+        assert server.wait_for_file("/shot.jpg", count) == name.encode()
+
+
 def test_any_source_may_upload(start, bus, server, snapshot):
     settings = timer(1, 3600) | alarm(2, 0) | {"Events/Source#3": {"Type": "Door"}}
     for number in (1, 2, 3):

@@ -49,6 +49,30 @@ def test_a_motion_without_a_region_reaches_the_handler_of_all_motion(copies):
     assert copies(settings, block("MotionDetection"), "MotionDetection") == 2
 
 
+ALARM: dict = {"Events/Source#1": {"Type": "Alarm"}}
+
+
+def test_a_posted_alarm_triggers_no_handler_of_an_alarm_source_that_is_there(copies):
+    settings = ALARM | {"Events/Source#1/Alarm": {"BankName": "Local"}} | handler(1, "Events/Source#1")
+    assert copies(settings, block("Alarm", alarmBank="Local"), "Alarm") == 1
+
+
+def test_a_posted_alarm_triggers_a_handler_whose_alarm_source_failed_to_load(copies):
+    """It has to ask for a bank here, and there is no bus."""
+    assert copies(ALARM | handler(1, "Events/Source#1"), block("Alarm", alarmBank="Local"), "Alarm") == 2
+    assert copies.daemon.log.matching("Error LoadSources: ")
+
+
+def test_what_was_posted_has_an_id_whatever_it_claims_to_be_and_an_own_event_has_none(launch, output_pipe):
+    pipe = output_pipe()
+    launch(SERVER | timer(1, 3600))
+    own = pipe.wait_for_event("Timer")
+    post(block("Timer", eventId=""))
+    posted = pipe.wait_for_event("Timer", count=2)
+    assert "eventId" not in own.properties
+    assert posted.properties["eventId"] == "Timer"
+
+
 def test_a_source_that_is_named_twice_counts_twice(copies):
     assert copies(DOOR | handler(1, "Events/Source#1", "Events/Source#1"), block("Door")) == 3
 

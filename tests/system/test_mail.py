@@ -267,3 +267,16 @@ def test_a_mail_program_that_hangs_delays_only_its_own_source(launch, output_pip
     go.write_text("\n")
     pipe.wait_for_event("Window")
     assert b"Subject: Alarm" in (tmp_path / "mail").read_bytes()
+
+
+def test_a_link_in_the_snapshots_place_is_followed_at_each_mail(launch_mailing, sink, tmp_path):
+    link = tmp_path / "img2.jpg"
+    daemon = launch_mailing(DOOR | snapshot(link) | mail_handler(Attachment="true"))
+    for number, name in enumerate(("one", "two"), 1):
+        (tmp_path / name).write_text(name)
+        link.unlink(missing_ok=True)
+        link.symlink_to(name)
+        post(block("Door"))
+        (attached,) = sink.wait_for(number)[-1].message.iter_attachments()
+        assert attached.get_content() == name.encode()
+    assert daemon.stop() == 0

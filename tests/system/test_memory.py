@@ -1,10 +1,15 @@
 """What a long life of reloads costs in memory. Left out of sanitizer builds, whose memory is their own."""
 
-from harness import block, handler, post, server, timer
+import re
+import subprocess
+from pathlib import Path
+
+from harness import SERVER, Daemon, block, handler, post, server, timer
 
 RELOADS = 1000
 SETTLED_AFTER = 50
 ALLOWED_GROWTH = 512  # KiB
+ROOM_FOR_ONE_THREAD = 1_500_000  # bytes; each has a stack of 1 MiB
 TYPES = ["Door", "Window", "Roof", "Gate"]
 
 
@@ -28,3 +33,23 @@ def test_a_thousand_reloads_leave_the_resident_memory_flat(launch, output_pipe, 
     growth = daemon.resident_kib() - settled
     print(f"resident: {settled} KiB after {SETTLED_AFTER} reloads, {growth} KiB more after {RELOADS}")
     assert growth <= ALLOWED_GROWTH
+
+
+def limit_memory(daemon: Daemon, limit: object) -> None:
+    subprocess.run(["prlimit", f"--as={limit}:", f"--pid={daemon.pid}"], check=True)
+
+
+def test_a_thread_that_cannot_be_started_leaves_the_sources_behind_it_silent_until_a_reload(launch, output_pipe):
+    pipe = output_pipe()
+    daemon = launch(SERVER)
+    mapped = int(re.search(r"VmSize:\s+(\d+) kB", Path(f"/proc/{daemon.pid}/status").read_text())[1]) * 1024
+    limit_memory(daemon, mapped + ROOM_FOR_ONE_THREAD)
+    daemon.write_settings(SERVER | timer(1, 3600) | timer(2, 3600) | timer(3, 3600))
+    daemon.reload(until="Error reloading, invalid configuration: Thread TimerEventSource cannot be started")
+    pipe.wait_for_event("Timer")
+    post(block("Door"))
+    pipe.wait_for_event("Door")
+    assert len(pipe.of_type("Timer")) == 1
+    limit_memory(daemon, "unlimited")
+    daemon.reload()
+    pipe.wait_for_event("Timer", count=4)
