@@ -1,11 +1,13 @@
 """The unit: when it counts as started, what a reload, a stop and a crash do."""
 
+import fcntl
 import os
+import re
 import signal
 from pathlib import Path
 
 import pytest
-from harness import SettingsPipe, ini_text, timer, wait_until
+from harness import LIMITS, SettingsPipe, ini_text, timer, wait_until
 from machine import (
     ENVIRONMENT,
     EVENT_PIPE,
@@ -113,6 +115,28 @@ def test_the_limit_of_descriptors_is_what_select_can_take(service: None):
     limits = Path(f"/proc/{main_pid()}/limits").read_text()
     (line,) = (line for line in limits.splitlines() if line.startswith("Max open files"))
     assert line.split()[3:5] == ["1024", "1024"]
+
+
+def test_the_commands_of_the_documents_show_who_uses_up_the_descriptors(service: None, consumer: Consumer):
+    commands = re.search(r"^```sh\n(pid=.*?)^```", LIMITS.read_text(), re.M | re.S)[1]
+    unread = consumer.path.with_name("unread.halvek.any")  # behind the consumer's
+    os.mkfifo(unread)
+    descriptor = os.open(unread, os.O_RDWR | os.O_NONBLOCK)
+    size = fcntl.fcntl(descriptor, fcntl.F_SETPIPE_SZ, 4096)
+    os.write(descriptor, bytes(size))
+    journal = Journal()
+    for _ in range(3):
+        post("Bell")
+    journal.wait_for("FIFO Write failed", count=3)
+    count, limit, *pipes, failed = run("sh", "-ec", commands).splitlines()
+    assert 3 < int(count) < int(limit) == 1024
+    held = {path: int(times) for times, path in (line.split() for line in pipes)}
+    assert held.pop(str(EVENT_PIPE)) >= 1
+    assert held == {str(unread.resolve()): 3}
+    assert int(failed) >= 3
+    os.close(descriptor)
+    unread.unlink()
+    run("systemctl", "restart", UNIT)
 
 
 def test_the_memory_of_the_daemon_and_its_commands_is_limited_and_a_command_that_exceeds_it_ends_alone():

@@ -442,6 +442,13 @@ def test_a_page_is_installed_with_its_program(page):
     assert re.search(rf"docs/{re.escape(page)}\b", rules), f"no install rule names docs/{page}"
 
 
+def test_the_package_has_the_pages_that_the_readme_lists_but_for_those_of_the_source():
+    listed = set(re.findall(r"\]\(([^)]+)\)", (ROOT / "README.md").read_text().partition("## Read on\n")[2]))
+    packaged = set((ROOT / "debian/halvek.docs").read_text().split())
+    assert listed - packaged == {"CONTRIBUTING.md", "LICENSE"}
+    assert packaged - listed == {"README.md", "docs/services.md"}  # the text above the list names it
+
+
 def displays(page: str, section: str) -> list[str]:
     """The literal displays of a section, as a reader would copy them."""
     text = (ROOT / "docs" / page).read_text().partition(f"\n.Sh {section}\n")[2].partition("\n.Sh ")[0]
