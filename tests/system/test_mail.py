@@ -1,14 +1,16 @@
 """Mails on their whole way: an event, the daemon, the real mail program, a real server, an independent parser."""
 
+import os
 import random
 import re
 import socket
+import subprocess
 import time
 from email.utils import parsedate_to_datetime
 
 import pytest
 from daemon_on_bus import alert
-from harness import block, handler, post, source, timer
+from harness import block, handler, post, source, timer, wait_until
 from mailing import DOOR, SENT, encoded, mail_handler, maps_the_mail_library, snapshot, stand_in
 from scripted_service import ALERT, ALERT_INTERFACE, ALERT_PATH, ALERT_SIGNATURE
 
@@ -280,3 +282,27 @@ def test_a_link_in_the_snapshots_place_is_followed_at_each_mail(launch_mailing, 
         (attached,) = sink.wait_for(number)[-1].message.iter_attachments()
         assert attached.get_content() == name.encode()
     assert daemon.stop() == 0
+
+
+def limit_descriptors(daemon, limit: int) -> None:
+    subprocess.run(["prlimit", f"--nofile={limit}:", f"--pid={daemon.pid}"], check=True)
+
+
+def test_a_mail_program_that_cannot_be_started_costs_its_mail_without_a_record(launch, bus, mail_environment, sink):
+    """On a bus, so that nobody takes a descriptor for a moment to look for one."""
+    daemon = launch(DOOR | mail_handler(), environment=bus.environment | mail_environment)
+    post(block("Door"))
+    sink.wait_for(1)
+    in_order = range(len(os.listdir(f"/proc/{daemon.pid}/fd")))
+    wait_until(lambda: sorted(map(int, os.listdir(f"/proc/{daemon.pid}/fd"))) == list(in_order), "nothing is open above")
+    limit_descriptors(daemon, len(in_order))
+    before = len(daemon.log.items)
+    post(block("Door"))
+    daemon.log.wait_for(SENT, after=before)
+    post(block("Door", again=1))
+    daemon.log.wait_for(SENT, after=before, count=2)
+    trouble = daemon.log.matching(" (?:Warning|Error) ", after=before)
+    assert [line for line in trouble if not line.endswith("Cannot list /var/run/halvek: Too many open files")] == []
+    limit_descriptors(daemon, 100)
+    post(block("Door"))
+    assert len(sink.wait_for(2)) == 2
