@@ -1,0 +1,278 @@
+"""What the daemon is asked to do while a call of it fails, and how to tell whether it has done it."""
+
+import time
+from collections import Counter
+from collections.abc import Callable
+
+from scene import EVENT_PIPE_THREAD, HANG, PICTURE, Scene
+
+OFTEN = 0.003  # seconds
+SOON = 0.1  # seconds; what comes over the bus is there before, mostly
+REPEAT = 0.5  # seconds
+FOREVER_AWAY = 12.0  # seconds: a bus that was lost is found again within 10
+
+# What can be lost; the book says so in these words.
+BLOCK = "the block for the output pipes"
+ACTION = "the action"
+EVENT = "the event"
+CUT = "the event comes out in pieces"
+TWICE = "it is done twice"
+
+
+def wait_for(condition: Callable[[], object], patience: float) -> bool:
+    deadline = time.monotonic() + patience
+    while not condition():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(OFTEN)
+    return True
+
+
+class Action:
+    """One thing that the daemon does. A trigger's token tells it from every other one."""
+
+    name = ""
+    thread = ""  # the one whose calls fail
+
+    def prepare(self, scene: Scene) -> None:
+        """Before each trigger."""
+
+    def trigger(self, scene: Scene) -> object:
+        raise NotImplementedError
+
+    def lost(self, scene: Scene, token: object) -> set[str]:
+        """What of it has not come about by now; settled actions only."""
+        raise NotImplementedError
+
+    def settle(self, scene: Scene, token: object) -> bool:
+        """Waits until nothing more comes of it; false if the daemon does not get that far."""
+        raise NotImplementedError
+
+    def has_ended(self, scene: Scene) -> bool:
+        """Whether its thread is not there any more."""
+        return bool(self.thread) and self.thread not in scene.daemon.thread_names()
+
+
+class Posting(Action):
+    """An event on the event pipe, with no handler but the one that forwards it."""
+
+    name = "a posted event"
+    thread = EVENT_PIPE_THREAD
+    kind = "Plain"
+
+    def __init__(self) -> None:
+        self._from = 0
+
+    def trigger(self, scene: Scene) -> int:
+        self._from = len(scene.pipe.items)
+        return scene.post(self.kind)
+
+    def lost(self, scene: Scene, token: object) -> set[str]:
+        came = scene.events("number", token, self._from)
+        pieces = [event for event in scene.pipe.items[self._from :] if event.type == self.kind]
+        whole = [event for event in pieces if event.properties.get("text") == "x" * 100]
+        if came == 1 and len(whole) == len(pieces) == 1:
+            return set()
+        return {TWICE} if len(whole) > 1 else {CUT} if pieces else {BLOCK}
+
+    def settle(self, scene: Scene, token: object) -> bool:
+        return scene.wait_for_mark()
+
+
+class Handling(Posting):
+    """An event of the type that a handler listens to."""
+
+    def lost(self, scene: Scene, token: object) -> set[str]:
+        lost = super().lost(scene, token)
+        # Each piece is an event, with what belongs to it.
+        return lost if CUT in lost else lost | self.not_done(scene, token)
+
+    def not_done(self, scene: Scene, token: object) -> set[str]:
+        times = self.times_done(scene, token)
+        return set() if times == 1 else {TWICE} if times > 1 else {ACTION}
+
+    def times_done(self, scene: Scene, token: object) -> int:
+        raise NotImplementedError
+
+
+class Ordering(Handling):
+    """What ends in an order to the camera."""
+
+    order = ""
+    arguments = ""
+
+    def prepare(self, scene: Scene) -> None:
+        scene.camera.clear_actions()
+
+    def times_done(self, scene: Scene, token: object) -> int:
+        return sum(action.arguments.startswith(self.arguments) for action in scene.camera.actions(self.order))
+
+
+class Relay(Ordering):
+    name, kind, order = "a relay is switched", "Relay", "RelayV3.Activate"
+
+
+class Preset(Ordering):
+    name, kind, order, arguments = "the head is sent to a preset", "Preset", "PresetsV2.GoTo", "5"
+
+    def prepare(self, scene: Scene) -> None:
+        scene.camera.go_to("1")
+        super().prepare(scene)
+
+
+class Tour(Ordering):
+    name, kind, order = "a tour is started", "Tour", "Tour.Start"
+
+
+class Folder(Handling):
+    name, kind = "a snapshot is saved", "Folder"
+
+    def prepare(self, scene: Scene) -> None:
+        scene.lay_out_card()
+
+    def not_done(self, scene: Scene, token: object) -> set[str]:
+        files = scene.files_on_card()
+        lost = set() if files.get("new.jpg") == PICTURE else {"half a snapshot" if "new.jpg" in files else ACTION}
+        if "kept.jpg" not in files:
+            lost.add("a file that was to stay")
+        return lost | {"a file is left behind" for name in files if name.startswith(".")}
+
+
+class Ftp(Handling):
+    name, kind = "a snapshot is uploaded", "Ftp"
+
+    def prepare(self, scene: Scene) -> None:
+        self._before = len(scene.ftp.received)
+
+    def times_done(self, scene: Scene, token: object) -> int:
+        if wait_for(lambda: len(scene.ftp.received) > self._before, 0.1):
+            assert scene.ftp.content("/up.jpg") == PICTURE
+        return len(scene.ftp.received) - self._before
+
+
+class Email(Handling):
+    name, kind = "a mail is sent", "Email"
+
+    def prepare(self, scene: Scene) -> None:
+        self._before = len(scene.sink.mails)
+
+    def not_done(self, scene: Scene, token: object) -> set[str]:
+        mails = scene.sink.mails[self._before :]
+        if len(mails) != 1:
+            return {TWICE} if mails else {ACTION}
+        contents = [part.get_content() for part in mails[0].message.iter_parts()]
+        texts = [content for content in contents if isinstance(content, str)]
+        lost = set() if PICTURE in contents else {"the attachment"}
+        if len(texts) != 2 or not texts[0].startswith("Alarm") or f"number = {token}" not in texts[1].splitlines():
+            lost.add("a part of the mail")
+        return lost
+
+
+class Signalled(Action):
+    """What comes over the bus or by the clock. A fault may cost the connection, so it is asked for until it comes."""
+
+    def settle(self, scene: Scene, token: object) -> bool:
+        if wait_for(lambda: not self.lost(scene, token), SOON):
+            return True
+        deadline = time.monotonic() + FOREVER_AWAY
+        while scene.is_alive() and time.monotonic() < deadline and not self.has_ended(scene):
+            self.prepare(scene)
+            if wait_for(lambda new=self.trigger(scene): not self.lost(scene, new), REPEAT):
+                return True
+        return False
+
+
+class Alarm(Signalled):
+    name, thread = "an alarm input changes", "MsgBusDelivery"
+
+    def trigger(self, scene: Scene) -> tuple[int, str]:
+        scene.alarm_state = not scene.alarm_state
+        after = len(scene.pipe.items)
+        scene.camera.set_alarm("Local", 1, scene.alarm_state)
+        return after, "1" if scene.alarm_state else "0"
+
+    def lost(self, scene: Scene, token: tuple[int, str]) -> set[str]:
+        after, state = token
+        times = scene.events("alarmState", state, after)
+        return set() if times == 1 else {TWICE} if times > 1 else {EVENT}
+
+
+class AlarmHeard(Alarm):
+    name, thread = "the bus tells of an alarm", "MsgBusListener"
+
+
+class Alert(Signalled):
+    """Two sources take it, each with a thread of its own."""
+
+    name, thread = "an alert of the analytics", "MsgBusDelivery"
+
+    def trigger(self, scene: Scene) -> int:
+        number = scene.next_number()
+        scene.camera.raise_alert(f"c{number}", "Human", "Line", "Gate", "", [(0.0, 0.5)], [], "video", "rtsp://x/1")
+        return number
+
+    def lost(self, scene: Scene, token: object) -> set[str]:
+        times = scene.events("source", f"c{token}", max(0, len(scene.pipe.items) - 50))
+        return set() if times == 2 else {TWICE} if times > 2 else {EVENT}
+
+
+class AlertHeard(Alert):
+    name, thread = "the bus tells of an alert", "MsgBusListener"
+
+
+class Tick(Signalled):
+    name, thread = "a timer's tick", "TimerEventSourc"
+
+    def trigger(self, scene: Scene) -> int:
+        after = len(scene.pipe.of_type("Timer"))
+        scene.faults.let_pass(3600)
+        return after
+
+    def lost(self, scene: Scene, token: int) -> set[str]:
+        times = len(scene.pipe.of_type("Timer")) - token
+        return set() if times == 1 else {TWICE} if times > 1 else {EVENT}
+
+
+class Park(Signalled):
+    name, thread = "the head comes to rest", "ParkEventSource"
+
+    def trigger(self, scene: Scene) -> int:
+        after = len(scene.pipe.of_type("Park"))
+        scene.camera.set_idle_state(1)
+        scene.camera.set_idle_state(0)
+        wait_for(lambda: False, 0.02)
+        scene.faults.let_pass(1.01)
+        wait_for(lambda: False, 0.02)
+        scene.faults.let_pass(1.01)
+        return after
+
+    def lost(self, scene: Scene, token: int) -> set[str]:
+        return set() if len(scene.pipe.of_type("Park")) > token else {EVENT}
+
+
+HANDLINGS: tuple[Posting, ...] = (Posting(), Relay(), Preset(), Tour(), Folder(), Ftp(), Email())
+SIGNALLED: tuple[Signalled, ...] = (Alarm(), AlarmHeard(), Alert(), AlertHeard(), Tick(), Park())
+EVERYTHING: tuple[Action, ...] = HANDLINGS + SIGNALLED
+
+
+def probe(scene: Scene, patience: float) -> set[str]:
+    """Has everything done once, and names what was not in time."""
+    if not scene.wait_for_mark(patience):
+        return {"posted events"}
+    scene.camera.clear_actions()
+    together = (*HANDLINGS, Alarm(), Alert())
+    for action in together:
+        action.prepare(scene)
+    tokens = [(action, action.trigger(scene)) for action in together]
+    scene.wait_for_mark()
+    tokens += [(action, action.trigger(scene)) for action in (Tick(), Park())]
+    deadline = time.monotonic() + patience
+    return {
+        action.name
+        for action, token in tokens
+        if not wait_for(lambda a=action, t=token: not a.lost(scene, t), max(0.0, deadline - time.monotonic()))
+    }
+
+
+def threads(scene: Scene) -> Counter[str]:
+    return Counter(scene.daemon.thread_names())
