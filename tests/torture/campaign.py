@@ -75,7 +75,9 @@ class Campaign:
                 for number in range(1 + self._tried[call] % step, count + 1, step):
                     yield Fault(call, number, error)
 
-    def note(self, action: str, fault: Fault, outcome: str, lost: set[str], told: list[str], back="", detail="") -> None:
+    def note(
+        self, action: str, fault: Fault, outcome: str, lost: set[str], told: list[str], back="", detail=""
+    ) -> None:
         callers = tuple(self.scene.faults.callers)
         finding = Finding(action, fault, outcome, frozenset(lost), tuple(told), back, detail, callers)
         self.findings.append(finding)
@@ -206,7 +208,9 @@ class Campaign:
         reports = daemon.log.matching(SANITIZER_REPORT)
         fault = self.findings[-1].fault if self.findings else Fault("", 0, 0)
         if status != 0 or reports or took > STOP_LIMIT:
-            detail = f"afterwards it stops with status {status} after {took:.1f} s\n" + "\n".join(daemon.log.items[-40:])
+            detail = f"afterwards it stops with status {status} after {took:.1f} s\n" + "\n".join(
+                daemon.log.items[-40:]
+            )
             self.note(action, fault, CRASHES if status else HANGS, set(), [], "", detail)
         self.scene.end_daemon()
 
@@ -290,7 +294,9 @@ class Campaign:
         back, outcome, detail = "", "", ""
         scene.faults.arm(fault, MAIN_THREAD)
         scene.daemon.send(signal.SIGHUP)
-        wait_for(lambda: not scene.is_alive() or scene.daemon.log.matching("TimerEventSource started", after), 2 * SLOWNESS)
+        wait_for(
+            lambda: not scene.is_alive() or scene.daemon.log.matching("TimerEventSource started", after), 2 * SLOWNESS
+        )
         try:
             self.check_alive()
             try:
@@ -348,7 +354,9 @@ class Campaign:
             outcome, detail = CRASHES, f"status {status}\n" + "\n".join(daemon.log.items[-40:])
         if fault is not None and scene.faults.injected:
             told = scene.told(after)
-            self.note(STOP, fault, outcome or judge(lost, told), lost, told, "with the next signal" if lost else "", detail)
+            self.note(
+                STOP, fault, outcome or judge(lost, told), lost, told, "with the next signal" if lost else "", detail
+            )
         scene.end_daemon()
         return scene.faults.counts
 

@@ -127,7 +127,9 @@ class Scene:
         if SANITIZED:
             options = os.environ.get("ASAN_OPTIONS", "")
             environment["ASAN_OPTIONS"] = f"{options}:verify_asan_link_order=0:allocator_may_return_null=1"
-        self.daemon = Daemon(folder, settings_of(self.folder), level="Information", environment=environment, prefix=self.faults.prefix)
+        self.daemon = Daemon(
+            folder, settings_of(self.folder), level="Information", environment=environment, prefix=self.faults.prefix
+        )
         return self.daemon
 
     def launch_ready(self) -> Daemon:
@@ -226,7 +228,9 @@ class Scene:
         return {path.name: path.read_bytes() for path in (self.folder / "card").iterdir()}
 
     def children(self) -> str:
-        return subprocess.run(["ps", "--ppid", str(self.daemon.pid), "-o", "args="], capture_output=True, text=True).stdout
+        return subprocess.run(
+            ["ps", "--ppid", str(self.daemon.pid), "-o", "args="], capture_output=True, text=True
+        ).stdout
 
 
 __all__ = ["LOCAL", "NotSeen", "PIPE_FOLDER", "Scene"]
