@@ -6,7 +6,11 @@
 #include "tests/fakes/WaitUntil.h"
 #include "tests/unit/monitor/MonitorFixture.h"
 
+#include <functional>
+#include <map>
+#include <string>
 #include <thread>
+#include <utility>
 
 namespace kelto::halvek {
 
@@ -295,6 +299,84 @@ TEST_F(EventMonitorTest, OtherThreadsWaitForAConfigurationInProgress) {
     other.join();
     EXPECT_FALSE(returnedMeanwhile);
     EXPECT_THAT(EntriesWith("stop"), ElementsAre("stop A", "stop B"));
+}
+
+TEST_F(EventMonitorTest, EveryOperationOfAnotherThreadWaitsForAConfigurationInProgress) {
+    // Between its steps, where nothing but the configuration's own lock is held.
+    class Asking : public EventMonitor {
+    public:
+        using EventMonitor::EventMonitor;
+        void LoadHandlers(const core::IniFile& ini) override {
+            if (const std::function<void()> action = std::exchange(onHandlers, nullptr)) {
+                action();
+            }
+            EventMonitor::LoadHandlers(ini);
+        }
+        std::function<void()> onHandlers;
+    };
+    const core::IniFile ini = TwoSources();
+    const std::map<std::string, std::function<void(EventMonitor&)>> operations = {
+        {"Configure", [&](EventMonitor& asked) { asked.Configure(ini); }},
+        {"LoadServers", [&](EventMonitor& asked) { asked.LoadServers(ini); }},
+        {"LoadSources", [&](EventMonitor& asked) { asked.LoadSources(ini); }},
+        {"LoadHandlers", [&](EventMonitor& asked) { asked.LoadHandlers(ini); }},
+        {"LoadAlwaysOnHandlers", [&](EventMonitor& asked) { asked.LoadAlwaysOnHandlers(ini); }},
+        {"StartSources", [](EventMonitor& asked) { asked.StartSources(); }},
+        {"StopSources", [](EventMonitor& asked) { asked.StopSources(); }},
+        {"ClearSources", [](EventMonitor& asked) { asked.ClearSources(); }}};
+    for (const auto& [name, operation] : operations) {
+        Asking asked(&registry);
+        std::thread other;
+        bool returnedMeanwhile = true;
+        asked.onHandlers = [&] { returnedMeanwhile = Returns([&, &call = operation] { call(asked); }, other, 100ms); };
+        asked.Configure(ini);
+        other.join();
+        EXPECT_FALSE(returnedMeanwhile) << name;
+    }
+}
+
+TEST_F(EventMonitorTest, OtherThreadsWaitForSourcesThatAreBeingStarted) {
+    std::thread other;
+    bool returnedMeanwhile = true;
+    std::function<void()> onStart;
+    AddSourceType("A", ProbeCreator("A", {.configure = {},
+                                          .start =
+                                              [&] {
+                                                  if (onStart) {
+                                                      onStart();
+                                                  }
+                                              },
+                                          .stop = {}}));
+    monitor->Configure(TwoSources());
+    monitor->StopSources();
+    onStart = [&] { returnedMeanwhile = Returns([this] { monitor->StopSources(); }, other, 100ms); };
+    monitor->StartSources();
+    other.join();
+    EXPECT_FALSE(returnedMeanwhile);
+}
+
+TEST_F(EventMonitorTest, OtherThreadsWaitForSourcesThatAreBeingDestroyed) {
+    class LastWord : public JournalHandler {
+    public:
+        explicit LastWord(std::function<void()> end) : JournalHandler("LastWord"), onEnd(std::move(end)) {}
+        ~LastWord() override { onEnd(); }
+
+    private:
+        const std::function<void()> onEnd;
+    };
+    static std::function<void()> onDestruction;
+    AddHandlerType(
+        "LastWord",
+        [](HalvekEnv*) -> std::unique_ptr<EventHandler> { return std::make_unique<LastWord>([] { onDestruction(); }); },
+        1);
+    std::thread other;
+    bool returnedMeanwhile = true;
+    onDestruction = [&] { returnedMeanwhile = Returns([this] { monitor->StopSources(); }, other, 100ms); };
+    monitor->Configure(TwoSources());
+    monitor->StopSources();
+    monitor->ClearSources();
+    other.join();
+    EXPECT_FALSE(returnedMeanwhile);
 }
 
 TEST_F(EventMonitorTest, NoHandlerIsDestroyedWhileATimerDelivers) {
