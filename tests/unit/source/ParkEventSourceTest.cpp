@@ -256,6 +256,24 @@ TEST_F(ParkEventSourceTest, TheDwellCountsFromTheReportHoweverLongTheHeadMovedBe
     EXPECT_THAT(Times().front() - told, AllOf(Ge(2s - 10ms), Lt(3s + late)));
 }
 
+TEST_F(ParkEventSourceTest, ADwellEndsWithTheTickAtWhichItsSecondsAreFull) {
+    for (const int seconds : {0, 1}) {
+        Configure(std::to_string(seconds));
+        Clock::duration shortest = Clock::duration::max();
+        for (int round = 0; round < 3; ++round) {
+            const size_t before = handler.Count();
+            Notify(0);
+            const Clock::time_point begin = Clock::now();
+            source->StartListening();
+            ASSERT_TRUE(handler.WaitForCount(before + 1));
+            shortest = std::min(shortest, Times().back() - begin);
+            source->StopListening();
+        }
+        // A busy machine may be late with one of them; a tick too many would make all of them a second late.
+        EXPECT_THAT(shortest, AllOf(Ge(seconds * 1s - 10ms), Lt(seconds * 1s + 700ms)));
+    }
+}
+
 TEST_F(ParkEventSourceTest, ADwellOfZeroFiresWithinASecondOfTheReport) {
     Configure("0");
     source->StartListening();
