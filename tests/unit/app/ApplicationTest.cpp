@@ -21,8 +21,24 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <functional>
 #include <stdexcept>
 #include <thread>
+
+namespace {
+
+/** Called by each pipe. */
+std::function<void()> onPipe;
+
+}  // namespace
+
+// The program's own definition stands before the C library's.
+extern "C" int pipe(int* ends) noexcept {
+    if (onPipe) {
+        onPipe();
+    }
+    return pipe2(ends, 0);
+}
 
 namespace kelto::halvek {
 
@@ -178,6 +194,15 @@ TEST_F(ApplicationTest, SignalsHaveTheirDefaultActionsDuringTheStart) {
     Start();
     EXPECT_EQ(duringStart.size(), 4U);
     EXPECT_THAT(duringStart, Each(SIG_DFL));
+}
+
+TEST_F(ApplicationTest, SignalsHaveTheirDefaultActionsUntilThePipeForThemIsMade) {
+    std::vector<SignalHandler> atPipe;
+    onPipe = [&] { atPipe = Dispositions(); };
+    Start();
+    onPipe = nullptr;
+    EXPECT_EQ(atPipe.size(), 4U);
+    EXPECT_THAT(atPipe, Each(SIG_DFL));
 }
 
 TEST_F(ApplicationTest, AllFourSignalsAreCaughtByOneHandlerOnceItIsBuilt) {

@@ -1,3 +1,4 @@
+#include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/EnvironmentVariable.h"
 #include "tests/fakes/Journal.h"
@@ -62,6 +63,15 @@ TEST_F(MainTest, AnOrderlyStopAfterReadinessEndsWithStatus0) {
     EXPECT_EQ(RunMain(), 0);
     EXPECT_THAT(manager.Take(), ElementsAre());
     EXPECT_EQ(journal.Entries().back(), "destroy Probe");
+}
+
+TEST_F(MainTest, AnOrderlyEndEndsTheLogToo) {
+    const test::RunHook stopping([] { std::raise(SIGTERM); });
+    const core::Logger& logger = core::Logger::GetLogger("halvek");
+    EXPECT_EQ(RunMain(), 0);
+    const std::string before = log.Text();
+    logger.Error("too late");
+    EXPECT_EQ(log.Text(), before);
 }
 
 TEST_F(MainTest, AConfigurationRejectedAtTheStartDoesNotKeepItFromReadiness) {
