@@ -1,5 +1,6 @@
 #include "kelto/osa/FileUtils.h"
 #include "tests/fakes/Descriptors.h"
+#include "tests/fakes/FatNames.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/MemoryMount.h"
 #include "tests/fakes/TempDir.h"
@@ -13,11 +14,29 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <thread>
+
+namespace {
+
+/** Asked by each fsync whether it succeeds. */
+std::function<bool(int)> onSync;
+
+}  // namespace
+
+// The program's own definition stands before the C library's.
+extern "C" int fsync(int fd) {
+    if (onSync && !onSync(fd)) {
+        errno = EIO;
+        return -1;
+    }
+    return fdatasync(fd);
+}
 
 namespace kelto::osa {
 
@@ -242,6 +261,56 @@ TEST_F(CopyFileTest, AFullFileSystemFailsLeavesNothingAndTheOldFileStays) {
     EXPECT_THAT(log.Lines(),
                 ElementsAre("Error kelto.osa: Cannot write " + InTarget("copy.jpg") + ": No space left on device",
                             "Error kelto.osa: Cannot write " + InTarget("new.jpg") + ": No space left on device"));
+}
+
+TEST_F(CopyFileTest, TheContentIsOnTheDiskBeforeTheNameIs) {
+    folder.Write("target/copy.jpg", "old");
+    std::vector<std::string> synced;
+    onSync = [&](int fd) {
+        const std::string path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd));
+        synced.push_back(test::ReadWholeFile(path));
+        EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "old");
+        return true;
+    };
+    EXPECT_TRUE(FileUtils::CopyFile(source, InTarget("copy.jpg"), true));
+    onSync = nullptr;
+    EXPECT_THAT(synced, ElementsAre("picture"));
+    EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "picture");
+}
+
+TEST_F(CopyFileTest, ADiskThatDoesNotTakeTheContentFailsLeavesNothingAndTheOldFileStays) {
+    folder.Write("target/copy.jpg", "old");
+    onSync = [](int) { return false; };
+    EXPECT_FALSE(FileUtils::CopyFile(source, InTarget("copy.jpg"), true));
+    onSync = nullptr;
+    EXPECT_THAT(log.Lines(),
+                ElementsAre("Error kelto.osa: Cannot write " + InTarget("copy.jpg") + ": Input/output error"));
+    EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "old");
+    EXPECT_THAT(TargetNames(), ElementsAre("copy.jpg"));
+}
+
+TEST_F(CopyFileTest, HiddenNamesLeftByAnEarlierProcessOfTheSameIdAreInNobodysWay) {
+    // More than this process can have given so far.
+    constexpr int count = 1000;
+    std::vector<std::string> names;
+    for (int number = 0; number < count; ++number) {
+        names.push_back("." + std::to_string(getpid()) + "-" + std::to_string(number));
+        folder.Write("target/" + names.back(), "left over");
+    }
+    EXPECT_TRUE(FileUtils::CopyFile(source, InTarget("copy.jpg"), true));
+    EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "picture");
+    EXPECT_EQ(TargetNames().size(), names.size() + 1);
+    for (const std::string& name : names) {
+        EXPECT_EQ(test::ReadWholeFile(InTarget(name)), "left over") << name;
+    }
+}
+
+TEST_F(CopyFileTest, ANameWithACharacterThatTheFileSystemHasNoPlaceForFailsWithoutARecord) {
+    const test::FatNames fat;
+    EXPECT_FALSE(FileUtils::CopyFile(source, InTarget("12:30.jpg"), true));
+    EXPECT_EQ(log.Text(), "") << "the caller may have another name";
+    EXPECT_THAT(TargetNames(), IsEmpty());
+    EXPECT_TRUE(FileUtils::CopyFile(source, InTarget("12_30.jpg"), true));
 }
 
 TEST_F(CopyFileTest, WithoutADescriptorItFails) {
