@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -101,6 +102,16 @@ TEST_F(ExternEventHandlerTest, ATypeThatIsPartOfTheFoldersPathMatchesEveryPipe) 
     Fire(Event::Properties{{"eventType", "run"}});
     EXPECT_EQ(one.Read(), "[run]\neventType=run\n.\n");
     EXPECT_EQ(two.Read(), "[run]\neventType=run\n.\n");
+}
+
+TEST_F(ExternEventHandlerTest, ADescriptorThatIsLeftOpenIsInheritedByCommands) {
+    const test::Fifo pipe(PathOf("Timer.fifo"));
+    const std::vector<int> before = test::OpenDescriptorsOf(PathOf("Timer.fifo"));
+    Fire(Event::Properties{{"eventType", "Timer"}, {"large", std::string(size_t{1} << 20, 'x')}});
+    std::vector<int> left = test::OpenDescriptorsOf(PathOf("Timer.fifo"));
+    std::erase_if(left, [&](int fd) { return std::find(before.begin(), before.end(), fd) != before.end(); });
+    ASSERT_EQ(left.size(), 1U);
+    EXPECT_EQ(fcntl(left.front(), F_GETFD), 0);
 }
 
 TEST_F(ExternEventHandlerTest, AnEmptyTypeMatchesEveryPipe) {

@@ -194,6 +194,16 @@ TEST(EmailMessage, LineBreaksInAnAddressAddNeitherHeadersNorRecipients) {
                             "Warning kelto.inet: Not an address, the mail goes without it: a@xBcc: evil@y"));
 }
 
+TEST(EmailMessage, AZeroByteInAHeaderCutsNothingOff) {
+    using namespace std::string_literals;
+    EmailMessage message("cam@x\0.example"s, "one\0two"s);
+    message.AddRecipient("a@y\0.example, b@y"s, Recipient::To);
+    const MailText mail = Written(message);
+    EXPECT_EQ(mail.Header("From"), "cam@x.example");
+    EXPECT_EQ(mail.Header("Subject"), "onetwo");
+    EXPECT_EQ(mail.Header("To"), "a@y.example, b@y");
+}
+
 TEST(EmailMessage, ATextThatLooksLikeHeadersStaysText) {
     const MailText mail = WrittenWith("\nBcc: evil@y\n\n.\nQUIT\n");
     EXPECT_THAT(mail.HeaderNames(), Not(Contains("Bcc")));

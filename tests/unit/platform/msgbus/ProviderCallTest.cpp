@@ -8,9 +8,11 @@
 #include "tests/fakes/WaitUntil.h"
 
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -259,6 +261,20 @@ TEST_F(ProviderCallTest, AServiceThatHangsFailsAfterFiveSecondsAndItsLateReplyIs
     service->Release();
     service->Answer("GetNames", {Strings{"new"}});
     EXPECT_THAT(GetNames(), ElementsAre("new"));
+}
+
+TEST_F(ProviderCallTest, ACallThatHangsTakesNoLongerThanFiveSecondsTakeOnThisMachine) {
+    service->Hold();
+    std::vector<std::future<std::chrono::milliseconds>> calls;
+    for (int number = 0; number < 3; ++number) {
+        calls.push_back(std::async(std::launch::async, [] { return TimeOf([] { FailureOf(GetNames); }); }));
+    }
+    const std::chrono::milliseconds five = TimeOf([] { poll(nullptr, 0, 5000); });
+    std::chrono::milliseconds quickest = std::chrono::milliseconds::max();
+    for (std::future<std::chrono::milliseconds>& call : calls) {
+        quickest = std::min(quickest, call.get());
+    }
+    EXPECT_LT(quickest, five + 700ms);
 }
 
 TEST(ProviderCallConnection, ABusThatAcceptsAndNeverAnswersFailsTheCallAfterFiveSeconds) {

@@ -11,6 +11,7 @@
 #include <sys/select.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -301,7 +302,8 @@ TEST(ThreadSignal, IsRepeatedByJoinForASelectThatWasEnteredTooLate) {
     EXPECT_GE(caught, 2);
 }
 
-TEST(ThreadSignal, IsRepeatedByJoinAfter10MillisecondsDoublingTo100) {
+/** When a join sends its first seven signals to a thread that takes no notice of them, from its beginning. */
+std::vector<Clock::duration> TimesOfAJoin() {
     const Disposition alarm(SIGALRM, Count);
     std::vector<Clock::time_point> times;
     Worker worker([&] {
@@ -314,15 +316,36 @@ TEST(ThreadSignal, IsRepeatedByJoinAfter10MillisecondsDoublingTo100) {
     });
     worker.StartAndWaitUntilInside();
     worker.Signal();
-    ASSERT_TRUE(test::WaitUntil([] { return caught > 0; }));
-    const auto begin = Clock::now();
+    EXPECT_TRUE(test::WaitUntil([] { return caught > 0; }));
+    const Clock::time_point begin = Clock::now();
     EXPECT_TRUE(worker.JoinsInTime());
-    ASSERT_EQ(times.size(), 7U);
-    // 10, 20, 40, 80, 100, 100, 100: a busy machine makes them later, never earlier.
-    const milliseconds expected[] = {milliseconds(10),  milliseconds(30),  milliseconds(70), milliseconds(150),
-                                     milliseconds(250), milliseconds(350), milliseconds(450)};
-    for (size_t repeat = 0; repeat < times.size(); ++repeat) {
-        EXPECT_GE(times[repeat] - begin, expected[repeat]) << repeat;
+    std::vector<Clock::duration> sinceBegin;
+    for (const Clock::time_point time : times) {
+        sinceBegin.push_back(time - begin);
+    }
+    return sinceBegin;
+}
+
+TEST(ThreadSignal, IsRepeatedByJoinAfter10MillisecondsDoublingTo100) {
+    // 10, 20, 40, 80, 100, 100, 100: a busy machine makes them later, though not every time, and never earlier.
+    const std::vector<milliseconds> expected = {milliseconds(10),  milliseconds(30),  milliseconds(70),
+                                                milliseconds(150), milliseconds(250), milliseconds(350),
+                                                milliseconds(450)};
+    std::vector<Clock::duration> quickest(expected.size(), Clock::duration::max());
+    const auto isInTime = [&](size_t repeat) { return quickest[repeat] < expected[repeat] + expected[repeat] / 3; };
+    bool areInTime = false;
+    for (int attempt = 0; attempt < 20 && !areInTime; ++attempt) {
+        const std::vector<Clock::duration> times = TimesOfAJoin();
+        ASSERT_EQ(times.size(), expected.size());
+        areInTime = true;
+        for (size_t repeat = 0; repeat < expected.size(); ++repeat) {
+            EXPECT_GE(times[repeat], expected[repeat]) << repeat;
+            quickest[repeat] = std::min(quickest[repeat], times[repeat]);
+            areInTime = areInTime && isInTime(repeat);
+        }
+    }
+    for (size_t repeat = 0; repeat < expected.size(); ++repeat) {
+        EXPECT_TRUE(isInTime(repeat)) << repeat;
     }
 }
 

@@ -123,14 +123,22 @@ TEST(Thread, TakesItsStackSizeInKiB) {
 }
 
 TEST(Thread, HasTheSystemsStackSizeIfNoneIsGiven) {
+    // Larger than any other here, so that no stack of an earlier thread is taken again.
+    constexpr size_t systemSize = size_t{40} << 20;
+    constexpr size_t room = size_t{512} * 1024;
+    pthread_attr_t before{};
     pthread_attr_t attributes{};
-    size_t systemSize = 0;
+    pthread_getattr_default_np(&before);
     pthread_getattr_default_np(&attributes);
-    pthread_attr_getstacksize(&attributes, &systemSize);
-    pthread_attr_destroy(&attributes);
+    pthread_attr_setstacksize(&attributes, systemSize);
+    ASSERT_EQ(pthread_setattr_default_np(&attributes), 0);
     size_t size = 0;
     RunOnThread(defaultStack, defaultPriority, [&size] { size = OwnStackSize(); });
+    pthread_setattr_default_np(&before);
+    pthread_attr_destroy(&attributes);
+    pthread_attr_destroy(&before);
     EXPECT_GE(size, systemSize);
+    EXPECT_LT(size, systemSize + room);
 }
 
 TEST(Thread, AStackThatIsTooSmallForTheSystemIsMadeLargeEnough) {
