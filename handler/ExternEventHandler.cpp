@@ -3,11 +3,17 @@
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/FileUtils.h"
+#include "kelto/osa/PathUtils.h"
+#include "kelto/osa/UniqueFd.h"
 #include "monitor/HandlerRegistry.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
+#include <cerrno>
+#include <climits>
 #include <vector>
 
 namespace kelto::halvek::handler {
@@ -37,6 +43,33 @@ std::string FormatBlock(const Event& event) {
     }
     block.append(".\n");
     return block;
+}
+
+bool IsTrustedLink(int link) {
+    struct stat status {};
+    return fstat(link, &status) == 0 && (status.st_uid == 0 || status.st_uid == geteuid());
+}
+
+/**
+ * Follows a link of root or of the daemon's own user only: whoever may make pipes in the folder could have the daemon
+ * write into its own event pipe, which never ends, or over its files. What is looked at is what is followed, even if
+ * another link takes the name meanwhile.
+ */
+int OpenThroughLink(const std::string& path) {
+    const osa::UniqueFd link(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    std::array<char, PATH_MAX> target{};
+    if (!link.IsValid() || !IsTrustedLink(link.Get()) ||
+        readlinkat(link.Get(), "", target.data(), target.size() - 1) <= 0) {
+        return -1;
+    }
+    const std::string aim =
+        target.front() == '/' ? target.data() : osa::PathUtils::PathConcat(fifoDirectory, target.data());
+    return open(aim.c_str(), O_RDWR | O_NONBLOCK);
+}
+
+int OpenFifo(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDWR | O_NONBLOCK | O_NOFOLLOW);
+    return fd < 0 && errno == ELOOP ? OpenThroughLink(path) : fd;
 }
 
 }  // namespace
@@ -84,7 +117,7 @@ void ExternEventHandler::WriteToAllFifos(Event& event) {
 void ExternEventHandler::WriteToFifo(const std::string& fifoPath, Event& event) {
     logger.Debug("ExternEventHandler: Firing event with eventType: %s", event.GetEventType().c_str());
     const std::string block = FormatBlock(event);
-    const int fd = open(fifoPath.c_str(), O_RDWR | O_NONBLOCK);
+    const int fd = OpenFifo(fifoPath);
     if (fd < 0) {
         throw osa::Exception("FIFO open() failed");
     }

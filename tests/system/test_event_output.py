@@ -3,12 +3,18 @@
 import fcntl
 import os
 import re
+from pathlib import Path
 
 import pytest
 from daemon_process import PIPE_FOLDER, bytes_ready
 from harness import SERVER, block, post, timer, wait_until
 
 PIPE_SIZE = 8192
+FIRST_UID = 61000
+HAS_USERS = any(
+    int(first) <= FIRST_UID < int(first) + int(count)
+    for first, _, count in map(str.split, Path("/proc/self/uid_map").read_text().splitlines())
+)
 TYPES_THAT_REACH = {
     "Timer": ["MyTimerPipe", "Timer.fifo", "all.halvek.any", "halvek.any.log"],
     "Alarm": ["Alarm.fifo", "all.halvek.any", "halvek.any.log"],
@@ -162,3 +168,37 @@ def test_an_entry_that_cannot_be_opened_is_an_error_and_costs_the_later_pipes_th
     daemon.log.wait_for(r"Error halvek: FIFO open\(\) failed$")
     pipe.wait_for_event("Window")
     assert [event.type for event in pipe.items] == ["Window"]
+
+
+def test_a_link_of_the_daemons_own_user_is_followed(launch, output_pipe, tmp_path):
+    os.mkfifo(tmp_path / "elsewhere")
+    (PIPE_FOLDER / "a.halvek.any").symlink_to(tmp_path / "elsewhere")
+    descriptor = os.open(tmp_path / "elsewhere", os.O_RDWR | os.O_NONBLOCK)
+    try:
+        daemon, pipe = launch(SERVER), output_pipe()
+        post(block("Door"))
+        pipe.wait_for_event("Door")
+        assert read_block(descriptor).startswith("[Door]\n")
+    finally:
+        os.close(descriptor)
+    assert not daemon.log.matching(" Error ")
+
+
+# Where there is only one user, everything is the daemon's own.
+@pytest.mark.parametrize("target", ["/run/halvek.pipe", "{folder}/halvek.pid"] if HAS_USERS else [])
+def test_a_link_of_another_user_is_an_entry_that_cannot_be_opened(launch, output_pipe, tmp_path, target):
+    own_file = tmp_path / "halvek.pid"
+    own_file.write_text("what the daemon's user keeps")
+    link = PIPE_FOLDER / "a.halvek.any"
+    link.symlink_to(target.format(folder=tmp_path))
+    os.lchown(link, FIRST_UID, FIRST_UID)
+    daemon, pipe = launch(SERVER), output_pipe()
+    for number in range(3):
+        post(block("Door", number=number))
+    daemon.log.wait_for(r"Error halvek: FIFO open\(\) failed$", count=3)
+    link.unlink()
+    post(block("Last"))
+    pipe.wait_for_event("Last")
+    assert [event.type for event in pipe.items] == ["Last"]
+    assert len(daemon.log.matching("Received event: ")) == 4
+    assert own_file.read_text() == "what the daemon's user keeps"

@@ -309,6 +309,37 @@ TEST_F(ExternEventHandlerTest, AnEntryThatCannotBeOpenedIsAnErrorAndThePipesBehi
     EXPECT_EQ(log.Lines().back(), "Error halvek: FIFO open() failed");
 }
 
+TEST_F(ExternEventHandlerTest, ALinkOfRootsIsFollowedWhereverItsPathBegins) {
+    const test::TempDir folder;
+    const test::Fifo outside(folder.PathOf("outside"));
+    const test::Fifo inside(PathOf("inside"));
+    fs::create_symlink(outside.GetPath(), PathOf("a.halvek.any"));
+    fs::create_symlink("inside", PathOf("b.halvek.any"));
+    fs::create_symlink("b.halvek.any", PathOf("c.halvek.any"));
+    FireTimer();
+    EXPECT_EQ(outside.Read(), timerBlock);
+    EXPECT_EQ(inside.Read(), std::string(timerBlock) + timerBlock);
+    EXPECT_EQ(log.Lines().back(), done);
+}
+
+TEST_F(ExternEventHandlerTest, ALinkToItselfIsAFailedOpen) {
+    fs::create_symlink("a.halvek.any", PathOf("a.halvek.any"));
+    FireTimer();
+    EXPECT_EQ(log.Lines().back(), "Error halvek: FIFO open() failed");
+}
+
+TEST_F(ExternEventHandlerTest, CommandsInheritADescriptorThatIsLeftOpen) {
+    const test::Fifo full(PathOf("full"));
+    full.Fill();
+    fs::create_symlink("full", PathOf("a.Timer"));
+    FireTimer();
+    Fire(Event::Properties{{"eventType", "full"}});
+    const std::vector<int> open = test::OpenDescriptorsOf(full.GetPath());
+    ASSERT_EQ(open.size(), 3U);
+    EXPECT_EQ(fcntl(open[1], F_GETFD), 0);
+    EXPECT_EQ(fcntl(open[2], F_GETFD), 0);
+}
+
 TEST_F(ExternEventHandlerTest, WithoutADescriptorItIsAnError) {
     const test::Fifo pipe(PathOf("all.halvek.any"));
     // Once with descriptors: a sanitizer opens some when it meets a class for the first time.
