@@ -7,13 +7,13 @@
 #include "kelto/osa/MutexAutoLock.h"
 #include "kelto/osa/Signal.h"
 #include "source/FdInputStream.h"
+#include "source/PostedBlock.h"
 
 #include <fcntl.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <csignal>
 
 namespace kelto::halvek::source {
@@ -25,6 +25,8 @@ constexpr const char* defaultFifoPath = "/var/run/halvek.pipe";
  */
 constexpr mode_t fifoMode = 666;
 constexpr time_t selectTimeoutSec = 5;
+/** An event that has begun is not torn by a stop, unless it is longer than this. */
+constexpr size_t mostBytesAfterStop = 60'000;
 
 core::Logger& Log() {
     return core::Logger::GetLogger("halvek");
@@ -40,37 +42,6 @@ bool WaitForInput(int fd) {
     }
     Log().Trace("Select returned");
     return FD_ISSET(fd, &readSet);
-}
-
-void ReadHeader(const std::string& line, std::string& eventType) {
-    const size_t end = line.find(']');
-    if (end == std::string::npos) {
-        Log().Debug("\tFind didn't find a ]");
-        return;
-    }
-    eventType = line.substr(1, end - 1);
-    Log().Debug("\tEvent type: %s", eventType.c_str());
-}
-
-/** Takes one line in; false if it ends the event. An empty line throws std::out_of_range. */
-bool ReadLine(const std::string& line, Event::Properties& properties, std::string& eventType) {
-    const char first = line.at(0);
-    if (first == '[') {
-        ReadHeader(line, eventType);
-        return true;
-    }
-    if (line == ".") {
-        return false;
-    }
-    if (std::isalnum(static_cast<unsigned char>(first)) == 0) {
-        return true;
-    }
-    const size_t equals = line.find('=');
-    if (equals == std::string::npos) {
-        return false;
-    }
-    properties[line.substr(0, equals)] = line.substr(equals + 1);
-    return true;
 }
 
 }  // namespace
@@ -136,12 +107,12 @@ void EventServerSource::Run() {
     const int fd = OpenFifo();
     running = true;
     thread.OpenLatch();
-    std::string line;
-    std::string eventType;
+    FdInputStream stream(fd);
+    PostedBlock block;
     while (running) {
         try {
             if (WaitForInput(fd)) {
-                ReceiveEvent(fd, line, eventType);
+                ReceiveEvent(stream, block);
             }
         } catch (const osa::Signal& signal) {
             Log().Debug("%s", signal.what());
@@ -168,28 +139,51 @@ int EventServerSource::OpenFifo() const {
     return fd;
 }
 
-void EventServerSource::ReceiveEvent(int fd, std::string& line, std::string& eventType) {
-    const core::Logger& logger = Log();
-    FdInputStream stream(fd);
-    Event::Properties properties;
-    while (std::getline(stream, line)) {
-        logger.Trace("Got line: %s", line.c_str());
-        if (!ReadLine(line, properties, eventType)) {
-            break;
-        }
-    }
-    line.clear();
-    // The type outlives its event: a block without a header is of the type of the one before.
-    if (!eventType.empty()) {
-        FireReceived(properties, eventType);
+void EventServerSource::ReceiveEvent(FdInputStream& stream, PostedBlock& block) {
+    block.Begin();
+    if (!ReadBlock(stream, block)) {
+        Log().Warning("EventServerSource: event dropped, its writer goes on at a stop");
+    } else if (!block.IsGivenUp() && !block.GetEventType().empty()) {
+        FireReceived(block);
     }
 }
 
-void EventServerSource::FireReceived(Event::Properties& properties, const std::string& eventType) {
+/** Reads the lines of a block; false if a stop came before their end. */
+bool EventServerSource::ReadBlock(FdInputStream& stream, PostedBlock& block) {
+    const core::Logger& logger = Log();
+    std::string line;
+    size_t taken = 0;
+    bool isRestOfLine = false;
+    while (running || taken <= mostBytesAfterStop) {
+        const LineFound found = stream.ReadLine(line, PostedBlock::longestLine);
+        if (found == LineFound::None) {
+            return true;
+        }
+        taken += line.size() + 1;
+        if (found == LineFound::TooLong || isRestOfLine) {
+            block.TakeTooLongLine();
+            isRestOfLine = found == LineFound::TooLong;
+            continue;
+        }
+        logger.Trace("Got line: %s", line.c_str());
+        if (!block.TakeLine(line)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void EventServerSource::FireReceived(PostedBlock& block) {
+    const std::string& eventType = block.GetEventType();
+    Event::Properties& properties = block.GetProperties();
     const auto region = properties.find("region");
     const bool hasRegion = eventType == "MotionDetection" && region != properties.end();
     properties["eventId"] = hasRegion ? region->second : eventType;
     properties["eventType"] = eventType;
+    block.CheckWrittenSize();
+    if (block.IsGivenUp()) {
+        return;
+    }
     event::MotionEvent event(properties);
     Log().Information("EventServerSource: Received event: %s", eventType.c_str());
     FireEvent(event);

@@ -13,13 +13,17 @@
 
 namespace kelto::halvek::source {
 
+class FdInputStream;
+class PostedBlock;
+
 /**
  * Takes the events that other processes post on a named pipe, and fires each as a MotionEvent.
  *
  * A thread of its own reads the pipe and runs the handlers, one event at a time. Handlers attached with an event id get
  * the events of that id only, after the handlers attached without one. "EventServerSource::HandlersMapLock" guards the
  * former and is taken before the base's lock. The pipe stays in the file system, and its descriptor stays open after a
- * stop: what was posted in between waits in the pipe.
+ * stop: what was posted in between waits in the pipe. An event that is too large for an output pipe is skipped, and one
+ * whose writer never ends it holds up no stop.
  */
 class EventServerSource : public EventSource, public osa::Runnable {
 public:
@@ -54,8 +58,9 @@ public:
 
 private:
     int OpenFifo() const;
-    void ReceiveEvent(int fd, std::string& line, std::string& eventType);
-    void FireReceived(Event::Properties& properties, const std::string& eventType);
+    void ReceiveEvent(FdInputStream& stream, PostedBlock& block);
+    bool ReadBlock(FdInputStream& stream, PostedBlock& block);
+    void FireReceived(PostedBlock& block);
 
     std::map<std::string, std::vector<EventHandler*>> handlersByEventId;
     const std::unique_ptr<osa::Mutex> handlersMapLock;

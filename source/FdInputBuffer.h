@@ -1,16 +1,28 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <streambuf>
+#include <string>
 
 namespace kelto::halvek::source {
+
+/** What a look for the next line has found. */
+enum class LineFound {
+    /** Nothing: the pipe is empty. */
+    None,
+    /** A line, or what there was of it when the pipe had no more. */
+    Whole,
+    /** The first bytes of a line that is longer than was asked for. The rest is still to be read. */
+    TooLong,
+};
 
 /**
  * A stream buffer over a descriptor that it does not own.
  *
- * It reads one byte a refill, and that is its point. The event server makes a fresh stream for every event and drops it
- * at the event's last line; whatever a larger buffer had taken from the pipe beyond that line, the beginning of the
- * next event, would be lost with it. So a line read takes exactly the bytes up to its newline out of the pipe.
+ * It reads one byte a refill, and that is its point. The event server drops its stream's state at an event's last line;
+ * whatever a larger buffer had taken from the pipe beyond that line, the beginning of the next event, would be lost
+ * with it. So a line read takes exactly the bytes up to its newline out of the pipe.
  *
  * For one thread. On a non-blocking descriptor an empty pipe is the end of the stream.
  */
@@ -21,10 +33,18 @@ public:
     FdInputBuffer(const FdInputBuffer&) = delete;
     FdInputBuffer& operator=(const FdInputBuffer&) = delete;
 
+    /**
+     * Reads a line as std::getline does, without its newline, but gives up behind its first `longest` bytes: a writer
+     * that sends no newline cannot make it grow.
+     */
+    LineFound ReadLine(std::string& line, size_t longest);
+
 protected:
     int_type underflow() override;
 
 private:
+    bool Refill();
+
     std::array<char, 1> buffer{};
     const int fd;
 };

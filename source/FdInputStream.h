@@ -2,7 +2,9 @@
 
 #include "source/FdInputBuffer.h"
 
+#include <cstddef>
 #include <istream>
+#include <string>
 
 namespace kelto::halvek::source {
 
@@ -13,6 +15,9 @@ public:
     ~FdInputStream() override = default;
     FdInputStream(const FdInputStream&) = delete;
     FdInputStream& operator=(const FdInputStream&) = delete;
+
+    /** Reads a line of at most so many bytes, past the stream's state. */
+    LineFound ReadLine(std::string& line, size_t longest) { return buffer.ReadLine(line, longest); }
 
 private:
     FdInputBuffer buffer;

@@ -3,13 +3,18 @@
 import fcntl
 import os
 import random
+import subprocess
+import time
+from collections.abc import Callable, Iterator
 
 import pytest
-from harness import DEFAULT_INPUT, SERVER, block, post, server, timer, wait_until
+from harness import DEFAULT_INPUT, SERVER, block, bytes_ready_at, post, server, timer, wait_until
 
 MEBIBYTE = 1 << 20
 PAGE = 4096
 THREAD_DIED = "Error kelto.osa: .*EventServerSou"
+SKIPPED = "Error halvek: EventServerSource: event of more than 60000 bytes skipped$"
+DROPPED = "Warning halvek: EventServerSource: event dropped, its writer goes on at a stop$"
 
 
 def post_at_leisure(data: bytes) -> None:
@@ -61,20 +66,74 @@ def test_an_endless_line_costs_nothing_that_comes_after_it(launch, line):
     assert not daemon.log.matching(THREAD_DIED)
 
 
-def test_a_property_of_a_mebibyte_that_arrives_in_one_piece_is_one_event(launch, output_pipe):
-    folder = output_pipe("small.fifo").path.parent
-    output = folder / "Big.txt"  # an ordinary file has room for it
-    output.touch()
-    daemon = launch(SERVER)
-    value = b"v" * (MEBIBYTE - 2 * PAGE)
+@pytest.fixture
+def yes() -> Iterator[Callable[[str], None]]:
+    """Writers that post the same line for ever, as fast as they can."""
+    writers = []
+
+    def start(line: str) -> None:
+        with DEFAULT_INPUT.open("wb") as pipe:
+            writers.append(subprocess.Popen(["yes", line], stdout=pipe))
+
+    yield start
+    for writer in writers:
+        writer.kill()
+        writer.wait()
+
+
+@pytest.mark.parametrize("line", ["x=1", "[A]", "#", "x" * 100_000], ids=["property", "header", "comment", "long line"])
+def test_a_reload_and_a_stop_get_through_while_an_event_never_ends(launch, yes, output_pipe, line):
+    daemon, pipe = launch(SERVER | timer(1, 1)), output_pipe()
+    yes(line)
+    wait_until(lambda: bytes_ready_at(DEFAULT_INPUT) >= PAGE, "the writer is ahead")
+    begin = time.monotonic()
+    daemon.reload()
+    pipe.wait_for_event("Timer", after=len(pipe.items))
+    assert daemon.stop() == 0
+    assert time.monotonic() - begin < 10
+    assert len(daemon.log.matching(DROPPED)) == 2
+
+
+def test_an_event_without_an_end_is_told_once_and_delays_no_other_source(launch, yes, output_pipe):
+    daemon, pipe = launch(SERVER | timer(1, 1), level="Information"), output_pipe()
+    yes("x=1")
+    daemon.log.wait_for(SKIPPED)
+    pipe.wait_for_event("Timer", count=3)
+    assert len(daemon.log.matching(SKIPPED)) == 1
+    assert [event.type for event in pipe.items if event.type != "Timer"] == []
+
+
+def test_events_that_no_pipe_could_take_cost_no_descriptor(launch, output_pipe):
+    daemon, pipe = launch(SERVER, level="Information"), output_pipe()
+    before = daemon.descriptors()
+    for _ in range(5):
+        post_at_leisure(b"[Big]\n" + b"".join(b"%06d=%s\n" % (key, b"v" * 992) for key in range(200)) + b".\n")
+    post(block("Last"))
+    pipe.wait_for_event("Last")
+    # The pipe that the last event went to is closed again a moment later.
+    wait_until(lambda: daemon.descriptors() == before, "no descriptor is left")
+    assert len(daemon.log.matching(SKIPPED)) >= 5
+    assert not daemon.log.matching("FIFO write failed")
+
+
+@pytest.mark.parametrize(
+    "text",
+    [
+        b"[Big]\nvalue=" + b"v" * 59_994 + b"\n.\n",
+        b"[" + b"T" * 21_816 + b"]\n.\n",
+        b"[MotionDetection]\nregion=" + b"2" * 32_000 + b"\n.\n",
+        b"[Big]\n" + b"".join(b"%04x=\n" % key for key in range(10_800)) + b".\n",
+    ],
+    ids=["value", "type", "region", "keys"],
+)
+def test_the_largest_event_fits_into_an_empty_output_pipe(launch, output_pipe, text):
+    daemon, pipe = launch(SERVER, level="Debug"), output_pipe()
     descriptor = os.open(DEFAULT_INPUT, os.O_WRONLY | os.O_NONBLOCK)
-    fcntl.fcntl(descriptor, fcntl.F_SETPIPE_SZ, MEBIBYTE)
-    text = b"[Big]\nvalue=" + value + b"\n.\n"
+    fcntl.fcntl(descriptor, fcntl.F_SETPIPE_SZ, 2 * len(text))
     assert os.write(descriptor, text) == len(text)
     os.close(descriptor)
-    daemon.log.wait_for("ExternEventHandler: External Event fired!")
-    assert b"\nvalue=" + value + b"\n" in output.read_bytes()
-    assert len(daemon.log.matching("Received event: Big$")) == 1
+    wait_until(lambda: pipe.items, "the event")
+    assert not daemon.log.matching(" Error ")
 
 
 def test_garbage_loses_no_event_between_it(launch, output_pipe):

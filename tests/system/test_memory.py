@@ -4,11 +4,12 @@ import re
 import subprocess
 from pathlib import Path
 
-from harness import SERVER, Daemon, block, handler, post, server, timer
+from harness import DEFAULT_INPUT, SERVER, Daemon, block, handler, post, server, timer
 
 RELOADS = 1000
 SETTLED_AFTER = 50
 ALLOWED_GROWTH = 512  # KiB
+LARGEST_EVENT = 3072  # KiB: sixty thousand bytes in thousands of small texts
 ROOM_FOR_ONE_THREAD = 1_500_000  # bytes; each has a stack of 1 MiB
 TYPES = ["Door", "Window", "Roof", "Gate"]
 
@@ -53,3 +54,22 @@ def test_a_thread_that_cannot_be_started_leaves_the_sources_behind_it_silent_unt
     limit_memory(daemon, "unlimited")
     daemon.reload()
     pipe.wait_for_event("Timer", count=4)
+
+
+def test_an_event_without_an_end_takes_no_more_memory_than_the_largest_event(launch):
+    daemon = launch(SERVER, level="Information")
+    before = daemon.resident_kib()
+    with DEFAULT_INPUT.open("wb") as pipe:
+        for key in range(1_000_000):
+            pipe.write(b"%d=\n" % key)
+    grown = daemon.resident_kib() - before
+    assert grown <= LARGEST_EVENT
+
+
+def test_a_line_without_an_end_takes_no_more_memory_than_the_largest_event(launch):
+    daemon = launch(SERVER, level="Information")
+    before = daemon.resident_kib()
+    with DEFAULT_INPUT.open("wb") as pipe:
+        pipe.write(b"x=" + b"y" * 8_000_000)
+    grown = daemon.resident_kib() - before
+    assert grown <= LARGEST_EVENT

@@ -171,11 +171,106 @@ TEST_F(EventServerSourceTest, AnEmptyLineEndsTheThreadAndARestartGoesOnBehindIt)
     EXPECT_EQ(EventsOf(""), Events({Made("B", {{"y", "2"}})}));
 }
 
-TEST_F(EventServerSourceTest, ALongLineIsTakenWhole) {
-    const std::string value(60000, 'v');
-    fifo.Write("[A]\nx=" + value + "\n.\n");
-    source.StartListening();
-    EXPECT_EQ(Received(1), Events({Made("A", {{"x", value}})}));
+/** More than a pipe of the usual size holds is posted through a larger one. */
+class LargeEventTest : public EventServerSourceTest {
+protected:
+    static constexpr const char* skipped = "Error halvek: EventServerSource: event of more than 60000 bytes skipped";
+
+    LargeEventTest() { fifo.SetCapacity(size_t{1} << 20); }
+
+    size_t CountSkipped() const { return log.Count(skipped); }
+};
+
+TEST_F(LargeEventTest, ALongLineIsTakenWhole) {
+    const std::string value(59998, 'v');
+    EXPECT_EQ(EventsOf("[A]\nx=" + value + "\n.\n"), Events({Made("A", {{"x", value}})}));
+    EXPECT_EQ(CountSkipped(), 0U);
+}
+
+TEST_F(LargeEventTest, ALineThatIsAByteLongerSkipsItsEvent) {
+    EXPECT_EQ(EventsOf("[A]\ny=1\nx=" + std::string(59999, 'v') + "\nz=1\n.\n"), Events());
+    EXPECT_EQ(CountSkipped(), 1U);
+}
+
+TEST_F(LargeEventTest, KeysAndValuesOf60000BytesAreAnEvent) {
+    const std::string value(29999, 'v');
+    EXPECT_EQ(EventsOf("[A]\nx=" + value + "\ny=" + value + "\n.\n"),
+              Events({Made("A", {{"x", value}, {"y", value}})}));
+    EXPECT_EQ(CountSkipped(), 0U);
+}
+
+TEST_F(LargeEventTest, AByteMoreSkipsTheEventAndNothingBehindIt) {
+    const std::string value(29999, 'v');
+    EXPECT_EQ(EventsOf("[A]\nx=" + value + "\ny=" + value + "v\nz=1\n.\n[B]\n.\n"), Events({Made("B")}));
+    EXPECT_EQ(CountSkipped(), 1U);
+}
+
+TEST_F(LargeEventTest, WhatARepeatedKeyHasReplacedCountsToo) {
+    std::string text = "[A]\n";
+    for (int i = 0; i < 7; ++i) {
+        text += "x=" + std::string(9999, 'v') + "\n";
+    }
+    EXPECT_EQ(EventsOf(text + ".\n"), Events());
+    EXPECT_EQ(CountSkipped(), 1U);
+}
+
+TEST_F(LargeEventTest, WhatIsIgnoredCountsForNothing) {
+    std::string text = "[A]\nx=1\n";
+    for (int i = 0; i < 7; ++i) {
+        text += "#" + std::string(9999, 'v') + "\n";
+    }
+    EXPECT_EQ(EventsOf(text + ".\n"), Events({Made("A", {{"x", "1"}})}));
+}
+
+TEST_F(LargeEventTest, ThousandsOfTheSameAreOneSkippedEvent) {
+    std::string text = "[A]\n";
+    while (text.size() < 500000) {
+        text += "x=1\n";
+    }
+    EXPECT_EQ(EventsOf(text + ".\n"), Events());
+    EXPECT_EQ(CountSkipped(), 1U);
+}
+
+TEST_F(LargeEventTest, TheTypeOfASkippedEventCountsForTheNext) {
+    EXPECT_EQ(EventsOf("x=" + std::string(70000, 'v') + "\n.\n[A]\nx=" + std::string(50000, 'v') +
+                       "\ny=" + std::string(50000, 'v') + "\n.\nz=1\n.\n"),
+              Events({Made("A", {{"z", "1"}})}));
+    EXPECT_EQ(CountSkipped(), 2U);
+}
+
+TEST_F(LargeEventTest, AHeaderBehindALineThatIsTooLongBeginsAnEvent) {
+    EXPECT_EQ(EventsOf("[A]\ny=1\nx=" + std::string(200000, 'v') + "\nz=1\n[B]\nw=1\n.\n"),
+              Events({Made("B", {{"w", "1"}})}));
+    EXPECT_EQ(CountSkipped(), 1U);
+}
+
+TEST_F(LargeEventTest, AHeaderInsideAnEventThatIsTooLargeBeginsNone) {
+    EXPECT_EQ(EventsOf("[A]\ny=" + std::string(50000, 'v') + "\nx=" + std::string(50000, 'v') + "\n[B]\nw=1\n.\n"),
+              Events());
+}
+
+TEST_F(LargeEventTest, TheTypeCountsThreeTimesSinceItIsWrittenThreeTimes) {
+    // "[]", "eventId=", "eventType=", the stamps and the end have 84 bytes with their line breaks.
+    const std::string longest((65536 - 84) / 3, 'T');
+    EXPECT_EQ(EventsOf("[" + longest + "]\n.\n"), Events({Made(longest)}));
+    EXPECT_EQ(CountSkipped(), 0U);
+    const size_t count = handler.Count();
+    EXPECT_EQ(EventsOf("[" + longest + "T]\n.\n").size(), count);
+    EXPECT_EQ(CountSkipped(), 1U);
+}
+
+TEST_F(LargeEventTest, TheRegionOfAMotionCountsTwice) {
+    EXPECT_EQ(EventsOf("[MotionDetection]\nregion=" + std::string(40000, '2') + "\n.\n"), Events());
+    EXPECT_EQ(CountSkipped(), 1U);
+}
+
+TEST_F(LargeEventTest, ManySmallPropertiesThatWouldFillMoreThanAPipeAreSkipped) {
+    std::string text = "[A]\n";
+    for (int i = 10000; i < 20000; ++i) {
+        text += std::to_string(i) + "=\n";
+    }
+    EXPECT_EQ(EventsOf(text + ".\n"), Events());
+    EXPECT_EQ(CountSkipped(), 1U);
 }
 
 }  // namespace

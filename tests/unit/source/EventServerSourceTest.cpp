@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -33,6 +34,8 @@ using Clock = std::chrono::steady_clock;
 constexpr const char* defaultPath = "/var/run/halvek.pipe";
 constexpr const char* openFailure =
     "Error kelto.osa: Thread EventServerSource ended by an exception: Unable to open FIFO for reading";
+
+constexpr const char* droppedAtAStop = "Warning halvek: EventServerSource: event dropped, its writer goes on at a stop";
 
 mode_t ModeOf(const std::string& path) {
     struct stat status {};
@@ -375,6 +378,76 @@ TEST_F(EventServerSourceTest, StoppingWaitsForADeliveryInProgress) {
     release.set_value();
     stopping.join();
     EXPECT_TRUE(log.Has("Debug halvek: DONE"));
+}
+
+TEST_F(EventServerSourceTest, AnEventThatIsTooLargeIsSkippedToTheEndOfWhatThePipeHolds) {
+    fifo.SetCapacity(size_t{1} << 20);
+    source.StartListening();
+    fifo.Write("[A]\nx=" + std::string(70000, 'v') + "\ny=1\n");
+    EXPECT_TRUE(log.WaitFor("Trace halvek: Got line: y=1"));
+    WaitForQuiet();
+    EXPECT_EQ(EventsOf("z=1\n.\n"), Events({Made("A", {{"z", "1"}})}));
+    EXPECT_EQ(log.Count("Error halvek: EventServerSource: event of more than 60000 bytes skipped"), 1U);
+}
+
+/** Posts the same lines without an end until it goes. */
+class EndlessWriter {
+public:
+    EndlessWriter(const std::string& path, const std::string& lines) : fd(open(path.c_str(), O_WRONLY | O_CLOEXEC)) {
+        thread = std::thread([this, lines] {
+            while (!done) {
+                pollfd pipe{fd, POLLOUT, 0};
+                if (poll(&pipe, 1, 10) > 0) {
+                    static_cast<void>(write(fd, lines.data(), lines.size()));
+                }
+            }
+        });
+    }
+    ~EndlessWriter() {
+        done = true;
+        thread.join();
+        close(fd);
+    }
+    EndlessWriter(const EndlessWriter&) = delete;
+    EndlessWriter& operator=(const EndlessWriter&) = delete;
+
+private:
+    const int fd;
+    std::atomic<bool> done = false;
+    std::thread thread;
+};
+
+TEST_F(EventServerSourceTest, AStopGetsThroughWhileAWriterNeverEndsItsEvent) {
+    for (const std::string line : {"x=1\n", "#\n", "[\n", "[A]\n"}) {
+        log.Clear();
+        const EndlessWriter writer(path, line);
+        source.StartListening();
+        EXPECT_TRUE(log.WaitFor("Trace halvek: Got line: " + line.substr(0, line.size() - 1), 200));
+        const auto begin = Clock::now();
+        source.StopListening();
+        EXPECT_LT(Clock::now() - begin, 3s);
+        EXPECT_EQ(log.Count(droppedAtAStop), 1U);
+        EXPECT_TRUE(log.Has("Debug halvek: DONE"));
+    }
+    EXPECT_EQ(handler.Count(), 0U);
+}
+
+TEST_F(EventServerSourceTest, AStopGetsThroughWhileALineNeverEnds) {
+    log.Clear();
+    const EndlessWriter writer(path, "x");
+    source.StartListening();
+    EXPECT_TRUE(log.WaitFor("Error halvek: EventServerSource: event of more than 60000 bytes skipped"));
+    source.StopListening();
+    EXPECT_EQ(log.Count(droppedAtAStop), 1U);
+}
+
+TEST_F(EventServerSourceTest, AnEventThatHasBegunBeforeAStopIsReadToItsEnd) {
+    test::RecordingHandler stopping([this](Event&) { source.Stop(); });
+    source.AddHandler(&stopping);
+    fifo.Write("[A]\n.\n[B]\n.\n");
+    source.Run();
+    EXPECT_EQ(fifo.Read(), "[B]\n.\n");
+    EXPECT_FALSE(log.Has(droppedAtAStop));
 }
 
 TEST_F(EventServerSourceTest, AStopBeforeTheBodyRunsIsLost) {

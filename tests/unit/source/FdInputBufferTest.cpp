@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <string>
 
 namespace kelto::halvek::source {
 
@@ -23,6 +24,7 @@ protected:
     const test::Fifo fifo{folder.PathOf("pipe")};
     const int fd;
     FdInputBuffer buffer{fd};
+    std::string line;
 };
 
 TEST_F(FdInputBufferTest, TakesNothingBeforeItIsAsked) {
@@ -85,6 +87,51 @@ TEST_F(FdInputBufferTest, KeepsNothingToPutBackFromBeforeTheRefill) {
     EXPECT_EQ(buffer.sbumpc(), 'b');
     EXPECT_EQ(buffer.sputbackc('b'), 'b');
     EXPECT_EQ(buffer.sputbackc('a'), endOfFile);
+}
+
+TEST_F(FdInputBufferTest, ALineIsReadWithoutItsNewlineAndNothingBehindIt) {
+    fifo.Write("ab\n\nc");
+    EXPECT_EQ(buffer.ReadLine(line, 9), LineFound::Whole);
+    EXPECT_EQ(line, "ab");
+    EXPECT_EQ(fifo.CountWaiting(), 2U);
+    EXPECT_EQ(buffer.ReadLine(line, 9), LineFound::Whole);
+    EXPECT_EQ(line, "");
+    EXPECT_EQ(fifo.CountWaiting(), 1U);
+}
+
+TEST_F(FdInputBufferTest, WhatThePipeHoldsOfALineIsALineAndBehindItThereIsNone) {
+    fifo.Write("ab");
+    EXPECT_EQ(buffer.ReadLine(line, 9), LineFound::Whole);
+    EXPECT_EQ(line, "ab");
+    EXPECT_EQ(buffer.ReadLine(line, 9), LineFound::None);
+    EXPECT_EQ(line, "");
+    fifo.Write("c\n");
+    EXPECT_EQ(buffer.ReadLine(line, 9), LineFound::Whole);
+    EXPECT_EQ(line, "c");
+}
+
+TEST_F(FdInputBufferTest, ALineOfTheGreatestLengthIsWhole) {
+    fifo.Write("abc\nabc");
+    EXPECT_EQ(buffer.ReadLine(line, 3), LineFound::Whole);
+    EXPECT_EQ(line, "abc");
+    EXPECT_EQ(buffer.ReadLine(line, 3), LineFound::Whole);
+    EXPECT_EQ(line, "abc");
+}
+
+TEST_F(FdInputBufferTest, ALongerLineIsGivenUpBehindItsFirstBytes) {
+    fifo.Write("abcdef\ng");
+    EXPECT_EQ(buffer.ReadLine(line, 3), LineFound::TooLong);
+    EXPECT_EQ(line, "abc");
+    EXPECT_EQ(fifo.CountWaiting(), 4U);
+    EXPECT_EQ(buffer.ReadLine(line, 3), LineFound::Whole);
+    EXPECT_EQ(line, "ef");
+}
+
+TEST_F(FdInputBufferTest, AByteThatWasLookedAtBelongsToTheLine) {
+    fifo.Write("ab\n");
+    EXPECT_EQ(buffer.sgetc(), 'a');
+    EXPECT_EQ(buffer.ReadLine(line, 9), LineFound::Whole);
+    EXPECT_EQ(line, "ab");
 }
 
 TEST_F(FdInputBufferTest, DoesNotCloseTheDescriptor) {
