@@ -68,12 +68,14 @@ def test_an_endless_line_costs_nothing_that_comes_after_it(launch, line):
 
 @pytest.fixture
 def yes() -> Iterator[Callable[[str], None]]:
-    """Writers that post the same line for ever, as fast as they can."""
+    """Writers that post the same line for ever, and are far ahead of the daemon."""
     writers = []
 
     def start(line: str) -> None:
         with DEFAULT_INPUT.open("wb") as pipe:
+            fcntl.fcntl(pipe, fcntl.F_SETPIPE_SZ, MEBIBYTE)
             writers.append(subprocess.Popen(["yes", line], stdout=pipe))
+        wait_until(lambda: bytes_ready_at(DEFAULT_INPUT) >= MEBIBYTE / 2, "the writer is ahead")
 
     yield start
     for writer in writers:
@@ -85,7 +87,6 @@ def yes() -> Iterator[Callable[[str], None]]:
 def test_a_reload_and_a_stop_get_through_while_an_event_never_ends(launch, yes, output_pipe, line):
     daemon, pipe = launch(SERVER | timer(1, 1)), output_pipe()
     yes(line)
-    wait_until(lambda: bytes_ready_at(DEFAULT_INPUT) >= PAGE, "the writer is ahead")
     begin = time.monotonic()
     daemon.reload()
     pipe.wait_for_event("Timer", after=len(pipe.items))
