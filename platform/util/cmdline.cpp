@@ -1,6 +1,8 @@
 #include "util/cmdline.h"
 
 #include <getopt.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -38,6 +40,22 @@ std::vector<option> LongOptions(const cmdline_option* table) {
     return options;
 }
 
+/** A pipe or a socket that nobody reads may have none, and would hold the caller up. */
+bool StandardErrorHasRoom() {
+    pollfd standardError{STDERR_FILENO, POLLOUT, 0};
+    return poll(&standardError, 1, 0) > 0;
+}
+
+void PrintUsage(const cmdline_option* table, const char* name) {
+    std::fprintf(stderr, "Usage: %s%s\n", name, IsEnd(*table) ? "" : " [OPTION]...");
+    for (; !IsEnd(*table); ++table) {
+        const char shortName[] = {'-', table->shortName, '\0'};
+        std::fprintf(stderr, "  %2s %s%-20s %s\n", table->shortName != 0 ? shortName : "",
+                     table->longName != nullptr ? "--" : "", table->longName != nullptr ? table->longName : "",
+                     table->help != nullptr ? table->help : "");
+    }
+}
+
 }  // namespace
 
 int cmdline_getopt(int argc, char** argv, const cmdline_option* table) {
@@ -55,12 +73,8 @@ int cmdline_getopt(int argc, char** argv, const cmdline_option* table) {
 }
 
 void cmdline_usage(const cmdline_option* table, const char* name, int status) {
-    std::fprintf(stderr, "Usage: %s%s\n", name, IsEnd(*table) ? "" : " [OPTION]...");
-    for (; !IsEnd(*table); ++table) {
-        const char shortName[] = {'-', table->shortName, '\0'};
-        std::fprintf(stderr, "  %2s %s%-20s %s\n", table->shortName != 0 ? shortName : "",
-                     table->longName != nullptr ? "--" : "", table->longName != nullptr ? table->longName : "",
-                     table->help != nullptr ? table->help : "");
+    if (StandardErrorHasRoom()) {
+        PrintUsage(table, name);
     }
     if (status != 0) {
         std::exit(status);

@@ -20,7 +20,7 @@ struct cmdline_option {
 int cmdline_getopt(int argc, char** argv, const cmdline_option* table);
 
 /**
- * Prints how a program is called and its options to standard error.
+ * Prints how a program is called and its options to standard error, unless that is full and nobody reads it.
  *
  * @param name   what the program is called
  * @param status ends the process with this exit status unless it is 0

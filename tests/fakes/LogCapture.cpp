@@ -19,6 +19,9 @@ namespace kelto::test {
 
 namespace {
 
+/** What follows a line break inside a record's text. */
+constexpr std::string_view indentation = "    ";
+
 bool IsTime(const std::string& text) {
     constexpr std::string_view form = "dddd-dd-ddTdd:dd:dd.ddd";
     return std::equal(text.begin(), text.end(), form.begin(), form.end(), [](char character, char expected) {
@@ -77,7 +80,7 @@ std::vector<LogRecord> LogCapture::Records() const {
         if (const auto record = ParseBegin(line)) {
             records.push_back(*record);
         } else if (!records.empty()) {
-            records.back().text += "\n" + line;
+            records.back().text += "\n" + (line.starts_with(indentation) ? line.substr(indentation.size()) : line);
         }
     }
     return records;

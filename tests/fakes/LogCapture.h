@@ -21,7 +21,8 @@ struct LogRecord {
 
 /**
  * Takes what the process writes to standard error for the length of a scope, with all loggers at one level. A line that
- * does not look like a record's beginning belongs to the record before it.
+ * does not look like a record's beginning belongs to the record before it; the four blanks that stand in front of a
+ * text's second line and those behind it are taken off.
  */
 class LogCapture {
 public:

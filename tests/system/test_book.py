@@ -219,6 +219,8 @@ def message_calls(file: Source) -> Iterator[tuple[Call, str, str]]:
         yield call, call.name.strip(".->"), filled(file, call, 0)
     for call in file.calls(r"\bWarn(?=\(Add)"):
         yield call, "Warning", filled(file, call, 1)
+    for call in file.calls(r"\bsnprintf(?=\(notice)"):
+        yield call, "Error", filled(file, call, 2).removesuffix("\\n")
     for call in file.calls(r"(?<!\w)Exception"):
         yield call, "", filled(file, call, 0)
     for helper, (position, text) in TEXT_HELPERS.items():

@@ -1,5 +1,7 @@
 #include "kelto/core/LogOutput.h"
 
+#include "kelto/core/ControlCharacters.h"
+#include "kelto/core/RecordBuffer.h"
 #include "kelto/core/UtcOffset.h"
 
 #include <sys/stat.h>
@@ -14,7 +16,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <string>
 #include <string_view>
 
 #define SD_JOURNAL_SUPPRESS_LOCATION
@@ -25,7 +26,9 @@ namespace kelto::core {
 namespace {
 
 constexpr const char* journalSocket = "/run/systemd/journal/socket";
-constexpr size_t stackRecordSize = 1024;
+constexpr size_t noticeSize = 256;
+/** Bytes, of one character: a line break with what follows it. */
+constexpr size_t longestEscape = 5;
 
 bool StandardErrorIsJournal() {
     const char* const stream = std::getenv("JOURNAL_STREAM");
@@ -57,13 +60,6 @@ int JournalPriority(LogLevel level) {
     }
 }
 
-std::string_view TrimLineBreaks(std::string_view text) {
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
-        text.remove_suffix(1);
-    }
-    return text;
-}
-
 /** Calendar arithmetic of our own: gmtime_r takes the same lock as localtime_r. Returns the length written. */
 size_t FormatHeader(char* buffer, size_t size, LogLevel level, const char* loggerName) {
     timespec now{};
@@ -80,52 +76,23 @@ size_t FormatHeader(char* buffer, size_t size, LogLevel level, const char* logge
     return std::min(static_cast<size_t>(length), size - 1);
 }
 
-void WriteLine(std::string_view record) {
-    if (write(STDERR_FILENO, record.data(), record.size()) < 0) {
-        // There is nowhere left to report it.
+/** The escaped record's length. Without the memory for it, the part of its text that has room in any case. */
+size_t EscapeText(RecordBuffer& buffer, size_t begin, size_t end) {
+    size_t length = ControlCharacters::EscapedLength(buffer.Text(begin, end));
+    if (!buffer.Grow(begin + length + 1, end)) {
+        end = begin + (buffer.Size() - begin - 1) / longestEscape;
+        length = ControlCharacters::EscapedLength(buffer.Text(begin, end));
     }
-}
-
-void WriteToStandardError(LogLevel level, const char* loggerName, const char* format, va_list arguments) {
-    std::array<char, stackRecordSize> buffer{};
-    const size_t header = FormatHeader(buffer.data(), buffer.size() / 2, level, loggerName);
-    va_list again;
-    va_copy(again, arguments);
-    const int textLength = std::vsnprintf(buffer.data() + header, buffer.size() - header, format, arguments);
-    const size_t total = header + static_cast<size_t>(textLength > 0 ? textLength : 0);
-    if (total < buffer.size()) {
-        const size_t length = header + TrimLineBreaks({buffer.data() + header, total - header}).size();
-        buffer.at(length) = '\n';
-        WriteLine({buffer.data(), length + 1});
-    } else {
-        std::string record(buffer.data(), header);
-        record.resize(total + 1);
-        std::vsnprintf(record.data() + header, record.size() - header, format, again);
-        record.pop_back();
-        record.resize(header + TrimLineBreaks(std::string_view(record).substr(header)).size());
-        record += '\n';
-        WriteLine(record);
-    }
-    va_end(again);
+    ControlCharacters::Escape(buffer.Data() + begin, end - begin, length);
+    return begin + length;
 }
 
 void WriteToJournal(LogLevel level, const char* loggerName, const char* format, va_list arguments) {
     constexpr std::string_view field = "MESSAGE=";
-    std::array<char, stackRecordSize> message{};
-    field.copy(message.data(), field.size());
-    va_list again;
-    va_copy(again, arguments);
-    const int textLength =
-        std::vsnprintf(message.data() + field.size(), message.size() - field.size(), format, arguments);
-    std::string longMessage;
-    std::string_view text(message.data(), field.size() + static_cast<size_t>(textLength > 0 ? textLength : 0));
-    if (text.size() >= message.size()) {
-        longMessage.assign(field).resize(text.size() + 1);
-        std::vsnprintf(longMessage.data() + field.size(), longMessage.size() - field.size(), format, again);
-        text = std::string_view(longMessage).substr(0, text.size());
-    }
-    va_end(again);
-    text = TrimLineBreaks(text);
+    RecordBuffer buffer;
+    field.copy(buffer.Data(), field.size());
+    const size_t end = buffer.Format(field.size(), format, arguments);
+    const size_t length = field.size() + ControlCharacters::TrimLineBreaks(buffer.Text(field.size(), end)).size();
 
     std::array<char, 16> priority{};
     const int priorityLength = std::snprintf(priority.data(), priority.size(), "PRIORITY=%d", JournalPriority(level));
@@ -133,7 +100,7 @@ void WriteToJournal(LogLevel level, const char* loggerName, const char* format, 
     std::snprintf(logger.data(), logger.size(), "LOGGER=%s", loggerName);
     const std::string_view loggerField(logger.data());
     const std::array<iovec, 3> fields = {{
-        {const_cast<char*>(text.data()), text.size()},
+        {buffer.Data(), length},
         {priority.data(), static_cast<size_t>(priorityLength)},
         {logger.data(), loggerField.size()},
     }};
@@ -144,7 +111,7 @@ void WriteToJournal(LogLevel level, const char* loggerName, const char* format, 
 
 LogOutput::LogOutput() : toJournal(StandardErrorIsJournal()) {}
 
-void LogOutput::Write(LogLevel level, const char* loggerName, const char* format, va_list arguments) const {
+void LogOutput::Write(LogLevel level, const char* loggerName, const char* format, va_list arguments) {
     if (closed.load(std::memory_order_relaxed)) {
         return;
     }
@@ -155,6 +122,50 @@ void LogOutput::Write(LogLevel level, const char* loggerName, const char* format
         WriteToStandardError(level, loggerName, format, arguments);
     }
     errno = savedErrno;
+}
+
+void LogOutput::Close() {
+    TellOfDropped();
+    closed.store(true, std::memory_order_relaxed);
+}
+
+void LogOutput::WriteToStandardError(LogLevel level, const char* loggerName, const char* format, va_list arguments) {
+    RecordBuffer buffer;
+    const size_t begin = FormatHeader(buffer.Data(), buffer.Size() / 2, level, loggerName);
+    const size_t end = buffer.Format(begin, format, arguments);
+    const size_t trimmed = begin + ControlCharacters::TrimLineBreaks(buffer.Text(begin, end)).size();
+    const size_t length = EscapeText(buffer, begin, trimmed);
+    buffer.Data()[length] = '\n';
+    if (!TellOfDropped() || !WriteLine(buffer.Text(0, length + 1))) {
+        dropped.fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+bool LogOutput::TellOfDropped() {
+    const unsigned count = dropped.exchange(0, std::memory_order_relaxed);
+    if (count == 0) {
+        return true;
+    }
+    std::array<char, noticeSize> notice{};
+    // A record that was cut has left its line open.
+    notice[0] = '\n';
+    const size_t begin = midLine.load(std::memory_order_relaxed) ? 0 : 1;
+    const size_t header = 1 + FormatHeader(notice.data() + 1, notice.size() / 2, LogLevel::Error, "kelto.core");
+    const int text = std::snprintf(notice.data() + header, notice.size() - header,
+                                   "%u records were dropped, nobody reads standard error\n", count);
+    if (WriteLine({notice.data() + begin, header - begin + static_cast<size_t>(text)})) {
+        return true;
+    }
+    dropped.fetch_add(count, std::memory_order_relaxed);
+    return false;
+}
+
+bool LogOutput::WriteLine(std::string_view line) {
+    const size_t written = standardError.Write(line);
+    if (written > 0) {
+        midLine.store(written < line.size(), std::memory_order_relaxed);
+    }
+    return written == line.size();
 }
 
 }  // namespace kelto::core

@@ -61,7 +61,7 @@ public:
 
 private:
     /** For the constructor: the logger itself would ask for the registry, which is not there yet. */
-    __attribute__((format(printf, 3, 4))) void Warn(const Logger& logger, const char* format, ...) const {
+    __attribute__((format(printf, 3, 4))) void Warn(const Logger& logger, const char* format, ...) {
         va_list arguments;
         va_start(arguments, format);
         output.Write(LogLevel::Warning, logger.GetName().c_str(), format, arguments);

@@ -14,8 +14,8 @@ namespace kelto::core {
  * A record is one line "2026-11-21T03:40:00.123 Debug halvek: text" in local time on standard error, written by one
  * system call; under a service manager it goes to the journal instead. Loggers live as long as the process. All
  * operations may be called from any thread; the five that log may also be called in a signal handler (for texts of less
- * than a kilobyte): they take no lock, allocate nothing and keep errno. A record below the level costs one relaxed load
- * and no formatting.
+ * than a kilobyte): they take no lock, allocate nothing and keep errno. They never throw: without memory a longer text
+ * is cut. A record below the level costs one relaxed load and no formatting.
  */
 class Logger {
 public:

@@ -1,4 +1,5 @@
 #include "kelto/core/Logger.h"
+#include "kelto/core/StringUtil.h"
 #include "tests/fakes/EnvironmentVariable.h"
 #include "tests/fakes/FreshProcess.h"
 #include "tests/fakes/LogCapture.h"
@@ -109,18 +110,69 @@ TEST_F(LoggerTest, EachRecordIsOneWrite) {
     }
 }
 
-TEST_F(LoggerTest, LineBreaksAtTheEndAreDroppedAndThoseInsideStay) {
+TEST_F(LoggerTest, LineBreaksAtTheEndAreDroppedAndThoseInsideAreFollowedByFourBlanks) {
     const struct {
         const char* text;
         const char* written;
     } table[] = {
-        {"text\n", "text\n"}, {"text\n\n\n", "text\n"},         {"text\r\n", "text\n"}, {"one\ntwo", "one\ntwo\n"},
-        {"", "\n"},           {"one\n\ntwo\n", "one\n\ntwo\n"}, {"\n", "\n"},           {"\nlate", "\nlate\n"},
+        {"text\n", "text\n"},
+        {"text\n\n\n", "text\n"},
+        {"text\r\n", "text\n"},
+        {"text\r\n\n\r\n", "text\n"},
+        {"one\ntwo", "one\n    two\n"},
+        {"", "\n"},
+        {"one\n\ntwo\n", "one\n    \n    two\n"},
+        {"\n", "\n"},
+        {"\nlate", "\n    late\n"},
     };
     test::RecordSocket standardError;
     for (const auto& [text, written] : table) {
         logger.Debug("%s", text);
         EXPECT_EQ(TextOf(standardError.TakeWrites()), written) << text;
+    }
+}
+
+TEST_F(LoggerTest, OtherControlCharactersButTheTabAreWrittenAsNumbers) {
+    const struct {
+        const char* text;
+        const char* written;
+    } table[] = {
+        {"\x1b[31mred", "\\x1b[31mred\n"},
+        {"a\rb", "a\\x0db\n"},
+        {"at the end\r", "at the end\\x0d\n"},
+        {"\r\r\n", "\\x0d\n"},
+        {"\x7f", "\\x7f\n"},
+        {"a\tb", "a\tb\n"},
+        {"one\r\ntwo", "one\\x0d\n    two\n"},
+        {"gr\xc3\xbc\xc3\x9f \x80\xff", "gr\xc3\xbc\xc3\x9f \x80\xff\n"},
+        {"\x01\x1f ~", "\\x01\\x1f ~\n"},
+        {"\\x1b", "\\x1b\n"},
+    };
+    test::RecordSocket standardError;
+    for (const auto& [text, written] : table) {
+        logger.Debug("%s", text);
+        EXPECT_EQ(TextOf(standardError.TakeWrites()), written) << text;
+    }
+    logger.Debug("got: '%c'", '\0');
+    EXPECT_EQ(TextOf(standardError.TakeWrites()), "got: '\\x00'\n");
+}
+
+TEST_F(LoggerTest, NoTextBeginsARecordOfItsOwn) {
+    const test::LogCapture log;
+    logger.Warning("value\n2026-11-21T03:40:00.123 Error halvek: forged");
+    EXPECT_THAT(log.Records(), SizeIs(1));
+}
+
+TEST_F(LoggerTest, ARecordThatBecomesLongerThanItsBufferIsWhole) {
+    test::RecordSocket standardError;
+    for (size_t length = 180; length <= 260; ++length) {
+        std::string written;
+        for (size_t number = 0; number < length; ++number) {
+            written += "x\n    ";
+        }
+        const std::string text = StringUtil::Replace(written, "    ", "");
+        logger.Debug("%sx", text.c_str());
+        EXPECT_EQ(TextOf(standardError.TakeWrites()), written + "x\n");
     }
 }
 
@@ -140,7 +192,8 @@ TEST_F(LoggerTest, LineBreaksAtTheEndOfALongRecordAreDroppedToo) {
     test::RecordSocket standardError;
     const std::string text = std::string(1500, 'x') + "\n" + std::string(1500, 'y');
     logger.Debug("%s\r\n\n", text.c_str());
-    EXPECT_EQ(TextOf(standardError.TakeWrites()), text + "\n");
+    const std::string written = std::string(1500, 'x') + "\n    " + std::string(1500, 'y') + "\n";
+    EXPECT_EQ(TextOf(standardError.TakeWrites()), written);
 }
 
 TEST_F(LoggerTest, ALoggerNameLongerThanARecordsBufferDoesNoHarm) {
