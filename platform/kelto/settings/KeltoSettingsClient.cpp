@@ -1,5 +1,6 @@
 #include "kelto/settings/KeltoSettingsClient.h"
 
+#include "kelto/core/UtcOffset.h"
 #include "kelto/settings/SettingsStore.h"
 
 #include <fnmatch.h>
@@ -68,6 +69,8 @@ void KeltoSettingsClient::GetSettings(const Patterns& patterns, core::IniFile& i
     if (mode == OperationMode::LookUp) {
         LastLookUp::Instance().Add(patterns, ini);
     } else {
+        // The time zone is a setting of the camera's as well, and the records of a reload are to show it.
+        core::UtcOffset::Renew();
         AddMatching(patterns, SettingsStore::Load(), ini);
     }
     if (listener) {

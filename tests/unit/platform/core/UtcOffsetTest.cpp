@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <thread>
 #include <vector>
 
@@ -47,6 +48,16 @@ TEST(UtcOffset, StaysAsLastSeenUntilTheNextLookUp) {
     UtcOffset::Refresh();
     clock.Set("2025-07-01 12:00:00");
     EXPECT_EQ(UtcOffset::Get(), 3600);
+}
+
+TEST(UtcOffset, FollowsANewZoneWhenItIsRenewedAndNotBefore) {
+    const test::FakeClock clock("2025-05-01 12:00:00", "XXX-05:45");
+    UtcOffset::Refresh();
+    setenv("TZ", "XXX03:30", 1);
+    UtcOffset::Refresh();
+    EXPECT_EQ(UtcOffset::Get(), 5 * 3600 + 45 * 60);
+    UtcOffset::Renew();
+    EXPECT_EQ(UtcOffset::Get(), -(3 * 3600 + 30 * 60));
 }
 
 TEST(UtcOffset, IsRightBeyond2038) {
