@@ -14,7 +14,7 @@
 #include <array>
 #include <cerrno>
 #include <exception>
-#include <iterator>
+#include <new>
 
 namespace kelto::msgbus {
 
@@ -68,17 +68,30 @@ uint64_t BusListener::Start() {
     return generation;
 }
 
-uint64_t BusListener::SetFilters(const std::set<MessageFilter>& newFilters) {
+uint64_t BusListener::AddFilter(const MessageFilter& filter) {
+    // All memory is taken before anything changes.
+    std::set<MessageFilter> wanted = {filter};
+    std::set<MessageFilter> added = {filter};
     uint64_t change = 0;
     {
         const std::lock_guard lock(mutex);
-        std::set_difference(newFilters.begin(), newFilters.end(), filters.begin(), filters.end(),
-                            std::inserter(addedFilters, addedFilters.end()));
-        filters = newFilters;
+        filters.merge(wanted);
+        if (wanted.empty()) {
+            addedFilters.merge(added);
+        }
         change = ++generation;
     }
     Wake();
     return change;
+}
+
+void BusListener::RemoveFilter(const MessageFilter& filter) noexcept {
+    {
+        const std::lock_guard lock(mutex);
+        filters.erase(filter);
+        ++generation;
+    }
+    Wake();
 }
 
 void BusListener::Stop() {
@@ -120,7 +133,7 @@ bool BusListener::Connect() {
     };
     try {
         connection = std::make_unique<BusConnection>(BusConnection::Clock::now() + connectLimit, wait);
-    } catch (const osa::Exception& exception) {
+    } catch (const std::exception& exception) {
         if (!IsStopping()) {
             Disconnect(exception.what());
         }
@@ -147,18 +160,26 @@ void BusListener::Disconnect(const char* reason) {
     changed.notify_all();
 }
 
-/** One round: what others asked for, and one message of the bus or, if there is none, waiting for more of either. */
 void BusListener::Listen() {
     try {
-        // In each round, so that no flood holds up a stop or a subscription.
-        UpdateMatches();
-        const bool busy = CheckBusResult(sd_bus_process(connection->Get(), nullptr), "The message bus is gone") > 0;
-        ReportSettled();
-        if (!busy) {
-            WaitForInput(connection->Get(), longestWait);
-        }
-    } catch (const osa::Exception& exception) {
+        ListenOnce();
+    } catch (const std::bad_alloc& exception) {
+        // What was asked for is not known any more: a new connection begins afresh, but not before there may be memory.
         Disconnect(exception.what());
+        Pause();
+    } catch (const std::exception& exception) {
+        Disconnect(exception.what());
+    }
+}
+
+/** One round: what others asked for, and one message of the bus or, if there is none, waiting for more of either. */
+void BusListener::ListenOnce() {
+    // In each round, so that no flood holds up a stop or a subscription.
+    UpdateMatches();
+    const bool busy = CheckBusResult(sd_bus_process(connection->Get(), nullptr), "The message bus is gone") > 0;
+    ReportSettled();
+    if (!busy) {
+        WaitForInput(connection->Get(), longestWait);
     }
 }
 

@@ -38,8 +38,12 @@ public:
     /** Starts listening, once; returns the number of the last change. */
     uint64_t Start();
 
-    /** Replaces the filters; returns a number that stands for this change. */
-    uint64_t SetFilters(const std::set<MessageFilter>& newFilters);
+    /** Asks for what a filter lets through, which may be asked for already; returns a number that stands for this
+     * change. If it throws, nothing has changed. */
+    uint64_t AddFilter(const MessageFilter& filter);
+
+    /** Asks for it no more. */
+    void RemoveFilter(const MessageFilter& filter) noexcept;
 
     /**
      * Waits until the bus has acknowledged a change and all before it: for a second at most, not at all before the
@@ -66,6 +70,7 @@ private:
     void Wake() const;
     bool Connect();
     void Listen();
+    void ListenOnce();
     void UpdateMatches();
     void AddMatch(const MessageFilter& filter);
     void ReportSettled();

@@ -5,6 +5,7 @@
 #include "kelto/msgbus/IMessageHandler.h"
 
 #include <exception>
+#include <new>
 #include <utility>
 
 namespace kelto::msgbus {
@@ -29,16 +30,13 @@ DeliveryQueue::~DeliveryQueue() {
     thread.Join();
 }
 
-void DeliveryQueue::Push(std::shared_ptr<const MsgBusMsg> message) {
+void DeliveryQueue::Push(std::shared_ptr<const MsgBusMsg> message) noexcept {
     {
         const std::lock_guard lock(mutex);
-        if (message->size > mostBytes) {
-            // It would drive out all the others and not stay itself.
-            ++droppedCount;
-        } else {
-            bytes += message->size;
-            messages.push_back(std::move(message));
+        if (closed) {
+            return;
         }
+        Add(std::move(message));
         while (messages.size() > mostMessages || bytes > mostBytes) {
             bytes -= messages.front()->size;
             messages.pop_front();
@@ -47,6 +45,21 @@ void DeliveryQueue::Push(std::shared_ptr<const MsgBusMsg> message) {
     }
     // Not under the lock: the thread that this wakes up would only wait again, for the lock.
     changed.notify_all();
+}
+
+void DeliveryQueue::Add(std::shared_ptr<const MsgBusMsg> message) {
+    const size_t size = message->size;
+    if (size > mostBytes) {
+        // It would drive out all the others and not stay itself.
+        ++droppedCount;
+        return;
+    }
+    try {
+        messages.push_back(std::move(message));
+        bytes += size;
+    } catch (const std::bad_alloc&) {
+        ++droppedCount;
+    }
 }
 
 void DeliveryQueue::Close() {
@@ -68,9 +81,18 @@ bool DeliveryQueue::HasEnded() {
 }
 
 void DeliveryQueue::Stop() {
-    const std::lock_guard lock(mutex);
-    closed = true;
-    changed.notify_all();
+    size_t lost = 0;
+    {
+        const std::lock_guard lock(mutex);
+        closed = true;
+        lost = std::exchange(droppedCount, 0) + messages.size();
+        messages.clear();
+        bytes = 0;
+        changed.notify_all();
+    }
+    if (lost > 0) {
+        Log().Warning("%zu messages were dropped, their subscription has ended", lost);
+    }
 }
 
 void DeliveryQueue::Run() {

@@ -22,7 +22,8 @@ class IMessageHandler;
  * Each subscription has one of its own, so that an action that blocks delays only its own source: with a shared
  * delivery thread one relay service that hangs would hold up every alarm of the camera. What comes faster than the
  * handler takes it waits here, up to 1,024 messages or 4 MiB; then the oldest goes, and a Warning says how many did
- * when the queue has drained. A single message of more than that goes at once, and only it.
+ * when the queue has drained. A single message of more than that goes at once, and only it. What still waits when the
+ * subscription ends is dropped too, and told in one Warning with all that had to go before.
  */
 class DeliveryQueue final : public osa::Runnable {
 public:
@@ -35,10 +36,11 @@ public:
     /** Closes it and waits for the thread. Not from inside a delivery. */
     ~DeliveryQueue() override;
 
-    /** Adds a message. Any thread; never waits for a delivery. */
-    void Push(std::shared_ptr<const MsgBusMsg> message);
+    /** Adds a message, or counts it as dropped if there is no memory for it. Any thread; never waits for a delivery. */
+    void Push(std::shared_ptr<const MsgBusMsg> message) noexcept;
 
-    /** Ends delivery. Returns only when no call is in flight; at once from inside one, which then is the last. */
+    /** Ends delivery. Returns only when no call is in flight; at once from inside one, which then is the last. What is
+     * pushed from now on is forgotten. */
     void Close();
 
     /** Whether the calling thread is in a delivery of this queue. */
@@ -57,6 +59,7 @@ private:
         size_t dropped = 0;
     };
 
+    void Add(std::shared_ptr<const MsgBusMsg> message);
     std::optional<Next> Take();
     void Deliver(const MsgBusMsg& message) const;
 

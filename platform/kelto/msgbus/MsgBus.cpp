@@ -3,6 +3,8 @@
 #include "kelto/msgbus/IMessageHandler.h"
 #include "kelto/osa/MutexAutoLock.h"
 
+#include <algorithm>
+
 namespace kelto::msgbus {
 
 MsgBus::MsgBus()
@@ -25,15 +27,19 @@ void MsgBus::Start() {
 }
 
 void MsgBus::Subscribe(const MessageFilter& filter, IMessageHandler* handler) {
+    // Whatever can fail comes before the first change: a handler whose subscription has failed may be gone already.
+    std::list<Subscription> added;
+    added.push_back({filter, handler, std::make_unique<DeliveryQueue>(handler)});
     uint64_t change = 0;
     {
         const osa::MutexAutoLock guard(lock);
-        subscriptions.push_back({filter, handler, std::make_unique<DeliveryQueue>(handler)});
-        change = listener.SetFilters(Filters());
+        change = listener.AddFilter(filter);
+        subscriptions.splice(subscriptions.end(), added);
     }
     listener.WaitUntilSettled(change);
 }
 
+/** Needs no memory, as it is called by destructors. */
 void MsgBus::Unsubscribe(IMessageHandler* handler) {
     std::list<Subscription> removed;
     {
@@ -45,7 +51,11 @@ void MsgBus::Unsubscribe(IMessageHandler* handler) {
             }
             at = next;
         }
-        listener.SetFilters(Filters());
+        for (const Subscription& subscription : removed) {
+            if (!IsWanted(subscription.filter)) {
+                listener.RemoveFilter(subscription.filter);
+            }
+        }
         ended.remove_if([](const Subscription& subscription) { return subscription.queue->HasEnded(); });
     }
     for (const Subscription& subscription : removed) {
@@ -61,12 +71,9 @@ void MsgBus::Unsubscribe(IMessageHandler* handler) {
     }
 }
 
-std::set<MessageFilter> MsgBus::Filters() const {
-    std::set<MessageFilter> filters;
-    for (const Subscription& subscription : subscriptions) {
-        filters.insert(subscription.filter);
-    }
-    return filters;
+bool MsgBus::IsWanted(const MessageFilter& filter) const {
+    return std::any_of(subscriptions.begin(), subscriptions.end(),
+                       [&](const Subscription& subscription) { return subscription.filter == filter; });
 }
 
 void MsgBus::Deliver(const MessageFilter& filter, const std::shared_ptr<const MsgBusMsg>& message) {

@@ -7,7 +7,6 @@
 
 #include <list>
 #include <memory>
-#include <set>
 
 namespace kelto::msgbus {
 
@@ -33,7 +32,7 @@ private:
         std::unique_ptr<DeliveryQueue> queue;
     };
 
-    std::set<MessageFilter> Filters() const;
+    bool IsWanted(const MessageFilter& filter) const;
     void Deliver(const MessageFilter& filter, const std::shared_ptr<const MsgBusMsg>& message);
 
     // Guarded by lock.

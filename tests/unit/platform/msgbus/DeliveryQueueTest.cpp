@@ -1,6 +1,7 @@
 #include "kelto/core/UtcOffset.h"
 #include "kelto/msgbus/DeliveryQueue.h"
 #include "kelto/osa/Exception.h"
+#include "tests/fakes/FailingAllocation.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/ProcessState.h"
@@ -252,6 +253,78 @@ TEST(DeliveryQueue, WhatAHandlerThrowsIsLoggedAndDeliveryGoesOn) {
     EXPECT_THAT(log.Lines(), ElementsAre("Error kelto.msgbus: the platform's, 7",
                                          "Error kelto.msgbus: the library's, 100% foreign %s",
                                          "Error kelto.msgbus: A message handler threw an unknown exception"));
+}
+
+std::string EndedWarning(int count) {
+    return "Warning kelto.msgbus: " + std::to_string(count) + " messages were dropped, their subscription has ended";
+}
+
+TEST(DeliveryQueue, WhatStillWaitsAtTheEndIsCountedInOneWarning) {
+    const test::LogCapture log;
+    FilledQueue filled;
+    for (const std::string& number : Numbers(0, 3)) {
+        filled.queue.Push(Message(number));
+    }
+    filled.queue.Stop();
+    EXPECT_THAT(log.Lines(), ElementsAre(EndedWarning(3)));
+    filled.Release();
+    filled.queue.Close();
+    EXPECT_EQ(filled.heard.Count(), 1U);
+    EXPECT_THAT(log.Lines(), ElementsAre(EndedWarning(3)));
+}
+
+TEST(DeliveryQueue, TheWarningAtTheEndCountsWhatHadToGoBeforeToo) {
+    const test::LogCapture log;
+    FilledQueue filled;
+    for (const std::string& number : Numbers(0, 1030)) {
+        filled.queue.Push(Message(number));
+    }
+    filled.queue.Push(Message("large", 4 * mebibyte + 1));
+    filled.queue.Stop();
+    EXPECT_THAT(log.Lines(), ElementsAre(EndedWarning(1031)));
+}
+
+TEST(DeliveryQueue, DestroyingOneTellsWhatStillWaited) {
+    const test::LogCapture log;
+    std::promise<void> gate;
+    HeardMessages heard([opened = gate.get_future().share()](const MsgBusMsg&) { opened.wait(); });
+    auto queue = std::make_unique<DeliveryQueue>(&heard);
+    queue->Push(Message("in flight"));
+    ASSERT_TRUE(heard.WaitForCount(1));
+    queue->Push(Message("waiting"));
+    std::future<void> destroyed = std::async(std::launch::async, [&] { queue.reset(); });
+    EXPECT_TRUE(log.WaitFor(EndedWarning(1)));
+    gate.set_value();
+    destroyed.get();
+    EXPECT_THAT(log.Lines(), ElementsAre(EndedWarning(1)));
+}
+
+TEST(DeliveryQueue, WhatComesAfterTheEndIsForgottenWithoutAWord) {
+    const test::LogCapture log;
+    HeardMessages heard;
+    {
+        DeliveryQueue queue(&heard);
+        queue.Close();
+        queue.Push(Message("late"));
+    }
+    EXPECT_EQ(heard.Count(), 0U);
+    EXPECT_EQ(log.Text(), "");
+}
+
+TEST(DeliveryQueue, AMessageForWhichThereIsNoMemoryIsCountedAsDropped) {
+    const test::LogCapture log;
+    FilledQueue filled;
+    int failed = 0;
+    for (const std::string& number : Numbers(0, 100)) {
+        const std::shared_ptr<const MsgBusMsg> message = Message(number);
+        const test::FailingAllocation failing(0);
+        filled.queue.Push(message);
+        failed += test::FailingAllocation::HasFailed() ? 1 : 0;
+    }
+    ASSERT_GT(failed, 0);
+    filled.Release();
+    EXPECT_TRUE(log.WaitFor(DroppedWarning(failed)));
+    EXPECT_TRUE(filled.heard.WaitForCount(1 + 100 - static_cast<size_t>(failed)));
 }
 
 TEST(DeliveryQueue, CloseWaitsForTheCallInFlightAndWhatIsQueuedIsForgotten) {
