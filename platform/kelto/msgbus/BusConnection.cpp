@@ -3,12 +3,20 @@
 #include "kelto/osa/Exception.h"
 
 #include <poll.h>
+#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 namespace kelto::msgbus {
+
+namespace {
+
+constexpr int mostWaitingMessages = 8;
+constexpr int mostWaitingBytes = 4096;
+
+}  // namespace
 
 int CheckBusResult(int result, const char* what) {
     if (result < 0) {
@@ -44,15 +52,24 @@ void BusConnection::WaitUntilReady(Clock::time_point deadline, const Wait& wait)
 }
 
 bool BusConnection::Drain() {
-    // One poll is all that it costs while nothing has happened.
-    pollfd descriptor{sd_bus_get_fd(bus.get()), POLLIN | POLLRDHUP, 0};
-    uint64_t queued = 0;
-    while (poll(&descriptor, 1, 0) > 0 || (sd_bus_get_n_queued_read(bus.get(), &queued) >= 0 && queued > 0)) {
-        if ((descriptor.revents & ~POLLIN) != 0 || sd_bus_process(bus.get(), nullptr) < 0) {
+    for (int messages = 0; messages <= mostWaitingMessages; ++messages) {
+        // libsystemd closes a connection by itself when the bus says what it cannot read, and gives no descriptor then.
+        if (sd_bus_is_ready(bus.get()) <= 0) {
+            return false;
+        }
+        // One poll is all that it costs while nothing has happened.
+        pollfd descriptor{sd_bus_get_fd(bus.get()), POLLIN | POLLRDHUP, 0};
+        uint64_t queued = 0;
+        if (poll(&descriptor, 1, 0) == 0 && sd_bus_get_n_queued_read(bus.get(), &queued) >= 0 && queued == 0) {
+            return true;
+        }
+        int bytes = 0;
+        if ((descriptor.revents & ~POLLIN) != 0 || ioctl(descriptor.fd, FIONREAD, &bytes) < 0 ||
+            bytes > mostWaitingBytes || sd_bus_process(bus.get(), nullptr) < 0) {
             return false;
         }
     }
-    return true;
+    return false;
 }
 
 }  // namespace kelto::msgbus

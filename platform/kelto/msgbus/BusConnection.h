@@ -41,8 +41,12 @@ public:
 
     sd_bus* Get() const { return bus.get(); }
 
-    /** Takes in what has arrived, replies that came too late for instance; false if the connection is dead. Does not
-     * wait. */
+    /**
+     * Takes in what has arrived, replies that came too late for instance. Does not wait.
+     *
+     * @return false if the connection is dead, or if more than 8 messages or 4 KiB have arrived: anybody may send to a
+     *         connection, and a new one costs less than what somebody has sent to it for hours
+     */
     bool Drain();
 
 private:

@@ -5,8 +5,7 @@
 
 #include <systemd/sd-bus.h>
 
-#include <algorithm>
-#include <cstring>
+#include <cerrno>
 
 namespace kelto::msgbus {
 
@@ -26,30 +25,41 @@ BusConnection& LiveConnection(BusConnection::Clock::time_point deadline) {
     return *threadConnection;
 }
 
-/** What went wrong in a call; freed with the scope. */
+/** What libsystemd makes of an errno; freed with the scope. */
 class BusError {
 public:
-    BusError() = default;
+    explicit BusError(int result) { sd_bus_error_set_errno(&error, result); }
     ~BusError() { sd_bus_error_free(&error); }
     BusError(const BusError&) = delete;
     BusError& operator=(const BusError&) = delete;
 
-    sd_bus_error* Get() { return &error; }
-
-    [[noreturn]] void Throw(int result) const {
-        if (error.name == nullptr) {
-            throw osa::Exception("%s", std::strerror(-result));
-        }
-        throw osa::Exception("%s: %s", error.name, error.message != nullptr ? error.message : "");
-    }
+    const sd_bus_error& Get() const { return error; }
 
 private:
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
 };
+
+[[noreturn]] void ThrowBusError(const sd_bus_error& error) {
+    throw osa::Exception("%s: %s", error.name, error.message != nullptr ? error.message : "");
+}
+
+/** Throws a negative result of libsystemd with the name that the bus has for such an error. */
+int CheckCall(int result) {
+    if (result < 0) {
+        const BusError error(result);
+        ThrowBusError(error.Get());
+    }
+    return result;
+}
 
 }  // namespace
 
 struct ProviderCall::Messages {
+    static int OnReply(sd_bus_message* message, void* userdata, sd_bus_error*) {
+        static_cast<Messages*>(userdata)->reply.reset(sd_bus_message_ref(message));
+        return 1;
+    }
+
     BusConnection& connection;
     BusMessagePtr request;
     BusMessagePtr reply;
@@ -102,18 +112,43 @@ ProviderCall& ProviderCall::AppendBool(bool value) {
     return *this;
 }
 
+/**
+ * Not by sd_bus_call: that keeps all that comes before the reply, looks at no time limit while something comes, and
+ * gives the connection up after 65,536 messages. Anybody may send them.
+ */
 void ProviderCall::Send() {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
-    // 0 would mean libsystemd's own time limit.
-    const auto limit = static_cast<uint64_t>(std::max<int64_t>(left.count(), 1));
-    BusError error;
-    sd_bus_message* reply = nullptr;
-    const int result = sd_bus_call(messages->connection.Get(), messages->request.get(), limit, error.Get(), &reply);
-    messages->reply.reset(reply);
-    if (result < 0) {
-        error.Throw(result);
+    try {
+        WaitForReply();
+    } catch (...) {
+        // What is still to come on it, or has come half, is nobody's.
+        threadConnection.reset();
+        throw;
     }
+    const sd_bus_error* const error = sd_bus_message_get_error(messages->reply.get());
+    if (error != nullptr) {
+        ThrowBusError(*error);
+    }
+}
+
+void ProviderCall::WaitForReply() {
+    sd_bus* const bus = messages->connection.Get();
+    sd_bus_slot* opened = nullptr;
+    CheckCall(sd_bus_call_async(bus, &opened, messages->request.get(), Messages::OnReply, messages.get(), UINT64_MAX));
+    const BusSlotPtr slot(opened);
+    while (messages->reply == nullptr) {
+        const int progress = CheckCall(sd_bus_process(bus, nullptr));
+        const auto left =
+            std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
+        if (messages->reply == nullptr && left.count() <= 0) {
+            CheckCall(-ETIMEDOUT);
+        }
+        if (progress == 0) {
+            const int waited = sd_bus_wait(bus, static_cast<uint64_t>(left.count()));
+            CheckCall(waited == -EINTR ? 0 : waited);
+        }
+    }
+    // A connection that ends has libsystemd answer in the place of the service.
+    CheckCall(sd_bus_is_open(bus) > 0 ? 0 : -ECONNRESET);
 }
 
 bool ProviderCall::ReadBool() {

@@ -16,8 +16,9 @@ namespace kelto::msgbus {
  *
  * Provider X has the bus name "com.kelto.X", the object "/com/kelto/X" and the interface "com.kelto.X". Each calling
  * thread has a connection of its own, opened at its first call and closed with the thread, so that calls of different
- * threads never wait for each other. A connection that has died is replaced before a call; a call that dies under way
- * fails and is never repeated, since the service may have carried it out.
+ * threads never wait for each other. A connection that has died, or to which others have sent more than a little, is
+ * replaced before a call; a call that dies under way fails and is never repeated, since the service may have carried it
+ * out. What others send to the connection while a call waits is thrown away, message by message.
  *
  * SIGALRM, SIGHUP, SIGINT and SIGTERM are blocked while this object lives: a signal that interrupts the wait for the
  * reply would lose the reply of a request that was carried out. Make it, use it and drop it in one function. Everything
@@ -57,6 +58,8 @@ private:
     };
 
     struct Messages;
+
+    void WaitForReply();
 
     const SignalBlock signalBlock;
     const std::chrono::steady_clock::time_point deadline;
