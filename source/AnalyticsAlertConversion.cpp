@@ -20,6 +20,23 @@ std::string PointListText(const std::vector<AnalyticsInterface::AnalyticsAlert::
     return text.str();
 }
 
+/** What the values take at least: a percent escape is three bytes for one, a point no shorter than "(0,0)". */
+size_t LeastSize(const AnalyticsInterface::AnalyticsAlert& alert) {
+    constexpr size_t escape = 3;
+    constexpr size_t point = sizeof("(0,0)") - 1;
+    return alert.source.size() + alert.className.size() + alert.analyticsType.size() +
+           (alert.ruleName.size() + alert.ruleDescription.size()) / escape +
+           (alert.rulePoints.size() + alert.boxPoints.size()) * point + alert.mediaType.size() + alert.mediaUrl.size();
+}
+
+size_t SizeOf(const Event::Properties& properties) {
+    size_t size = 0;
+    for (const auto& [key, value] : properties) {
+        size += key.size() + value.size();
+    }
+    return size;
+}
+
 }  // namespace
 
 Event::Properties AlertToProperties(const AnalyticsInterface::AnalyticsAlert& alert) {
@@ -33,6 +50,17 @@ Event::Properties AlertToProperties(const AnalyticsInterface::AnalyticsAlert& al
             {"boxPoints", PointListText(alert.boxPoints)},
             {"mediaType", alert.mediaType},
             {"mediaUrl", alert.mediaUrl}};
+}
+
+std::optional<Event::Properties> AlertToFittingProperties(const AnalyticsInterface::AnalyticsAlert& alert) {
+    if (LeastSize(alert) > mostAlertBytes) {
+        return std::nullopt;
+    }
+    std::optional<Event::Properties> properties = AlertToProperties(alert);
+    if (SizeOf(*properties) > mostAlertBytes) {
+        properties.reset();
+    }
+    return properties;
 }
 
 }  // namespace kelto::halvek::source

@@ -6,6 +6,8 @@
 #include "monitor/ComponentInstance.h"
 #include "source/AnalyticsAlertConversion.h"
 
+#include <optional>
+
 namespace kelto::halvek::source {
 
 AnalyticsEventSource::AnalyticsEventSource(const std::string&, HalvekEnv* env)
@@ -25,6 +27,7 @@ void AnalyticsEventSource::StartListening() {
 
 void AnalyticsEventSource::StopListening() {
     alertSubscription.Cancel();
+    givenUpAlerts.TellRest();
     logger.Information("AnalyticsEventSource stopped");
 }
 
@@ -35,9 +38,16 @@ std::string AnalyticsEventSource::ToString() const {
 void AnalyticsEventSource::HandleAlert(const msgbus::MsgBusMsg& message) {
     logger.Information("Received AnalyticsAlert");
     const interfaces::AnalyticsInterface::AnalyticsAlert alert(message);
-    const Event::Properties properties = AlertToProperties(alert);
+    const std::optional<Event::Properties> properties = AlertToFittingProperties(alert);
+    if (!properties) {
+        givenUpAlerts.Add();
+    }
+    givenUpAlerts.Tell();
+    if (!properties) {
+        return;
+    }
     logger.Information("send Analytics Event, for possible Handler");
-    event::AnalyticsEvent event(properties);
+    event::AnalyticsEvent event(*properties);
     FireEvent(event);
 }
 

@@ -2,6 +2,7 @@
 
 #include "kelto/msgbus/MessageDelegate.h"
 #include "source/EventSource.h"
+#include "source/GivenUpAlerts.h"
 
 #include <string>
 
@@ -16,7 +17,7 @@ class HalvekEnv;
 namespace kelto::halvek::source {
 
 /**
- * Fires an AnalyticsEvent for every analytics alert on the message bus.
+ * Fires an AnalyticsEvent for every analytics alert on the message bus, but for those too large for an output pipe.
  *
  * Driven by the message bus on a delivery thread of this source's own, where the handlers run too. It listens from
  * construction on; once stopped it stays silent. It has no settings.
@@ -42,6 +43,8 @@ private:
 
     core::Logger& logger;
     msgbus::IMsgBus* const msgBus;
+    /** Told of by the delivery thread, so it goes after the subscription. */
+    GivenUpAlerts givenUpAlerts;
     msgbus::MessageDelegate<AnalyticsEventSource> alertSubscription;
 };
 

@@ -6,6 +6,8 @@
 #include "monitor/ComponentInstance.h"
 #include "source/AnalyticsAlertConversion.h"
 
+#include <optional>
+
 namespace kelto::halvek::source {
 
 MsgBusEventSource::MsgBusEventSource(const std::string&, HalvekEnv* env)
@@ -25,6 +27,7 @@ void MsgBusEventSource::StartListening() {
 
 void MsgBusEventSource::StopListening() {
     alertSubscription.Cancel();
+    givenUpAlerts.TellRest();
     logger.Information("MsgBusEventSource stopped");
 }
 
@@ -35,8 +38,15 @@ std::string MsgBusEventSource::ToString() const {
 void MsgBusEventSource::HandleAlert(const msgbus::MsgBusMsg& message) {
     logger.Information("Received AnalyticsAlert");
     const interfaces::AnalyticsInterface::AnalyticsAlert alert(message);
-    const Event::Properties properties = AlertToProperties(alert);
-    event::MsgBusEvent event(properties);
+    const std::optional<Event::Properties> properties = AlertToFittingProperties(alert);
+    if (!properties) {
+        givenUpAlerts.Add();
+    }
+    givenUpAlerts.Tell();
+    if (!properties) {
+        return;
+    }
+    event::MsgBusEvent event(*properties);
     FireEvent(event);
 }
 

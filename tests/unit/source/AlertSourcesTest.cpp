@@ -1,9 +1,11 @@
+#include "handler/ExternEventHandler.h"
 #include "kelto/osa/Exception.h"
 #include "monitor/HalvekEnv.h"
 #include "source/AlarmEventSource.h"
 #include "source/AnalyticsEventSource.h"
 #include "source/MsgBusEventSource.h"
 #include "source/SourceFactory.h"
+#include "tests/fakes/Fifo.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/PrivateBus.h"
 #include "tests/fakes/ProcessState.h"
@@ -16,6 +18,7 @@
 #include <future>
 #include <memory>
 #include <stdexcept>
+#include <vector>
 
 namespace kelto::halvek::source {
 
@@ -24,9 +27,12 @@ namespace {
 using namespace std::chrono_literals;
 using test::AlertSignal;
 using test::ScriptedService;
+using ::testing::AllOf;
 using ::testing::ElementsAre;
+using ::testing::Gt;
 using ::testing::IsEmpty;
 using ::testing::Key;
+using ::testing::Lt;
 using ::testing::Pair;
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
@@ -158,6 +164,46 @@ TYPED_TEST(AlertSource, AnAlertThatDoesNotDecodeFiresNothingAndTheNextOneDoes) {
     EXPECT_TRUE(
         this->log.Has("Error kelto.msgbus: Message com.zentu.analytics.AnalyticsAlert has arguments "
                       "\"sssssa(dd)a(dd)s\" instead of \"sssssa(dd)a(dd)ss\""));
+}
+
+std::string GivenUp(int count) {
+    return "Warning kelto.msgbus: " + std::to_string(count) + " alerts of more than 60000 bytes were given up";
+}
+
+TYPED_TEST(AlertSource, AnAlertThatIsTooLargeForAnEventIsGivenUpWithAWarningAndTheNextOneFires) {
+    this->env.StartMsgBus();
+    this->log.Clear();
+    this->analytics.Emit({AlertSignal(std::string(100000, 'x')), AlertSignal("small")});
+    ASSERT_TRUE(this->handler.WaitForCount(1));
+    EXPECT_EQ(this->handler.Events().front().properties.at("ruleName"), "small");
+    EXPECT_EQ(this->log.Count(this->Line("Information", "Received AnalyticsAlert")), 2U);
+    EXPECT_EQ(this->log.Count(this->Line("Information", announcement)), TypeParam::announces ? 1U : 0U);
+    EXPECT_EQ(this->log.Count(GivenUp(1)), 1U);
+}
+
+TYPED_TEST(AlertSource, ManyOfThemAreToldByOneWarningAtOnceAndOneAtTheStop) {
+    this->env.StartMsgBus();
+    this->analytics.Emit(std::vector(50, AlertSignal(std::string(60000, 'x'))));
+    EXPECT_TRUE(this->log.WaitFor(this->Line("Information", "Received AnalyticsAlert"), 50));
+    this->source->StopListening();
+    EXPECT_EQ(this->log.Count(GivenUp(1)), 1U);
+    EXPECT_EQ(this->log.Count(GivenUp(49)), 1U);
+    EXPECT_EQ(this->handler.Count(), 0U);
+}
+
+TYPED_TEST(AlertSource, TheLargestAlertThatFiresFitsIntoAnEmptyPipe) {
+    constexpr size_t otherKeysAndValues = 166;
+    const test::Fifo pipe("/var/run/halvek/AnalyticsAlert.fifo");
+    handler::ExternEventHandler forwarder;
+    this->source->AddHandler(&forwarder);
+    this->env.StartMsgBus();
+    this->analytics.Emit({AlertSignal(std::string(60001 - otherKeysAndValues, 'x')),
+                          AlertSignal(std::string(60000 - otherKeysAndValues, 'x'))});
+    EXPECT_TRUE(this->log.WaitFor("Debug halvek: ExternEventHandler: External Event fired!"));
+    this->source->StopListening();
+    EXPECT_EQ(this->handler.Count(), 1U);
+    EXPECT_EQ(this->log.Count(GivenUp(1)), 1U);
+    EXPECT_THAT(pipe.CountWaiting(), AllOf(Gt(60000U), Lt(65536U)));
 }
 
 TYPED_TEST(AlertSource, WhatAHandlerThrowsCostsTheOthersTheEventAndTheBusGoesOn) {

@@ -95,6 +95,52 @@ TEST(AnalyticsAlertConversion, NumbersAreInGeneralNotationWithSixSignificantDigi
     }
 }
 
+size_t SizeOf(const Event::Properties& properties) {
+    size_t size = 0;
+    for (const auto& [key, value] : properties) {
+        size += key.size() + value.size();
+    }
+    return size;
+}
+
+TEST(AnalyticsAlertConversion, FitsUpToSixtyThousandBytesOfKeysAndValues) {
+    Alert alert = EmptyAlert();
+    const size_t empty = SizeOf(AlertToProperties(alert));
+    for (std::string Alert::*const field : {&Alert::source, &Alert::className, &Alert::analyticsType, &Alert::ruleName,
+                                            &Alert::ruleDescription, &Alert::mediaType, &Alert::mediaUrl}) {
+        alert = EmptyAlert();
+        alert.*field = std::string(60000 - empty, 'x');
+        const std::optional<Event::Properties> fitting = AlertToFittingProperties(alert);
+        ASSERT_TRUE(fitting.has_value());
+        EXPECT_EQ(*fitting, AlertToProperties(alert));
+        (alert.*field).push_back('x');
+        EXPECT_FALSE(AlertToFittingProperties(alert).has_value());
+    }
+}
+
+TEST(AnalyticsAlertConversion, CountsWhatIsDecodedAndWritten) {
+    Alert alert = EmptyAlert();
+    for (size_t number = 0; number < 59000; ++number) {
+        alert.ruleName += "%20";
+    }
+    EXPECT_TRUE(AlertToFittingProperties(alert).has_value());
+    alert.boxPoints.assign(150, {0.5, 0.5});
+    EXPECT_FALSE(AlertToFittingProperties(alert).has_value());
+    alert = EmptyAlert();
+    alert.rulePoints.assign(1900, {-1.23456e-300, -1.23456e-300});
+    EXPECT_TRUE(AlertToFittingProperties(alert).has_value());
+    alert.rulePoints.assign(2000, {-1.23456e-300, -1.23456e-300});
+    EXPECT_FALSE(AlertToFittingProperties(alert).has_value());
+    alert.rulePoints.assign(9900, {0, 0});
+    EXPECT_TRUE(AlertToFittingProperties(alert).has_value());
+}
+
+TEST(AnalyticsAlertConversion, AnAlertOfMillionsOfPointsDoesNotFit) {
+    Alert alert = EmptyAlert();
+    alert.rulePoints.assign(3'000'000, {0.123456, 0.123456});
+    EXPECT_FALSE(AlertToFittingProperties(alert).has_value());
+}
+
 }  // namespace
 
 }  // namespace kelto::halvek::source

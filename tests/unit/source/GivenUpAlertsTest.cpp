@@ -1,0 +1,65 @@
+#include "source/GivenUpAlerts.h"
+#include "tests/fakes/LogCapture.h"
+#include "tests/fakes/WaitUntil.h"
+
+#include <gmock/gmock.h>
+
+#include <string>
+
+namespace kelto::halvek::source {
+
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+
+std::string Warning(int count) {
+    return "Warning kelto.msgbus: " + std::to_string(count) + " alerts of more than 60000 bytes were given up";
+}
+
+void AddAndTell(GivenUpAlerts& alerts, int count) {
+    for (int number = 0; number < count; ++number) {
+        alerts.Add();
+        alerts.Tell();
+    }
+}
+
+TEST(GivenUpAlerts, TheFirstIsToldAtOnceAndWhatFollowsItAtTheEnd) {
+    const test::LogCapture log;
+    {
+        GivenUpAlerts alerts(1h);
+        AddAndTell(alerts, 1);
+        EXPECT_THAT(log.Lines(), ElementsAre(Warning(1)));
+        AddAndTell(alerts, 1000);
+        EXPECT_THAT(log.Lines(), ElementsAre(Warning(1)));
+    }
+    EXPECT_THAT(log.Lines(), ElementsAre(Warning(1), Warning(1000)));
+}
+
+TEST(GivenUpAlerts, AfterThePauseTheNextAlertTellsWhatWasCounted) {
+    const test::LogCapture log;
+    GivenUpAlerts alerts(200ms);
+    AddAndTell(alerts, 1);
+    alerts.Add();
+    alerts.Add();
+    EXPECT_TRUE(test::WaitUntil([&] {
+        alerts.Tell();
+        return log.Has(Warning(2));
+    }));
+    alerts.Tell();
+    EXPECT_THAT(log.Lines(), ElementsAre(Warning(1), Warning(2)));
+}
+
+TEST(GivenUpAlerts, WithoutAnyThereIsNothingToTell) {
+    const test::LogCapture log;
+    {
+        GivenUpAlerts alerts(0ms);
+        alerts.Tell();
+        alerts.TellRest();
+    }
+    EXPECT_EQ(log.Text(), "");
+}
+
+}  // namespace
+
+}  // namespace kelto::halvek::source
