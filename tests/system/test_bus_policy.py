@@ -1,6 +1,6 @@
 """The bus policies that are installed with the daemon and with the virtual camera: who owns the camera's names and calls them.
 
-The bus of these tests has accounts of its own, mounted over /etc/passwd. Root gives each of them a user to itself; an
+The bus of these tests has accounts of its own, mounted over /etc/passwd and /etc/group. Root gives each of them a user to itself; an
 ordinary user has only one to give away, which then stands for all the roles of a test at once, and for no other.
 """
 
@@ -15,17 +15,30 @@ from pathlib import Path
 
 import pytest
 from bus import ALERT, CAMERA, PROVIDERS, ROOT, dies_with_us, service
-from bus_client import METHOD_CALL, BusClient, BusError
+from bus_client import (
+    BUS,
+    BUS_PATH,
+    DESTINATION,
+    INTERFACE,
+    MEMBER,
+    METHOD_CALL,
+    PATH,
+    SIGNAL,
+    BusClient,
+    BusError,
+)
 from daemon_process import Lines
 from harness import wait_until
 from scripted_service import ALERT_INTERFACE, ALERT_PATH, ALERT_SIGNATURE
 
 POLICIES = {name: ROOT / f"packaging/{name}.conf" for name in ("halvek", "kelto-vcam")}
-OWNER, DAEMON, OPERATOR, SOMEBODY = "kelto-vcam", "halvek", "root", "somebody"
-ROLES = (OPERATOR, OWNER, DAEMON, SOMEBODY)
+OWNER, DAEMON, OPERATOR, SOMEBODY, ANALYTICS = "kelto-vcam", "halvek", "root", "somebody", "analytics"
+ROLES = (OPERATOR, OWNER, DAEMON, SOMEBODY, ANALYTICS)
+ALERT_GROUP = "halvek-analytics"  # of which the role ANALYTICS is a member
 NAMES = (*PROVIDERS, CAMERA)
 DENIED = "org.freedesktop.DBus.Error.AccessDenied"
 FIRST_UID = 61000
+ALERT_GID = 61900
 HAS_USERS = any(
     int(first) <= FIRST_UID and FIRST_UID + len(ROLES) <= int(first) + int(count)
     for first, _, count in map(str.split, Path("/proc/self/uid_map").read_text().splitlines())
@@ -68,15 +81,18 @@ def uids(roles: tuple[str, ...]) -> dict[str, int]:
 
 
 @contextmanager
-def acting_as(uid: int) -> Iterator[None]:
+def acting_as(uid: int, groups: list[int]) -> Iterator[None]:
     if uid == os.getuid():
         yield
         return
+    own_groups = os.getgroups()
+    os.setgroups(groups)
     os.setresuid(uid, uid, 0)
     try:
         yield
     finally:
         os.setresuid(0, 0, 0)
+        os.setgroups(own_groups)
 
 
 class PolicyBus:
@@ -88,17 +104,18 @@ class PolicyBus:
         self.uids = uids(roles)
         self.roles = roles
         self._clients: list[BusClient] = []
-        accounts = self.folder / "passwd"
+        accounts, groups = self.folder / "passwd", self.folder / "group"
         accounts.write_text("".join(f"{name}:x:{uid}:{uid}::/:/bin/sh\n" for name, uid in self.uids.items()))
+        groups.write_text(f"{ALERT_GROUP}:x:{ALERT_GID}:{ANALYTICS}\n")
         included = "".join(f"<include>{POLICIES[name]}</include>" for name in policies)
         configuration = self.folder / "bus.conf"
         configuration.write_text(
             CONFIGURATION.format(socket=self.folder / "bus", defaults=defaults, policies=included)
         )
-        script = 'mount -n --bind "$0" /etc/passwd && exec "$@"'
+        script = 'mount -n --bind "$0" /etc/passwd && mount -n --bind "$1" /etc/group && shift && exec "$@"'
         bus = ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile", "--print-address"]
         self._process = subprocess.Popen(
-            dies_with_us("unshare", "-m", "sh", "-c", script, str(accounts), *bus),
+            dies_with_us("unshare", "-m", "sh", "-c", script, str(accounts), str(groups), *bus),
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
@@ -115,7 +132,7 @@ class PolicyBus:
 
     def client(self, role: str) -> BusClient:
         assert role in self.roles
-        with acting_as(self.uids[role]):
+        with acting_as(self.uids[role], [ALERT_GID] if role == ANALYTICS else []):
             self._clients.append(BusClient(self.folder / "bus"))
         return self._clients[-1]
 
@@ -174,11 +191,11 @@ def refusal(action: Callable[..., object], *arguments: object) -> str:
     return ""
 
 
-def test_the_policies_name_every_service_of_the_camera_and_no_other():
-    for policy, names in (("halvek", PROVIDERS), ("kelto-vcam", NAMES)):
+def test_the_policies_name_every_service_of_the_camera_and_no_other_but_the_bus():
+    for policy, names, others in (("halvek", PROVIDERS, {BUS}), ("kelto-vcam", NAMES, set())):
         rules = [rule for rule in ElementTree.parse(POLICIES[policy]).iter() if rule.tag in ("allow", "deny")]
         mentioned = {rule.get("own") or rule.get("send_destination") or rule.get("receive_sender") for rule in rules}
-        assert mentioned - {None} == {service(name)[0] for name in names}
+        assert mentioned - {None} == {service(name)[0] for name in names} | others
 
 
 @either_bus
@@ -262,10 +279,75 @@ def test_the_daemon_hears_the_signals_of_every_service(start_bus, defaults):
         assert daemon.wait_for_signal(service(name)[2], "Changed", name).sender == camera.unique_name
 
 
+def raise_alert(sender: BusClient, **fields: str) -> None:
+    """Returns when the bus has passed it on or refused it. A field "destination" sends it to one connection only."""
+    names = {PATH: ALERT_PATH, INTERFACE: ALERT_INTERFACE, MEMBER: "AnalyticsAlert"}
+    if "destination" in fields:
+        names[DESTINATION] = fields["destination"]
+    sender.send(SIGNAL, names, ALERT_SIGNATURE, ALERT)
+    sender.call_bus("GetId")
+
+
+def alerts_heard(start_bus, defaults: str, role: str, addressed: bool) -> list:
+    """What the daemon hears of an alert by a role, before it hears something that it always does."""
+    bus = start_bus(DAEMON, OWNER, role, defaults=defaults)
+    daemon, sender, camera = bus.client(DAEMON), bus.client(role), bus.camera()
+    daemon.listen("type='signal'")
+    raise_alert(sender, **({"destination": daemon.unique_name} if addressed else {}))
+    camera.emit(*service("AlarmV3")[1:], "Changed", "s", "the end")
+    daemon.wait_for_signal(service("AlarmV3")[2], "Changed", "the end")
+    return [message.sender == sender.unique_name for message in daemon.signals(ALERT_INTERFACE, "AnalyticsAlert")]
+
+
+either_way = pytest.mark.parametrize("addressed", [False, True], ids=["broadcast", "addressed"])
+needs_users = pytest.mark.skipif(not HAS_USERS, reason="the roles are one user's here")
+
+
+@either_way
 @any_bus
-def test_the_daemon_hears_alerts_from_anybody(start_bus, defaults):
-    bus = start_bus(DAEMON, SOMEBODY, defaults=defaults)
-    daemon, analytics = bus.client(DAEMON), bus.client(SOMEBODY)
-    daemon.listen(f"type='signal',interface='{ALERT_INTERFACE}'")
-    analytics.emit(ALERT_PATH, ALERT_INTERFACE, "AnalyticsAlert", ALERT_SIGNATURE, *ALERT)
-    assert daemon.wait_for_signal(ALERT_INTERFACE, "AnalyticsAlert").sender == analytics.unique_name
+@pytest.mark.parametrize("role", [OPERATOR, OWNER, ANALYTICS])
+def test_the_daemon_hears_alerts_from_root_the_group_and_the_virtual_camera(start_bus, defaults, role, addressed):
+    assert alerts_heard(start_bus, defaults, role, addressed) == [True]
+
+
+@needs_users
+@either_way
+@any_bus
+def test_the_daemon_hears_no_alerts_from_anybody_else(start_bus, defaults, addressed):
+    assert alerts_heard(start_bus, defaults, SOMEBODY, addressed) == []
+
+
+@needs_users
+@either_bus
+def test_nobody_elses_alerts_reach_any_other_program_either(start_bus, defaults):
+    bus = start_bus(OPERATOR, ANALYTICS, SOMEBODY, defaults=defaults)
+    listener = bus.client(OPERATOR)
+    listener.listen("type='signal'")
+    for role in (SOMEBODY, ANALYTICS):
+        raise_alert(bus.client(role))
+    sender = bus.client(ANALYTICS)
+    raise_alert(sender)
+    listener.wait(lambda message: message.sender == sender.unique_name, "the alert of the group")
+    assert len(listener.signals(ALERT_INTERFACE, "AnalyticsAlert")) == 2
+
+
+def test_a_call_that_names_no_interface_is_not_taken_for_an_alert(start_bus):
+    caller = start_bus(SOMEBODY, defaults=CARELESS).client(SOMEBODY)
+    serial = caller.send(METHOD_CALL, {PATH: BUS_PATH, MEMBER: "GetId", DESTINATION: BUS})
+    assert len(caller.finish_call(serial)) == 1
+
+
+@needs_users
+@any_bus
+def test_nothing_that_the_daemon_has_not_asked_for_is_sent_to_it(start_bus, defaults):
+    bus = start_bus(DAEMON, OWNER, SOMEBODY, defaults=defaults)
+    daemon, somebody, camera = bus.client(DAEMON), bus.client(SOMEBODY), bus.camera()
+    before = len(daemon.items)
+    for kind in (SIGNAL, METHOD_CALL):
+        fields = {PATH: "/x", INTERFACE: "com.example.Flood", MEMBER: "Flood", DESTINATION: daemon.unique_name}
+        somebody.send(kind, fields)
+    somebody.call_bus("GetId")
+    daemon.listen("type='signal'")
+    camera.emit(*service("AlarmV3")[1:], "Changed", "s", "the end")
+    daemon.wait_for_signal(service("AlarmV3")[2], "Changed", "the end")
+    assert [message.member for message in daemon.items[before:] if message.interface == "com.example.Flood"] == []
