@@ -6,6 +6,7 @@ import threading
 import time
 from collections.abc import Iterator
 from contextlib import contextmanager
+from pathlib import Path
 
 from bus import LOCAL
 from bus_client import BUS, BUS_PATH, BusClient
@@ -57,6 +58,13 @@ def dropped(daemon: Daemon) -> int:
 def accounted_for(daemon: Daemon) -> int:
     """How many alerts were delivered or counted as dropped, over both kinds of sources."""
     return len(daemon.log.matching(r"EventSource: Received AnalyticsAlert$")) + dropped(daemon)
+
+
+def highest_resident_kib(daemon: Daemon) -> int:
+    """The most that it ever had in memory."""
+    return int(
+        re.search(r"^VmHWM:\s+(\d+) kB", Path(f"/proc/{daemon.pid}/status").read_text(), re.MULTILINE).group(1)
+    )
 
 
 def pid_of(client: BusClient, name: str) -> int:

@@ -1,10 +1,7 @@
 """What reloads and floods cost in memory. Left out of sanitizer builds, whose memory is their own."""
 
-import re
-from pathlib import Path
-
 from bus import LOCAL
-from daemon_on_bus import accounted_for, alarm, alert, connections, ids
+from daemon_on_bus import accounted_for, alarm, alert, connections, highest_resident_kib, ids
 from harness import always_open, handler, source, wait_until
 from scripted_service import ALERT, ALERT_INTERFACE, ALERT_PATH, ALERT_SIGNATURE, ScriptedService
 
@@ -17,12 +14,6 @@ SETTLED_AFTER = 50
 ALLOWED_GROWTH = 512  # KiB
 QUEUE = 4 * 1024  # KiB that a source keeps of what it has not come to yet, at most
 SPARE = 8 * 1024  # KiB for the message at hand, for what has been read ahead and for the allocator
-
-
-def highest_resident_kib(daemon) -> int:
-    return int(
-        re.search(r"^VmHWM:\s+(\d+) kB", Path(f"/proc/{daemon.pid}/status").read_text(), re.MULTILINE).group(1)
-    )
 
 
 def test_a_thousand_reloads_leave_memory_threads_and_descriptors_flat(launch_on_bus, bus, camera, output_pipe):

@@ -62,6 +62,27 @@ def test_a_reload_in_the_middle_of_a_delivery_waits_for_it_and_loses_nothing_of_
     daemon.assert_orderly_end()
 
 
+def test_what_waits_behind_a_slow_service_is_counted_when_a_reload_drops_it(launch_on_bus, bus):
+    waiting = 7
+    with ScriptedService(bus, "AlarmV3", "RelayV3") as service:
+        daemon = launch_on_bus(alarm(1, 0) | relay(1, *ids(1)))
+        service.hold("RelayV3.SetConfiguration")
+        service.emit("AlarmV3.StateChanged", LOCAL, 0, True)
+        service.wait_for_call("RelayV3.SetConfiguration")
+        for _ in range(waiting):
+            service.emit("AlarmV3.StateChanged", LOCAL, 0, False)
+        service.emit_alert(*alert())
+        daemon.log.wait_for("Received AnalyticsAlert$")  # so the others have been queued
+        reloading = len(daemon.log.items)
+        daemon.send(signal.SIGHUP)
+        daemon.log.wait_for(CONFIGURING, after=reloading)
+        daemon.log.wait_for(f"Warning kelto.msgbus: {waiting} messages were dropped, their subscription has ended$")
+        service.release()
+        daemon.log.wait_for("Done starting sources$", after=reloading)
+        assert daemon.stop() == 0
+    assert len(daemon.log.matching(" (Warning|Error) kelto.msgbus: ")) == 1
+
+
 def test_a_reload_with_an_event_pipe_costs_its_one_descriptor_and_no_more(launch_on_bus, camera, output_pipe):
     pipe = output_pipe("Alarm.fifo")
     daemon = launch_on_bus(SERVER | EVERYTHING)
