@@ -61,6 +61,17 @@ def test_a_member_of_the_posting_group_posts_from_the_shell(consumer: Consumer):
     assert consumer.wait_for_event("Bell").properties["button"] == "2"
 
 
+ALERT = "busctl --system emit /x com.zentu.analytics AnalyticsAlert 'sssssa(dd)a(dd)ss' {} b c d e 0 0 f g"
+
+
+def test_a_member_of_the_analytics_group_raises_alerts_and_a_stranger_does_not(consumer: Consumer):
+    run_as("stranger", command=ALERT.format("stranger"))
+    assert run_as("poster", "halvek-analytics", command=ALERT.format("member")).returncode == 0
+    run("sh", "-c", ALERT.format("root"))
+    consumer.wait_for_event("AnalyticsAlert", properties={"source": "root"})
+    assert [event.properties["source"] for event in consumer.of_type("AnalyticsAlert")] == ["member", "root"]
+
+
 def test_a_member_of_the_posting_group_cannot_read_what_others_post(service: None):
     for redirection in ("<", "<>"):
         reading = run_as("poster", "halvek-post", command=f"timeout 5 cat {redirection} {EVENT_PIPE}")

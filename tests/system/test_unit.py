@@ -159,7 +159,7 @@ def test_the_users_are_made(root):
         _, password, uid, gid, _, home, shell = users[user]
         assert (password, home, shell) == ("x", "/nonexistent", "/usr/sbin/nologin")
         assert 0 < int(uid) < 1000 and groups[user][2] == gid
-    assert groups["halvek-post"][3] == ""
+    assert groups["halvek-post"][3] == groups["halvek-analytics"][3] == ""
     assert groups["halvek-listen"][3] == "halvek"
 
 
