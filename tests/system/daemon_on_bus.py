@@ -55,6 +55,12 @@ def dropped(daemon: Daemon) -> int:
     return sum(int(match.group(1)) for match in found if match)
 
 
+def given_up(daemon: Daemon) -> list[int]:
+    """How many alerts each Warning says that a source has given up. The last ones are told when the source stops."""
+    told = r"Warning kelto\.msgbus: (\d+) alerts of more than 60000 bytes were given up$"
+    return [int(re.search(told, line)[1]) for line in daemon.log.matching(told)]
+
+
 def accounted_for(daemon: Daemon) -> int:
     """How many alerts were delivered or counted as dropped, over both kinds of sources."""
     return len(daemon.log.matching(r"EventSource: Received AnalyticsAlert$")) + dropped(daemon)
