@@ -27,6 +27,12 @@ def test_ready_waits_for_the_settings(launch, tmp_path):
     assert daemon.notifications.items == ["READY=1"]
 
 
+def test_readiness_that_cannot_be_told_is_a_warning(launch, tmp_path):
+    daemon = launch(SERVER, ready=False, environment={"NOTIFY_SOCKET": str(tmp_path / "none")})
+    daemon.log.wait_for("Warning halvek: The service manager cannot be told READY=1: No such file or directory$")
+    daemon.log.wait_for("Dropping to run state$")
+
+
 @pytest.mark.parametrize("number", [signal.SIGHUP, signal.SIGTERM, signal.SIGINT, signal.SIGALRM])
 def test_a_signal_during_the_start_takes_its_default_action(launch, tmp_path, number):
     settings = SettingsPipe(tmp_path / "settings")

@@ -16,6 +16,9 @@ namespace kelto::inet {
 
 namespace {
 
+/** In bytes. A mail takes four times that in memory, and the mail library ends the process when there is none. */
+constexpr off_t largestAttachment = off_t{16} * 1024 * 1024;
+
 struct KnownExtension {
     const char* extension;
     MediaType type;
@@ -38,7 +41,13 @@ constexpr std::array<KnownExtension, 10> knownExtensions = {{
     throw osa::Exception("Cannot read %s: %s", path.c_str(), reason);
 }
 
-void CheckRegular(int file, const std::string& path) {
+void CheckSize(off_t size, const std::string& path) {
+    if (size > largestAttachment) {
+        ThrowCannotRead(path, "more than 16 MiB");
+    }
+}
+
+void CheckFile(int file, const std::string& path) {
     struct stat status {};
     if (fstat(file, &status) != 0) {
         ThrowCannotRead(path, std::strerror(errno));
@@ -46,6 +55,7 @@ void CheckRegular(int file, const std::string& path) {
     if (!S_ISREG(status.st_mode)) {
         ThrowCannotRead(path, "not a regular file");
     }
+    CheckSize(status.st_size, path);
 }
 
 }  // namespace
@@ -66,7 +76,7 @@ std::string ReadAttachedFile(const std::string& path) {
     if (!file.IsValid()) {
         ThrowCannotRead(path, std::strerror(errno));
     }
-    CheckRegular(file.Get(), path);
+    CheckFile(file.Get(), path);
     std::string content;
     std::array<char, 16384> buffer{};
     while (true) {
@@ -76,6 +86,8 @@ std::string ReadAttachedFile(const std::string& path) {
         }
         if (count > 0) {
             content.append(buffer.data(), static_cast<size_t>(count));
+            // It may grow meanwhile.
+            CheckSize(static_cast<off_t>(content.size()), path);
         } else if (errno != EINTR) {
             ThrowCannotRead(path, std::strerror(errno));
         }

@@ -43,7 +43,7 @@ public:
 
     /**
      * Adds a file as it is now, under the last name of its path; its type goes by the name's extension. A file that
-     * cannot be read is a Warning, and the mail goes without it.
+     * cannot be read, or has more than 16 MiB, is a Warning, and the mail goes without it.
      */
     void Attach(const std::string& path);
 

@@ -83,20 +83,45 @@ int OpenRegularFile(const std::string& path) {
     return fd;
 }
 
-/** Creates a file of a name nobody uses; the name is short, so that it fits beside a final name of full length. */
-int CreateHidden(const std::string& directory, std::string& path) {
-    static std::atomic<unsigned> counter = 0;
-    int fd = -1;
-    do {
-        std::string name = ".";
-        name.append(std::to_string(getpid())).append("-").append(std::to_string(counter++));
-        path = PathUtils::PathConcat(directory, name);
-        fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    } while (fd < 0 && errno == EEXIST);
-    if (fd < 0) {
-        ThrowSystemError("write into", directory);
+/**
+ * A name for a file that is being written: short, so that it fits beside a final name of full length. The plain one is
+ * for a file system that knows only names of eight characters, a dot and three, none of which begins with the dot.
+ */
+std::string UnfinishedName(bool hidden, unsigned number) {
+    constexpr unsigned plainNamesOfAProcess = 64;
+    constexpr unsigned sevenDigits = 0xfffffff;
+    const auto process = static_cast<unsigned>(getpid());
+    std::array<char, 32> name{};
+    if (hidden) {
+        std::snprintf(name.data(), name.size(), ".%u-%u", process, number);
+    } else {
+        std::snprintf(name.data(), name.size(), "h%07x.tmp", (process * plainNamesOfAProcess + number) & sevenDigits);
     }
-    return fd;
+    return name.data();
+}
+
+/** The file system takes no such name: too long, or with characters that it has no place for. */
+bool IsRefusedName(int error) {
+    return error == ENAMETOOLONG || error == EINVAL;
+}
+
+/** Creates a file of a name that nobody uses, hidden if the file system knows such names. */
+int CreateUnfinished(const std::string& directory, std::string& path) {
+    static std::atomic<unsigned> counter = 0;
+    bool hidden = true;
+    while (true) {
+        const unsigned number = counter++;
+        path = PathUtils::PathConcat(directory, UnfinishedName(hidden, number));
+        const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd >= 0) {
+            return fd;
+        }
+        if (hidden && IsRefusedName(errno)) {
+            hidden = false;
+        } else if (errno != EEXIST) {
+            ThrowSystemError("write into", directory);
+        }
+    }
 }
 
 bool MoveIntoPlace(const std::string& from, const std::string& to, bool overwrite) {
@@ -106,22 +131,17 @@ bool MoveIntoPlace(const std::string& from, const std::string& to, bool overwrit
     return renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0;
 }
 
-/** The file system takes no such name: too long, or with characters that it has no place for. */
-bool IsRefusedName(int error) {
-    return error == ENAMETOOLONG || error == EINVAL;
-}
-
 /** False for a name that the file system refuses; any other failure throws. */
-bool CopyThroughHidden(const std::string& from, const std::string& to, bool overwrite) {
+bool CopyThroughUnfinished(const std::string& from, const std::string& to, bool overwrite) {
     const UniqueFd source(OpenRegularFile(from));
-    std::string hidden;
-    UniqueFd target(CreateHidden(PathUtils::Dirname(to), hidden));
+    std::string unfinished;
+    UniqueFd target(CreateUnfinished(PathUtils::Dirname(to), unfinished));
     const bool written = CopyContent(source.Get(), target.Get()) && fsync(target.Get()) == 0 && target.Close();
-    if (written && MoveIntoPlace(hidden, to, overwrite)) {
+    if (written && MoveIntoPlace(unfinished, to, overwrite)) {
         return true;
     }
     const int error = errno;
-    unlink(hidden.c_str());
+    unlink(unfinished.c_str());
     if (written && IsRefusedName(error)) {
         return false;
     }
@@ -131,7 +151,7 @@ bool CopyThroughHidden(const std::string& from, const std::string& to, bool over
 
 bool CopyAndLog(const std::string& from, const std::string& to, bool overwrite) {
     try {
-        return CopyThroughHidden(from, to, overwrite);
+        return CopyThroughUnfinished(from, to, overwrite);
     } catch (const Exception& exception) {
         Log().Error("%s", exception.what());
         return false;

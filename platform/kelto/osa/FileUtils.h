@@ -20,7 +20,8 @@ public:
 
     /**
      * Copies a regular file so that no reader and no power cut ever sees half of it: written and synced under a short
-     * hidden name beside the target, then renamed. The copy's mode is 0666 less the umask.
+     * hidden name beside the target, then renamed. The copy's mode is 0666 less the umask. Where a name must not begin
+     * with a dot, as on a card mounted as msdos, the name is one like "h00a1b2c.tmp".
      *
      * @param overwrite whether an existing target is replaced; if not, it is a failure
      * @return true when the whole file stands under the target name; otherwise nothing is left behind, and why is

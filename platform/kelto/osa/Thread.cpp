@@ -73,7 +73,11 @@ private:
 }  // namespace
 
 Thread::Thread(const char* threadName, Runnable& body, unsigned stackSizeKiB, int schedulingPriority)
-    : name(threadName), runnable(body), stackKiB(stackSizeKiB), priority(schedulingPriority) {
+    : logger(core::Logger::GetLogger("kelto.osa")),
+      name(threadName),
+      runnable(body),
+      stackKiB(stackSizeKiB),
+      priority(schedulingPriority) {
     runnable.thread = this;
 }
 
@@ -152,7 +156,6 @@ void* Thread::Main(void* self) {
 }
 
 void Thread::RunBody() {
-    core::Logger& logger = core::Logger::GetLogger("kelto.osa");
     try {
         runnable.Run();
     } catch (const std::exception& exception) {

@@ -7,6 +7,10 @@
 #include <mutex>
 #include <string>
 
+namespace kelto::core {
+class Logger;
+}
+
 namespace kelto::osa {
 
 class Runnable;
@@ -68,7 +72,8 @@ private:
     void SendSignal();
     bool WaitUntilFinished(int32_t milliseconds);
 
-    // Constant after construction.
+    // Constant after construction. The logger is looked up there, since the thread itself could not report a failure.
+    core::Logger& logger;
     const std::string name;
     Runnable& runnable;
     const unsigned stackKiB;

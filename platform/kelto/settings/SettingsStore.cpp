@@ -2,6 +2,7 @@
 
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/FileUtils.h"
+#include "kelto/osa/Thread.h"
 #include "kelto/osa/UniqueFd.h"
 #include "kelto/settings/IniParser.h"
 
@@ -13,6 +14,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -24,6 +26,8 @@ namespace kelto::settings {
 namespace {
 
 constexpr const char* defaultPath = "/etc/kelto/settings";
+constexpr unsigned mostReadAgain = 3;
+constexpr int32_t pauseMs = 20;
 
 [[noreturn]] void ThrowCannotRead(const std::string& path) {
     throw osa::Exception("Cannot read settings %s: %s", path.c_str(), std::strerror(errno));
@@ -34,15 +38,11 @@ std::string StorePath() {
     return path == nullptr || *path == '\0' ? defaultPath : path;
 }
 
-std::string ReadFile(const std::string& path) {
-    const osa::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file.IsValid()) {
-        ThrowCannotRead(path);
-    }
+std::string ReadToEnd(int file, const std::string& path) {
     std::string text;
     std::array<char, 4096> buffer{};
     while (true) {
-        const ssize_t count = read(file.Get(), buffer.data(), buffer.size());
+        const ssize_t count = read(file, buffer.data(), buffer.size());
         if (count == 0) {
             return text;
         }
@@ -52,6 +52,41 @@ std::string ReadFile(const std::string& path) {
             ThrowCannotRead(path);
         }
     }
+}
+
+bool IsSame(const timespec& one, const timespec& other) {
+    return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
+}
+
+/** Whether the path still leads to the file as it was before it was read. Of a pipe nothing of this can be said. */
+bool IsUnchanged(const std::string& path, const struct stat& before, size_t readSize) {
+    struct stat now {};
+    return !S_ISREG(before.st_mode) ||
+           (stat(path.c_str(), &now) == 0 && now.st_ino == before.st_ino && now.st_size == before.st_size &&
+            IsSame(now.st_mtim, before.st_mtim) && static_cast<size_t>(now.st_size) == readSize);
+}
+
+/** False if somebody wrote it meanwhile, so that the text may be a part of the old or of the new one. */
+bool TryToReadFile(const std::string& path, std::string& text) {
+    const osa::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat before {};
+    if (!file.IsValid() || fstat(file.Get(), &before) != 0) {
+        ThrowCannotRead(path);
+    }
+    text = ReadToEnd(file.Get(), path);
+    return IsUnchanged(path, before, text.size());
+}
+
+std::string ReadFile(const std::string& path) {
+    std::string text;
+    for (unsigned again = 0; !TryToReadFile(path, text); ++again) {
+        if (again == mostReadAgain) {
+            throw osa::Exception("Cannot read settings %s: they change while they are read", path.c_str());
+        }
+        // Whoever writes it needs a moment to finish.
+        osa::Thread::CurrentThread::Sleep(pauseMs);
+    }
+    return text;
 }
 
 /** Reads the file and compares as it goes. */
@@ -118,7 +153,7 @@ core::IniFile SettingsStore::Parse(const std::vector<File>& files) {
     return ini;
 }
 
-bool SettingsStore::Holds(const std::vector<File>& files) noexcept {
+bool SettingsStore::Holds(const std::vector<File>& files) {
     try {
         const std::vector<std::string> paths = StoreFiles(StorePath());
         return std::equal(paths.begin(), paths.end(), files.begin(), files.end(),

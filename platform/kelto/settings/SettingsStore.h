@@ -26,7 +26,11 @@ public:
      */
     static core::IniFile Load() { return Parse(Read()); }
 
-    /** The first half of Load. Throws as it does. */
+    /**
+     * The first half of Load. Throws as it does.
+     *
+     * A file that changes in size, time or inode while it is read is read again after a moment, three times at most.
+     */
     static std::vector<File> Read();
 
     /** The second half of Load. Throws kelto::osa::Exception naming the file and the line that is malformed. */
@@ -35,8 +39,9 @@ public:
     /**
      * Whether the store consists of exactly these files and texts now. Reads them all, so it is as fresh as Read, but
      * keeps nothing. Only regular files are looked at: from a pipe it would take what the next Read needs.
+     * A store that cannot be read is another one. Throws std::bad_alloc only.
      */
-    static bool Holds(const std::vector<File>& files) noexcept;
+    static bool Holds(const std::vector<File>& files);
 };
 
 }  // namespace kelto::settings

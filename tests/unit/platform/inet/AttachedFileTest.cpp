@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace kelto::inet {
 
@@ -74,6 +75,17 @@ TEST_F(ReadAttachedFileTest, AFileThatMayNotBeReadIsRefused) {
     ASSERT_EQ(chmod(path.c_str(), 0), 0);
     const test::Unprivileged unprivileged;
     ExpectRefused(path, "Permission denied");
+}
+
+TEST(ReadAttachedFile, TakesSixteenMebibytesAndNoMore) {
+    const test::TempDir folder;
+    const std::string file = folder.Write("large.jpg", "");
+    constexpr off_t largest = off_t{16} << 20;
+    ASSERT_EQ(truncate(file.c_str(), largest), 0);
+    EXPECT_EQ(ReadAttachedFile(file).size(), static_cast<size_t>(largest));
+    ASSERT_EQ(truncate(file.c_str(), largest + 1), 0);
+    EXPECT_THAT([&] { ReadAttachedFile(file); },
+                ThrowsMessage<osa::Exception>(StrEq("Cannot read " + file + ": more than 16 MiB")));
 }
 
 }  // namespace

@@ -13,10 +13,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -27,9 +31,29 @@ namespace {
 /** Asked by each fsync whether it succeeds. */
 std::function<bool(int)> onSync;
 
+/** Whether a file may not be made under a name that begins with a dot, as on a card mounted as msdos. */
+std::atomic<bool> refusesDots = false;
+
+bool BeginsWithDot(const char* path) {
+    const char* const slash = std::strrchr(path, '/');
+    return *(slash == nullptr ? path : slash + 1) == '.';
+}
+
 }  // namespace
 
-// The program's own definition stands before the C library's.
+// The program's own definitions stand before the C library's.
+extern "C" int open(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    if (refusesDots && (flags & O_CREAT) != 0 && BeginsWithDot(path)) {
+        errno = EINVAL;
+        return -1;
+    }
+    return openat(AT_FDCWD, path, flags, mode);
+}
+
 extern "C" int fsync(int fd) {
     if (onSync && !onSync(fd)) {
         errno = EIO;
@@ -44,6 +68,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
 using ::testing::StartsWith;
 
 constexpr size_t megabyte = 1 << 20;
@@ -311,6 +336,55 @@ TEST_F(CopyFileTest, ANameWithACharacterThatTheFileSystemHasNoPlaceForFailsWitho
     EXPECT_EQ(log.Text(), "") << "the caller may have another name";
     EXPECT_THAT(TargetNames(), IsEmpty());
     EXPECT_TRUE(FileUtils::CopyFile(source, InTarget("12_30.jpg"), true));
+}
+
+/** Has the system refuse names that begin with a dot for the length of a scope, and nobody asked by fsync behind it. */
+class NoDotNames {
+public:
+    NoDotNames() { refusesDots = true; }
+    ~NoDotNames() {
+        refusesDots = false;
+        onSync = nullptr;
+    }
+    NoDotNames(const NoDotNames&) = delete;
+    NoDotNames& operator=(const NoDotNames&) = delete;
+};
+
+TEST_F(CopyFileTest, WhereNoNameBeginsWithADotItIsWrittenUnderAnotherShortOne) {
+    const NoDotNames msdos;
+    std::vector<std::string> meanwhile;
+    onSync = [&](int) {
+        meanwhile = TargetNames();
+        return true;
+    };
+    EXPECT_TRUE(FileUtils::CopyFile(source, InTarget("12_30_45.jpg"), true));
+    EXPECT_THAT(meanwhile, ElementsAre(MatchesRegex("h[0-9a-f]{7}\\.tmp")));
+    EXPECT_THAT(TargetNames(), ElementsAre("12_30_45.jpg"));
+    EXPECT_EQ(log.Text(), "");
+}
+
+TEST_F(CopyFileTest, WhereNoNameBeginsWithADotAFailureLeavesNothingBehindEither) {
+    const NoDotNames msdos;
+    onSync = [](int) { return false; };
+    EXPECT_FALSE(FileUtils::CopyFile(source, InTarget("copy.jpg"), true));
+    EXPECT_THAT(TargetNames(), IsEmpty());
+}
+
+TEST_F(CopyFileTest, WhatAPowerCutLeftUnderAShortNameIsInNobodysWay) {
+    const NoDotNames msdos;
+    std::string leftOver;
+    onSync = [&](int) {
+        leftOver = TargetNames().front();
+        return true;
+    };
+    ASSERT_TRUE(FileUtils::CopyFile(source, InTarget("first.jpg"), true));
+    // The name that the next copy would take.
+    const unsigned next = static_cast<unsigned>(std::stoul(leftOver.substr(1, 7), nullptr, 16)) + 1;
+    std::array<char, 16> name{};
+    std::snprintf(name.data(), name.size(), "h%07x.tmp", next & 0xfffffff);
+    std::ofstream(InTarget(name.data())) << "left over";
+    EXPECT_TRUE(FileUtils::CopyFile(source, InTarget("second.jpg"), true));
+    EXPECT_EQ(test::ReadWholeFile(InTarget(name.data())), "left over");
 }
 
 TEST_F(CopyFileTest, WithoutADescriptorItFails) {

@@ -6,11 +6,31 @@
 #include "tests/fakes/TempDir.h"
 #include "tests/fakes/Unprivileged.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
+
+namespace {
+
+/** Told of each read, after it, how many bytes it has read. */
+std::function<void(ssize_t)> onRead;
+
+}  // namespace
+
+// The program's own definition stands before the C library's.
+extern "C" ssize_t read(int fd, void* buffer, size_t size) {
+    const ssize_t count = syscall(SYS_read, fd, buffer, size);
+    if (onRead) {
+        onRead(count);
+    }
+    return count;
+}
 
 namespace kelto::settings {
 
@@ -39,6 +59,82 @@ TEST(SettingsStore, ReadsTheFileThatTheEnvironmentNames) {
     // Any name will do for a file that is named as such.
     const std::string file = folder.Write("settings", "[Events/Source#1]\nType=Timer\n");
     EXPECT_EQ(LoadFrom(file).GetValue("Events/Source#1", "Type"), "Timer");
+}
+
+/** Has something happen once, when the first bytes of a store have been read. */
+class AfterTheFirstRead {
+public:
+    explicit AfterTheFirstRead(const std::function<void()>& action) {
+        onRead = [action](ssize_t) {
+            // It goes with the function that holds it.
+            const std::function<void()> kept = action;
+            onRead = nullptr;
+            kept();
+        };
+    }
+    ~AfterTheFirstRead() { onRead = nullptr; }
+    AfterTheFirstRead(const AfterTheFirstRead&) = delete;
+    AfterTheFirstRead& operator=(const AfterTheFirstRead&) = delete;
+};
+
+void SetTime(const std::string& file, time_t seconds) {
+    const timespec times[] = {{seconds, 0}, {seconds, 0}};
+    utimensat(AT_FDCWD, file.c_str(), times, 0);
+}
+
+TEST(SettingsStore, AFileThatGrowsWhileItIsReadIsReadAgain) {
+    const test::TempDir folder;
+    const std::string file = folder.Write("settings.ini", "[a]\nx=1\n");
+    SetTime(file, 1000);
+    const AfterTheFirstRead growing([&] {
+        folder.Write("settings.ini", "[a]\nx=1\n[b]\n");
+        SetTime(file, 1000);
+    });
+    EXPECT_THAT(LoadFrom(file).GetGroups(), ElementsAre(Key("a"), Key("b")));
+}
+
+TEST(SettingsStore, AFileThatIsWrittenInPlaceWhileItIsReadIsReadAgain) {
+    const test::TempDir folder;
+    const std::string file = folder.Write("settings.ini", "[a]\nx=1\n");
+    SetTime(file, 1000);
+    const AfterTheFirstRead writing([&] { folder.Write("settings.ini", "[a]\nx=2\n"); });
+    EXPECT_EQ(LoadFrom(file).GetValue("a", "x"), "2");
+}
+
+TEST(SettingsStore, AFileThatIsReplacedWhileItIsReadIsReadAgain) {
+    const test::TempDir folder;
+    const std::string file = folder.Write("settings.ini", "[a]\nx=1\n");
+    SetTime(file, 1000);
+    const AfterTheFirstRead replacing([&] {
+        const std::string beside = folder.Write("beside", "[a]\nx=2\n");
+        SetTime(beside, 1000);
+        std::filesystem::rename(beside, file);
+    });
+    EXPECT_EQ(LoadFrom(file).GetValue("a", "x"), "2");
+}
+
+TEST(SettingsStore, AFileThatDoesNotComeToRestIsReadFourTimesAndIsAnError) {
+    const test::TempDir folder;
+    const std::string file = folder.Write("settings.ini", "[a]\nx=1\n");
+    time_t time = 1000;
+    int ends = 0;
+    onRead = [&](ssize_t count) {
+        ends += count == 0 ? 1 : 0;
+        SetTime(file, ++time);
+    };
+    ExpectError(file, file, "they change while they are read");
+    onRead = nullptr;
+    EXPECT_EQ(ends, 4);
+}
+
+TEST(SettingsStore, AFileThatIsAtRestIsReadOnce) {
+    const test::TempDir folder;
+    const std::string file = folder.Write("settings.ini", "[a]\nx=1\n");
+    int ends = 0;
+    onRead = [&](ssize_t count) { ends += count == 0 ? 1 : 0; };
+    LoadFrom(file);
+    onRead = nullptr;
+    EXPECT_EQ(ends, 1);
 }
 
 TEST(SettingsStore, AnEmptyFileAndAnEmptyFolderHoldNothing) {
