@@ -18,6 +18,8 @@ public:
     /** Copies the properties; the priority is 0. */
     explicit Event(const Properties& eventProperties);
     Event(const Properties& eventProperties, const int32_t& eventPriority);
+    /** Takes the properties over; the priority is 0. */
+    explicit Event(Properties&& eventProperties);
 
     /** The kind of the event for a log line, "{Event: TimerEvent}" for instance. */
     virtual std::string ToString() const;

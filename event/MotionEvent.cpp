@@ -1,8 +1,12 @@
 #include "event/MotionEvent.h"
 
+#include <utility>
+
 namespace kelto::halvek::event {
 
 MotionEvent::MotionEvent(const Properties& eventProperties) : Event(eventProperties) {}
+
+MotionEvent::MotionEvent(Properties&& eventProperties) : Event(std::move(eventProperties)) {}
 
 std::string MotionEvent::ToString() const {
     return "{Event: MotionEvent}";

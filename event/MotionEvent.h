@@ -10,6 +10,8 @@ namespace kelto::halvek::event {
 class MotionEvent : public Event {
 public:
     explicit MotionEvent(const Properties& eventProperties);
+    /** Takes the properties over. */
+    explicit MotionEvent(Properties&& eventProperties);
 
     std::string ToString() const override;
 };

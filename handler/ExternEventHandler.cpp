@@ -14,6 +14,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <string_view>
 #include <vector>
 
 namespace kelto::halvek::handler {
@@ -21,7 +22,7 @@ namespace kelto::halvek::handler {
 namespace {
 
 constexpr const char* fifoDirectory = "/var/run/halvek";
-constexpr const char* catchAllMarker = "halvek.any";
+constexpr std::string_view catchAllMarker = "halvek.any";
 constexpr size_t leastFifos = 2;
 
 std::unique_ptr<EventHandler> Create(HalvekEnv*) {
@@ -31,15 +32,24 @@ std::unique_ptr<EventHandler> Create(HalvekEnv*) {
 constexpr HandlerRegistration registration{"Extern", Create, 1};
 [[gnu::init_priority(RegisterExtern)]] const HandlerRegistrar registrar(&registration);
 
-bool Contains(const std::string& text, const std::string& part) {
+bool Contains(const std::string& text, std::string_view part) {
     return text.find(part) != std::string::npos;
 }
 
-std::string FormatBlock(const Event& event) {
-    std::string block;
-    block.append("[").append(event.GetEventType()).append("]\n");
+size_t BlockSize(const Event& event, const std::string& eventType) {
+    size_t size = sizeof("[]\n.\n") - 1 + eventType.size();
     for (const auto& [key, value] : event.GetProperties()) {
-        block.append(key).append("=").append(value).append("\n");
+        size += key.size() + value.size() + sizeof("=\n") - 1;
+    }
+    return size;
+}
+
+std::string FormatBlock(const Event& event, const std::string& eventType) {
+    std::string block;
+    block.reserve(BlockSize(event, eventType));
+    block.append("[").append(eventType).append("]\n");
+    for (const auto& [key, value] : event.GetProperties()) {
+        block.append(key).append(1, '=').append(value).append(1, '\n');
     }
     block.append(".\n");
     return block;
@@ -104,19 +114,22 @@ void ExternEventHandler::WriteToAllFifos(Event& event) {
     if (fifos.size() < leastFifos) {
         logger.Debug("ExternEventHandler::PerformAction: No FIFO's to use for event");
     }
+    std::string block;
     for (const std::string& fifo : fifos) {
         logger.Trace("ExternEventHandler::PerformAction: Found FIFO name: %s", fifo.c_str());
         if (Contains(fifo, eventType) || Contains(fifo, catchAllMarker)) {
             logger.Trace("ExternEventHandler::PerformAction: Firing to FIFO name: %s", fifo.c_str());
-            WriteToFifo(fifo, event);
+            logger.Debug("ExternEventHandler: Firing event with eventType: %s", eventType.c_str());
+            if (block.empty()) {
+                block = FormatBlock(event, eventType);
+            }
+            WriteToFifo(fifo, block);
         }
     }
     logger.Debug("ExternEventHandler::PerformAction: Done firing to all FIFO's");
 }
 
-void ExternEventHandler::WriteToFifo(const std::string& fifoPath, Event& event) {
-    logger.Debug("ExternEventHandler: Firing event with eventType: %s", event.GetEventType().c_str());
-    const std::string block = FormatBlock(event);
+void ExternEventHandler::WriteToFifo(const std::string& fifoPath, const std::string& block) {
     const int fd = OpenFifo(fifoPath);
     if (fd < 0) {
         throw osa::Exception("FIFO open() failed");

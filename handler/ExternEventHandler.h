@@ -33,7 +33,7 @@ public:
 
 private:
     void WriteToAllFifos(Event& event);
-    void WriteToFifo(const std::string& fifoPath, Event& event);
+    void WriteToFifo(const std::string& fifoPath, const std::string& block);
 
     core::Logger& logger;
 };

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <utility>
 
 namespace kelto::halvek::source {
 
@@ -47,7 +48,7 @@ bool WaitForInput(int fd) {
 }  // namespace
 
 EventServerSource::EventServerSource()
-    : handlersMapLock(std::make_unique<osa::Mutex>("EventServerSource::HandlersMapLock")) {}
+    : logger(Log()), handlersMapLock(std::make_unique<osa::Mutex>("EventServerSource::HandlersMapLock")) {}
 
 EventServerSource::~EventServerSource() {
     if (GetCurrentThread() != nullptr) {
@@ -108,11 +109,12 @@ void EventServerSource::Run() {
     running = true;
     thread.OpenLatch();
     FdInputStream stream(fd);
+    std::string line;
     PostedBlock block;
     while (running) {
         try {
             if (WaitForInput(fd)) {
-                ReceiveEvent(stream, block);
+                ReceiveEvent(stream, line, block);
             }
         } catch (const osa::Signal& signal) {
             Log().Debug("%s", signal.what());
@@ -139,9 +141,9 @@ int EventServerSource::OpenFifo() const {
     return fd;
 }
 
-void EventServerSource::ReceiveEvent(FdInputStream& stream, PostedBlock& block) {
+void EventServerSource::ReceiveEvent(FdInputStream& stream, std::string& line, PostedBlock& block) {
     block.Begin();
-    if (!ReadBlock(stream, block)) {
+    if (!ReadBlock(stream, line, block)) {
         Log().Warning("EventServerSource: event dropped, its writer goes on at a stop");
     } else if (!block.IsGivenUp() && !block.GetEventType().empty()) {
         FireReceived(block);
@@ -149,9 +151,7 @@ void EventServerSource::ReceiveEvent(FdInputStream& stream, PostedBlock& block) 
 }
 
 /** Reads the lines of a block; false if a stop came before their end. */
-bool EventServerSource::ReadBlock(FdInputStream& stream, PostedBlock& block) {
-    const core::Logger& logger = Log();
-    std::string line;
+bool EventServerSource::ReadBlock(FdInputStream& stream, std::string& line, PostedBlock& block) {
     size_t taken = 0;
     bool isRestOfLine = false;
     while (running || taken <= mostBytesAfterStop) {
@@ -160,9 +160,9 @@ bool EventServerSource::ReadBlock(FdInputStream& stream, PostedBlock& block) {
             return true;
         }
         taken += line.size() + 1;
-        if (found == LineFound::TooLong || isRestOfLine) {
+        if (isRestOfLine || found != LineFound::Whole) {
             block.TakeTooLongLine();
-            isRestOfLine = found == LineFound::TooLong;
+            isRestOfLine = found == LineFound::Beginning;
             continue;
         }
         logger.Trace("Got line: %s", line.c_str());
@@ -176,16 +176,15 @@ bool EventServerSource::ReadBlock(FdInputStream& stream, PostedBlock& block) {
 void EventServerSource::FireReceived(PostedBlock& block) {
     const std::string& eventType = block.GetEventType();
     Event::Properties& properties = block.GetProperties();
-    const auto region = properties.find("region");
-    const bool hasRegion = eventType == "MotionDetection" && region != properties.end();
-    properties["eventId"] = hasRegion ? region->second : eventType;
+    const auto region = eventType == "MotionDetection" ? properties.find("region") : properties.end();
+    properties["eventId"] = region == properties.end() ? eventType : region->second;
     properties["eventType"] = eventType;
     block.CheckWrittenSize();
     if (block.IsGivenUp()) {
         return;
     }
-    event::MotionEvent event(properties);
-    Log().Information("EventServerSource: Received event: %s", eventType.c_str());
+    event::MotionEvent event(std::move(properties));
+    logger.Information("EventServerSource: Received event: %s", eventType.c_str());
     FireEvent(event);
 }
 
@@ -196,7 +195,6 @@ void EventServerSource::FireEvent(Event& event) {
     if (!event.HasProperties()) {
         throw osa::Exception("EventServerSource: server improperly used");
     }
-    const core::Logger& logger = Log();
     const osa::MutexAutoLock lock(*handlersMapLock);
     logger.Debug("EventServerSource: Firing event through base class");
     EventSource::FireEvent(event);

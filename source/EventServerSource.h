@@ -11,6 +11,10 @@
 #include <string>
 #include <vector>
 
+namespace kelto::core {
+class Logger;
+}
+
 namespace kelto::halvek::source {
 
 class FdInputStream;
@@ -58,10 +62,11 @@ public:
 
 private:
     int OpenFifo() const;
-    void ReceiveEvent(FdInputStream& stream, PostedBlock& block);
-    bool ReadBlock(FdInputStream& stream, PostedBlock& block);
+    void ReceiveEvent(FdInputStream& stream, std::string& line, PostedBlock& block);
+    bool ReadBlock(FdInputStream& stream, std::string& line, PostedBlock& block);
     void FireReceived(PostedBlock& block);
 
+    const core::Logger& logger;
     std::map<std::string, std::vector<EventHandler*>> handlersByEventId;
     const std::unique_ptr<osa::Mutex> handlersMapLock;
     std::atomic<bool> running = false;

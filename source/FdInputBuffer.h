@@ -13,8 +13,10 @@ enum class LineFound {
     None,
     /** A line, or what there was of it when the pipe had no more. */
     Whole,
-    /** The first bytes of a line that is longer than was asked for. The rest is still to be read. */
+    /** A line that is longer than was asked for. */
     TooLong,
+    /** The first bytes of such a line. The rest is still to be read. */
+    Beginning,
 };
 
 /**
@@ -34,8 +36,8 @@ public:
     FdInputBuffer& operator=(const FdInputBuffer&) = delete;
 
     /**
-     * Reads a line as std::getline does, without its newline, but gives up behind its first `longest` bytes: a writer
-     * that sends no newline cannot make it grow.
+     * Reads a line as std::getline does, without its newline, but reads little more than `longest` bytes of a line that
+     * is longer: a writer that sends no newline cannot make it grow.
      */
     LineFound ReadLine(std::string& line, size_t longest);
 
@@ -43,7 +45,7 @@ protected:
     int_type underflow() override;
 
 private:
-    bool Refill();
+    bool TakeByte(char& byte);
 
     std::array<char, 1> buffer{};
     const int fd;

@@ -13,11 +13,9 @@ constexpr size_t mostKeysAndValues = 60'000;
 constexpr size_t pipeSize = 65'536;
 constexpr size_t stampsSize = sizeof("Timestamp=14:05:09\nFormattedTime=2026-21-11T14:05:09+00:00\n") - 1;
 
-core::Logger& Log() {
-    return core::Logger::GetLogger("halvek");
-}
-
 }  // namespace
+
+PostedBlock::PostedBlock() : logger(core::Logger::GetLogger("halvek")) {}
 
 void PostedBlock::Begin() {
     properties.clear();
@@ -67,11 +65,11 @@ void PostedBlock::TakeHeader(const std::string& line) {
     }
     const size_t end = line.find(']');
     if (end == std::string::npos) {
-        Log().Debug("\tFind didn't find a ]");
+        logger.Debug("\tFind didn't find a ]");
         return;
     }
     eventType = line.substr(1, end - 1);
-    Log().Debug("\tEvent type: %s", eventType.c_str());
+    logger.Debug("\tEvent type: %s", eventType.c_str());
 }
 
 void PostedBlock::TakeProperty(const std::string& line, size_t equals) {
@@ -80,7 +78,7 @@ void PostedBlock::TakeProperty(const std::string& line, size_t equals) {
         GiveUp();
     }
     if (!givenUp) {
-        properties[line.substr(0, equals)] = line.substr(equals + 1);
+        properties.insert_or_assign(line.substr(0, equals), line.substr(equals + 1));
     }
 }
 
@@ -88,7 +86,7 @@ void PostedBlock::GiveUp() {
     if (givenUp) {
         return;
     }
-    Log().Error("EventServerSource: event of more than 60000 bytes skipped");
+    logger.Error("EventServerSource: event of more than 60000 bytes skipped");
     givenUp = true;
     properties.clear();
 }

@@ -5,6 +5,10 @@
 #include <cstddef>
 #include <string>
 
+namespace kelto::core {
+class Logger;
+}
+
 namespace kelto::halvek::source {
 
 /**
@@ -18,6 +22,8 @@ class PostedBlock {
 public:
     /** In bytes, without the line break. */
     static constexpr size_t longestLine = 60'000;
+
+    PostedBlock();
 
     /** Begins the next block. The type outlives its event: a block without a header is of the type of the one before.
      */
@@ -45,6 +51,7 @@ private:
     void TakeProperty(const std::string& line, size_t equals);
     void GiveUp();
 
+    core::Logger& logger;
     Event::Properties properties;
     std::string eventType;
     /** Bytes of keys and values, those included that a repeated key has replaced. */

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string_view>
 #include <vector>
 
 namespace kelto::core {
@@ -35,7 +36,7 @@ public:
         }
     }
 
-    Logger* Find(const char* name) const {
+    Logger* Find(std::string_view name) const {
         Logger* logger = newest.load(std::memory_order_acquire);
         while (logger != nullptr && logger->name != name) {
             logger = logger->older;

@@ -11,6 +11,10 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
+#include <ctime>
+#include <utility>
+
 namespace kelto::halvek {
 
 namespace {
@@ -77,6 +81,32 @@ TEST(Event, CopiesItsPropertiesInAndReplacesThemWhole) {
     EXPECT_THAT(event.GetProperties(), ElementsAre(Pair("y", "3")));
     event.SetProperties(event.GetProperties());
     EXPECT_THAT(event.GetProperties(), ElementsAre(Pair("y", "3")));
+}
+
+TEST(Event, TakesPropertiesOverThatAreHandedOver) {
+    Event::Properties properties{{"eventType", "A"}, {"x", std::string(100, 'x')}};
+    const char* const text = properties.at("x").data();
+    const event::MotionEvent event(std::move(properties));
+    EXPECT_EQ(event.GetProperties().at("x").data(), text);
+    EXPECT_EQ(event.GetPriority(), 0);
+}
+
+TEST(Event, StampsAreWhatStrftimeWouldWrite) {
+    for (const char* const moment : {"1970-01-01 00:00:00", "2000-02-29 23:59:59", "2026-11-09 09:05:07",
+                                     "2038-01-19 03:14:08", "9999-12-31 10:10:10"}) {
+        const test::FakeClock clock(moment, "XXX-5:45");
+        const time_t now = time(nullptr);
+        tm local{};
+        localtime_r(&now, &local);
+        std::array<char, 32> timestamp{};
+        std::array<char, 32> formattedTime{};
+        strftime(timestamp.data(), timestamp.size(), "%X", &local);
+        strftime(formattedTime.data(), formattedTime.size(), "%Y-%d-%mT%H:%M:%S+00:00", &local);
+        Event event(Event::Properties{});
+        event.StampTime();
+        EXPECT_EQ(event.GetProperties().at("Timestamp"), timestamp.data());
+        EXPECT_EQ(event.GetProperties().at("FormattedTime"), formattedTime.data());
+    }
 }
 
 TEST(Event, NamesItsType) {

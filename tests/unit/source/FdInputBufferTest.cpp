@@ -118,13 +118,25 @@ TEST_F(FdInputBufferTest, ALineOfTheGreatestLengthIsWhole) {
     EXPECT_EQ(line, "abc");
 }
 
-TEST_F(FdInputBufferTest, ALongerLineIsGivenUpBehindItsFirstBytes) {
-    fifo.Write("abcdef\ng");
+TEST_F(FdInputBufferTest, ALineThatIsAByteLongerIsTooLong) {
+    fifo.Write("abcd\nabcd");
     EXPECT_EQ(buffer.ReadLine(line, 3), LineFound::TooLong);
-    EXPECT_EQ(line, "abc");
     EXPECT_EQ(fifo.CountWaiting(), 4U);
-    EXPECT_EQ(buffer.ReadLine(line, 3), LineFound::Whole);
-    EXPECT_EQ(line, "ef");
+    EXPECT_EQ(buffer.ReadLine(line, 3), LineFound::TooLong);
+    EXPECT_EQ(buffer.ReadLine(line, 3), LineFound::None);
+}
+
+TEST_F(FdInputBufferTest, AMuchLongerLineIsReadInPieces) {
+    fifo.Write(std::string(1000, 'x') + "\ny");
+    size_t length = 0;
+    LineFound found = LineFound::Beginning;
+    while (found == LineFound::Beginning) {
+        found = buffer.ReadLine(line, 300);
+        EXPECT_LT(line.size(), 600U);
+        length += line.size();
+    }
+    EXPECT_EQ(length, 1000U);
+    EXPECT_EQ(fifo.Read(), "y");
 }
 
 TEST_F(FdInputBufferTest, AByteThatWasLookedAtBelongsToTheLine) {
