@@ -1,12 +1,12 @@
 /*
- * What passing an event on costs at the least: the peer that the daemon is measured against.
+ * What passing an event on costs at the least: the floor that the daemon is measured against.
  *
  *   pipe_loop INPUT-PIPE OUTPUT-FOLDER
  *
  * Takes event blocks from the input pipe and writes the same blocks as the daemon into each pipe of the folder whose
  * path contains the event's type or "halvek.any", with the same system calls an event: a select, a read for each byte,
  * the stat of /etc/localtime in tzset, the listing of the folder, and open, write and close of the pipe. It has none of
- * the rest: no settings, no handlers, no log, no growing text.
+ * the rest: no settings, no handlers, no log, no growing text, no allocation of its own, no formatted printing.
  *
  * The loop runs on a second thread while the main thread waits in select, as in the daemon. A process with two threads
  * pays more for every system call: the kernel counts references to the file that a descriptor stands for, and the C
@@ -28,18 +28,23 @@
 #include <time.h>
 #include <unistd.h>
 
-enum { SELECT_SECONDS = 5, MAX_TEXT = 4096, MAX_PROPERTIES = 32, STAMP_SIZE = 32 };
+enum { SELECT_SECONDS = 5, MAX_TEXT = 4096, MAX_PROPERTIES = 32, MAX_PIPES = 16, STAMP_SIZE = 32 };
+
+struct text {
+    const char* begin;
+    size_t length;
+};
 
 struct property {
-    const char* key;
-    const char* value;
+    struct text key;
+    struct text value;
 };
 
 /* The lines of one event, one behind the other, and what points into them. */
 struct event {
     char text[MAX_TEXT];
     size_t used;
-    const char* type;
+    struct text type;
     struct property properties[MAX_PROPERTIES]; /* in byte order of the keys */
     size_t count;
 };
@@ -52,27 +57,40 @@ static void Die(const char* what) {
     exit(1);
 }
 
-/* Reads up to a line break and returns the line, without the break; NULL if the pipe is empty or the event too long. */
-static char* ReadLine(int fd, struct event* event) {
-    char* const line = event->text + event->used;
-    while (event->used < MAX_TEXT) {
-        char* const byte = event->text + event->used;
-        if (read(fd, byte, 1) != 1) {
-            return NULL;
-        }
-        ++event->used;
-        if (*byte == '\n') {
-            *byte = '\0';
-            return line;
-        }
-    }
-    return NULL;
+static struct text TextOf(const char* begin, size_t length) {
+    return (struct text){begin, length};
 }
 
-static void SetProperty(struct event* event, const char* key, const char* value) {
+static int Compare(struct text left, struct text right) {
+    const size_t common = left.length < right.length ? left.length : right.length;
+    const int order = memcmp(left.begin, right.begin, common);
+    return order != 0 ? order : (left.length > right.length) - (left.length < right.length);
+}
+
+static bool IsSame(struct text text, const char* other, size_t length) {
+    return text.length == length && memcmp(text.begin, other, length) == 0;
+}
+
+/* Reads a line, without its break; false if the pipe is empty or the event too long. */
+static bool ReadLine(int fd, struct event* event, struct text* line) {
+    char* const begin = event->text + event->used;
+    char* const limit = event->text + MAX_TEXT;
+    char* at = begin;
+    while (at < limit && read(fd, at, 1) == 1) {
+        if (*at == '\n') {
+            *line = TextOf(begin, (size_t)(at - begin));
+            event->used = (size_t)(at + 1 - event->text);
+            return true;
+        }
+        ++at;
+    }
+    return false;
+}
+
+static void SetProperty(struct event* event, struct text key, struct text value) {
     size_t at = event->count;
     int order = 1;
-    while (at > 0 && (order = strcmp(key, event->properties[at - 1].key)) < 0) {
+    while (at > 0 && (order = Compare(key, event->properties[at - 1].key)) < 0) {
         --at;
     }
     if (order == 0) {
@@ -84,71 +102,93 @@ static void SetProperty(struct event* event, const char* key, const char* value)
     }
 }
 
-static const char* FindProperty(const struct event* event, const char* key) {
-    for (size_t i = 0; i < event->count; ++i) {
-        if (strcmp(event->properties[i].key, key) == 0) {
-            return event->properties[i].value;
-        }
-    }
-    return NULL;
-}
-
 /* Reads an event up to the line that ends it. */
 static void ReadEvent(int fd, struct event* event) {
     event->used = 0;
     event->count = 0;
-    event->type = NULL;
-    char* line;
-    while ((line = ReadLine(fd, event)) != NULL && strcmp(line, ".") != 0) {
-        char* end;
-        if (line[0] == '[' && (end = strchr(line, ']')) != NULL) {
-            *end = '\0';
-            event->type = line + 1;
-        } else if (isalnum((unsigned char)line[0])) {
-            if ((end = strchr(line, '=')) == NULL) {
+    event->type = TextOf(NULL, 0);
+    struct text line;
+    while (ReadLine(fd, event, &line) && !IsSame(line, ".", 1)) {
+        const char* const begin = line.begin;
+        const char* end;
+        if (begin[0] == '[' && (end = memchr(begin, ']', line.length)) != NULL) {
+            event->type = TextOf(begin + 1, (size_t)(end - begin - 1));
+        } else if (isalnum((unsigned char)begin[0])) {
+            if ((end = memchr(begin, '=', line.length)) == NULL) {
                 return;
             }
-            *end = '\0';
-            SetProperty(event, line, end + 1);
+            const size_t key = (size_t)(end - begin);
+            SetProperty(event, TextOf(begin, key), TextOf(end + 1, line.length - key - 1));
         }
     }
 }
 
 static void SetIds(struct event* event) {
-    const char* id = NULL;
-    if (strcmp(event->type, "MotionDetection") == 0) {
-        id = FindProperty(event, "region");
+    struct text id = event->type;
+    if (IsSame(event->type, "MotionDetection", 15)) {
+        for (size_t i = 0; i < event->count; ++i) {
+            if (IsSame(event->properties[i].key, "region", 6)) {
+                id = event->properties[i].value;
+            }
+        }
     }
-    SetProperty(event, "eventId", id != NULL ? id : event->type);
-    SetProperty(event, "eventType", event->type);
+    SetProperty(event, TextOf("eventId", 7), id);
+    SetProperty(event, TextOf("eventType", 9), event->type);
 }
 
-static char* Append(char* to, const char* limit, const char* text) {
-    const size_t length = strlen(text);
-    if ((size_t)(limit - to) < length) {
-        return to;
+static char* PutDigits(char* to, int number, int count) {
+    for (int i = count - 1; i >= 0; --i, number /= 10) {
+        to[i] = (char)('0' + number % 10);
     }
-    memcpy(to, text, length);
-    return to + length;
+    return to + count;
 }
 
-/* Writes the block into the buffer; returns its length. */
-static size_t FormatBlock(const struct event* event, char* block, size_t size) {
-    const char* const limit = block + size;
-    char* at = Append(block, limit, "[");
-    at = Append(at, limit, event->type);
-    at = Append(at, limit, "]\n");
+static char* Put(char* to, struct text text) {
+    memcpy(to, text.begin, text.length);
+    return to + text.length;
+}
+
+static void Stamp(struct event* event, char timestamp[STAMP_SIZE], char formattedTime[STAMP_SIZE]) {
+    const time_t now = time(NULL);
+    tzset();
+    struct tm local;
+    localtime_r(&now, &local);
+
+    char* at = PutDigits(timestamp, local.tm_hour, 2);
+    *at++ = ':';
+    at = PutDigits(at, local.tm_min, 2);
+    *at++ = ':';
+    at = PutDigits(at, local.tm_sec, 2);
+    const struct text timeOfDay = TextOf(timestamp, (size_t)(at - timestamp));
+    SetProperty(event, TextOf("Timestamp", 9), timeOfDay);
+
+    at = PutDigits(formattedTime, local.tm_year + 1900, 4);
+    *at++ = '-';
+    at = PutDigits(at, local.tm_mday, 2);
+    *at++ = '-';
+    at = PutDigits(at, local.tm_mon + 1, 2);
+    *at++ = 'T';
+    at = Put(Put(at, timeOfDay), TextOf("+00:00", 6));
+    SetProperty(event, TextOf("FormattedTime", 13), TextOf(formattedTime, (size_t)(at - formattedTime)));
+}
+
+/* Writes the block into the buffer, which has room for the largest; returns its length. */
+static size_t FormatBlock(const struct event* event, char* block) {
+    char* at = block;
+    *at++ = '[';
+    at = Put(at, event->type);
+    at = Put(at, TextOf("]\n", 2));
     for (size_t i = 0; i < event->count; ++i) {
-        at = Append(at, limit, event->properties[i].key);
-        at = Append(at, limit, "=");
-        at = Append(at, limit, event->properties[i].value);
-        at = Append(at, limit, "\n");
+        at = Put(at, event->properties[i].key);
+        *at++ = '=';
+        at = Put(at, event->properties[i].value);
+        *at++ = '\n';
     }
-    return (size_t)(Append(at, limit, ".\n") - block);
+    return (size_t)(Put(at, TextOf(".\n", 2)) - block);
 }
 
 static void WriteBlock(const char* path, const char* block, size_t length) {
-    const int fd = open(path, O_RDWR | O_NONBLOCK);
+    const int fd = open(path, O_RDWR | O_NONBLOCK | O_NOFOLLOW);
     if (fd < 0) {
         Die(path);
     }
@@ -158,43 +198,43 @@ static void WriteBlock(const char* path, const char* block, size_t length) {
     close(fd);
 }
 
-static int IsNoDot(const struct dirent* entry) {
-    return strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0;
-}
-
+/* Lists the pipes first and writes then, as the daemon does; there are too few of them here to be worth a sort. */
 static void WriteToPipes(const char* type, const char* block, size_t length) {
-    struct dirent** entries;
-    const int count = scandir(outputFolder, &entries, IsNoDot, alphasort);
-    if (count < 0) {
+    static char paths[MAX_PIPES][PATH_MAX];
+    size_t count = 0;
+    DIR* const folder = opendir(outputFolder);
+    if (folder == NULL) {
         Die(outputFolder);
     }
-    for (int i = 0; i < count; ++i) {
-        char path[PATH_MAX];
-        snprintf(path, sizeof path, "%s/%s", outputFolder, entries[i]->d_name);
-        if (strstr(path, type) != NULL || strstr(path, "halvek.any") != NULL) {
-            WriteBlock(path, block, length);
+    const size_t folderLength = strlen(outputFolder);
+    struct dirent* entry;
+    while ((entry = readdir(folder)) != NULL && count < MAX_PIPES) {
+        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
+            memcpy(paths[count], outputFolder, folderLength);
+            paths[count][folderLength] = '/';
+            strcpy(paths[count] + folderLength + 1, entry->d_name);
+            ++count;
         }
-        free(entries[i]);
     }
-    free(entries);
+    closedir(folder);
+    for (size_t i = 0; i < count; ++i) {
+        if (strstr(paths[i], type) != NULL || strstr(paths[i], "halvek.any") != NULL) {
+            WriteBlock(paths[i], block, length);
+        }
+    }
 }
 
 static void PassOn(struct event* event) {
     SetIds(event);
-
-    const time_t now = time(NULL);
-    tzset();
-    struct tm local;
-    localtime_r(&now, &local);
     char timestamp[STAMP_SIZE];
-    strftime(timestamp, sizeof timestamp, "%X", &local);
-    SetProperty(event, "Timestamp", timestamp);
     char formattedTime[STAMP_SIZE];
-    strftime(formattedTime, sizeof formattedTime, "%Y-%d-%mT%H:%M:%S+00:00", &local);
-    SetProperty(event, "FormattedTime", formattedTime);
+    Stamp(event, timestamp, formattedTime);
 
-    char block[2 * MAX_TEXT];
-    WriteToPipes(event->type, block, FormatBlock(event, block, sizeof block));
+    char type[MAX_TEXT];
+    *Put(type, event->type) = '\0';
+    /* The type is written three times, and everything else once. */
+    char block[5 * MAX_TEXT];
+    WriteToPipes(type, block, FormatBlock(event, block));
 }
 
 static bool WaitForInput(int fd) {
@@ -214,7 +254,7 @@ static void* Loop(void* unused) {
     while (true) {
         if (WaitForInput(fd)) {
             ReadEvent(fd, &event);
-            if (event.type != NULL) {
+            if (event.type.length > 0) {
                 PassOn(&event);
             }
         }

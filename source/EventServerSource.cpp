@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <optional>
 #include <utility>
 
 namespace kelto::halvek::source {
@@ -108,13 +109,14 @@ void EventServerSource::Run() {
     const int fd = OpenFifo();
     running = true;
     thread.OpenLatch();
-    FdInputStream stream(fd);
+    // Made when there is something to read: its locale maps 300 KiB of the C++ library.
+    std::optional<FdInputStream> stream;
     std::string line;
     PostedBlock block;
     while (running) {
         try {
             if (WaitForInput(fd)) {
-                ReceiveEvent(stream, line, block);
+                ReceiveEvent(stream ? *stream : stream.emplace(fd), line, block);
             }
         } catch (const osa::Signal& signal) {
             Log().Debug("%s", signal.what());
