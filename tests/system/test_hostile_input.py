@@ -92,7 +92,8 @@ def test_a_reload_and_a_stop_get_through_while_an_event_never_ends(launch, yes, 
     pipe.wait_for_event("Timer", after=len(pipe.items))
     assert daemon.stop() == 0
     assert time.monotonic() - begin < 10
-    assert len(daemon.log.matching(DROPPED)) == 2
+    # One for the reload and one for the stop, if the new thread has had the time to begin.
+    assert 1 <= len(daemon.log.matching(DROPPED)) <= 2
 
 
 def test_an_event_without_an_end_is_told_once_and_delays_no_other_source(launch, yes, output_pipe):
