@@ -569,6 +569,13 @@ TEST_F(EmailEventHandlerTest, AnUnconfiguredOneLogsAnErrorAndThrowsNothing) {
     EXPECT_THAT(Mails(), IsEmpty());
 }
 
+TEST_F(EmailEventHandlerTest, TheTextOfAnExceptionIsLoggedAsItIs) {
+    OddHandler throwing([]() -> bool { throw osa::Exception("100%% odd, %s", "%s"); });
+    event::TimerEvent event(Event::Properties{{"eventType", "Timer"}});
+    throwing.PerformAction(event);
+    EXPECT_THAT(log.Lines(), ElementsAre("Error halvek: 100% odd, %s"));
+}
+
 TEST_F(EmailEventHandlerTest, ExceptionsOfOtherTypesAreUnknownOnes) {
     OddHandler throwingInt([]() -> bool { throw 42; });
     OddHandler throwingStandard([]() -> bool { throw std::runtime_error("text"); });

@@ -114,6 +114,16 @@ TEST_F(ExternEventHandlerTest, ADescriptorThatIsLeftOpenIsInheritedByCommands) {
     EXPECT_EQ(fcntl(left.front(), F_GETFD), 0);
 }
 
+TEST_F(ExternEventHandlerTest, TheDescriptorZeroIsAsGoodAsAnyOther) {
+    const test::Fifo pipe(PathOf("Timer.fifo"));
+    const int saved = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    FireTimer();
+    dup2(saved, STDIN_FILENO);
+    close(saved);
+    EXPECT_EQ(pipe.Read(), timerBlock);
+}
+
 TEST_F(ExternEventHandlerTest, AnEmptyTypeMatchesEveryPipe) {
     const test::Fifo one(PathOf("one"));
     Fire(Event::Properties{{"eventType", ""}});
@@ -219,6 +229,13 @@ TEST_F(ExternEventHandlerTest, AnUnconfiguredOneLogsAnErrorAndThrowsNothing) {
     event::TimerEvent event(Event::Properties{{"eventType", "Timer"}});
     unconfigured.PerformAction(event);
     EXPECT_THAT(log.Lines(), ElementsAre("Error halvek: ExternEventHandler: not configured"));
+}
+
+TEST_F(ExternEventHandlerTest, TheTextOfAnExceptionIsLoggedAsItIs) {
+    OddHandler throwing([]() -> bool { throw osa::Exception("100%% odd, %s", "%s"); });
+    event::TimerEvent event(Event::Properties{{"eventType", "Timer"}});
+    throwing.PerformAction(event);
+    EXPECT_THAT(log.Lines(), ElementsAre("Error halvek: 100% odd, %s"));
 }
 
 TEST_F(ExternEventHandlerTest, ExceptionsOfOtherTypesAreUnknownOnes) {

@@ -199,6 +199,13 @@ TEST_F(FolderEventHandlerTest, AnUnconfiguredOneLogsAnErrorAndThrowsNothing) {
     EXPECT_THAT(Lines(), ElementsAre("Error halvek: FolderEventHandler: not configured"));
 }
 
+TEST_F(FolderEventHandlerTest, TheTextOfAnExceptionIsLoggedAsItIs) {
+    OddHandler throwing([]() -> bool { throw osa::Exception("100%% odd, %s", "%s"); });
+    event::TimerEvent event(Event::Properties{{"eventType", "Timer"}});
+    throwing.PerformAction(event);
+    EXPECT_THAT(Lines(), ElementsAre("Error halvek: 100% odd, %s"));
+}
+
 TEST_F(FolderEventHandlerTest, ExceptionsOfOtherTypesAreUnknownOnes) {
     OddHandler throwingInt([]() -> bool { throw 42; });
     OddHandler throwingStandard([]() -> bool { throw std::runtime_error("text"); });

@@ -154,7 +154,7 @@ TEST_F(EventServerSourceTest, AnUnconfiguredServerNeitherStartsNorFires) {
 TEST_F(EventServerSourceTest, AHandlersFailureIsAnErrorAndTheServerGoesOn) {
     test::RecordingHandler failing([](Event& event) {
         if (event.GetEventType() == "A") {
-            throw osa::Exception("no relay");
+            throw osa::Exception("no relay, 100%% gone: %s", "%s");
         }
     });
     test::RecordingHandler behind;
@@ -162,7 +162,7 @@ TEST_F(EventServerSourceTest, AHandlersFailureIsAnErrorAndTheServerGoesOn) {
     source.AddHandler(&behind);
     source.AddHandler(&behind, "A");
     EXPECT_EQ(EventsOf("[A]\n.\n[B]\n.\n"), Events({Made("A"), Made("B")}));
-    EXPECT_EQ(log.Count("Error halvek: no relay"), 1U);
+    EXPECT_EQ(log.Count("Error halvek: no relay, 100% gone: %s"), 1U);
     EXPECT_TRUE(behind.WaitForCount(2));
     source.StopListening();
     EXPECT_EQ(behind.Events().front().properties.at("eventType"), "B");

@@ -1,18 +1,48 @@
 #include "kelto/core/StringUtil.h"
 #include "kelto/inet/EmailMessage.h"
+#include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/MailText.h"
 #include "tests/fakes/TempDir.h"
 
 #include <gmock/gmock.h>
+#include <malloc.h>
+#include <sys/syscall.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <array>
 #include <climits>
+#include <cstdio>
 #include <set>
 #include <sstream>
 #include <thread>
+#include <utility>
+
+namespace {
+
+/** What stands for the system's; null for the real thing. */
+const char* hostName = nullptr;
+bool hasRandomNumbers = true;
+
+}  // namespace
+
+// The program's own definitions stand before the C library's.
+extern "C" int gethostname(char* name, size_t length) noexcept {
+    if (hostName != nullptr) {
+        std::snprintf(name, length, "%s", hostName);
+        return 0;
+    }
+    utsname system{};
+    uname(&system);
+    std::snprintf(name, length, "%s", system.nodename);
+    return 0;
+}
+
+extern "C" ssize_t getrandom(void* buffer, size_t length, unsigned flags) {
+    return hasRandomNumbers ? syscall(SYS_getrandom, buffer, length, flags) : -1;
+}
 
 namespace kelto::inet {
 
@@ -27,6 +57,8 @@ using ::testing::MatchesRegex;
 using ::testing::Not;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
 using Recipient = EmailMessage::Recipient;
 using test::MailText;
 
@@ -304,6 +336,47 @@ TEST(EmailMessage, EachWritingHasAMessageIdOfItsOwnThatNamesTheHost) {
         ids.insert(id);
     }
     EXPECT_THAT(ids, SizeIs(50));
+}
+
+TEST(EmailMessage, AHostNameLosesWhatMayNotStandInAMessageId) {
+    const std::pair<const char*, const char*> cases[] = {{"camera-7.example", "camera-7.example"},
+                                                         {"front door<@>\xC3\xBC\n7", "frontdoor7"},
+                                                         {"@@", "localhost"},
+                                                         {"", "localhost"}};
+    for (const auto& [name, shown] : cases) {
+        hostName = name;
+        EXPECT_THAT(Written(EmailMessage("cam@x", "s")).Header("Message-Id"),
+                    MatchesRegex("<[0-9a-f]{32}@" + std::string(shown) + ">"));
+    }
+    hostName = nullptr;
+}
+
+TEST(EmailMessage, WithoutRandomNumbersThereIsNoMail) {
+    hasRandomNumbers = false;
+    EXPECT_THAT([] { WireForm(EmailMessage("cam@x", "s")); },
+                ThrowsMessage<osa::Exception>(StrEq("There are no random numbers for a Message-ID")));
+    hasRandomNumbers = true;
+}
+
+TEST(EmailMessage, WritingLeavesNoMemoryBehind) {
+    const test::TempDir folder;
+    const std::string picture = folder.Write("img.jpg", "picture");
+    const auto write = [&] {
+        EmailMessage message("Camera <cam@x>", "subject");
+        message.AddRecipient("a@x, B <b@y>, no address", Recipient::To);
+        message.AddContent("text");
+        message.Attach(picture);
+        WireForm(message);
+    };
+    // What the library makes once and keeps.
+    for (int i = 0; i < 20; ++i) {
+        write();
+    }
+    const size_t before = mallinfo2().uordblks;
+    for (int i = 0; i < 1000; ++i) {
+        write();
+    }
+    EXPECT_LT(mallinfo2().uordblks, before + 10000);
 }
 
 TEST(EmailMessage, ThreadsMayWriteMailsAtOnce) {

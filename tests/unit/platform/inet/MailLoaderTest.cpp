@@ -8,15 +8,37 @@
 #include "tests/fakes/MailText.h"
 #include "tests/fakes/TempDir.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <sstream>
+#include <thread>
+#include <vector>
+
+namespace {
+
+bool nothingStandsBeside = false;
+
+}  // namespace
+
+// The program's own definition stands before the C library's.
+extern "C" int access(const char* path, int mode) noexcept {
+    if (nothingStandsBeside) {
+        errno = ENOENT;
+        return -1;
+    }
+    return faccessat(AT_FDCWD, path, mode, 0);
+}
 
 namespace kelto::inet {
 
 namespace {
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
@@ -25,9 +47,13 @@ using ::testing::ThrowsMessage;
 
 constexpr const char* variable = "KELTO_MAIL_MODULE";
 
+/** The path of a module that stands beside this program. */
+std::string PathOf(const std::string& module) {
+    return osa::PathUtils::PathConcat(osa::PathUtils::Dirname(osa::PathUtils::RealPath("/proc/self/exe")), module);
+}
+
 std::string PathOfModule() {
-    return osa::PathUtils::PathConcat(osa::PathUtils::Dirname(osa::PathUtils::RealPath("/proc/self/exe")),
-                                      "kelto-mail.so");
+    return PathOf("kelto-mail.so");
 }
 
 std::string MemoryMap() {
@@ -104,6 +130,36 @@ TEST(MailLoader, AMissingModuleIsAnExceptionAndTheNextMailTriesAgain) {
                                             "file: No such file or directory")));
         }
         WriteOne();
+    });
+}
+
+TEST(MailLoader, AModuleThatDoesNotStandBesideTheProgramIsLookedForWhereItIsInstalled) {
+    test::ExpectInFreshProcess([] {
+        nothingStandsBeside = true;
+        EXPECT_THAT(WriteOne,
+                    ThrowsMessage<osa::Exception>(AllOf(StartsWith("Cannot load the mail library: /"),
+                                                        HasSubstr("/kelto/kelto-mail.so: cannot open shared object"))));
+    });
+}
+
+TEST(MailLoader, TheModuleNeverWorksForTwoThreadsAtOnce) {
+    test::ExpectInFreshProcess([] {
+        const test::EnvironmentVariable named(variable, PathOf("one-at-a-time.so"));
+        std::vector<std::thread> threads;
+        std::atomic<bool> wasAlone = true;
+        for (int number = 0; number < 4; ++number) {
+            threads.emplace_back([&] {
+                for (int round = 0; round < 20; ++round) {
+                    std::ostringstream stream;
+                    stream << EmailMessage("cam@x", "s");
+                    wasAlone = wasAlone && stream.str() == "alone";
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EXPECT_TRUE(wasAlone);
     });
 }
 

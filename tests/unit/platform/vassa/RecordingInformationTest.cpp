@@ -6,7 +6,10 @@
 #include <gmock/gmock.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -87,6 +90,31 @@ TEST_F(RecordingInformation, ASessionNeedsAPlaceForItsCookieAndKnowsNoOtherCamer
     EXPECT_EQ(vassa_api_recording_information_initiator_init("elsewhere", &other, 0, nullptr),
               VASSA_CORE_INVALID_ARGUMENT);
     EXPECT_EQ(other, 99U);
+}
+
+TEST(RecordingInformationWithoutABus, SessionsMayBeginAndEndOnSeveralThreadsAtOnce) {
+    const PrivateBus daemon(PrivateBus::State::Absent);
+    std::atomic<int> mistakes = 0;
+    const auto work = [&] {
+        for (int round = 0; round < 20000; ++round) {
+            uint32_t cookie = 0;
+            mistakes += vassa_api_recording_information_initiator_init(nullptr, &cookie, 0, nullptr) != VASSA_CORE_OK;
+            mistakes += vassa_api_recording_information_initiator_deinit(cookie) != VASSA_CORE_OK;
+        }
+    };
+    uint32_t cookie = 0;
+    vassa_api_recording_information_initiator_init(nullptr, &cookie, 0, nullptr);
+    std::vector<std::jthread> threads;
+    for (int number = 0; number < 4; ++number) {
+        threads.emplace_back(work);
+    }
+    for (int round = 0; round < 2000; ++round) {
+        Summary summary = untouched;
+        mistakes += GetSummary(cookie, summary) != VASSA_CORE_NO_SERVICE;
+        mistakes += GetSummary(0, summary) != VASSA_CORE_UNKNOWN_COOKIE;
+    }
+    threads.clear();
+    EXPECT_EQ(mistakes, 0);
 }
 
 TEST(RecordingInformationWithoutABus, BeginningASessionTouchesNoBusAndOnlyTheSummaryFails) {
