@@ -227,7 +227,7 @@ class Maker:
         if operator in RELATIONAL | LOGICAL:
             other = (RELATIONAL | LOGICAL)[operator]
             self._replace(begin, end, f"{operator} -> {other}", f"{left} {other} {right}")
-        elif operator == "|":
+        elif operator == "|" and left != "O_RDONLY":  # which is no bit
             self._replace(begin, end, f"'| {right}' dropped", left)
             if "|" not in left:
                 self._replace(begin, end, f"'{left} |' dropped", right)
