@@ -1,7 +1,7 @@
 #include "camera/VirtualCamera.h"
 
-#include "camera/MethodError.h"
-#include "camera/Output.h"
+#include "camera/runtime/Output.h"
+#include "camera/runtime/Refusal.h"
 
 namespace kelto::vcam {
 
@@ -35,14 +35,16 @@ const sd_bus_vtable VirtualCamera::methods[] = {
     SD_BUS_VTABLE_END,
 };
 
-VirtualCamera::VirtualCamera(Bus& systemBus, EventLoop& loop)
+VirtualCamera::VirtualCamera(Bus& systemBus, EventLoop& eventLoop)
     : Service(systemBus, "VirtualCamera", methods),
-      alarms(bus, loop, actions),
-      relays(bus, loop, actions),
-      motionState(bus, loop, actions),
-      presets(bus, loop, actions, motionState.GetHead()),
-      tour(bus, loop, actions, motionState.GetHead()),
-      recordingInformation(bus, loop, actions),
+      context{.bus = systemBus, .loop = eventLoop, .actions = actions},
+      head(eventLoop, [this](int32_t state) { motionState.EmitIdleChanged(state); }),
+      alarms(context),
+      relays(context),
+      motionState(context, head),
+      presets(context, head),
+      tour(context, head),
+      recordingInformation(context),
       providers{&alarms, &relays, &presets, &tour, &motionState, &recordingInformation} {}
 
 void VirtualCamera::TakeNames() {
@@ -60,7 +62,7 @@ void VirtualCamera::SetAlarm(Arguments& arguments, Results&) {
 }
 
 void VirtualCamera::SetIdleState(Arguments& arguments, Results&) {
-    motionState.GetHead().SetIdleState(arguments.ReadInt());
+    head.SetIdleState(arguments.ReadInt());
 }
 
 void VirtualCamera::SetRecording(Arguments& arguments, Results&) {
@@ -104,7 +106,7 @@ void VirtualCamera::SetFault(Arguments& arguments, Results&) {
     for (const Provider* const provider : providers) {
         known += (known.empty() ? "" : ", ") + provider->GetName();
     }
-    throw MethodError("UnknownProvider", "There is no provider \"" + wanted + "\", only " + known);
+    throw Refusal("UnknownProvider", "There is no provider \"" + wanted + "\", only " + known);
 }
 
 }  // namespace kelto::vcam

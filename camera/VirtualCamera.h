@@ -1,27 +1,28 @@
 #pragma once
 
-#include "camera/ActionLog.h"
-#include "camera/AlarmV3.h"
-#include "camera/MotionState.h"
-#include "camera/PresetsV2.h"
-#include "camera/RecordingInformation.h"
-#include "camera/RelayV3.h"
-#include "camera/Service.h"
-#include "camera/Tour.h"
+#include "camera/bus/Service.h"
+#include "camera/device/Head.h"
+#include "camera/service/ActionLog.h"
+#include "camera/service/AlarmV3.h"
+#include "camera/service/MotionState.h"
+#include "camera/service/PresetsV2.h"
+#include "camera/service/RecordingInformation.h"
+#include "camera/service/RelayV3.h"
+#include "camera/service/Tour.h"
 
 #include <array>
 
 namespace kelto::vcam {
 
-/** The services of a camera, and the one through which they are driven and watched. */
+/** The camera: its hardware, its services, and the one through which they are driven and watched. */
 class VirtualCamera : public Service {
 public:
-    VirtualCamera(Bus& systemBus, EventLoop& loop);
+    VirtualCamera(Bus& systemBus, EventLoop& eventLoop);
 
     /** Takes the bus names of all services. Throws Failure. */
     void TakeNames();
 
-    const Head& GetHead() { return motionState.GetHead(); }
+    const Head& GetHead() const { return head; }
 
 private:
     void SetAlarm(Arguments& arguments, Results& results);
@@ -34,6 +35,8 @@ private:
 
     static const sd_bus_vtable methods[];
     ActionLog actions;
+    const ProviderContext context;
+    Head head;
     AlarmV3 alarms;
     RelayV3 relays;
     MotionState motionState;

@@ -1,9 +1,9 @@
-#include "camera/Bus.h"
-#include "camera/CommandLine.h"
-#include "camera/EventLoop.h"
-#include "camera/Output.h"
-#include "camera/Snapshot.h"
 #include "camera/VirtualCamera.h"
+#include "camera/bus/Bus.h"
+#include "camera/command/CommandLine.h"
+#include "camera/picture/Snapshot.h"
+#include "camera/runtime/EventLoop.h"
+#include "camera/runtime/Output.h"
 
 #include <systemd/sd-daemon.h>
 

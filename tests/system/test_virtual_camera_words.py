@@ -60,8 +60,8 @@ def test_the_man_page_names_every_option_method_error_and_tour(man_page):
         assert option in man_page
     for method in described(INTERFACE_FILES[CAMERA].read_text(), "com.kelto.VirtualCamera"):
         assert method.removeprefix("method ") in man_page
-    sources = "".join(path.read_text() for path in (ROOT / "camera").glob("*.cpp"))
-    errors = set(re.findall(r'MethodError\("(\w+)"', sources)) | {"Fault"}
+    sources = "".join(path.read_text() for path in (ROOT / "camera").rglob("*.cpp"))
+    errors = set(re.findall(r'Refusal\("(\w+)"', sources)) | {"Fault"}
     assert len(errors) == 8 and not [name for name in errors if f"com.kelto.Error.{name}" not in man_page]
 
 
