@@ -1,31 +1,17 @@
 #pragma once
 
+#include "camera/bus/Pointers.h"
 #include "camera/runtime/Failure.h"
 #include "camera/runtime/Output.h"
 
 #include <systemd/sd-bus.h>
 
 #include <cstring>
-#include <memory>
 #include <string>
 
 namespace kelto::vcam {
 
 class EventLoop;
-
-struct BusUnref {
-    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-};
-struct BusMessageUnref {
-    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-struct BusSlotUnref {
-    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-
-using BusPtr = std::unique_ptr<sd_bus, BusUnref>;
-using BusMessagePtr = std::unique_ptr<sd_bus_message, BusMessageUnref>;
-using BusSlotPtr = std::unique_ptr<sd_bus_slot, BusSlotUnref>;
 
 /**
  * The virtual camera's one connection to the system bus, served by the event loop. When the bus goes away it says so

@@ -1,5 +1,7 @@
 #include "camera/runtime/Output.h"
 
+#include "camera/runtime/LocalTime.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -9,9 +11,7 @@ namespace kelto::vcam {
 void Say(const char* format, ...) {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
-    std::printf("%02d:%02d:%02d.%03ld ", local.tm_hour, local.tm_min, local.tm_sec, now.tv_nsec / 1'000'000);
+    std::printf("%s ", FormatLocalTime(now).c_str());
 
     va_list arguments;
     va_start(arguments, format);
