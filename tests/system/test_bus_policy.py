@@ -1,168 +1,18 @@
-"""The bus policies that are installed with the daemon and with the virtual camera: who owns the camera's names and calls them.
+"""The bus policies of the daemon and of the virtual camera: who owns the camera's names and calls them."""
 
-The bus of these tests has accounts of its own, mounted over /etc/passwd and /etc/group. Root gives each of them a user to itself; an
-ordinary user has only one to give away, which then stands for all the roles of a test at once, and for no other.
-"""
-
-import os
-import shutil
-import subprocess
-import tempfile
 import xml.etree.ElementTree as ElementTree
-from collections.abc import Callable, Iterator
-from contextlib import contextmanager
-from pathlib import Path
+from collections.abc import Callable
 
 import pytest
-from bus import ALERT, CAMERA, PROVIDERS, ROOT, dies_with_us, service
-from bus_client import (
-    BUS,
-    BUS_PATH,
-    DESTINATION,
-    INTERFACE,
-    MEMBER,
-    METHOD_CALL,
-    PATH,
-    SIGNAL,
-    BusClient,
-    BusError,
-)
-from daemon_process import Lines
+from bus import ALERT, CAMERA, PROVIDERS, service
+from bus_client import BUS, BUS_PATH, DESTINATION, INTERFACE, MEMBER, METHOD_CALL, PATH, SIGNAL, BusClient, BusError
 from harness import wait_until
+from policy_bus import ANALYTICS, CARELESS, DAEMON, DEAF, HAS_USERS, NAMES, OPERATOR, OWNER, POLICIES, SOMEBODY, USUAL
 from scripted_service import ALERT_INTERFACE, ALERT_PATH, ALERT_SIGNATURE
 
-POLICIES = {name: ROOT / f"packaging/{name}.conf" for name in ("halvek", "kelto-vcam")}
-OWNER, DAEMON, OPERATOR, SOMEBODY, ANALYTICS = "kelto-vcam", "halvek", "root", "somebody", "analytics"
-ROLES = (OPERATOR, OWNER, DAEMON, SOMEBODY, ANALYTICS)
-ALERT_GROUP = "halvek-analytics"  # of which the role ANALYTICS is a member
-NAMES = (*PROVIDERS, CAMERA)
+pytest_plugins = ["policy_fixtures"]
+
 DENIED = "org.freedesktop.DBus.Error.AccessDenied"
-FIRST_UID = 61000
-ALERT_GID = 61900
-HAS_USERS = any(
-    int(first) <= FIRST_UID and FIRST_UID + len(ROLES) <= int(first) + int(count)
-    for first, _, count in map(str.split, Path("/proc/self/uid_map").read_text().splitlines())
-)
-
-# What a system bus begins with, and one that is as careless as can be.
-USUAL = """
-    <allow user="*"/>
-    <deny own="*"/>
-    <deny send_type="method_call"/>
-    <allow send_type="signal"/>
-    <allow send_requested_reply="true" send_type="method_return"/>
-    <allow send_requested_reply="true" send_type="error"/>
-    <allow receive_type="method_call"/>
-    <allow receive_type="method_return"/>
-    <allow receive_type="error"/>
-    <allow receive_type="signal"/>
-    <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
-"""
-CARELESS = '<allow user="*"/><allow own="*"/><allow send_destination="*"/><allow receive_sender="*"/>'
-DEAF = USUAL.replace('<allow receive_type="signal"/>', '<deny receive_type="signal"/>')
-
-CONFIGURATION = """\
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <listen>unix:path={socket}</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">{defaults}</policy>
-  {policies}
-</busconfig>
-"""
-
-
-def uids(roles: tuple[str, ...]) -> dict[str, int]:
-    """The user of every account. Where there is only one user, the roles share it and the other accounts are nobody's."""
-    if HAS_USERS:
-        return {name: 0 if name == OPERATOR else FIRST_UID + number for number, name in enumerate(ROLES)}
-    return {name: 0 if name in roles else FIRST_UID + number for number, name in enumerate(ROLES)}
-
-
-@contextmanager
-def acting_as(uid: int, groups: list[int]) -> Iterator[None]:
-    if uid == os.getuid():
-        yield
-        return
-    own_groups = os.getgroups()
-    os.setgroups(groups)
-    os.setresuid(uid, uid, 0)
-    try:
-        yield
-    finally:
-        os.setresuid(0, 0, 0)
-        os.setgroups(own_groups)
-
-
-class PolicyBus:
-    """A bus with the installed policies, for the roles that a test plays."""
-
-    def __init__(self, roles: tuple[str, ...], defaults: str, policies: tuple[str, ...]) -> None:
-        self.folder = Path(tempfile.mkdtemp(dir="/run"))
-        self.folder.chmod(0o755)  # the other users cannot look into pytest's folders
-        self.uids = uids(roles)
-        self.roles = roles
-        self._clients: list[BusClient] = []
-        accounts, groups = self.folder / "passwd", self.folder / "group"
-        accounts.write_text("".join(f"{name}:x:{uid}:{uid}::/:/bin/sh\n" for name, uid in self.uids.items()))
-        groups.write_text(f"{ALERT_GROUP}:x:{ALERT_GID}:{ANALYTICS}\n")
-        included = "".join(f"<include>{POLICIES[name]}</include>" for name in policies)
-        configuration = self.folder / "bus.conf"
-        configuration.write_text(
-            CONFIGURATION.format(socket=self.folder / "bus", defaults=defaults, policies=included)
-        )
-        script = 'mount -n --bind "$0" /etc/passwd && mount -n --bind "$1" /etc/group && shift && exec "$@"'
-        bus = ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile", "--print-address"]
-        self._process = subprocess.Popen(
-            dies_with_us("unshare", "-m", "sh", "-c", script, str(accounts), str(groups), *bus),
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
-        )
-        output, self.complaints = (
-            Lines(os.dup(stream.fileno()), "dbus-daemon") for stream in (self._process.stdout, self._process.stderr)
-        )
-        self._process.stdout.close()
-        self._process.stderr.close()
-        try:
-            output.wait_for("^unix:")
-        finally:
-            output.close()
-
-    def client(self, role: str) -> BusClient:
-        assert role in self.roles
-        with acting_as(self.uids[role], [ALERT_GID] if role == ANALYTICS else []):
-            self._clients.append(BusClient(self.folder / "bus"))
-        return self._clients[-1]
-
-    def camera(self, *names: str) -> BusClient:
-        client = self.client(OWNER)
-        for name in names or NAMES:
-            client.own(service(name)[0])
-        return client
-
-    def close(self) -> None:
-        for client in self._clients:
-            client.close()
-        self._process.terminate()
-        self._process.wait()
-        self.complaints.close()
-        shutil.rmtree(self.folder)
-
-
-@pytest.fixture
-def start_bus() -> Iterator[Callable[..., PolicyBus]]:
-    buses: list[PolicyBus] = []
-
-    def start(*roles: str, defaults: str = USUAL, policies: tuple[str, ...] = tuple(POLICIES)) -> PolicyBus:
-        buses.append(PolicyBus(roles, defaults, policies))
-        return buses[-1]
-
-    yield start
-    for bus in buses:
-        bus.close()
-
 
 either_bus = pytest.mark.parametrize("defaults", [USUAL, CARELESS], ids=["usual bus", "careless bus"])
 
