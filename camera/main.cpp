@@ -1,6 +1,7 @@
 #include "camera/VirtualCamera.h"
 #include "camera/bus/Bus.h"
 #include "camera/command/CommandLine.h"
+#include "camera/command/Commands.h"
 #include "camera/picture/Snapshot.h"
 #include "camera/runtime/EventLoop.h"
 #include "camera/runtime/Output.h"
@@ -35,6 +36,9 @@ int main(int argc, char** argv) {
                 return 0;
             case kelto::vcam::CommandLine::Wish::Version:
                 std::puts("kelto-vcam " KELTO_VCAM_VERSION);
+                return 0;
+            case kelto::vcam::CommandLine::Wish::Command:
+                kelto::vcam::RunCommand(commandLine.command);
                 return 0;
             case kelto::vcam::CommandLine::Wish::Run:
                 return RunCamera(commandLine);

@@ -4,6 +4,8 @@
 
 #include <getopt.h>
 
+#include <algorithm>
+
 namespace kelto::vcam {
 
 namespace {
@@ -15,44 +17,40 @@ constexpr option options[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-constexpr const char* help = R"(Usage: kelto-vcam [--snapshot PATH]
+constexpr const char* help = R"(Usage: kelto-vcam COMMAND            drive the camera that is running
+       kelto-vcam [--snapshot PATH]  be the camera, until Control-C
 
-A camera without hardware: it offers a camera's services on the system bus,
-and one more, com.kelto.VirtualCamera, to drive and watch them.
+Commands:
+  alarm INDEX on|off [--bank BANK]  set an alarm input (of the bank Local)
+  alert [--class CLASS] [--source SOURCE] [--type TYPE] [--rule NAME]
+        [--description TEXT]        raise an alert of video analytics
+  idle STATE                        say that the head rests (0) or moves (1)
+  recording A B                     record to the card if A or B is "on"
+  fault PROVIDER KIND               fail: error, slow, hang; or work: none
+  actions [--clear]                 show what it was asked to do, or forget it
+Options:
+  --snapshot PATH  a new picture every second (default: /tmp/snapshot/img2.jpg)
+  --help, --version
 
-  --snapshot PATH  where it puts a new picture every second
-                   (default: /tmp/snapshot/img2.jpg)
-  --help           show this and exit
-  --version        show the version and exit
-
-On a bus of your own, in one terminal:
-
+On a bus of your own (the one of the system lets only root do this):
   $ export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$HOME/kelto-bus
-  $ A="--session --address=$DBUS_SYSTEM_BUS_ADDRESS"
-  $ BUS=$(dbus-daemon $A --fork --nopidfile --print-pid)
+  $ dbus-daemon --session --fork --print-pid --address=$DBUS_SYSTEM_BUS_ADDRESS
   $ kelto-vcam
-
-(to end it: Control-C, then "kill $BUS") and in another, where what happens can be seen in the first:
-
+and in another terminal:
   $ export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$HOME/kelto-bus
-  $ C="com.kelto.VirtualCamera /com/kelto/VirtualCamera com.kelto.VirtualCamera"
-  $ R="com.kelto.RelayV3 /com/kelto/RelayV3 com.kelto.RelayV3"
-  $ P="com.kelto.PresetsV2 /com/kelto/PresetsV2 com.kelto.PresetsV2"
-  $ busctl call $C SetAlarm sib Local 2 true
-  $ busctl call $R SetConfiguration sibiiii Local 0 false 3 200 100 3
-  $ busctl call $R Activate sii Local 0 3
-  $ busctl call $P GoTo sdi 7 1.0 900
-  $ busctl call $C RaiseAlert 'sssssa(dd)a(dd)ss' cam Human Line Gate '' 1 0 0.5 0 '' ''
-  $ busctl call $C SetFault ss RelayV3 slow
-  $ busctl --json=pretty call $C GetActions
-
-"busctl introspect com.kelto.VirtualCamera /com/kelto/VirtualCamera" lists what
-else there is; the man page kelto-vcam(1) explains it.
+  $ kelto-vcam alarm 2 on
+The man page kelto-vcam(1) explains all of it.
 )";
 
 }  // namespace
 
 CommandLine::CommandLine(int argc, char** argv) {
+    if (argc > 1 && argv[1][0] != '-') {
+        command.assign(argv + 1, argv + argc);
+        const bool asksForHelp = std::find(command.begin(), command.end(), "--help") != command.end();
+        wish = asksForHelp ? Wish::Help : Wish::Command;
+        return;
+    }
     int result = 0;
     while ((result = getopt_long(argc, argv, "", options, nullptr)) != -1) {
         switch (result) {
