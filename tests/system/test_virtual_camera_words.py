@@ -76,6 +76,18 @@ def test_the_man_page_names_every_option_method_error_and_tour(man_page):
     assert len(errors) == 8 and not [name for name in errors if f"com.kelto.Error.{name}" not in man_page]
 
 
+def test_the_man_page_says_of_the_unit_what_its_package_does(man_page):
+    text = " ".join(man_page.split("\nTHE SERVICE\n")[1].split("\nENVIRONMENT\n")[0].split())
+    unit = (ROOT / "packaging/kelto-vcam.service").read_text()
+    user, writable = (re.search(f"^{key}=(.*)$", unit, re.M)[1] for key in ("User", "ReadWritePaths"))
+    assert f"It runs as the user {user} in a sandbox" in text and f"nothing to write to but {writable}." in text
+    assert "ProtectHome=yes" in unit and "PrivateNetwork=yes" in unit and "Type=notify" in unit
+    assert f"\nd /tmp/snapshot 0755 {user} " in (ROOT / "packaging/kelto-vcam.tmpfiles").read_text()
+    (policy,) = re.findall(r"The bus policy (\S+)", text)
+    assert policy.removeprefix("/") in (ROOT / "debian/kelto-vcam.install").read_text().splitlines()
+    assert "dh_installsystemd -pkelto-vcam --no-enable" in (ROOT / "debian/rules").read_text()
+
+
 def blocks(text: str) -> list[list[str]]:
     """The indented blocks that begin with a command, or with a line of the camera."""
     found = [block.splitlines() for block in re.split(r"\n\s*\n", text.strip())]
