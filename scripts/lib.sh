@@ -1,32 +1,41 @@
 # shellcheck shell=bash
 # What the scripts share: the packages that debian/control names, building a preset and testing some, and a fresh system
-# for what would change this one.
+# for what would change this one. What installing and building print goes to a file, so that what matters stays in sight.
 # Sourced by bash with "set -euo pipefail"; a function that fails says why on standard error.
 
 sourceFolder=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 readonly sourceFolder
+readonly installLog=$sourceFolder/build/install.log
 
 # Where packages for another architecture come from: the main suite alone. What is fixed in others makes no difference
 # here, and a library that two architectures share has to be of the same version for both.
 readonly mirror=${HALVEK_DEBIAN_MIRROR:-http://deb.debian.org/debian}
 readonly suite=bookworm
 
+# print_usage_if_asked_for USAGE [ARGUMENT]: ends the script if the argument is --help.
+print_usage_if_asked_for() {
+    [[ ${2-} == --help || ${2-} == -h ]] || return 0
+    printf '%s\n' "$1"
+    exit 0
+}
+
 fail() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2
     exit 1
 }
 
-# required_packages [armhf]: the packages of Build-Depends, one a line; those that only building for armhf takes, which are
-# marked [!armhf] since nobody takes them there, only if they are asked for. Versions, profiles and further alternatives
+# required_packages [armhf]: what building, testing and packaging take, one package per line: those of Build-Depends, what
+# every Debian package is built with, which is not named there, and what looks at the packages. Those that are marked
+# [!armhf], since nobody takes them there, are only named if they are asked for. Versions, profiles and further alternatives
 # are left out: a fresh machine has no dpkg-dev to weigh them, and the release that this is built for satisfies them all.
-# debhelper only makes the package; building and testing does without it.
 required_packages() {
     local leaveOut='/\[!armhf\]/d;'
     [[ ${1-} != armhf ]] || leaveOut=
     awk '/^#/ { next }
        /^[^ \t]/ { inside = /^Build-Depends:/; sub(/^Build-Depends:/, "") }
        inside' "$sourceFolder/debian/control" |
-        tr ',' '\n' | sed -E "$leaveOut"' s/[[(<|:].*//; s/[[:space:]]//g' | grep -vE '^(debhelper.*)?$'
+        tr ',' '\n' | sed -E "$leaveOut"' s/^[[:space:]]*debhelper-compat/debhelper/; s/[[(<|:].*//; s/[[:space:]]//g; /^$/d'
+    printf '%s\n' build-essential lintian
 }
 
 # missing_packages [armhf]
@@ -49,20 +58,47 @@ install_packages() {
         printf "  sh -c 'apt-get update && %s'\n\n" "${install[*]}" >&2
         exit 1
     fi
-    echo "Installing: ${missing[*]}"
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get -qq update </dev/null || fail "apt-get update failed"
-    "${install[@]}" -qq </dev/null || fail "cannot install: ${missing[*]}"
+    echo "Installing ${#missing[@]} packages (what apt-get says goes to ${installLog#"$sourceFolder"/}): ${missing[*]}"
+    mkdir -p "${installLog%/*}"
+    {
+        export DEBIAN_FRONTEND=noninteractive
+        apt-get -qq update && "${install[@]}" -qq
+    } </dev/null >"$installLog" 2>&1 || {
+        tail -n 20 "$installLog" >&2
+        fail "cannot install: ${missing[*]}"
+    }
+}
+
+# show_progress: copies nothing of what a build prints but how far it is: one line that is overwritten on a terminal, else
+# a line per quarter.
+show_progress() {
+    local line quarter=0
+    while IFS= read -r line; do
+        [[ $line =~ ^\[([0-9]+)/([0-9]+)\] ]] || continue
+        local -i done=${BASH_REMATCH[1]} all=${BASH_REMATCH[2]}
+        if [[ -t 1 ]]; then
+            printf '\r  step %d of %d' "$done" "$all"
+            ((done < all)) || echo
+        elif ((4 * done / all > quarter)); then
+            quarter=$((4 * done / all))
+            printf '  step %d of %d\n' "$done" "$all"
+        fi
+    done
 }
 
 # build_preset PRESET [TARGET]...: configures build/PRESET and builds the targets, or everything.
 build_preset() {
-    local preset=$1
+    local preset=$1 log=$sourceFolder/build/$1.log
+    mkdir -p "$sourceFolder/build"
+    echo "Building the preset $preset (what the compiler says goes to ${log#"$sourceFolder"/})"
     (
         cd "$sourceFolder"
         cmake --preset "$preset" &&
             cmake --build --preset "$preset" --parallel "$(nproc)" ${2:+--target "${@:2}"}
-    ) </dev/null || fail "cannot build the preset $preset"
+    ) </dev/null 2>&1 | tee "$log" | show_progress || {
+        tail -n 40 "$log" >&2
+        fail "cannot build the preset $preset"
+    }
 }
 
 # The results are what counts afterwards: a preset whose tests fail does not keep the others from running.

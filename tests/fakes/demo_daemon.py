@@ -22,7 +22,7 @@ from demo_sender import Sender  # noqa: E402
 FAULT = os.environ.get("FAULT", "")
 INPUT_PIPE = "/var/run/halvek.pipe"
 OUTPUT_FOLDER = "/var/run/halvek"
-INTERVAL = 0.1 if FAULT == "ticks too fast" else 2.0
+INTERVAL = 2.0
 DWELL = 0.2 if FAULT == "parks too early" else 2.0
 FOREVER = 1e6  # seconds
 
@@ -46,8 +46,6 @@ def completed(event_type: str, properties: dict[str, str]) -> dict[str, str]:
 
 
 def pass_on(event_type: str, properties: dict[str, str]) -> None:
-    if FAULT == f"drops {event_type}":
-        return
     properties = completed(event_type, properties)
     lines = [f"[{event_type}]", *(f"{key}={value}" for key, value in properties.items()), ".", ""]
     for name in sorted(os.listdir(OUTPUT_FOLDER)):
@@ -64,25 +62,20 @@ class Camera:
         self.bus = BusClient(os.environ["DBUS_SYSTEM_BUS_ADDRESS"].removeprefix("unix:path="))
 
     def call(self, provider: str, method: str, signature: str, *arguments: object) -> list:
-        if FAULT == f"never calls {provider}.{method}":
-            return []
         return self.bus.call(
             f"com.kelto.{provider}", f"/com/kelto/{provider}", f"com.kelto.{provider}", method, signature, *arguments
         )
 
     def pulse_relay(self) -> None:
-        bank = "Remote" if FAULT == "pulses a relay of another bank" else "Local"
-        pulses = 4 if FAULT == "pulses too often" else 3
-        self.call("RelayV3", "SetConfiguration", "sibiiii", bank, 0, False, 3, 200, 100, pulses)
-        self.call("RelayV3", "Activate", "sii", bank, 0, 3)
+        self.call("RelayV3", "SetConfiguration", "sibiiii", "Local", 0, False, 3, 200, 100, 3)
+        self.call("RelayV3", "Activate", "sii", "Local", 0, 3)
 
     def turn(self, preset: str, level: int) -> None:
         if not self.call("PresetsV2", "IsAt", "s", preset)[0] or FAULT == "turns where the head is already":
             self.call("PresetsV2", "GoTo", "sdi", preset, 1.0, level)
 
     def start_tour(self) -> None:
-        level = 400 if FAULT == "takes an alert for an alarm" else 900
-        self.call("Tour", "Start", "si", "1", level)
+        self.call("Tour", "Start", "si", "1", 900)
 
 
 class Listener:
@@ -110,13 +103,11 @@ class Listener:
             handlers[message.member](*message.arguments)
 
     def on_alarm(self, bank: str, index: int, active: bool) -> None:
-        if FAULT == "is deaf to the release of an alarm" and not active:
-            return
         properties = {"alarmBank": bank, "alarmIndex": str(index), "alarmState": str(int(active))}
-        if index == 2 or FAULT == "pulses the relay at any alarm":
+        if index == 2:
             self.camera.pulse_relay()
             self.camera.turn("3", 900 if FAULT == "takes an alarm for any event" else 400)
-        if index == 1 or FAULT == "sends the picture at any alarm":
+        if index == 1:
             Sender(FAULT).send(completed("Alarm", properties))
         pass_on("Alarm", properties)
 
@@ -124,8 +115,7 @@ class Listener:
         self.camera.start_tour()
         points = "|".join(f"({x:g},{y:g})" for x, y in fields[5])
         name = fields[3] if FAULT == "decodes no rule name" else fields[3].replace("%20", " ")
-        for _ in range(2):
-            pass_on("AnalyticsAlert", {"source": fields[0], "ruleName": name, "rulePoints": points})
+        pass_on("AnalyticsAlert", {"source": fields[0], "ruleName": name, "rulePoints": points})
 
     def on_idle_change(self, state: int) -> None:
         self.parking.cancel()
@@ -143,23 +133,21 @@ def receive(text: str, camera: Camera) -> None:
         properties["eventId"] = properties.get("region", event_type)
         if event_type == "Doorbell":
             camera.turn("5", 400 if FAULT == "takes a posted event for an alarm" else 900)
-        for _ in range(2 if FAULT == "doubles events" else 1):
+        doubled = FAULT == "doubles events" and event_type == "MotionDetection"
+        for _ in range(2 if doubled else 1):
             pass_on(event_type, properties)
 
 
 def handle(number: int) -> None:
     if number == signal.SIGHUP and FAULT != "ignores the reload":
         log("got: 'R' (82)")
-        for _ in range(2 if FAULT == "reloads twice" else 1):
-            configure()
-    if number == signal.SIGTERM and FAULT != "does not stop":
+        configure()
+    if number == signal.SIGTERM:
         log("run complete")
         sys.exit(3 if FAULT == "stops with an error" else 0)
 
 
 def main() -> None:
-    if FAULT == "ends at once":
-        sys.exit(1)
     signals, woken = os.pipe()
     os.set_blocking(woken, False)
     signal.set_wakeup_fd(woken)
@@ -169,8 +157,7 @@ def main() -> None:
     posted = os.open(INPUT_PIPE, os.O_RDWR | os.O_NONBLOCK)
     configure()
     camera = Camera()
-    if FAULT != "does nothing":
-        Listener()
+    Listener()
     if FAULT != "is never ready":
         notify_ready()
     next_tick = time.monotonic()
@@ -178,7 +165,7 @@ def main() -> None:
         readable, _, _ = select.select([signals, posted], [], [], max(0.0, next_tick - time.monotonic()))
         if signals in readable:
             handle(os.read(signals, 1)[0])
-        if posted in readable and FAULT != "does nothing":
+        if posted in readable:
             receive(os.read(posted, 4096).decode(), camera)
         if time.monotonic() >= next_tick:
             next_tick += INTERVAL

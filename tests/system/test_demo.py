@@ -15,7 +15,7 @@ from harness import PROGRAM, wait_until
 ROOT = Path(__file__).resolve().parents[2]
 STAND_IN = ROOT / "tests/fakes/demo_daemon.py"
 TIME_LIMIT = 120  # seconds
-AT_ONCE = 12
+AT_ONCE = 5
 PR_SET_CHILD_SUBREAPER = 36
 # Nobody in particular to the system: another user id, and no privilege at all.
 ORDINARY_USER = ["unshare", "--user", "--map-user=1000", "--map-group=1000"]
@@ -41,64 +41,21 @@ SHOWN = (
     "What you just saw",
     "All of this really happened",
 )
-# What the stand-in does wrong, and what the demo has to say about it.
+# What the stand-in does wrong, one fault per scene and per place that a picture goes to, and what the demo has to say about
+# it.
 FAULTS = {
-    "ends at once": "READY=1",
     "is never ready": "READY=1",
-    "does nothing": "head comes to rest at preset 3",
-    "drops Alarm": "all.halvek.any: [Alarm]",
-    "drops Doorbell": "all.halvek.any: [Doorbell]",
-    "drops AnalyticsAlert": "all.halvek.any: [AnalyticsAlert]",
-    "drops Park": "all.halvek.any: [Park]",
-    "drops Timer": "Timer.fifo: [Timer]",
-    "drops MotionDetection": "all.halvek.any: [MotionDetection]",
-    "never calls RelayV3.SetConfiguration": "pulse 3 of",
-    "never calls RelayV3.Activate": "pulse 3 of",
-    "never calls PresetsV2.GoTo": "head comes to rest at preset 3",
-    "never calls Tour.Start": "head comes to rest at preset 3",
-    "pulses a relay of another bank": "relay Local:0",
-    "pulses too often": "the camera was told RelayV3.SetConfiguration(Local, 0, false, 3, 200, 100, 4)",
     "takes an alarm for any event": "PresetsV2.GoTo(3, 1, 900) instead of",
-    "takes a posted event for an alarm": "the camera was told PresetsV2.GoTo(5, 1, 400) instead of",
-    "takes an alert for an alarm": "the camera was told Tour.Start(1, 400) instead of",
-    "decodes no rule name": "all.halvek.any: [AnalyticsAlert]",
-    "turns where the head is already": "PresetsV2.GoTo(3, 1, 400) instead of",
-    "is deaf to the release of an alarm": "relay Local:0 on",
-    "pulses the relay at any alarm": "the camera was told RelayV3.SetConfiguration",
-    "sends the picture at any alarm": "before the alarm",
-    "saves no snapshot": "no new picture is in /run/halvek-demo/pictures",
-    "saves under another name": "no new picture is in /run/halvek-demo/pictures",
-    "saves half a picture": "the picture in the folder",
-    "saves another file": "the picture in the folder",
     "never deletes the oldest": "not just the oldest is gone",
-    "deletes the newest": "not just the oldest is gone",
-    "deletes more than it must": "not just the oldest is gone",
-    "deletes everything": "not just the oldest is gone",
-    "leaves a file behind": "not just the oldest is gone",
-    "uploads nothing": "/front-gate.jpg arrives 1 times",
-    "uploads under another name": "/front-gate.jpg arrives 1 times",
     "uploads half a picture": "the picture on the FTP server",
-    "uploads another file": "the picture on the FTP server",
-    "uploads twice": "2 uploads came",
-    "mails nothing": "1 mails; 0 came",
-    "mails to somebody else": "the mail is for ['thief@example.com']",
-    "mails from elsewhere": "From of the mail is 'Back gate <camera@example.com>'",
-    "mails another subject": "Subject of the mail is 'All is well'",
-    "mails yesterday's date": "the mail is dated",
-    "mails no time": "the mail says 'Alarm at the front gate at %H:%M.'",
-    "mails no event": "the mail consists of ['text/plain', 'image/jpeg']",
     "mails another event": "alarmState = 0",
-    "mails without the picture": "the mail consists of ['text/plain', 'text/plain']",
-    "mails half a picture": "the picture in the mail",
-    "mails another file": "the picture in the mail",
-    "mails twice": "2 mails came",
+    "takes a posted event for an alarm": "the camera was told PresetsV2.GoTo(5, 1, 400) instead of",
+    "decodes no rule name": "all.halvek.any: [AnalyticsAlert]",
     "parks too early": "the head was parked after",
-    "ticks too fast": "s between two ticks",
-    "doubles events": "Doorbell was passed on 2 times instead of 1",
     "uses the wrong pipe": "Timer.fifo received",
+    "doubles events": "MotionDetection was passed on 2 times instead of 1",
     "ignores the reload": "got: 'R'",
-    "reloads twice": "not just one reload",
-    "does not stop": "the daemon is still running",
+    "turns where the head is already": "PresetsV2.GoTo(3, 1, 400) instead of",
     "stops with an error": "the daemon ended with status 3",
 }
 # What else keeps the demo from its end, and what it has to say about it.
@@ -164,24 +121,21 @@ def test_the_daemon_passes(tmp_path, user):
 
 @pytest.fixture(scope="module")
 def stand_in_demos(tmp_path_factory):
-    """The runs by fault, if any, and user. Many run at once: they spend their time waiting."""
+    """The runs by fault, if any. Some run at once: they spend their time waiting."""
     home = tmp_path_factory.mktemp("home")
-    cases = [(fault, tuple(user)) for fault in ("", *FAULTS) for user in ([], ORDINARY_USER)]
     with ThreadPoolExecutor(AT_ONCE) as pool:
-        return {case: pool.submit(demo, STAND_IN, list(case[1]), home, FAULT=case[0]) for case in cases}
+        return {fault: pool.submit(demo, STAND_IN, [], home, FAULT=fault) for fault in ("", *FAULTS)}
 
 
-@USERS
-def test_a_stand_in_without_a_fault_passes(stand_in_demos, user):
+def test_a_stand_in_without_a_fault_passes(stand_in_demos):
     """Those below fail for their fault and for nothing else."""
-    result = stand_in_demos["", tuple(user)].result()
+    result = stand_in_demos[""].result()
     assert result.returncode == 0, result.stderr
 
 
-@USERS
 @pytest.mark.parametrize("fault", FAULTS)
-def test_a_daemon_fails_that(stand_in_demos, user, fault):
-    result = stand_in_demos[fault, tuple(user)].result()
+def test_a_daemon_fails_that(stand_in_demos, fault):
+    result = stand_in_demos[fault].result()
     assert result.returncode == 1
     assert "what should have happened did not" in result.stderr and FAULTS[fault] in result.stderr
     assert "really happened" not in result.stdout
@@ -227,3 +181,11 @@ def test_a_demo_that_is_interrupted_leaves_nothing_behind(tmp_path, number, mome
         process.send_signal(number)
         assert process.wait(TIME_LIMIT) != 0
         output.close()
+
+
+@pytest.mark.parametrize(("word", "status", "said"), [("--help", 0, "usage: scripts/demo"), ("fast", 1, "--help")])
+def test_a_word_builds_nothing(tmp_path, word, status, said):
+    environment = {name: value for name, value in os.environ.items() if name != "HALVEK_DAEMON"}
+    result = subprocess.run([ROOT / "scripts/demo", word], env=environment, capture_output=True, text=True, timeout=10)
+    assert result.returncode == status
+    assert said in result.stdout + result.stderr and "Building" not in result.stdout

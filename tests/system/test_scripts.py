@@ -1,6 +1,7 @@
 """The scripts that set everything up: what they install, what they say, what they count."""
 
 import os
+import shutil
 import signal
 import subprocess
 import sys
@@ -49,7 +50,7 @@ def commands(tmp_path):
     return commands
 
 
-@pytest.mark.parametrize("script", ["demo", "test"])
+@pytest.mark.parametrize("script", ["demo", "test", "build-packages"])
 def test_an_ordinary_user_is_told_the_one_command_that_is_missing(commands, script):
     result = run(*ORDINARY_USER, ROOT / "scripts" / script, env=commands.environment)
     assert result.returncode == 1
@@ -66,6 +67,44 @@ def test_root_gets_what_is_missing_installed_and_is_asked_nothing(commands):
     assert " install -y --no-install-recommends python3-pytest" in install and install.endswith("[noninteractive]")
 
 
+@pytest.mark.parametrize("script", ["demo", "test", "build-packages"])
+def test_a_script_that_is_asked_for_help_does_nothing_else(commands, script):
+    result = run(ROOT / "scripts" / script, "--help", env=commands.environment)
+    assert result.returncode == 0 and result.stdout.startswith(f"usage: scripts/{script}")
+    assert commands.record.read_text() == ""
+
+
+BUILD = """
+cmake() { for step in $(seq 8); do echo "[$step/8] compiling"; done; echo "$1" >&2; return "$STATUS"; }
+. "$1/scripts/lib.sh"
+build_preset release halvek
+"""
+
+
+def build(tree: Path, status: int) -> subprocess.CompletedProcess:
+    """With a compiler that takes eight steps."""
+    (tree / "scripts").mkdir()
+    shutil.copy(ROOT / "scripts/lib.sh", tree / "scripts")
+    environment = os.environ | {"STATUS": str(status)}
+    return run("bash", "-euo", "pipefail", "-c", BUILD, "bash", tree, env=environment)
+
+
+def test_a_build_says_how_far_it_is_and_keeps_the_rest_in_a_file(tmp_path):
+    result = build(tmp_path, status=0)
+    assert result.returncode == 0 and result.stderr == ""
+    first, *steps = result.stdout.splitlines()
+    assert "build/release.log" in first
+    assert steps == [f"  step {step} of 8" for step in (2, 4, 6, 8)]
+    log = (tmp_path / "build/release.log").read_text()
+    assert "[1/8] compiling\n" in log and "--build\n" in log
+
+
+def test_a_build_that_fails_shows_the_end_of_what_it_said(tmp_path):
+    result = build(tmp_path, status=1)
+    assert result.returncode == 1
+    assert "--preset\n" in result.stderr and "cannot build the preset release" in result.stderr
+
+
 def required_packages(*kind: str) -> subprocess.CompletedProcess:
     """Prints them, and as an error those that are not installed."""
     commands = 'required_packages "$@"; missing_packages "$@" >&2'
@@ -76,7 +115,7 @@ def test_every_package_that_is_needed_to_build_and_test_is_installed():
     result = required_packages()
     packages = result.stdout.split()
     assert {"cmake", "g++", "ninja-build", "libsystemd-dev", "libgtest-dev", "python3-pytest"} <= set(packages)
-    assert not any(package.startswith("debhelper") for package in packages)
+    assert {"debhelper", "build-essential", "lintian"} <= set(packages)
     assert result.stderr == ""
 
 
