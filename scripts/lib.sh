@@ -96,7 +96,7 @@ build_preset() {
         cmake --preset "$preset" &&
             cmake --build --preset "$preset" --parallel "$(nproc)" ${2:+--target "${@:2}"}
     ) </dev/null 2>&1 | tee "$log" | show_progress || {
-        tail -n 40 "$log" >&2
+        { grep -A 40 -m 1 '^FAILED:' "$log" || tail -n 40 "$log"; } >&2
         fail "cannot build the preset $preset"
     }
 }
