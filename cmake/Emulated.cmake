@@ -1,9 +1,9 @@
-# Writes <build tree>/emulated/TARGET, a script that runs the program of that name under the emulator, and sets the variable
-# to the emulator's command line, which the program's path is put behind.
+# Writes <build tree>/emulated/TARGET, a script that runs the program of that name under the emulator, and sets the
+# variable to the emulator's command line, which the program's path is put behind.
 #
 # The program is told that the script is its name: one that starts itself again, as a death test does, then starts the
-# script, and the system need not know how to run programs of another processor. The emulator is started by the program's name
-# too, so that the system lists the process under it.
+# script, and the system need not know how to run programs of another processor. The emulator is started by the
+# program's name too, so that the system lists the process under it.
 function(halvek_emulated target variable)
   set(script ${PROJECT_BINARY_DIR}/emulated/${target})
   set(link ${PROJECT_BINARY_DIR}/emulated/processes/${target})

@@ -1,6 +1,7 @@
 # shellcheck shell=bash
 # What the scripts share: the packages that debian/control names, building a preset and testing some, and a fresh system
-# for what would change this one. What installing and building print goes to a file, so that what matters stays in sight.
+# for what would change this one. What installing and building print goes to a file, so that what matters stays in
+# sight.
 # Sourced by bash with "set -euo pipefail"; a function that fails says why on standard error.
 
 sourceFolder=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -24,17 +25,19 @@ fail() {
     exit 1
 }
 
-# required_packages [armhf]: what building, testing and packaging take, one package per line: those of Build-Depends, what
-# every Debian package is built with, which is not named there, and what looks at the packages. Those that are marked
-# [!armhf], since nobody takes them there, are only named if they are asked for. Versions, profiles and further alternatives
-# are left out: a fresh machine has no dpkg-dev to weigh them, and the release that this is built for satisfies them all.
+# required_packages [armhf]: what building, testing and packaging take, one package per line: those of Build-Depends,
+# what every Debian package is built with, which is not named there, and what looks at the packages. Those that are
+# marked [!armhf], since nobody takes them there, are only named if they are asked for. Versions, profiles and further
+# alternatives are left out: a fresh machine has no dpkg-dev to weigh them, and the release that this is built for
+# satisfies them all.
 required_packages() {
     local leaveOut='/\[!armhf\]/d;'
     [[ ${1-} != armhf ]] || leaveOut=
     awk '/^#/ { next }
        /^[^ \t]/ { inside = /^Build-Depends:/; sub(/^Build-Depends:/, "") }
        inside' "$sourceFolder/debian/control" |
-        tr ',' '\n' | sed -E "$leaveOut"' s/^[[:space:]]*debhelper-compat/debhelper/; s/[[(<|:].*//; s/[[:space:]]//g; /^$/d'
+        tr ',' '\n' |
+        sed -E "$leaveOut"' s/^[[:space:]]*debhelper-compat/debhelper/; s/[[(<|:].*//; s/[[:space:]]//g; /^$/d'
     printf '%s\n' build-essential lintian
 }
 
@@ -69,8 +72,8 @@ install_packages() {
     }
 }
 
-# show_progress: copies nothing of what a build prints but how far it is: one line that is overwritten on a terminal, else
-# a line per quarter.
+# show_progress: copies nothing of what a build prints but how far it is: one line that is overwritten on a terminal,
+# else a line per quarter.
 show_progress() {
     local line quarter=0
     while IFS= read -r line; do
@@ -135,8 +138,8 @@ test_presets() {
     /usr/bin/python3 -B "$sourceFolder/scripts/test_summary.py" "$sourceFolder/build" "$@"
 }
 
-# make_fresh_system FOLDER: FOLDER/root becomes a minimal Debian in memory that takes packages for armhf beside its own. Only
-# root can make one, in a mount namespace that takes it along when it ends.
+# make_fresh_system FOLDER: FOLDER/root becomes a minimal Debian in memory that takes packages for armhf beside its own.
+# Only root can make one, in a mount namespace that takes it along when it ends.
 make_fresh_system() {
     local root=$1/root
     (cd "$1" && apt-get -qq -o APT::Sandbox::User=root download debootstrap && dpkg -x debootstrap_*.deb debootstrap)
