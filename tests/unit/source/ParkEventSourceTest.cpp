@@ -9,16 +9,42 @@
 #include "tests/fakes/RecordingHandler.h"
 #include "tests/fakes/WaitUntil.h"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <ctime>
 #include <future>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
+
+namespace {
+
+std::atomic<int> waits = 0;
+std::atomic<int64_t> longestWaitUs = 0;
+
+int64_t MicrosecondsOf(const timespec& time) {
+    return int64_t{time.tv_sec} * 1000000 + time.tv_nsec / 1000;
+}
+
+}  // namespace
+
+// The program's own definition stands before the C library's: it notes for how long a thread means to wait.
+extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                                      const timespec* end) {
+    static const auto real =
+        reinterpret_cast<decltype(&pthread_cond_clockwait)>(dlsym(RTLD_NEXT, "pthread_cond_clockwait"));
+    timespec now{};
+    clock_gettime(clock, &now);
+    longestWaitUs = std::max(longestWaitUs.load(), MicrosecondsOf(*end) - MicrosecondsOf(now));
+    ++waits;
+    return real(condition, mutex, clock, end);
+}
 
 namespace kelto::halvek::source {
 
@@ -29,8 +55,10 @@ using ::testing::AllOf;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::Ge;
+using ::testing::Gt;
 using ::testing::IsEmpty;
 using ::testing::Key;
+using ::testing::Le;
 using ::testing::Lt;
 using ::testing::Not;
 using ::testing::Pair;
@@ -272,6 +300,17 @@ TEST_F(ParkEventSourceTest, ADwellEndsWithTheTickAtWhichItsSecondsAreFull) {
         // A busy machine may be late with one of them; a tick too many would make all of them a second late.
         EXPECT_THAT(shortest, AllOf(Ge(seconds * 1s - 10ms), Lt(seconds * 1s + 700ms)));
     }
+}
+
+TEST_F(ParkEventSourceTest, ATickIsOneSecondAndNothingElse) {
+    Configure("10");
+    waits = 0;
+    longestWaitUs = 0;
+    source->StartListening();
+    ASSERT_TRUE(test::WaitUntil([] { return waits >= 3; }));
+    source->StopListening();
+    // A busy machine may come late to each of the three waits and make it shorter, not longer.
+    EXPECT_THAT(longestWaitUs, AllOf(Gt(999000), Le(1000000)));
 }
 
 TEST_F(ParkEventSourceTest, ADwellOfZeroFiresWithinASecondOfTheReport) {
