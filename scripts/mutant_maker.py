@@ -1,7 +1,7 @@
 """Finds what can be changed in a C++ file, and writes the file with every change in it, each behind a switch.
 
-A mutant is one small change, such as `>=` made `>`. All mutants of a file are compiled at once: `HALVEK_MUTANT(n)` is true
-in a process that was told to be mutant n, and notes that it was asked, so that one knows which test gets there.
+A mutant is one small change, such as `>=` made `>`. All mutants of a file are compiled at once: `HALVEK_MUTANT(n)` is
+true in a process that was told to be mutant n, and notes that it was asked, so that one knows which test gets there.
 """
 
 import re
@@ -101,7 +101,7 @@ class Maker:
                 yield site.mutant
 
     def schemata(self, base: int, left_out: set[str]) -> str:
-        """The file with all mutants but those left out; the first switch is number `base`. Keeps the lines where they are."""
+        """The file with all mutants but those left out, line by line; the first switch is number `base`."""
         chosen = [site for site in self.sites if site.mutant is not None and site.mutant.key not in left_out]
         begins = [site.begin for site in chosen]
         chosen += [
@@ -268,7 +268,8 @@ class Maker:
             operands = self._operands(cursor)
             if operands is not None and operands[1] in RELATIONAL:
                 left, operator, right = operands
-                self._replace(begin, end, f"{operator} -> {RELATIONAL[operator]}", f"{left} {RELATIONAL[operator]} {right}")
+                other = RELATIONAL[operator]
+                self._replace(begin, end, f"{operator} -> {other}", f"{left} {other} {right}")
             return
         arguments = [child for child in cursor.get_arguments() if child is not None and self._text(child)]
         for position, (first, second) in enumerate(zip(arguments, arguments[1:]), 1):
@@ -323,7 +324,8 @@ class Maker:
             return
         variable = children[0]
         begin, end = self._extent(cursor)
-        match = re.fullmatch(r"(.*?)\b" + re.escape(variable.spelling) + r"\((.*)\);", self._slice(begin, end), re.DOTALL)
+        form = r"(.*?)\b" + re.escape(variable.spelling) + r"\((.*)\);"
+        match = re.fullmatch(form, self._slice(begin, end), re.DOTALL)
         kind = variable.type.get_canonical()
         if match is None or kind.kind != TypeKind.RECORD or variable.type.spelling.startswith("std::string"):
             return
