@@ -142,6 +142,8 @@ std::string EmailEventHandler::ComposeMail(const Event& event) const {
         message.Attach(snapshotPath);
     }
     std::ostringstream mail;
+    // Of its own accord a stream that gets no memory says nothing, and half a mail would be sent.
+    mail.exceptions(std::ios::badbit);
     mail << message;
     return std::move(mail).str();
 }

@@ -12,6 +12,8 @@ using interfaces::AnalyticsInterface;
 
 std::string PointListText(const std::vector<AnalyticsInterface::AnalyticsAlert::Point>& points) {
     std::ostringstream text;
+    // Of its own accord a stream that gets no memory says nothing, and points would be missing.
+    text.exceptions(std::ios::badbit);
     const char* separator = "";
     for (const auto& [x, y] : points) {
         text << separator << "(" << x << "," << y << ")";

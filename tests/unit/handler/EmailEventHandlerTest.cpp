@@ -7,6 +7,7 @@
 #include "tests/fakes/Base64.h"
 #include "tests/fakes/Descriptors.h"
 #include "tests/fakes/EnvironmentVariable.h"
+#include "tests/fakes/FailingAllocation.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/Fifo.h"
 #include "tests/fakes/FreshProcess.h"
@@ -137,12 +138,30 @@ protected:
     MailText TakeMail() {
         const std::vector<std::string> mails = Mails();
         EXPECT_THAT(mails, SizeIs(1));
+        ForgetMails();
+        return MailText(mails.empty() ? "" : mails.front());
+    }
+
+    void ForgetMails() const {
         for (const fs::directory_entry& entry : fs::directory_iterator(folder.GetPath())) {
             if (entry.path().filename().string().starts_with("mail.")) {
                 fs::remove(entry.path());
             }
         }
-        return MailText(mails.empty() ? "" : mails.front());
+    }
+
+    /** One action with the log cleared before, in which the allocation after so many good ones fails; false if none
+     * has. */
+    bool ActWithoutMemory(size_t goodOnes) {
+        log.Clear();
+        bool hasFailed = false;
+        std::thread([&] {
+            event::TimerEvent event(Event::Properties{{"eventType", "Test"}});
+            const test::FailingAllocation failing(goodOnes);
+            handler.PerformAction(event);
+            hasFailed = test::FailingAllocation::HasFailed();
+        }).join();
+        return hasFailed;
     }
 
     /** What is mailed for a template. */
@@ -617,6 +636,21 @@ TEST_F(EmailEventHandlerTest, TwoThreadsMayMailAtOnce) {
     }
     EXPECT_THAT(Mails(), SizeIs(2 * rounds));
     EXPECT_EQ(ofOne, rounds);
+}
+
+TEST_F(EmailEventHandlerTest, WithoutMemoryThereIsAnErrorAndNeverHalfAMail) {
+    Configure({{"To", "a@x"}, {"From", "b@x"}, {"Message", Base64(std::string(1000, 'x') + " end")}});
+    Act();
+    const std::string whole = TextOf(TakeMail());
+    bool hasFailed = true;
+    for (size_t goodOnes = 0; hasFailed; ++goodOnes) {
+        hasFailed = ActWithoutMemory(goodOnes);
+        const std::vector<std::string> mails = Mails();
+        ForgetMails();
+        const bool isToldOf = log.Has("Error halvek: EmailEventHandler: Error, unknown exception caught");
+        EXPECT_NE(mails.empty(), !isToldOf) << "with " << goodOnes << " allocations";
+        EXPECT_TRUE(mails.empty() || TextOf(MailText(mails.front())) == whole) << "with " << goodOnes << " allocations";
+    }
 }
 
 }  // namespace

@@ -1,10 +1,12 @@
 #include "kelto/msgbus/MsgBusMsg.h"
 #include "source/AnalyticsAlertConversion.h"
+#include "tests/fakes/FailingAllocation.h"
 
 #include <gmock/gmock.h>
 
 #include <cmath>
 #include <limits>
+#include <new>
 
 namespace kelto::halvek::source {
 
@@ -139,6 +141,24 @@ TEST(AnalyticsAlertConversion, AnAlertOfMillionsOfPointsDoesNotFit) {
     Alert alert = EmptyAlert();
     alert.rulePoints.assign(3'000'000, {0.123456, 0.123456});
     EXPECT_FALSE(AlertToFittingProperties(alert).has_value());
+}
+
+TEST(AnalyticsAlertConversion, WithoutMemoryThereIsAnExceptionAndNeverAPartOfThePoints) {
+    const std::vector<Alert::Point> points(100, {0.25, 0.5});
+    const std::string whole = RulePoints(points);
+    Alert alert = EmptyAlert();
+    alert.rulePoints = points;
+    bool hasFailed = true;
+    for (size_t goodOnes = 0; hasFailed; ++goodOnes) {
+        std::string converted = whole;
+        try {
+            const test::FailingAllocation failing(goodOnes);
+            converted = AlertToProperties(alert).at("rulePoints");
+        } catch (const std::bad_alloc&) {
+        }
+        hasFailed = test::FailingAllocation::HasFailed();
+        EXPECT_EQ(converted, whole) << "with " << goodOnes << " allocations";
+    }
 }
 
 }  // namespace
