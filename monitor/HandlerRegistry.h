@@ -2,9 +2,12 @@
 
 #include "monitor/HandlerRegistration.h"
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <memory_resource>
 #include <string>
 
 namespace kelto::halvek {
@@ -47,7 +50,10 @@ public:
 private:
     const HandlerRegistration* FindByName(const std::string& type) const;
 
-    std::list<const HandlerRegistration*> registrations;
+    // Where the process begins, nobody could be told that there is no memory: the first records have their place here.
+    std::array<std::byte, 1024> firstPlaces{};
+    std::pmr::monotonic_buffer_resource places{firstPlaces.data(), firstPlaces.size()};
+    std::pmr::list<const HandlerRegistration*> registrations{&places};
 };
 
 /** Registers a record with the process's registry when it is initialised. */

@@ -2,6 +2,7 @@
 #include "handler/ExternEventHandler.h"
 #include "monitor/HalvekEnv.h"
 #include "monitor/HandlerRegistry.h"
+#include "tests/fakes/FailingAllocation.h"
 #include "tests/fakes/RecordingHandler.h"
 
 #include <gmock/gmock.h>
@@ -50,6 +51,15 @@ TEST(HandlerRegistry, TheListRunsInTheReverseOfTheRegistration) {
     registry.Register(&nothing);
     EXPECT_THAT(NamesOfKind(registry, 1), ElementsAre("Nothing", "Recording"));
     EXPECT_THAT(NamesOfKind(registry, 0), ElementsAre("Recording"));
+}
+
+TEST(HandlerRegistry, RecordsOfAsManyTypesAsThereAreTakeNoMemory) {
+    HandlerRegistry registry;
+    const test::FailingAllocation failing(0);
+    for (int types = 0; types < 32; ++types) {
+        registry.Register(&recording);
+    }
+    EXPECT_FALSE(test::FailingAllocation::HasFailed());
 }
 
 TEST(HandlerRegistry, NamesAreAppendedToWhatIsThere) {
