@@ -110,6 +110,15 @@ test_boot() {
     "$sourceFolder/scripts/test-boot" || echo "${0##*/}: the test of the packages failed" >&2
 }
 
+# The long form; the short one is among the tests of each preset.
+test_torture() {
+    local results=$sourceFolder/build/torture/test-results
+    rm -rf "$results"
+    mkdir -p "$results"
+    "$sourceFolder/scripts/torture" --results "$results/ctest.xml" </dev/null ||
+        echo "${0##*/}: the torture failed" >&2
+}
+
 test_preset() {
     local results=$sourceFolder/build/$1/test-results
     rm -rf "$results"
@@ -120,7 +129,8 @@ test_preset() {
 }
 
 # test_presets PRESET...: builds and tests each, and ends with a count for each and for all of them; the status is 0
-# only if every test ran and passed. "boot" stands for the packages on a machine of their own, which only root can boot.
+# only if every test ran and passed. "boot" stands for the packages on a machine of their own, which only root can boot,
+# "torture" for the long form of scripts/torture.
 test_presets() {
     local preset
     install_packages
@@ -128,8 +138,8 @@ test_presets() {
         "$sourceFolder/scripts/armhf-sysroot"
     fi
     for preset in "$@"; do
-        if [[ $preset == boot ]]; then
-            test_boot
+        if [[ $preset == boot || $preset == torture ]]; then
+            "test_$preset"
         else
             build_preset "$preset"
             test_preset "$preset"

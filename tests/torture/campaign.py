@@ -4,25 +4,28 @@ import signal
 import sys
 import time
 from collections import Counter, defaultdict
-from collections.abc import Iterator
-from typing import NamedTuple
+from collections.abc import Iterable, Iterator
+from itertools import islice
+from typing import NamedTuple, TypeVar
 
 from daemon_process import NotSeen
 from harness import SANITIZER_REPORT, wait_until
 
-from actions import TWICE, Action, Posting, probe, threads, wait_for
+from actions import PART, TWICE, Action, Posting, probe, threads, wait_for
 from faults import ERRORS, Fault
 from scene import HANG, SLOWNESS, STOP_LIMIT, Scene
 
+T = TypeVar("T")
 # From best to worst.
 HARMLESS, SAID, SILENT, HANGS, CRASHES, WRONG = OUTCOMES = ("harmless", "said", "silent", "hang", "crash", "wrong")
 BAD = (HANGS, CRASHES, WRONG)
-BY_ITSELF, NEXT_RELOAD, RESTART = "at once", "with a reload", "with the service's restart"
-START, RELOAD, STOP = "start", "reload", "stop"
+AT_ONCE, NEXT_RELOAD, RESTART, NEXT_SIGNAL = "at once", "after a reload", "after a restart", "after the next signal"
+START, RELOAD, STOP = "starting", "reloading", "stopping"
 MAIN_THREAD = "halvek"
 # What is no loss of an event but a fault of the daemon.
-WRONGS = {TWICE, "half a snapshot", "a file that was to stay", "a file is left behind", "a part of the mail"}
+WRONGS = {TWICE, PART, "half a snapshot", "a file that was to stay", "a file is left behind", "a part of the mail"}
 QUICK = 0.3  # seconds
+FEW = 4  # of what is the same everywhere
 KEPT_OPEN = r"FIFO Write failed|FIFO write failed to write all data"
 
 
@@ -54,22 +57,34 @@ class Trouble(Exception):
 
 
 class Campaign:
-    def __init__(self, scene: Scene, most: int, all_errors: bool, without: str = "") -> None:
-        """At most so many failures are tried of each call in each action, spread evenly over all."""
+    def __init__(
+        self, scene: Scene, most: int, all_errors: bool, without: str = "", share: tuple[int, int] = (0, 1)
+    ) -> None:
+        """At most so many failures are tried of each call in each action, spread evenly over all.
+
+        Of several campaigns that divide the work each has its share: the first, the second... of so many.
+        """
         self.scene = scene
         self.most = most
         self.all_errors = all_errors
         self.without = without
+        self.share, self.shares = share
         self.findings: list[Finding] = []
         self._tried: Counter[str] = Counter()
 
+    def mine(self, all_of_them: Iterable[T]) -> Iterator[T]:
+        return islice(all_of_them, self.share, None, self.shares)
+
     def choose(self, counts: dict[str, int]) -> Iterator[Fault]:
+        return self.mine(self._choose(counts))
+
+    def _choose(self, counts: dict[str, int]) -> Iterator[Fault]:
         for call, count in counts.items():
             if call == self.without:
                 continue
             errors = ERRORS[call] if self.all_errors else ERRORS[call][:1]
             for error in errors:
-                step = max(1, -(-count // self.most))
+                step = max(1, -(-count // (FEW if call == "log" else self.most)))
                 # Another offset each time, so that the actions together see more of what they share.
                 self._tried[call] += 1
                 for number in range(1 + self._tried[call] % step, count + 1, step):
@@ -117,9 +132,10 @@ class Campaign:
         return self.scene.faults.counts
 
     def inject(self, action: Action, fault: Fault) -> None:
-        scene, back = self.scene, BY_ITSELF
+        scene, back = self.scene, AT_ONCE
         action.prepare(scene)
         after, at_rest = len(scene.daemon.log.items), threads(scene)
+        scene.armed_at = after
         scene.faults.arm(fault, action.thread)
         token = action.trigger(scene)
         wait_for(lambda: scene.faults.injected or not scene.is_alive() or not action.lost(scene, token), 5 * SLOWNESS)
@@ -183,7 +199,7 @@ class Campaign:
             raise Trouble(WRONG, f"{self.scene.descriptors()} descriptors instead of {allowed}")
 
     def at_start(self) -> int:
-        """With a connection for each thread that calls: the main one, and that of the event pipe; see docs/limits.md."""
+        """With a connection for each thread that calls, the main one and that of the event pipe; see docs/limits.md."""
         return 3 + 1 + 2 + 1 + 2 + 1
 
     def reload(self) -> None:
@@ -191,6 +207,7 @@ class Campaign:
         try:
             self.scene.reload()
         except AssertionError as error:
+            self.check_alive()
             raise Trouble(WRONG, f"the reload: {error}") from None
 
     def finish(self, action: str = STOP) -> None:
@@ -257,9 +274,13 @@ class Campaign:
         self.note(START, fault, outcome or judge(lost, told), lost, told, back if lost else "", detail)
         self.finish(START)
 
+    def missing(self, told: list[str]) -> set[str]:
+        """What does not work; where nothing is told of trouble, a busy machine is given time."""
+        return probe(self.scene, QUICK if told else HANG / 5)
+
     def check_all(self, told: list[str]) -> tuple[set[str], str]:
         """What is missing, and what brings it back; a reload has to."""
-        lost = probe(self.scene, QUICK if told else HANG / 5)
+        lost = self.missing(told)
         self.check_alive()
         if not lost:
             return lost, ""
@@ -308,7 +329,7 @@ class Campaign:
             lost, back = self.check_all(scene.told(after))
             if not scene.daemon.log.matching("TimerEventSource started", after):
                 lost.add("the reload")
-                back = "with the next reload"
+                back = NEXT_RELOAD
         except Trouble as trouble:
             outcome, detail, back = trouble.outcome, trouble.detail, RESTART
             lost |= {"everything"}
@@ -354,9 +375,7 @@ class Campaign:
             outcome, detail = CRASHES, f"status {status}\n" + "\n".join(daemon.log.items[-40:])
         if fault is not None and scene.faults.injected:
             told = scene.told(after)
-            self.note(
-                STOP, fault, outcome or judge(lost, told), lost, told, "with the next signal" if lost else "", detail
-            )
+            self.note(STOP, fault, outcome or judge(lost, told), lost, told, NEXT_SIGNAL if lost else "", detail)
         scene.end_daemon()
         return scene.faults.counts
 
@@ -366,7 +385,7 @@ def has_started(daemon) -> bool:
 
 
 def judge(lost: set[str], told: list[str]) -> str:
-    if lost & WRONGS:
+    if lost & WRONGS or ("the attachment" in lost and not told):
         return WRONG
     if told:
         return SAID
@@ -380,7 +399,7 @@ def table(findings: list[Finding]) -> str:
         counts[finding.fault.call][finding.outcome] += 1
     width = max(len(call) for call in ERRORS)
     lines = [f"{'':{width}} {'reached':>8}" + "".join(f"{outcome:>10}" for outcome in OUTCOMES)]
-    for call in ERRORS:
+    for call in (*ERRORS, "limit"):
         if counts[call]:
             numbers = "".join(f"{counts[call][outcome]:10}" for outcome in OUTCOMES)
             lines.append(f"{call:{width}} {counts[call].total():8}{numbers}")

@@ -1,4 +1,4 @@
-"""The other end of the library that makes the daemon's calls fail; FaultControl.h and .cpp have the same names and layout."""
+"""The other end of the library that makes the daemon's calls fail; FaultControl.cpp has the same names and layout."""
 
 import errno
 import mmap
@@ -72,7 +72,7 @@ class Fault(NamedTuple):
     error: int
 
     def __str__(self) -> str:
-        return f"{self.call} #{self.number} {errno.errorcode[self.error]}"
+        return f"{self.call} #{self.number} {errno.errorcode.get(self.error, '')}"
 
 
 class Faults:
