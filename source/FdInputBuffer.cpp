@@ -1,5 +1,6 @@
 #include "source/FdInputBuffer.h"
 
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace kelto::halvek::source {
@@ -8,12 +9,19 @@ FdInputBuffer::FdInputBuffer(int descriptor) : fd(descriptor) {
     setg(buffer.data(), buffer.data(), buffer.data());
 }
 
+/**
+ * Past the C library's read, which opens and closes the thread to cancellation around every call. Nobody cancels a
+ * thread here, and an event is read in as many calls as it has bytes.
+ */
+inline bool FdInputBuffer::ReadByte(char& byte) const {
+    return syscall(SYS_read, fd, &byte, sizeof(byte)) > 0;
+}
+
 FdInputBuffer::int_type FdInputBuffer::underflow() {
     if (gptr() < egptr()) {
         return traits_type::to_int_type(*gptr());
     }
-    const ssize_t count = read(fd, buffer.data(), buffer.size());
-    if (count <= 0) {
+    if (!ReadByte(buffer.front())) {
         return traits_type::eof();
     }
     setg(buffer.data(), buffer.data(), buffer.data() + 1);
@@ -25,7 +33,7 @@ LineFound FdInputBuffer::ReadLine(std::string& line, size_t longest) {
     // A string that grows by each byte of every event would cost more than reading them.
     std::array<char, 128> piece;
     size_t length = 0;
-    while (TakeByte(piece[length])) {
+    for (bool taken = TakeLookedAt(piece[0]) || ReadByte(piece[0]); taken; taken = ReadByte(piece[length])) {
         if (piece[length] == '\n') {
             line.append(piece.data(), length);
             return line.size() > longest ? LineFound::TooLong : LineFound::Whole;
@@ -45,10 +53,10 @@ LineFound FdInputBuffer::ReadLine(std::string& line, size_t longest) {
     return line.empty() ? LineFound::None : LineFound::Whole;
 }
 
-/** Takes the byte that an underflow has left, or the next one from the descriptor. */
-inline bool FdInputBuffer::TakeByte(char& byte) {
+/** Takes the byte that an underflow has left. */
+bool FdInputBuffer::TakeLookedAt(char& byte) {
     if (gptr() == egptr()) {
-        return read(fd, &byte, 1) > 0;
+        return false;
     }
     byte = *gptr();
     gbump(1);

@@ -45,7 +45,8 @@ protected:
     int_type underflow() override;
 
 private:
-    bool TakeByte(char& byte);
+    bool ReadByte(char& byte) const;
+    bool TakeLookedAt(char& byte);
 
     std::array<char, 1> buffer{};
     const int fd;

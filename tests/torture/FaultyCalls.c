@@ -18,6 +18,7 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/uio.h>
 #include <time.h>
@@ -70,6 +71,23 @@ FAULTY(CallOpen, NULL, FILE*, fopen64, (const char* path, const char* mode), (pa
 
 FAULTY(CallRead, -1, ssize_t, read, (int fd, void* data, size_t size), (fd, data, size))
 FAULTY(CallRead, -1, ssize_t, readv, (int fd, const struct iovec* parts, int count), (fd, parts, count))
+
+/* The bytes of the event pipe are read by it. No system call has more than six arguments. */
+long syscall(long number, ...) {
+    REAL(long, syscall, long, ...)
+    long arguments[6];
+    va_list rest;
+    va_start(rest, number);
+    for (size_t i = 0; i < sizeof(arguments) / sizeof(arguments[0]); ++i) {
+        arguments[i] = va_arg(rest, long);
+    }
+    va_end(rest);
+    if (number == SYS_read && FaultFails(CallRead)) {
+        return -1;
+    }
+    return real(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
+}
+
 /* What only counts how often it was written to never refuses a write, so that its writers need not be ready for one. */
 static unsigned char counters[1024];
 
