@@ -27,9 +27,7 @@ tm LocalTime() {
 }
 
 void ReadSetting(const core::IniFile::Group& group, const char* key, std::string& value, bool& filterOn) {
-    try {
-        value = core::IniFile::GetValueFromGroup(group, key);
-    } catch (const osa::Exception&) {
+    if (!core::IniFile::TryGetValueFromGroup(group, key, value)) {
         value.clear();
         filterOn = false;
     }

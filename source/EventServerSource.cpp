@@ -61,9 +61,7 @@ EventServerSource::~EventServerSource() {
 void EventServerSource::Configure(const core::IniFile::Group& group) {
     EventSource::Configure(group);
     Log().Information("Configuring EventServer");
-    try {
-        fifoPath = core::IniFile::GetValueFromGroup(group, "Path");
-    } catch (const osa::Exception&) {
+    if (!core::IniFile::TryGetValueFromGroup(group, "Path", fifoPath)) {
         Log().Debug("Could not find fifo Path, using default");
         fifoPath = defaultFifoPath;
     }
