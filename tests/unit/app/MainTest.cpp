@@ -65,6 +65,13 @@ TEST_F(MainTest, AnOrderlyStopAfterReadinessEndsWithStatus0) {
     EXPECT_EQ(journal.Entries().back(), "destroy Probe");
 }
 
+TEST_F(MainTest, AServiceManagerThatCannotBeToldIsAWarningAndTheDaemonRuns) {
+    const test::EnvironmentVariable nowhere("NOTIFY_SOCKET", "/nowhere/socket");
+    const test::RunHook stopping([] { std::raise(SIGTERM); });
+    EXPECT_EQ(RunMain(), 0);
+    EXPECT_EQ(log.Count("Warning halvek: The service manager cannot be told READY=1: No such file or directory"), 1U);
+}
+
 TEST_F(MainTest, AnOrderlyEndEndsTheLogToo) {
     const test::RunHook stopping([] { std::raise(SIGTERM); });
     const core::Logger& logger = core::Logger::GetLogger("halvek");

@@ -5,7 +5,25 @@
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+#include <functional>
+
+namespace {
+
+/** Called before each read. */
+std::function<void()> onRead;
+
+}  // namespace
+
+// The program's own definition stands before the C library's.
+extern "C" ssize_t read(int fd, void* buffer, size_t size) {
+    if (onRead) {
+        onRead();
+    }
+    return syscall(SYS_read, fd, buffer, size);
+}
 
 namespace kelto::inet {
 
@@ -68,6 +86,16 @@ TEST_F(ReadAttachedFileTest, WhatIsNoFileIsRefusedAndNotWaitedFor) {
     ExpectRefused(folder.GetPath(), "not a regular file");
     ASSERT_EQ(mkfifo(folder.PathOf("pipe").c_str(), 0600), 0);
     ExpectRefused(folder.PathOf("pipe"), "not a regular file");
+}
+
+TEST_F(ReadAttachedFileTest, AFileThatGrowsTooLargeWhileItIsReadIsRefused) {
+    const std::string path = folder.Write("file", "small");
+    onRead = [&] {
+        onRead = nullptr;
+        EXPECT_EQ(truncate(path.c_str(), (16 << 20) + 1), 0);
+    };
+    ExpectRefused(path, "more than 16 MiB");
+    onRead = nullptr;
 }
 
 TEST_F(ReadAttachedFileTest, AFileThatMayNotBeReadIsRefused) {

@@ -2,8 +2,39 @@
 #include "tests/fakes/FailingAllocation.h"
 #include "tests/unit/platform/msgbus/MsgBusFixture.h"
 
+#include <dlfcn.h>
+#include <pthread.h>
+
 #include <atomic>
+#include <cstdint>
+#include <ctime>
+#include <mutex>
 #include <optional>
+#include <stdexcept>
+#include <vector>
+
+namespace {
+
+/** How long threads have meant to wait for a condition, if it was longer than a moment; in milliseconds. */
+std::mutex waitsMutex;
+std::vector<int64_t> longWaits;
+
+}  // namespace
+
+// The program's own definition stands before the C library's.
+extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
+                                      const timespec* end) {
+    static const auto real =
+        reinterpret_cast<decltype(&pthread_cond_clockwait)>(dlsym(RTLD_NEXT, "pthread_cond_clockwait"));
+    timespec now{};
+    clock_gettime(clock, &now);
+    const int64_t ms = int64_t{end->tv_sec - now.tv_sec} * 1000 + (end->tv_nsec - now.tv_nsec) / 1000000;
+    if (ms >= 50) {
+        const std::lock_guard lock(waitsMutex);
+        longWaits.push_back(ms);
+    }
+    return real(condition, mutex, clock, end);
+}
 
 namespace kelto::msgbus {
 
@@ -49,6 +80,34 @@ TEST(BusListener, GoesOnWhenThereWasNoMemoryForAMoment) {
             return failing.heardOfOwner > 0;
         };
         ASSERT_TRUE(test::WaitUntil(isHeard)) << "after " << goodOnes << " allocations";
+    }
+}
+
+TEST(BusListener, WhatItsReceiverThrowsIsLoggedAsItIs) {
+    const test::PrivateBus daemon;
+    const test::LogCapture log{core::LogLevel::Warning};
+    test::ScriptedService speaker{"Speaker"};
+    BusListener listener([](const MessageFilter&, const auto&) { throw std::runtime_error("100% full: %s"); });
+    listener.WaitUntilSettled(listener.AddFilter(anybody));
+    listener.WaitUntilSettled(listener.Start());
+    speaker.Emit(Said("the first"));
+    EXPECT_TRUE(log.WaitFor("Error kelto.msgbus: 100% full: %s"));
+}
+
+TEST(BusListener, WithoutABusItWaitsTwiceAsLongEachTimeBeforeItLooksAgain) {
+    const test::PrivateBus daemon(test::PrivateBus::State::Absent);
+    longWaits.clear();
+    BusListener listener([](const MessageFilter&, const auto&) {});
+    listener.Start();
+    const auto waited = [] {
+        const std::lock_guard lock(waitsMutex);
+        return longWaits;
+    };
+    ASSERT_TRUE(test::WaitUntil([&] { return waited().size() >= 4; }));
+    const std::vector<int64_t> expected = {100, 200, 400, 800};
+    for (size_t at = 0; at < expected.size(); ++at) {
+        EXPECT_LE(waited()[at], expected[at]);
+        EXPECT_GT(waited()[at], expected[at] * 3 / 4);
     }
 }
 

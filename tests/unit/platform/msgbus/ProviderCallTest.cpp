@@ -285,6 +285,26 @@ TEST(ProviderCallConnection, ABusThatAcceptsAndNeverAnswersFailsTheCallAfterFive
     EXPECT_EQ(failure, "Cannot open the message bus: Connection timed out");
 }
 
+TEST(ProviderCallConnection, ASignalDoesNotEndTheWaitForABusThatIsSlow) {
+    const test::PrivateBus daemon(State::Absent);
+    const test::SilentSocket silent(daemon.GetSocketPath());
+    struct sigaction before {};
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, &before);
+    std::atomic<bool> done = false;
+    const pthread_t caller = pthread_self();
+    std::thread disturbing([&] {
+        while (!test::WaitUntil([&] { return done.load(); }, 100ms)) {
+            pthread_kill(caller, SIGUSR1);
+        }
+    });
+    EXPECT_EQ(FailureOf(GetNames), "Cannot open the message bus: Connection timed out");
+    done = true;
+    disturbing.join();
+    sigaction(SIGUSR1, &before, nullptr);
+}
+
 TEST_F(ProviderCallTest, OpeningTheConnectionAndTheCallTakeFiveSecondsTogether) {
     service->Hold();
     daemon.Freeze();
