@@ -10,9 +10,11 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -30,6 +32,9 @@ namespace {
 
 /** Asked by each fsync whether it succeeds. */
 std::function<bool(int)> onSync;
+
+/** Asked by each write how much of a size it takes; less than none is a signal that came before it took any. */
+std::function<ssize_t(size_t)> onWrite;
 
 /** Whether a file may not be made under a name that begins with a dot, as on a card mounted as msdos. */
 std::atomic<bool> refusesDots = false;
@@ -60,6 +65,15 @@ extern "C" int fsync(int fd) {
         return -1;
     }
     return fdatasync(fd);
+}
+
+extern "C" ssize_t write(int fd, const void* data, size_t size) {
+    const ssize_t taken = onWrite ? onWrite(size) : static_cast<ssize_t>(size);
+    if (taken < 0) {
+        errno = EINTR;
+        return -1;
+    }
+    return syscall(SYS_write, fd, data, static_cast<size_t>(taken));
 }
 
 namespace kelto::osa {
@@ -295,12 +309,30 @@ TEST_F(CopyFileTest, TheContentIsOnTheDiskBeforeTheNameIs) {
         const std::string path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd));
         synced.push_back(test::ReadWholeFile(path));
         EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "old");
+        EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC) << "a command that is started meanwhile inherits nothing of it";
         return true;
     };
     EXPECT_TRUE(FileUtils::CopyFile(source, InTarget("copy.jpg"), true));
     onSync = nullptr;
     EXPECT_THAT(synced, ElementsAre("picture"));
     EXPECT_EQ(test::ReadWholeFile(InTarget("copy.jpg")), "picture");
+}
+
+TEST_F(CopyFileTest, WhatAWriteDoesNotTakeTheNextOneDoes) {
+    std::string content(50000, '\0');
+    for (size_t at = 0; at < content.size(); ++at) {
+        content[at] = static_cast<char>(at * 31 / 7);
+    }
+    const std::string large = folder.Write("large", content);
+    int count = 0;
+    onWrite = [&](size_t size) { return ++count % 3 == 0 ? -1 : static_cast<ssize_t>(std::min<size_t>(size, 1000)); };
+    EXPECT_TRUE(FileUtils::CopyFile(large, InTarget("copy"), true));
+    // A disk that takes nothing at all is full, whatever it says.
+    onWrite = [](size_t) { return ssize_t{0}; };
+    EXPECT_FALSE(FileUtils::CopyFile(large, InTarget("none"), true));
+    onWrite = nullptr;
+    EXPECT_EQ(test::ReadWholeFile(InTarget("copy")), content);
+    EXPECT_THAT(TargetNames(), ElementsAre("copy"));
 }
 
 TEST_F(CopyFileTest, ADiskThatDoesNotTakeTheContentFailsLeavesNothingAndTheOldFileStays) {
