@@ -1,17 +1,23 @@
+#include "kelto/core/LogOutput.h"
 #include "kelto/core/Logger.h"
 #include "tests/fakes/EnvironmentVariable.h"
 #include "tests/fakes/FreshProcess.h"
 #include "tests/fakes/RecordSocket.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <cstdarg>
 #include <cstring>
 #include <filesystem>
+#include <optional>
+#include <string>
 
 namespace kelto::core {
 
@@ -22,6 +28,7 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
 using ::testing::Pair;
 using ::testing::SizeIs;
 
@@ -229,6 +236,78 @@ TEST(LogOutput, AClosedStandardErrorIsNotTheJournal) {
         Logger::GetLogger("halvek").Error("text");
         EXPECT_THAT(journal.TakeRecords(), IsEmpty());
     });
+}
+
+/** Standard error as a pipe whose reader takes what is there when it is told to, with a log of its own. */
+class UnreadLog {
+public:
+    UnreadLog() : saved(dup(STDERR_FILENO)) {
+        EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+        dup2(ends[1], STDERR_FILENO);
+        fcntl(ends[0], F_SETFL, O_NONBLOCK);
+        output.emplace();
+    }
+    ~UnreadLog() {
+        dup2(saved, STDERR_FILENO);
+        for (const int fd : {saved, ends[0], ends[1]}) {
+            close(fd);
+        }
+    }
+    UnreadLog(const UnreadLog&) = delete;
+    UnreadLog& operator=(const UnreadLog&) = delete;
+
+    void Write(const char* format, ...) __attribute__((format(printf, 2, 3))) {
+        va_list arguments;
+        va_start(arguments, format);
+        output->Write(LogLevel::Information, "halvek", format, arguments);
+        va_end(arguments);
+    }
+
+    static void Fill() {
+        while (::write(STDERR_FILENO, "x", 1) == 1) {
+        }
+    }
+
+    std::string Read() const {
+        std::string all;
+        std::array<char, 65536> buffer{};
+        for (ssize_t count = 0; (count = read(ends[0], buffer.data(), buffer.size())) > 0;) {
+            all.append(buffer.data(), static_cast<size_t>(count));
+        }
+        return all;
+    }
+
+private:
+    const int saved;
+    std::array<int, 2> ends{};
+    std::optional<LogOutput> output;
+};
+
+const std::string stamp = "[-0-9T:.]{23} ";
+const std::string notice = " records were dropped, nobody reads standard error\n";
+
+TEST(LogOutput, RecordsThatFoundNoRoomAreCountedBeforeTheNextThatFindsIt) {
+    UnreadLog log;
+    log.Write("zero");
+    EXPECT_THAT(log.Read(), MatchesRegex(stamp + "Information halvek: zero\n"));
+    UnreadLog::Fill();
+    log.Write("one");
+    log.Write("two");
+    log.Read();
+    log.Write("three");
+    EXPECT_THAT(log.Read(),
+                MatchesRegex(stamp + "Error kelto.core: 2" + notice + stamp + "Information halvek: three\n"));
+    log.Write("four");
+    EXPECT_THAT(log.Read(), MatchesRegex(stamp + "Information halvek: four\n")) << "they are told once";
+}
+
+TEST(LogOutput, ARecordThatWasCutEndsItsLineBeforeTheNextBegins) {
+    UnreadLog log;
+    log.Write("%s", std::string(1 << 20, 'x').c_str());
+    log.Read();
+    log.Write("next");
+    EXPECT_THAT(log.Read(),
+                MatchesRegex("\n" + stamp + "Error kelto.core: 1" + notice + stamp + "Information halvek: next\n"));
 }
 
 }  // namespace
