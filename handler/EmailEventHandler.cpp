@@ -1,5 +1,6 @@
 #include "handler/EmailEventHandler.h"
 
+#include "env/SettingsReader.h"
 #include "handler/SnapshotPath.h"
 #include "kelto/core/Logger.h"
 #include "kelto/inet/EmailMessage.h"
@@ -72,13 +73,14 @@ EmailEventHandler::EmailEventHandler() : logger(core::Logger::GetLogger("halvek"
 
 void EmailEventHandler::Configure(const core::IniFile::Group& group) {
     EventHandler::Configure(group);
-    core::IniFile::TryGetValueFromGroup(group, "To", to);
-    core::IniFile::TryGetValueFromGroup(group, "From", from);
-    core::IniFile::TryGetValueFromGroup(group, "Subject", subject);
+    const SettingsReader reader(group);
+    reader.TryRead(keys.Text("To"), to);
+    reader.TryRead(keys.Text("From"), from);
+    reader.TryRead(keys.Text("Subject"), subject);
     ReadMessage(group);
-    attachSnapshot = core::IniFile::GetBoolOrDefaultFromGroup(group, "Attachment", false);
+    attachSnapshot = reader.Read(keys.Boolean("Attachment"));
     logger.Debug("\tThe value of _attach: %i", attachSnapshot ? 1 : 0);
-    rawEventData = core::IniFile::GetBoolOrDefaultFromGroup(group, "RawEventData", false);
+    rawEventData = reader.Read(keys.Boolean("RawEventData"));
     if (!attachSnapshot) {
         return;
     }
@@ -87,7 +89,7 @@ void EmailEventHandler::Configure(const core::IniFile::Group& group) {
 
 void EmailEventHandler::ReadMessage(const core::IniFile::Group& group) {
     std::string text;
-    core::IniFile::TryGetValueFromGroup(group, "Message", text);
+    SettingsReader(group).TryRead(keys.Text("Message"), text);
     const size_t length = base64_decode_len(text.data(), text.size());
     messageTemplate.assign(length + 1, '\0');
     base64_decode(text.data(), text.size(), messageTemplate.data(), length);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "env/SettingsKeys.h"
 #include "handler/EventHandler.h"
 
 #include <string>
@@ -24,6 +25,13 @@ namespace kelto::halvek::handler {
  */
 class EmailEventHandler : public EventHandler {
 public:
+    static constexpr SettingsKeys keys{TextKey{.name = "To"},
+                                       TextKey{.name = "From"},
+                                       TextKey{.name = "Subject"},
+                                       TextKey{.name = "Message"},
+                                       BooleanKey{.name = "Attachment", .absent = false},
+                                       BooleanKey{.name = "RawEventData", .absent = false}};
+
     EmailEventHandler();
 
     /**

@@ -1,5 +1,6 @@
 #include "handler/FolderEventHandler.h"
 
+#include "env/SettingsReader.h"
 #include "handler/FolderSize.h"
 #include "handler/ShortFileName.h"
 #include "handler/SizeWithSuffix.h"
@@ -46,12 +47,13 @@ FolderEventHandler::FolderEventHandler() : logger(core::Logger::GetLogger("halve
 
 void FolderEventHandler::Configure(const core::IniFile::Group& group) {
     EventHandler::Configure(group);
+    const SettingsReader reader(group);
     Settings read = CopySettings();
-    core::IniFile::TryGetValueFromGroup(group, "DestinationPath", read.destinationPath);
-    core::IniFile::TryGetValueFromGroup(group, "DestName", read.destName);
-    core::IniFile::TryGetValueFromGroup(group, "LimitSize", read.limitSize);
+    reader.TryRead(keys.Text("DestinationPath"), read.destinationPath);
+    reader.TryRead(keys.Text("DestName"), read.destName);
+    reader.TryRead(keys.Text("LimitSize"), read.limitSize);
     StoreSettings(read);
-    if (!core::IniFile::GetBoolFromGroup(group, "Attachment")) {
+    if (!reader.Read(keys.Boolean("Attachment"))) {
         throw osa::Exception("FolderEventHandler: No file attachment wanted, what's the point then?");
     }
     read.sourcePath = LookUpSnapshotPath();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "env/SettingsKeys.h"
 #include "handler/EventHandler.h"
 
 #include <cstdint>
@@ -18,6 +19,9 @@ namespace kelto::halvek::handler {
  */
 class FolderEventHandler : public EventHandler {
 public:
+    static constexpr SettingsKeys keys{TextKey{.name = "DestinationPath"}, TextKey{.name = "DestName"},
+                                       TextKey{.name = "LimitSize"}, BooleanKey{.name = "Attachment"}};
+
     FolderEventHandler();
 
     /**

@@ -1,5 +1,6 @@
 #include "handler/FtpEventHandler.h"
 
+#include "env/SettingsReader.h"
 #include "handler/SnapshotPath.h"
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
@@ -34,12 +35,13 @@ FtpEventHandler::FtpEventHandler() : logger(core::Logger::GetLogger("halvek")) {
 
 void FtpEventHandler::Configure(const core::IniFile::Group& group) {
     EventHandler::Configure(group);
-    core::IniFile::TryGetValueFromGroup(group, "DestName", destName);
-    core::IniFile::TryGetValueFromGroup(group, "Server", server);
-    core::IniFile::TryGetValueFromGroup(group, "BasePath", basePath);
-    core::IniFile::TryGetValueFromGroup(group, "Username", username);
-    core::IniFile::TryGetValueFromGroup(group, "Password", password);
-    if (!core::IniFile::GetBoolFromGroup(group, "Attachment")) {
+    const SettingsReader reader(group);
+    reader.TryRead(keys.Text("DestName"), destName);
+    reader.TryRead(keys.Text("Server"), server);
+    reader.TryRead(keys.Text("BasePath"), basePath);
+    reader.TryRead(keys.Text("Username"), username);
+    reader.TryRead(keys.Text("Password"), password);
+    if (!reader.Read(keys.Boolean("Attachment"))) {
         throw osa::Exception("FtpEventHandler: No file attachment wanted, what's the point then?");
     }
     FindSourcePath();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "env/SettingsKeys.h"
 #include "handler/EventHandler.h"
 
 #include <string>
@@ -18,6 +19,10 @@ namespace kelto::halvek::handler {
  */
 class FtpEventHandler : public EventHandler {
 public:
+    static constexpr SettingsKeys keys{TextKey{.name = "DestName"}, TextKey{.name = "Server"},
+                                       TextKey{.name = "BasePath"}, TextKey{.name = "Username"},
+                                       TextKey{.name = "Password"}, BooleanKey{.name = "Attachment"}};
+
     FtpEventHandler();
 
     /**

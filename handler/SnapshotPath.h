@@ -1,8 +1,14 @@
 #pragma once
 
+#include "env/SettingsKeys.h"
+
 #include <string>
 
 namespace kelto::halvek::handler {
+
+/** The group in which the camera says where its pictures are. */
+constexpr const char* snapshotGroup = "Video/Quickview";
+constexpr SettingsKeys snapshotKeys{TextKey{.name = "SnapshotPath", .required = true}};
 
 /**
  * Looks up the file in which the camera keeps its latest snapshot, in the settings as they are now.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "env/SettingsKeys.h"
 #include "kelto/core/IniFile.h"
 #include "kelto/osa/Mutex.h"
 #include "monitor/HalvekEnv.h"
@@ -29,6 +30,20 @@ class HandlerRegistry;
  */
 class EventMonitor {
 public:
+    /** Names of groups, or what they begin with. */
+    static constexpr const char* serverGroup = "Applications/halvek/Server";
+    static constexpr const char* sourcePrefix = "Events/Source#";
+    static constexpr const char* handlerPrefix = "Events/Handler#";
+
+    /** Below a handler's group: the ids of the sources that it listens to, under any keys. */
+    static constexpr const char* sourceIdsGroup = "SourceIds";
+
+    /** The one type of event server. */
+    static constexpr const char* serverType = "Pipe";
+
+    /** What the group of the event server, of a source and of a handler have in common. */
+    static constexpr SettingsKeys typeKeys{TextKey{.name = "Type", .required = true}};
+
     /** @param registry not owned, must outlive this object */
     explicit EventMonitor(HandlerRegistry* registry);
 

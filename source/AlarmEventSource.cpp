@@ -1,5 +1,6 @@
 #include "source/AlarmEventSource.h"
 
+#include "env/SettingsReader.h"
 #include "event/AlarmEvent.h"
 #include "kelto/core/Logger.h"
 #include "kelto/core/VoidObjectMethodDelegate1.h"
@@ -24,13 +25,14 @@ AlarmEventSource::~AlarmEventSource() {
 
 void AlarmEventSource::Configure(const core::IniFile::Group& group) {
     EventSource::Configure(group);
-    const int32_t newIndex = core::IniFile::GetIntOrDefaultFromGroup(group, "Index", 0);
+    const SettingsReader settings(group);
+    const int32_t newIndex = settings.Read(keys.Integer("Index"));
     {
         const std::lock_guard lock(watchedMutex);
         index = newIndex;
     }
     std::string newBankName;
-    if (core::IniFile::TryGetValueFromGroup(group, "BankName", newBankName) || FindLocalBank(newBankName)) {
+    if (settings.TryRead(keys.Text("BankName"), newBankName) || FindLocalBank(newBankName)) {
         const std::lock_guard lock(watchedMutex);
         bankName = newBankName;
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "env/SettingsKeys.h"
 #include "kelto/interfaces/IAlarmV3Provider.h"
 #include "source/EventSource.h"
 
@@ -25,6 +26,9 @@ namespace kelto::halvek::source {
  */
 class AlarmEventSource : public EventSource {
 public:
+    static constexpr SettingsKeys keys{IntegerKey{.name = "Index", .absent = 0, .lowest = 0},
+                                       TextKey{.name = "BankName"}};
+
     /**
      * Subscribes to the provider.
      *

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "env/SettingsKeys.h"
 #include "kelto/osa/Mutex.h"
 #include "kelto/osa/Runnable.h"
 #include "source/EventSource.h"
@@ -31,6 +32,8 @@ class PostedBlock;
  */
 class EventServerSource : public EventSource, public osa::Runnable {
 public:
+    static constexpr SettingsKeys keys{TextKey{.name = "Path", .absent = "/var/run/halvek.pipe"}};
+
     EventServerSource();
 
     /** Reads "Path", by default "/var/run/halvek.pipe", and creates the pipe unless something stands there already. */
