@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <utility>
 
 namespace kelto::halvek {
 
@@ -69,12 +70,13 @@ void ForgetCurrentApplication() {
 
 // The public constructor delegates to this one: once it is through, an exception there runs the destructor, so that a
 // failed start is torn down in the same order as a running daemon.
-Application::Application()
+Application::Application(EventMonitor::SourceFactory createSource)
     : logger(&core::Logger::GetLogger("halvek")),
       settingsClient(settings::OperationMode::Daemon),
-      eventMonitor(&HandlerRegistry::Instance()) {}
+      eventMonitor(&HandlerRegistry::Instance(), std::move(createSource)) {}
 
-Application::Application(int argc, char** argv) : Application() {
+Application::Application(int argc, char** argv, EventMonitor::SourceFactory createSource)
+    : Application(std::move(createSource)) {
     logManager = std::make_unique<settings::LogManager>(&settingsClient, applicationGroup);
     ParseCommandLine(argc, argv);
     settingsGroups.insert(std::string(applicationGroup) + "*");

@@ -1,7 +1,6 @@
 #include "handler/EmailEventHandler.h"
 
 #include "env/SettingsReader.h"
-#include "handler/SnapshotPath.h"
 #include "kelto/core/Logger.h"
 #include "kelto/inet/EmailMessage.h"
 #include "kelto/osa/Exception.h"
@@ -69,7 +68,8 @@ void HandToMailProgram(const std::string& mail) {
 
 }  // namespace
 
-EmailEventHandler::EmailEventHandler() : logger(core::Logger::GetLogger("halvek")) {}
+EmailEventHandler::EmailEventHandler(SnapshotLookUp lookUp)
+    : logger(core::Logger::GetLogger("halvek")), lookUpSnapshot(std::move(lookUp)) {}
 
 void EmailEventHandler::Configure(const core::IniFile::Group& group) {
     EventHandler::Configure(group);
@@ -98,7 +98,7 @@ void EmailEventHandler::ReadMessage(const core::IniFile::Group& group) {
 void EmailEventHandler::FindSnapshot() {
     logger.Debug("\tThe user wants an email attachment");
     try {
-        snapshotPath = LookUpSnapshotPath();
+        snapshotPath = lookUpSnapshot();
         logger.Debug("\tThe attachment we are using: %s", snapshotPath.c_str());
     } catch (const std::exception& exception) {
         logger.Warning("\tEmailEventHandler: %s", exception.what());

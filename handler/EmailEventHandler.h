@@ -2,6 +2,7 @@
 
 #include "env/SettingsKeys.h"
 #include "handler/EventHandler.h"
+#include "handler/SnapshotPath.h"
 
 #include <string>
 #include <vector>
@@ -32,7 +33,8 @@ public:
                                        BooleanKey{.name = "Attachment", .absent = false},
                                        BooleanKey{.name = "RawEventData", .absent = false}};
 
-    EmailEventHandler();
+    /** @param lookUp gives the snapshot's path at every configuration; may throw */
+    explicit EmailEventHandler(SnapshotLookUp lookUp = LookUpSnapshotPath);
 
     /**
      * Reads "To", "From", "Subject", "Message", "Attachment" and "RawEventData"; all may be absent. "Message" is base64
@@ -59,6 +61,7 @@ private:
     void AddTexts(inet::EmailMessage& message, const Event& event) const;
 
     core::Logger& logger;
+    const SnapshotLookUp lookUpSnapshot;
     std::string from;
     std::string to;
     std::string subject;

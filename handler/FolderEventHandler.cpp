@@ -48,16 +48,16 @@ FolderEventHandler::FolderEventHandler() : logger(core::Logger::GetLogger("halve
 void FolderEventHandler::Configure(const core::IniFile::Group& group) {
     EventHandler::Configure(group);
     const SettingsReader reader(group);
-    Settings read = CopySettings();
+    Settings read = settings.Copy();
     reader.TryRead(keys.Text("DestinationPath"), read.destinationPath);
     reader.TryRead(keys.Text("DestName"), read.destName);
     reader.TryRead(keys.Text("LimitSize"), read.limitSize);
-    StoreSettings(read);
+    settings.Store(read);
     if (!reader.Read(keys.Boolean("Attachment"))) {
         throw osa::Exception("FolderEventHandler: No file attachment wanted, what's the point then?");
     }
     read.sourcePath = LookUpSnapshotPath();
-    StoreSettings(read);
+    settings.Store(read);
     logger.Debug("\tThe file we are copying: %s", read.sourcePath.c_str());
     if (read.sourcePath.empty()) {
         throw osa::Exception("FolderEventHandler: the path of the source file was not found");
@@ -82,7 +82,7 @@ void FolderEventHandler::PerformAction(Event&) {
 }
 
 void FolderEventHandler::SaveSnapshot() {
-    Settings current = CopySettings();
+    Settings current = settings.Copy();
     const std::string realDestination = osa::PathUtils::RealPath(current.destinationPath);
     if (!IsSnapshotSavingAllowed(realDestination)) {
         return;
@@ -94,7 +94,7 @@ void FolderEventHandler::SaveSnapshot() {
     }
     current.destinationPath = realDestination;
     current.sourcePath = realSource;
-    StoreSettings(current);
+    settings.Store(current);
     const uint64_t limit = ParseLimit(current.limitSize);
     if (limit == 0) {
         logger.Debug("Zero limit size, so limit size functionality skipped");
@@ -141,16 +141,6 @@ bool FolderEventHandler::Copy(const std::string& source, const std::string& dest
     }
     logger.Debug("Copy succeeded");
     return true;
-}
-
-FolderEventHandler::Settings FolderEventHandler::CopySettings() const {
-    const std::lock_guard lock(settingsMutex);
-    return settings;
-}
-
-void FolderEventHandler::StoreSettings(const Settings& newSettings) {
-    const std::lock_guard lock(settingsMutex);
-    settings = newSettings;
 }
 
 }  // namespace kelto::halvek::handler

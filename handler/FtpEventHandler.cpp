@@ -1,7 +1,6 @@
 #include "handler/FtpEventHandler.h"
 
 #include "env/SettingsReader.h"
-#include "handler/SnapshotPath.h"
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/PathUtils.h"
@@ -12,6 +11,7 @@
 #include <cstdlib>
 #include <exception>
 #include <string_view>
+#include <utility>
 
 namespace kelto::halvek::handler {
 
@@ -31,7 +31,8 @@ constexpr HandlerRegistration registration{"Ftp", Create, 0};
 
 }  // namespace
 
-FtpEventHandler::FtpEventHandler() : logger(core::Logger::GetLogger("halvek")) {}
+FtpEventHandler::FtpEventHandler(SnapshotLookUp lookUp)
+    : logger(core::Logger::GetLogger("halvek")), lookUpSnapshot(std::move(lookUp)) {}
 
 void FtpEventHandler::Configure(const core::IniFile::Group& group) {
     EventHandler::Configure(group);
@@ -60,7 +61,7 @@ void FtpEventHandler::FindSourcePath() {
 /** After a failure the path is what it was. */
 void FtpEventHandler::LookUpSourcePath() {
     try {
-        sourcePath = LookUpSnapshotPath();
+        sourcePath = lookUpSnapshot();
     } catch (const std::exception& exception) {
         logger.Warning("\tFtpEventHandler: %s", exception.what());
     } catch (...) {

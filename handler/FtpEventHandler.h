@@ -2,6 +2,7 @@
 
 #include "env/SettingsKeys.h"
 #include "handler/EventHandler.h"
+#include "handler/SnapshotPath.h"
 
 #include <string>
 
@@ -23,7 +24,8 @@ public:
                                        TextKey{.name = "BasePath"}, TextKey{.name = "Username"},
                                        TextKey{.name = "Password"}, BooleanKey{.name = "Attachment"}};
 
-    FtpEventHandler();
+    /** @param lookUp gives the snapshot's path at every configuration; may throw */
+    explicit FtpEventHandler(SnapshotLookUp lookUp = LookUpSnapshotPath);
 
     /**
      * Reads "Server", "Username", "Password", "BasePath", "DestName", the conversions of strftime in it, and
@@ -51,6 +53,7 @@ private:
     void RunCommand(const std::string& remoteFullPath) const;
 
     core::Logger& logger;
+    const SnapshotLookUp lookUpSnapshot;
 
     // Constant after Configure.
     std::string username;

@@ -38,15 +38,15 @@ RelayEventHandler::RelayEventHandler(std::unique_ptr<interfaces::IRelayV3Provide
 
 void RelayEventHandler::Configure(const core::IniFile::Group& group) {
     EventHandler::Configure(group);
-    Settings read = CopySettings();
+    Settings read = settings.Copy();
     try {
         ReadSettings(group, read);
     } catch (...) {
         // What has been read until then holds.
-        StoreSettings(read);
+        settings.Store(read);
         throw;
     }
-    StoreSettings(read);
+    settings.Store(read);
     logger.Information("Configured relay at index: %d", read.index);
 }
 
@@ -79,8 +79,7 @@ void RelayEventHandler::ReadBankName(const SettingsReader& reader, std::string& 
 }
 
 bool RelayEventHandler::IsConfigured() const {
-    const std::lock_guard lock(settingsMutex);
-    return settings.index != notConfigured;
+    return settings.Copy().index != notConfigured;
 }
 
 void RelayEventHandler::PerformAction(Event&) {
@@ -97,7 +96,7 @@ void RelayEventHandler::PerformAction(Event&) {
 }
 
 void RelayEventHandler::DriveRelay() {
-    Settings relay = CopySettings();
+    Settings relay = settings.Copy();
     if (relay.hasExplicitSettings) {
         relayClient->SetConfiguration(relay.bankName, relay.index, relay.polarity, relay.mode, relay.onIntervalMs,
                                       relay.offIntervalMs, relay.pulseCount);
@@ -106,19 +105,9 @@ void RelayEventHandler::DriveRelay() {
         // The polarity is the call's result, not the polarity that it reports. Meant so.
         relay.polarity = relayClient->GetConfiguration(relay.bankName, relay.index, polarity, relay.mode,
                                                        relay.onIntervalMs, relay.offIntervalMs, relay.pulseCount);
-        StoreSettings(relay);
+        settings.Store(relay);
     }
     relayClient->Activate(relay.bankName, relay.index, relay.mode);
-}
-
-RelayEventHandler::Settings RelayEventHandler::CopySettings() const {
-    const std::lock_guard lock(settingsMutex);
-    return settings;
-}
-
-void RelayEventHandler::StoreSettings(const Settings& newSettings) {
-    const std::lock_guard lock(settingsMutex);
-    settings = newSettings;
 }
 
 }  // namespace kelto::halvek::handler

@@ -11,6 +11,7 @@
 #include "source/SourceFactory.h"
 
 #include <exception>
+#include <utility>
 
 namespace kelto::halvek {
 
@@ -35,8 +36,11 @@ core::IniFile::Group HandlerSettings(const core::IniFile& ini, const std::string
 
 }  // namespace
 
-EventMonitor::EventMonitor(HandlerRegistry* registry)
-    : logger(core::Logger::GetLogger("halvek")), structLock("EventMonitor::StructLock"), handlerRegistry(registry) {}
+EventMonitor::EventMonitor(HandlerRegistry* registry, SourceFactory createSource)
+    : logger(core::Logger::GetLogger("halvek")),
+      structLock("EventMonitor::StructLock"),
+      handlerRegistry(registry),
+      createEventSource(createSource ? std::move(createSource) : CreateEventSource) {}
 
 EventMonitor::~EventMonitor() {
     try {
@@ -99,7 +103,7 @@ void EventMonitor::LoadServers(const core::IniFile& ini) {
             throw osa::Exception("We currently only support pipe servers");
         }
         logger.Information("\tFound Server: %s", type.c_str());
-        std::unique_ptr<EventSource> server = CreateEventSource("server", nullptr);
+        std::unique_ptr<EventSource> server = createEventSource("server", nullptr);
         if (server != nullptr) {
             server->Configure(ini.FindGroup(std::string(serverGroup) + "/" + type));
             sources[serverGroup] = std::move(server);
@@ -114,7 +118,7 @@ void EventMonitor::LoadServers(const core::IniFile& ini) {
 void EventMonitor::LoadSources(const core::IniFile& ini) {
     const osa::MutexAutoLock lock(structLock);
     try {
-        std::unique_ptr<EventSource> msgBusSource = CreateEventSource("MsgBus", &env);
+        std::unique_ptr<EventSource> msgBusSource = createEventSource("MsgBus", &env);
         if (msgBusSource != nullptr) {
             sources[msgBusId] = std::move(msgBusSource);
         }
@@ -135,7 +139,7 @@ void EventMonitor::LoadSource(const core::IniFile& ini, const std::string& group
         logger.Information("\tFound source %s", group.c_str());
         const std::string& type = ReadType(ini, group);
         logger.Information("\tSource: %s\tType: %s", group.c_str(), type.c_str());
-        std::unique_ptr<EventSource> source = CreateEventSource(type, &env);
+        std::unique_ptr<EventSource> source = createEventSource(type, &env);
         if (source == nullptr) {
             return;
         }

@@ -5,6 +5,7 @@
 #include "kelto/osa/Mutex.h"
 #include "monitor/HalvekEnv.h"
 
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -44,8 +45,14 @@ public:
     /** What the group of the event server, of a source and of a handler have in common. */
     static constexpr SettingsKeys typeKeys{TextKey{.name = "Type", .required = true}};
 
-    /** @param registry not owned, must outlive this object */
-    explicit EventMonitor(HandlerRegistry* registry);
+    /** Makes a source of a type, as CreateEventSource does. */
+    using SourceFactory = std::function<std::unique_ptr<EventSource>(const std::string& typeName, HalvekEnv* env)>;
+
+    /**
+     * @param registry not owned, must outlive this object
+     * @param createSource makes all sources; an empty one stands for CreateEventSource
+     */
+    explicit EventMonitor(HandlerRegistry* registry, SourceFactory createSource = {});
 
     /** Stops and destroys all sources, then the handlers, then the environment. Throws nothing. */
     virtual ~EventMonitor();
@@ -102,6 +109,7 @@ private:
     std::map<std::string, std::unique_ptr<EventSource>> sources;
 
     HandlerRegistry* handlerRegistry;
+    const SourceFactory createEventSource;
 };
 
 }  // namespace kelto::halvek

@@ -47,6 +47,9 @@ public:
     /** Appends the names of all records of a kind, in list order. */
     void GetNamesOfKind(int32_t kind, std::list<std::string>& names) const;
 
+    /** All records, in list order. */
+    const std::pmr::list<const HandlerRegistration*>& GetRegistrations() const { return registrations; }
+
 private:
     const HandlerRegistration* FindByName(const std::string& type) const;
 

@@ -26,17 +26,15 @@ AlarmEventSource::~AlarmEventSource() {
 void AlarmEventSource::Configure(const core::IniFile::Group& group) {
     EventSource::Configure(group);
     const SettingsReader settings(group);
-    const int32_t newIndex = settings.Read(keys.Integer("Index"));
-    {
-        const std::lock_guard lock(watchedMutex);
-        index = newIndex;
+    Watched input = watched.Copy();
+    input.index = settings.Read(keys.Integer("Index"));
+    watched.Store(input);
+    std::string bankName;
+    if (settings.TryRead(keys.Text("BankName"), bankName) || FindLocalBank(bankName)) {
+        input.bankName = bankName;
+        watched.Store(input);
     }
-    std::string newBankName;
-    if (settings.TryRead(keys.Text("BankName"), newBankName) || FindLocalBank(newBankName)) {
-        const std::lock_guard lock(watchedMutex);
-        bankName = newBankName;
-    }
-    logger.Information("Configured alarm %d", newIndex);
+    logger.Information("Configured alarm %d", input.index);
 }
 
 /** The first bank that the provider does not call remote; false if there is none. */
@@ -73,11 +71,9 @@ std::string AlarmEventSource::ToString() const {
 void AlarmEventSource::HandleStateChange(StateChangeEventArgs change) {
     logger.Debug("Received state change for alarm %s:%d -> %d", change.bankName.c_str(), change.index,
                  static_cast<int>(change.active));
-    {
-        const std::lock_guard lock(watchedMutex);
-        if (change.index != index || change.bankName != bankName) {
-            return;
-        }
+    const Watched input = watched.Copy();
+    if (change.index != input.index || change.bankName != input.bankName) {
+        return;
     }
     event::AlarmEvent event({{"eventType", typeName},
                              {"alarmIndex", std::to_string(change.index)},
