@@ -231,6 +231,7 @@ void EventMonitor::LoadAlwaysOnHandlers(const core::IniFile&) {
 }
 
 void EventMonitor::AttachToAllSources(const std::string& name, EventHandler* handler) {
+    const osa::MutexAutoLock lock(structLock);
     logger.Debug("Number of sources: %i", static_cast<int>(sources.size()));
     for (const auto& [id, source] : sources) {
         logger.Debug("Added %s handler to source", name.c_str());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "env/SettingsKeys.h"
+#include "env/ThreadSafety.h"
 #include "kelto/core/IniFile.h"
 #include "kelto/osa/Mutex.h"
 #include "monitor/HalvekEnv.h"
@@ -95,18 +96,17 @@ public:
     static void EnumerateGroups(const core::IniFile& ini, const std::string& prefix, std::list<std::string>& names);
 
 private:
-    void LoadSource(const core::IniFile& ini, const std::string& group);
-    void LoadHandler(const core::IniFile& ini, const std::string& group);
-    void AttachToSource(const core::IniFile& ini, EventHandler* handler, const std::string& id);
-    EventHandler* Own(std::unique_ptr<EventHandler> handler);
+    void LoadSource(const core::IniFile& ini, const std::string& group) HALVEK_REQUIRES(structLock);
+    void LoadHandler(const core::IniFile& ini, const std::string& group) HALVEK_REQUIRES(structLock);
+    void AttachToSource(const core::IniFile& ini, EventHandler* handler, const std::string& id)
+        HALVEK_REQUIRES(structLock);
+    EventHandler* Own(std::unique_ptr<EventHandler> handler) HALVEK_REQUIRES(structLock);
 
     core::Logger& logger;
     osa::Mutex structLock;
-
-    // Guarded by structLock.
-    HalvekEnv env;
-    std::vector<std::unique_ptr<EventHandler>> handlers;
-    std::map<std::string, std::unique_ptr<EventSource>> sources;
+    HalvekEnv env HALVEK_GUARDED_BY(structLock);
+    std::vector<std::unique_ptr<EventHandler>> handlers HALVEK_GUARDED_BY(structLock);
+    std::map<std::string, std::unique_ptr<EventSource>> sources HALVEK_GUARDED_BY(structLock);
 
     HandlerRegistry* handlerRegistry;
     const SourceFactory createEventSource;

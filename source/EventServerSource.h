@@ -1,6 +1,7 @@
 #pragma once
 
 #include "env/SettingsKeys.h"
+#include "env/ThreadSafety.h"
 #include "kelto/osa/Mutex.h"
 #include "kelto/osa/Runnable.h"
 #include "source/EventSource.h"
@@ -70,8 +71,8 @@ private:
     void FireReceived(PostedBlock& block);
 
     const core::Logger& logger;
-    std::map<std::string, std::vector<EventHandler*>> handlersByEventId;
     const std::unique_ptr<osa::Mutex> handlersMapLock;
+    std::map<std::string, std::vector<EventHandler*>> handlersByEventId HALVEK_GUARDED_BY(*handlersMapLock);
     std::atomic<bool> running = false;
     std::string fifoPath;
     ListeningThread thread;

@@ -7,6 +7,7 @@
 #include "kelto/msgbus/MsgBusMsg.h"
 #include "kelto/osa/Mutex.h"
 #include "kelto/osa/MutexAutoLock.h"
+#include "kelto/osa/ThreadSafety.h"
 
 #include <list>
 #include <memory>
@@ -83,9 +84,7 @@ private:
     const msgbus::MessageFilter filter;
     const Decode decode;
     osa::Mutex lock;
-
-    // Guarded by lock.
-    std::list<std::unique_ptr<Registration>> registrations;
+    std::list<std::unique_ptr<Registration>> registrations KELTO_THREAD_SAFETY(guarded_by(lock));
 };
 
 }  // namespace kelto::interfaces
