@@ -1,10 +1,10 @@
 #include "app/Application.h"
 
+#include "env/HandlerRegistry.h"
 #include "kelto/core/IniFile.h"
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/settings/LogManager.h"
-#include "monitor/HandlerRegistry.h"
 #include "util/cmdline.h"
 
 #include <fcntl.h>

@@ -1,10 +1,10 @@
 #include "handler/EmailEventHandler.h"
 
+#include "env/HandlerRegistry.h"
 #include "env/SettingsReader.h"
 #include "kelto/core/Logger.h"
 #include "kelto/inet/EmailMessage.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/HandlerRegistry.h"
 #include "util/base64.h"
 
 #include <csignal>

@@ -1,5 +1,6 @@
 #include "handler/FolderEventHandler.h"
 
+#include "env/HandlerRegistry.h"
 #include "env/SettingsReader.h"
 #include "handler/FolderSize.h"
 #include "handler/ShortFileName.h"
@@ -11,7 +12,6 @@
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/FileUtils.h"
 #include "kelto/osa/PathUtils.h"
-#include "monitor/HandlerRegistry.h"
 
 #include <sys/stat.h>
 

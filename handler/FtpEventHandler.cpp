@@ -1,10 +1,10 @@
 #include "handler/FtpEventHandler.h"
 
+#include "env/HandlerRegistry.h"
 #include "env/SettingsReader.h"
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/PathUtils.h"
-#include "monitor/HandlerRegistry.h"
 
 #include <array>
 #include <cstdio>

@@ -1,11 +1,11 @@
 #include "handler/PresetEventHandler.h"
 
+#include "env/HalvekEnv.h"
+#include "env/HandlerRegistry.h"
 #include "env/SettingsReader.h"
 #include "handler/CommandLevel.h"
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/HalvekEnv.h"
-#include "monitor/HandlerRegistry.h"
 
 namespace kelto::halvek::handler {
 

@@ -1,10 +1,10 @@
 #include "handler/RelayEventHandler.h"
 
+#include "env/HalvekEnv.h"
+#include "env/HandlerRegistry.h"
 #include "env/SettingsReader.h"
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/HalvekEnv.h"
-#include "monitor/HandlerRegistry.h"
 
 #include <algorithm>
 #include <array>

@@ -1,12 +1,12 @@
 #include "monitor/EventMonitor.h"
 
+#include "env/HandlerRegistry.h"
 #include "env/SettingsReader.h"
 #include "handler/EventHandler.h"
 #include "kelto/core/Logger.h"
 #include "kelto/core/StringUtil.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/MutexAutoLock.h"
-#include "monitor/HandlerRegistry.h"
 #include "source/EventSource.h"
 #include "source/SourceFactory.h"
 

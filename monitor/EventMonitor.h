@@ -1,10 +1,10 @@
 #pragma once
 
+#include "env/HalvekEnv.h"
 #include "env/SettingsKeys.h"
 #include "env/ThreadSafety.h"
 #include "kelto/core/IniFile.h"
 #include "kelto/osa/Mutex.h"
-#include "monitor/HalvekEnv.h"
 
 #include <functional>
 #include <list>

@@ -1,11 +1,11 @@
 #include "source/AlarmEventSource.h"
 
+#include "env/AlarmCommon.h"
 #include "env/SettingsReader.h"
 #include "event/AlarmEvent.h"
 #include "kelto/core/Logger.h"
 #include "kelto/core/VoidObjectMethodDelegate1.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/AlarmCommon.h"
 
 #include <memory>
 

@@ -1,5 +1,6 @@
 #include "source/ParkEventSource.h"
 
+#include "env/MotionStateCommon.h"
 #include "env/SettingsReader.h"
 #include "event/ParkEvent.h"
 #include "kelto/core/Logger.h"
@@ -7,7 +8,6 @@
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/Signal.h"
 #include "kelto/osa/Thread.h"
-#include "monitor/MotionStateCommon.h"
 
 #include <csignal>
 #include <memory>

@@ -145,7 +145,6 @@ class Source:
         for found in re.finditer(rf"({pattern})\(", self.text):
             arguments = split_arguments(self.text, found.end())
             if not re.match(r"const |int ", arguments[0]):
-                heads = re.finditer(r"^(?!constexpr|\[\[)[A-Za-z][^;{}=]*?(\w+)\(", self.text[: found.start()], re.M)
                 yield Call(self.place(found.start()), arguments, found[1])
 
 

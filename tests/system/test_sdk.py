@@ -14,7 +14,7 @@ from harness import SERVER, Daemon, block, handler, post, source, timer, unstamp
 
 SOURCES = Path(__file__).resolve().parents[2]
 BUILD = Path(harness.PROGRAM).resolve().parents[1]
-DAEMON_FOLDERS = ("app", "event", "handler", "monitor", "source", "camera", "docs", "packaging")
+DAEMON_FOLDERS = ("app", "env", "event", "handler", "monitor", "source", "camera", "docs", "packaging")
 SMALL_CAMERA = SOURCES / "tests/sdk"
 
 

@@ -7,7 +7,6 @@
 #include "kelto/msgbus/MsgBusMsg.h"
 #include "kelto/osa/Mutex.h"
 #include "kelto/osa/MutexAutoLock.h"
-#include "kelto/osa/ThreadSafety.h"
 
 #include <list>
 #include <memory>

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "kelto/osa/Mutex.h"
-#include "kelto/osa/ThreadSafety.h"
 
 namespace kelto::osa {
 

@@ -1,6 +1,6 @@
+#include "env/HandlerRegistry.h"
 #include "env/SettingsKeys.h"
 #include "handler/HandlerKeys.h"
-#include "monitor/HandlerRegistry.h"
 #include "source/SourceFactory.h"
 
 #include <gmock/gmock.h>

@@ -1,9 +1,9 @@
+#include "env/HalvekEnv.h"
+#include "env/HandlerRegistry.h"
 #include "event/TimerEvent.h"
 #include "handler/RelayEventHandler.h"
 #include "kelto/interfaces/IRelayV3Provider.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/HalvekEnv.h"
-#include "monitor/HandlerRegistry.h"
 #include "tests/fakes/FakeProviders.h"
 #include "tests/fakes/LogCapture.h"
 

@@ -1,4 +1,4 @@
-#include "monitor/HandlerRegistry.h"
+#include "env/HandlerRegistry.h"
 
 #include <gmock/gmock.h>
 

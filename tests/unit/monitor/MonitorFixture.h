@@ -1,9 +1,9 @@
 #pragma once
 
+#include "env/HandlerRegistry.h"
 #include "handler/EventHandler.h"
 #include "kelto/core/IniFile.h"
 #include "monitor/EventMonitor.h"
-#include "monitor/HandlerRegistry.h"
 #include "tests/fakes/Descriptors.h"
 #include "tests/fakes/Journal.h"
 #include "tests/fakes/LogCapture.h"

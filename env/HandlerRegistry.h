@@ -1,6 +1,6 @@
 #pragma once
 
-#include "monitor/HandlerRegistration.h"
+#include "env/HandlerRegistration.h"
 
 #include <array>
 #include <cstddef>
