@@ -159,11 +159,11 @@ void Application::WaitForCommands() {
         if (!WaitForInput()) {
             continue;
         }
-        // The look-up brings the log's clock up to date: it may have been changed since the last record.
-        core::Logger::GetLogger("halvek");
+        // Looked up anew, for that brings the log's clock up to date: it may have been changed since the last record.
+        const core::Logger& upToDate = core::Logger::GetLogger("halvek");
         char command = '\0';
         static_cast<void>(!read(pipeFds[0], &command, 1));
-        logger->Information("got: '%c' (%d)", command, command);
+        upToDate.Information("got: '%c' (%d)", command, command);
         if (command == reloadCommand) {
             Reload();
         } else {
