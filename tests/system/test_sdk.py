@@ -89,7 +89,9 @@ def headers_in_the_book() -> set[str]:
 
 def headers_of_the_daemon() -> set[str]:
     """What its folders include of the platform."""
-    files = (path for folder in DAEMON_FOLDERS for path in (SOURCES / folder).glob("*") if path.suffix in (".h", ".cpp"))
+    files = (
+        path for folder in DAEMON_FOLDERS for path in (SOURCES / folder).glob("*") if path.suffix in (".h", ".cpp")
+    )
     pattern = re.compile(r'^#include "((?:kelto|vassa|util)/[\w/]+\.h)"', re.MULTILINE)
     return {header for path in files for header in pattern.findall(path.read_text())}
 
