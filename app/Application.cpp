@@ -1,10 +1,10 @@
 #include "app/Application.h"
 
+#include "env/HandlerRegistry.h"
 #include "kelto/core/IniFile.h"
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/settings/LogManager.h"
-#include "monitor/HandlerRegistry.h"
 #include "util/cmdline.h"
 
 #include <fcntl.h>
@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <utility>
 
 namespace kelto::halvek {
 
@@ -69,12 +70,13 @@ void ForgetCurrentApplication() {
 
 // The public constructor delegates to this one: once it is through, an exception there runs the destructor, so that a
 // failed start is torn down in the same order as a running daemon.
-Application::Application()
+Application::Application(EventMonitor::SourceFactory createSource)
     : logger(&core::Logger::GetLogger("halvek")),
       settingsClient(settings::OperationMode::Daemon),
-      eventMonitor(&HandlerRegistry::Instance()) {}
+      eventMonitor(&HandlerRegistry::Instance(), std::move(createSource)) {}
 
-Application::Application(int argc, char** argv) : Application() {
+Application::Application(int argc, char** argv, EventMonitor::SourceFactory createSource)
+    : Application(std::move(createSource)) {
     logManager = std::make_unique<settings::LogManager>(&settingsClient, applicationGroup);
     ParseCommandLine(argc, argv);
     settingsGroups.insert(std::string(applicationGroup) + "*");
@@ -157,11 +159,11 @@ void Application::WaitForCommands() {
         if (!WaitForInput()) {
             continue;
         }
-        // The look-up brings the log's clock up to date: it may have been changed since the last record.
-        core::Logger::GetLogger("halvek");
+        // Looked up anew, for that brings the log's clock up to date: it may have been changed since the last record.
+        const core::Logger& upToDate = core::Logger::GetLogger("halvek");
         char command = '\0';
         static_cast<void>(!read(pipeFds[0], &command, 1));
-        logger->Information("got: '%c' (%d)", command, command);
+        upToDate.Information("got: '%c' (%d)", command, command);
         if (command == reloadCommand) {
             Reload();
         } else {

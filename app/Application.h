@@ -31,10 +31,11 @@ public:
      * Starts everything: when it returns the first configuration runs and signals are caught. A configuration that
      * cannot be loaded is logged and does not stop the start.
      *
+     * @param createSource makes all sources; an empty one stands for the daemon's own
      * @throws kelto::osa::Exception for an option on the command line and for want of descriptors; what was built by
      * then is torn down in the order of the destructor
      */
-    Application(int argc, char** argv);
+    Application(int argc, char** argv, EventMonitor::SourceFactory createSource = {});
 
     /** Gives the signals back their default actions, then stops and destroys everything. */
     ~Application();
@@ -58,7 +59,7 @@ public:
     void HandleSignal(int signal);
 
 private:
-    Application();
+    explicit Application(EventMonitor::SourceFactory createSource);
 
     static void ParseCommandLine(int argc, char** argv);
     void CreateSelfPipe();

@@ -1,10 +1,10 @@
 #include "handler/EmailEventHandler.h"
 
-#include "handler/SnapshotPath.h"
+#include "env/HandlerRegistry.h"
+#include "env/SettingsReader.h"
 #include "kelto/core/Logger.h"
 #include "kelto/inet/EmailMessage.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/HandlerRegistry.h"
 #include "util/base64.h"
 
 #include <csignal>
@@ -68,17 +68,19 @@ void HandToMailProgram(const std::string& mail) {
 
 }  // namespace
 
-EmailEventHandler::EmailEventHandler() : logger(core::Logger::GetLogger("halvek")) {}
+EmailEventHandler::EmailEventHandler(SnapshotLookUp lookUp)
+    : logger(core::Logger::GetLogger("halvek")), lookUpSnapshot(std::move(lookUp)) {}
 
 void EmailEventHandler::Configure(const core::IniFile::Group& group) {
     EventHandler::Configure(group);
-    core::IniFile::TryGetValueFromGroup(group, "To", to);
-    core::IniFile::TryGetValueFromGroup(group, "From", from);
-    core::IniFile::TryGetValueFromGroup(group, "Subject", subject);
+    const SettingsReader reader(group);
+    reader.TryRead(keys.Text("To"), to);
+    reader.TryRead(keys.Text("From"), from);
+    reader.TryRead(keys.Text("Subject"), subject);
     ReadMessage(group);
-    attachSnapshot = core::IniFile::GetBoolOrDefaultFromGroup(group, "Attachment", false);
+    attachSnapshot = reader.Read(keys.Boolean("Attachment"));
     logger.Debug("\tThe value of _attach: %i", attachSnapshot ? 1 : 0);
-    rawEventData = core::IniFile::GetBoolOrDefaultFromGroup(group, "RawEventData", false);
+    rawEventData = reader.Read(keys.Boolean("RawEventData"));
     if (!attachSnapshot) {
         return;
     }
@@ -87,7 +89,7 @@ void EmailEventHandler::Configure(const core::IniFile::Group& group) {
 
 void EmailEventHandler::ReadMessage(const core::IniFile::Group& group) {
     std::string text;
-    core::IniFile::TryGetValueFromGroup(group, "Message", text);
+    SettingsReader(group).TryRead(keys.Text("Message"), text);
     const size_t length = base64_decode_len(text.data(), text.size());
     messageTemplate.assign(length + 1, '\0');
     base64_decode(text.data(), text.size(), messageTemplate.data(), length);
@@ -96,7 +98,7 @@ void EmailEventHandler::ReadMessage(const core::IniFile::Group& group) {
 void EmailEventHandler::FindSnapshot() {
     logger.Debug("\tThe user wants an email attachment");
     try {
-        snapshotPath = LookUpSnapshotPath();
+        snapshotPath = lookUpSnapshot();
         logger.Debug("\tThe attachment we are using: %s", snapshotPath.c_str());
     } catch (const std::exception& exception) {
         logger.Warning("\tEmailEventHandler: %s", exception.what());

@@ -1,6 +1,8 @@
 #pragma once
 
+#include "env/SettingsKeys.h"
 #include "handler/EventHandler.h"
+#include "handler/SnapshotPath.h"
 
 #include <string>
 #include <vector>
@@ -24,7 +26,15 @@ namespace kelto::halvek::handler {
  */
 class EmailEventHandler : public EventHandler {
 public:
-    EmailEventHandler();
+    static constexpr SettingsKeys keys{TextKey{.name = "To"},
+                                       TextKey{.name = "From"},
+                                       TextKey{.name = "Subject"},
+                                       TextKey{.name = "Message"},
+                                       BooleanKey{.name = "Attachment", .absent = false},
+                                       BooleanKey{.name = "RawEventData", .absent = false}};
+
+    /** @param lookUp gives the snapshot's path at every configuration; may throw */
+    explicit EmailEventHandler(SnapshotLookUp lookUp = LookUpSnapshotPath);
 
     /**
      * Reads "To", "From", "Subject", "Message", "Attachment" and "RawEventData"; all may be absent. "Message" is base64
@@ -51,6 +61,7 @@ private:
     void AddTexts(inet::EmailMessage& message, const Event& event) const;
 
     core::Logger& logger;
+    const SnapshotLookUp lookUpSnapshot;
     std::string from;
     std::string to;
     std::string subject;

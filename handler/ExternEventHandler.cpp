@@ -1,11 +1,11 @@
 #include "handler/ExternEventHandler.h"
 
+#include "env/HandlerRegistry.h"
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/FileUtils.h"
 #include "kelto/osa/PathUtils.h"
 #include "kelto/osa/UniqueFd.h"
-#include "monitor/HandlerRegistry.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,5 +1,6 @@
 #include "handler/FilterChain.h"
 
+#include "env/SettingsReader.h"
 #include "kelto/core/Logger.h"
 #include "kelto/core/StringUtil.h"
 #include "kelto/osa/Exception.h"
@@ -26,8 +27,8 @@ tm LocalTime() {
     return local;
 }
 
-void ReadSetting(const core::IniFile::Group& group, const char* key, std::string& value, bool& filterOn) {
-    if (!core::IniFile::TryGetValueFromGroup(group, key, value)) {
+void ReadSetting(const SettingsReader& reader, const TextKey& key, std::string& value, bool& filterOn) {
+    if (!reader.TryRead(key, value)) {
         value.clear();
         filterOn = false;
     }
@@ -42,8 +43,9 @@ bool ParseRange(const std::string& text, int32_t& low, int32_t& high) {
 }  // namespace
 
 void FilterChain::Configure(const core::IniFile::Group& group) {
-    ReadSetting(group, "EnabledTimes", enabledTimes, timeFilterOn);
-    ReadSetting(group, "EnabledDays", enabledDays, dayFilterOn);
+    const SettingsReader reader(group);
+    ReadSetting(reader, keys.Text("EnabledTimes"), enabledTimes, timeFilterOn);
+    ReadSetting(reader, keys.Text("EnabledDays"), enabledDays, dayFilterOn);
     if (!enabledTimes.empty()) {
         timeFilterOn = true;
         Log().Information("\tFilterChain: Configured time filter");

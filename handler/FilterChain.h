@@ -1,5 +1,6 @@
 #pragma once
 
+#include "env/SettingsKeys.h"
 #include "event/IConfigurable.h"
 
 #include <string>
@@ -17,6 +18,9 @@ namespace kelto::halvek {
  */
 class FilterChain : public virtual IConfigurable {
 public:
+    /** What stands in every handler's group. */
+    static constexpr SettingsKeys keys{TextKey{.name = "EnabledTimes"}, TextKey{.name = "EnabledDays"}};
+
     FilterChain() = default;
 
     /** Throws nothing: an absent key switches its filter off. A key that is there but empty leaves the switch as it

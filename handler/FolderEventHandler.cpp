@@ -1,5 +1,7 @@
 #include "handler/FolderEventHandler.h"
 
+#include "env/HandlerRegistry.h"
+#include "env/SettingsReader.h"
 #include "handler/FolderSize.h"
 #include "handler/ShortFileName.h"
 #include "handler/SizeWithSuffix.h"
@@ -10,7 +12,6 @@
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/FileUtils.h"
 #include "kelto/osa/PathUtils.h"
-#include "monitor/HandlerRegistry.h"
 
 #include <sys/stat.h>
 
@@ -46,16 +47,17 @@ FolderEventHandler::FolderEventHandler() : logger(core::Logger::GetLogger("halve
 
 void FolderEventHandler::Configure(const core::IniFile::Group& group) {
     EventHandler::Configure(group);
-    Settings read = CopySettings();
-    core::IniFile::TryGetValueFromGroup(group, "DestinationPath", read.destinationPath);
-    core::IniFile::TryGetValueFromGroup(group, "DestName", read.destName);
-    core::IniFile::TryGetValueFromGroup(group, "LimitSize", read.limitSize);
-    StoreSettings(read);
-    if (!core::IniFile::GetBoolFromGroup(group, "Attachment")) {
+    const SettingsReader reader(group);
+    Settings read = settings.Copy();
+    reader.TryRead(keys.Text("DestinationPath"), read.destinationPath);
+    reader.TryRead(keys.Text("DestName"), read.destName);
+    reader.TryRead(keys.Text("LimitSize"), read.limitSize);
+    settings.Store(read);
+    if (!reader.Read(keys.Boolean("Attachment"))) {
         throw osa::Exception("FolderEventHandler: No file attachment wanted, what's the point then?");
     }
     read.sourcePath = LookUpSnapshotPath();
-    StoreSettings(read);
+    settings.Store(read);
     logger.Debug("\tThe file we are copying: %s", read.sourcePath.c_str());
     if (read.sourcePath.empty()) {
         throw osa::Exception("FolderEventHandler: the path of the source file was not found");
@@ -80,7 +82,7 @@ void FolderEventHandler::PerformAction(Event&) {
 }
 
 void FolderEventHandler::SaveSnapshot() {
-    Settings current = CopySettings();
+    Settings current = settings.Copy();
     const std::string realDestination = osa::PathUtils::RealPath(current.destinationPath);
     if (!IsSnapshotSavingAllowed(realDestination)) {
         return;
@@ -92,7 +94,7 @@ void FolderEventHandler::SaveSnapshot() {
     }
     current.destinationPath = realDestination;
     current.sourcePath = realSource;
-    StoreSettings(current);
+    settings.Store(current);
     const uint64_t limit = ParseLimit(current.limitSize);
     if (limit == 0) {
         logger.Debug("Zero limit size, so limit size functionality skipped");
@@ -139,16 +141,6 @@ bool FolderEventHandler::Copy(const std::string& source, const std::string& dest
     }
     logger.Debug("Copy succeeded");
     return true;
-}
-
-FolderEventHandler::Settings FolderEventHandler::CopySettings() const {
-    const std::lock_guard lock(settingsMutex);
-    return settings;
-}
-
-void FolderEventHandler::StoreSettings(const Settings& newSettings) {
-    const std::lock_guard lock(settingsMutex);
-    settings = newSettings;
 }
 
 }  // namespace kelto::halvek::handler

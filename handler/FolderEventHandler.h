@@ -1,9 +1,10 @@
 #pragma once
 
+#include "env/Guarded.h"
+#include "env/SettingsKeys.h"
 #include "handler/EventHandler.h"
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 
 namespace kelto::core {
@@ -18,6 +19,9 @@ namespace kelto::halvek::handler {
  */
 class FolderEventHandler : public EventHandler {
 public:
+    static constexpr SettingsKeys keys{TextKey{.name = "DestinationPath"}, TextKey{.name = "DestName"},
+                                       TextKey{.name = "LimitSize"}, BooleanKey{.name = "Attachment"}};
+
     FolderEventHandler();
 
     /**
@@ -46,18 +50,13 @@ private:
         std::string limitSize;
     };
 
-    Settings CopySettings() const;
-    void StoreSettings(const Settings& newSettings);
     void SaveSnapshot();
     void MakeRoom(const std::string& directory, const std::string& source, uint64_t limit) const;
     void CopySnapshot(const std::string& source, const std::string& destination) const;
     bool Copy(const std::string& source, const std::string& destination) const;
 
     core::Logger& logger;
-
-    // Guarded by settingsMutex, which is held to copy in and out only.
-    mutable std::mutex settingsMutex;
-    Settings settings;
+    Guarded<Settings> settings;
 };
 
 }  // namespace kelto::halvek::handler

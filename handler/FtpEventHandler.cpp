@@ -1,16 +1,17 @@
 #include "handler/FtpEventHandler.h"
 
-#include "handler/SnapshotPath.h"
+#include "env/HandlerRegistry.h"
+#include "env/SettingsReader.h"
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/PathUtils.h"
-#include "monitor/HandlerRegistry.h"
 
 #include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <string_view>
+#include <utility>
 
 namespace kelto::halvek::handler {
 
@@ -30,16 +31,18 @@ constexpr HandlerRegistration registration{"Ftp", Create, 0};
 
 }  // namespace
 
-FtpEventHandler::FtpEventHandler() : logger(core::Logger::GetLogger("halvek")) {}
+FtpEventHandler::FtpEventHandler(SnapshotLookUp lookUp)
+    : logger(core::Logger::GetLogger("halvek")), lookUpSnapshot(std::move(lookUp)) {}
 
 void FtpEventHandler::Configure(const core::IniFile::Group& group) {
     EventHandler::Configure(group);
-    core::IniFile::TryGetValueFromGroup(group, "DestName", destName);
-    core::IniFile::TryGetValueFromGroup(group, "Server", server);
-    core::IniFile::TryGetValueFromGroup(group, "BasePath", basePath);
-    core::IniFile::TryGetValueFromGroup(group, "Username", username);
-    core::IniFile::TryGetValueFromGroup(group, "Password", password);
-    if (!core::IniFile::GetBoolFromGroup(group, "Attachment")) {
+    const SettingsReader reader(group);
+    reader.TryRead(keys.Text("DestName"), destName);
+    reader.TryRead(keys.Text("Server"), server);
+    reader.TryRead(keys.Text("BasePath"), basePath);
+    reader.TryRead(keys.Text("Username"), username);
+    reader.TryRead(keys.Text("Password"), password);
+    if (!reader.Read(keys.Boolean("Attachment"))) {
         throw osa::Exception("FtpEventHandler: No file attachment wanted, what's the point then?");
     }
     FindSourcePath();
@@ -58,7 +61,7 @@ void FtpEventHandler::FindSourcePath() {
 /** After a failure the path is what it was. */
 void FtpEventHandler::LookUpSourcePath() {
     try {
-        sourcePath = LookUpSnapshotPath();
+        sourcePath = lookUpSnapshot();
     } catch (const std::exception& exception) {
         logger.Warning("\tFtpEventHandler: %s", exception.what());
     } catch (...) {

@@ -1,6 +1,8 @@
 #pragma once
 
+#include "env/SettingsKeys.h"
 #include "handler/EventHandler.h"
+#include "handler/SnapshotPath.h"
 
 #include <string>
 
@@ -18,7 +20,12 @@ namespace kelto::halvek::handler {
  */
 class FtpEventHandler : public EventHandler {
 public:
-    FtpEventHandler();
+    static constexpr SettingsKeys keys{TextKey{.name = "DestName"}, TextKey{.name = "Server"},
+                                       TextKey{.name = "BasePath"}, TextKey{.name = "Username"},
+                                       TextKey{.name = "Password"}, BooleanKey{.name = "Attachment"}};
+
+    /** @param lookUp gives the snapshot's path at every configuration; may throw */
+    explicit FtpEventHandler(SnapshotLookUp lookUp = LookUpSnapshotPath);
 
     /**
      * Reads "Server", "Username", "Password", "BasePath", "DestName", the conversions of strftime in it, and
@@ -46,6 +53,7 @@ private:
     void RunCommand(const std::string& remoteFullPath) const;
 
     core::Logger& logger;
+    const SnapshotLookUp lookUpSnapshot;
 
     // Constant after Configure.
     std::string username;

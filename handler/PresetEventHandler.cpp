@@ -1,10 +1,11 @@
 #include "handler/PresetEventHandler.h"
 
+#include "env/HalvekEnv.h"
+#include "env/HandlerRegistry.h"
+#include "env/SettingsReader.h"
 #include "handler/CommandLevel.h"
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/HalvekEnv.h"
-#include "monitor/HandlerRegistry.h"
 
 namespace kelto::halvek::handler {
 
@@ -26,7 +27,7 @@ PresetEventHandler::PresetEventHandler(msgbus::IMsgBus* bus)
 
 void PresetEventHandler::Configure(const core::IniFile::Group& group) {
     EventHandler::Configure(group);
-    core::IniFile::TryGetValueFromGroup(group, "Id", id);
+    SettingsReader(group).TryRead(keys.Text("Id"), id);
     logger.Information("Configured preset to: \"%s\"", id.c_str());
 }
 

@@ -1,9 +1,10 @@
 #include "handler/RelayEventHandler.h"
 
+#include "env/HalvekEnv.h"
+#include "env/HandlerRegistry.h"
+#include "env/SettingsReader.h"
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/HalvekEnv.h"
-#include "monitor/HandlerRegistry.h"
 
 #include <algorithm>
 #include <array>
@@ -12,8 +13,6 @@ namespace kelto::halvek::handler {
 
 namespace {
 
-constexpr int32_t highestMode = 3;
-
 std::unique_ptr<EventHandler> Create(HalvekEnv* env) {
     return std::make_unique<RelayEventHandler>(env->GetMsgBus());
 }
@@ -21,10 +20,12 @@ std::unique_ptr<EventHandler> Create(HalvekEnv* env) {
 constexpr HandlerRegistration registration{"Relay", Create, 0};
 [[gnu::init_priority(RegisterRelay)]] const HandlerRegistrar registrar(&registration);
 
-bool HasRelaySettings(const core::IniFile::Group& group) {
-    constexpr std::array<const char*, 5> keys = {"Polarity", "Mode", "OnInterval.msec", "OffInterval.msec",
-                                                 "PulseCount"};
-    return std::any_of(keys.begin(), keys.end(), [&](const char* key) { return group.count(key) != 0; });
+bool HasRelaySettings(const SettingsReader& reader) {
+    constexpr auto& keys = RelayEventHandler::keys;
+    constexpr std::array names = {keys.Boolean("Polarity").name, keys.Integer("Mode").name,
+                                  keys.Integer("OnInterval.msec").name, keys.Integer("OffInterval.msec").name,
+                                  keys.Integer("PulseCount").name};
+    return std::any_of(names.begin(), names.end(), [&](const char* name) { return reader.Has(name); });
 }
 
 }  // namespace
@@ -37,35 +38,36 @@ RelayEventHandler::RelayEventHandler(std::unique_ptr<interfaces::IRelayV3Provide
 
 void RelayEventHandler::Configure(const core::IniFile::Group& group) {
     EventHandler::Configure(group);
-    Settings read = CopySettings();
+    Settings read = settings.Copy();
     try {
         ReadSettings(group, read);
     } catch (...) {
         // What has been read until then holds.
-        StoreSettings(read);
+        settings.Store(read);
         throw;
     }
-    StoreSettings(read);
+    settings.Store(read);
     logger.Information("Configured relay at index: %d", read.index);
 }
 
 void RelayEventHandler::ReadSettings(const core::IniFile::Group& group, Settings& read) const {
-    read.index = core::IniFile::GetIntOrDefaultFromGroup(group, "Index", 0);
-    ReadBankName(group, read.bankName);
-    if (!HasRelaySettings(group)) {
+    const SettingsReader reader(group);
+    read.index = reader.Read(keys.Integer("Index"));
+    ReadBankName(reader, read.bankName);
+    if (!HasRelaySettings(reader)) {
         return;
     }
     read.hasExplicitSettings = true;
-    read.polarity = core::IniFile::GetBoolOrDefaultFromGroup(group, "Polarity", false);
-    read.mode = ReadMode(group);
-    read.onIntervalMs = ReadInterval(group, "OnInterval.msec");
-    read.offIntervalMs = ReadInterval(group, "OffInterval.msec");
-    read.pulseCount = ReadPulseCount(group);
+    read.polarity = reader.Read(keys.Boolean("Polarity"));
+    read.mode = reader.Read(keys.Integer("Mode"));
+    read.onIntervalMs = reader.Read(keys.Integer("OnInterval.msec"));
+    read.offIntervalMs = reader.Read(keys.Integer("OffInterval.msec"));
+    read.pulseCount = reader.Read(keys.Integer("PulseCount"));
 }
 
 /** Without the key, the first bank that the service does not call remote; the name stays as it was if there is none. */
-void RelayEventHandler::ReadBankName(const core::IniFile::Group& group, std::string& bankName) const {
-    if (core::IniFile::TryGetValueFromGroup(group, "BankName", bankName)) {
+void RelayEventHandler::ReadBankName(const SettingsReader& reader, std::string& bankName) const {
+    if (reader.TryRead(keys.Text("BankName"), bankName)) {
         return;
     }
     for (const std::string& name : relayClient->GetBankNames()) {
@@ -76,24 +78,8 @@ void RelayEventHandler::ReadBankName(const core::IniFile::Group& group, std::str
     }
 }
 
-int32_t RelayEventHandler::ReadMode(const core::IniFile::Group& group) {
-    const int32_t mode = core::IniFile::GetIntOrDefaultFromGroup(group, "Mode", defaultMode);
-    return mode < 0 || mode > highestMode ? defaultMode : mode;
-}
-
-int32_t RelayEventHandler::ReadInterval(const core::IniFile::Group& group, const char* key) {
-    const int32_t interval = core::IniFile::GetIntOrDefaultFromGroup(group, key, defaultIntervalMs);
-    return interval < 0 ? defaultIntervalMs : interval;
-}
-
-int32_t RelayEventHandler::ReadPulseCount(const core::IniFile::Group& group) {
-    const int32_t count = core::IniFile::GetIntOrDefaultFromGroup(group, "PulseCount", defaultPulseCount);
-    return count < 1 ? defaultPulseCount : count;
-}
-
 bool RelayEventHandler::IsConfigured() const {
-    const std::lock_guard lock(settingsMutex);
-    return settings.index != notConfigured;
+    return settings.Copy().index != notConfigured;
 }
 
 void RelayEventHandler::PerformAction(Event&) {
@@ -110,7 +96,7 @@ void RelayEventHandler::PerformAction(Event&) {
 }
 
 void RelayEventHandler::DriveRelay() {
-    Settings relay = CopySettings();
+    Settings relay = settings.Copy();
     if (relay.hasExplicitSettings) {
         relayClient->SetConfiguration(relay.bankName, relay.index, relay.polarity, relay.mode, relay.onIntervalMs,
                                       relay.offIntervalMs, relay.pulseCount);
@@ -119,19 +105,9 @@ void RelayEventHandler::DriveRelay() {
         // The polarity is the call's result, not the polarity that it reports. Meant so.
         relay.polarity = relayClient->GetConfiguration(relay.bankName, relay.index, polarity, relay.mode,
                                                        relay.onIntervalMs, relay.offIntervalMs, relay.pulseCount);
-        StoreSettings(relay);
+        settings.Store(relay);
     }
     relayClient->Activate(relay.bankName, relay.index, relay.mode);
-}
-
-RelayEventHandler::Settings RelayEventHandler::CopySettings() const {
-    const std::lock_guard lock(settingsMutex);
-    return settings;
-}
-
-void RelayEventHandler::StoreSettings(const Settings& newSettings) {
-    const std::lock_guard lock(settingsMutex);
-    settings = newSettings;
 }
 
 }  // namespace kelto::halvek::handler

@@ -1,15 +1,20 @@
 #pragma once
 
+#include "env/Guarded.h"
+#include "env/SettingsKeys.h"
 #include "handler/EventHandler.h"
 #include "kelto/interfaces/IRelayV3Provider.h"
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace kelto::core {
 class Logger;
+}
+
+namespace kelto::halvek {
+class SettingsReader;
 }
 
 namespace kelto::halvek::handler {
@@ -22,6 +27,29 @@ namespace kelto::halvek::handler {
  */
 class RelayEventHandler : public EventHandler {
 public:
+    static constexpr SettingsKeys keys{
+        IntegerKey{.name = "Index", .absent = 0, .lowest = 0},
+        TextKey{.name = "BankName"},
+        BooleanKey{.name = "Polarity", .absent = false},
+        IntegerKey{.name = "Mode", .absent = 3, .lowest = 0, .highest = 3, .defaultIfOutOfRange = true},
+        IntegerKey{.name = "OnInterval.msec", .absent = 500, .lowest = 0, .defaultIfOutOfRange = true, .unit = "ms"},
+        IntegerKey{.name = "OffInterval.msec", .absent = 500, .lowest = 0, .defaultIfOutOfRange = true, .unit = "ms"},
+        IntegerKey{.name = "PulseCount", .absent = 1, .lowest = 1, .defaultIfOutOfRange = true}};
+
+    static constexpr int32_t notConfigured = -1;
+
+    /** How the relay is to be driven. */
+    struct Settings {
+        std::string bankName;
+        int32_t index = notConfigured;
+        bool hasExplicitSettings = false;
+        bool polarity = false;
+        int32_t mode = keys.Integer("Mode").absent;
+        int32_t onIntervalMs = keys.Integer("OnInterval.msec").absent;
+        int32_t offIntervalMs = keys.Integer("OffInterval.msec").absent;
+        int32_t pulseCount = keys.Integer("PulseCount").absent;
+    };
+
     /** Makes a client on a bus. */
     explicit RelayEventHandler(msgbus::IMsgBus* bus);
     explicit RelayEventHandler(std::unique_ptr<interfaces::IRelayV3Provider> client);
@@ -42,40 +70,18 @@ public:
     /** Throws nothing. Blocks for two calls, 5 s each at most. */
     void PerformAction(Event& event) override;
 
+    /** What holds now: as configured, or as the relay was set up at the last action. Any thread. */
+    Settings GetSettings() const { return settings.Copy(); }
+
 private:
-    static constexpr int32_t notConfigured = -1;
-    static constexpr int32_t defaultMode = 3;
-    static constexpr int32_t defaultIntervalMs = 500;
-    static constexpr int32_t defaultPulseCount = 1;
-
-    /** How the relay is to be driven. */
-    struct Settings {
-        std::string bankName;
-        int32_t index = notConfigured;
-        bool hasExplicitSettings = false;
-        bool polarity = false;
-        int32_t mode = defaultMode;
-        int32_t onIntervalMs = defaultIntervalMs;
-        int32_t offIntervalMs = defaultIntervalMs;
-        int32_t pulseCount = defaultPulseCount;
-    };
-
-    static int32_t ReadMode(const core::IniFile::Group& group);
-    static int32_t ReadInterval(const core::IniFile::Group& group, const char* key);
-    static int32_t ReadPulseCount(const core::IniFile::Group& group);
-
-    Settings CopySettings() const;
-    void StoreSettings(const Settings& newSettings);
     void ReadSettings(const core::IniFile::Group& group, Settings& read) const;
-    void ReadBankName(const core::IniFile::Group& group, std::string& bankName) const;
+    void ReadBankName(const SettingsReader& reader, std::string& bankName) const;
     void DriveRelay();
 
     core::Logger& logger;
     const std::unique_ptr<interfaces::IRelayV3Provider> relayClient;
 
-    // Guarded by settingsMutex, which is held to copy in and out only.
-    mutable std::mutex settingsMutex;
-    Settings settings;
+    Guarded<Settings> settings;
 };
 
 }  // namespace kelto::halvek::handler

@@ -1,5 +1,6 @@
 #include "handler/SnapshotPath.h"
 
+#include "env/SettingsReader.h"
 #include "kelto/core/IniFile.h"
 #include "kelto/settings/KeltoSettingsClient.h"
 
@@ -8,8 +9,8 @@ namespace kelto::halvek::handler {
 std::string LookUpSnapshotPath() {
     settings::KeltoSettingsClient client(settings::OperationMode::LookUp);
     core::IniFile ini;
-    client.GetSettings({"Video/Quickview"}, ini);
-    return ini.GetValue("Video/Quickview", "SnapshotPath");
+    client.GetSettings({snapshotGroup}, ini);
+    return SettingsReader::Read(ini, snapshotGroup, snapshotKeys.Text("SnapshotPath"));
 }
 
 }  // namespace kelto::halvek::handler

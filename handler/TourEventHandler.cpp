@@ -1,10 +1,11 @@
 #include "handler/TourEventHandler.h"
 
+#include "env/HalvekEnv.h"
+#include "env/HandlerRegistry.h"
+#include "env/SettingsReader.h"
 #include "handler/CommandLevel.h"
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/HalvekEnv.h"
-#include "monitor/HandlerRegistry.h"
 
 namespace kelto::halvek::handler {
 
@@ -24,7 +25,7 @@ TourEventHandler::TourEventHandler(msgbus::IMsgBus* bus)
 
 void TourEventHandler::Configure(const core::IniFile::Group& group) {
     EventHandler::Configure(group);
-    core::IniFile::TryGetValueFromGroup(group, "Id", id);
+    SettingsReader(group).TryRead(keys.Text("Id"), id);
     // "preset" for a tour too: whoever reads the log has always known it so.
     logger.Information("Configured preset to: \"%s\"", id.c_str());
 }

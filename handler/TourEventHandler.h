@@ -1,5 +1,6 @@
 #pragma once
 
+#include "env/SettingsKeys.h"
 #include "handler/EventHandler.h"
 #include "kelto/interfaces/ITourProvider.h"
 
@@ -19,6 +20,8 @@ namespace kelto::halvek::handler {
  */
 class TourEventHandler : public EventHandler {
 public:
+    static constexpr SettingsKeys keys{TextKey{.name = "Id"}};
+
     /** Makes a client on a bus. */
     explicit TourEventHandler(msgbus::IMsgBus* bus);
 

@@ -1,26 +1,30 @@
 #include "monitor/EventMonitor.h"
 
+#include "env/HandlerRegistry.h"
+#include "env/SettingsReader.h"
 #include "handler/EventHandler.h"
 #include "kelto/core/Logger.h"
 #include "kelto/core/StringUtil.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/MutexAutoLock.h"
-#include "monitor/HandlerRegistry.h"
 #include "source/EventSource.h"
 #include "source/SourceFactory.h"
 
 #include <exception>
+#include <utility>
 
 namespace kelto::halvek {
 
 namespace {
 
-constexpr const char* serverId = "Applications/halvek/Server";
 constexpr const char* msgBusId = "Applications/halvek/MsgBus";
-constexpr const char* sourcePrefix = "Events/Source#";
-constexpr const char* handlerPrefix = "Events/Handler#";
 constexpr const char* separator = "***************************************************************";
 constexpr int32_t alwaysOnKind = 1;
+
+/** The type of the server, source or handler that a group stands for. Throws kelto::osa::Exception if it has none. */
+const std::string& ReadType(const core::IniFile& ini, const std::string& group) {
+    return SettingsReader::Read(ini, group, EventMonitor::typeKeys.Text("Type"));
+}
 
 /** What a handler is configured from: its type's own group, and behind it the group common to all types. */
 core::IniFile::Group HandlerSettings(const core::IniFile& ini, const std::string& group, const std::string& type) {
@@ -32,8 +36,11 @@ core::IniFile::Group HandlerSettings(const core::IniFile& ini, const std::string
 
 }  // namespace
 
-EventMonitor::EventMonitor(HandlerRegistry* registry)
-    : logger(core::Logger::GetLogger("halvek")), structLock("EventMonitor::StructLock"), handlerRegistry(registry) {}
+EventMonitor::EventMonitor(HandlerRegistry* registry, SourceFactory createSource)
+    : logger(core::Logger::GetLogger("halvek")),
+      structLock("EventMonitor::StructLock"),
+      handlerRegistry(registry),
+      createEventSource(createSource ? std::move(createSource) : CreateEventSource) {}
 
 EventMonitor::~EventMonitor() {
     try {
@@ -91,15 +98,15 @@ void EventMonitor::EnumerateGroups(const core::IniFile& ini, const std::string& 
 void EventMonitor::LoadServers(const core::IniFile& ini) {
     const osa::MutexAutoLock lock(structLock);
     try {
-        const std::string& type = ini.GetValue(serverId, "Type");
-        if (type != "Pipe") {
+        const std::string& type = ReadType(ini, serverGroup);
+        if (type != serverType) {
             throw osa::Exception("We currently only support pipe servers");
         }
         logger.Information("\tFound Server: %s", type.c_str());
-        std::unique_ptr<EventSource> server = CreateEventSource("server", nullptr);
+        std::unique_ptr<EventSource> server = createEventSource("server", nullptr);
         if (server != nullptr) {
-            server->Configure(ini.FindGroup(std::string(serverId) + "/" + type));
-            sources[serverId] = std::move(server);
+            server->Configure(ini.FindGroup(std::string(serverGroup) + "/" + type));
+            sources[serverGroup] = std::move(server);
         }
     } catch (const std::exception& exception) {
         logger.Warning("\tError LoadServers: %s", exception.what());
@@ -111,7 +118,7 @@ void EventMonitor::LoadServers(const core::IniFile& ini) {
 void EventMonitor::LoadSources(const core::IniFile& ini) {
     const osa::MutexAutoLock lock(structLock);
     try {
-        std::unique_ptr<EventSource> msgBusSource = CreateEventSource("MsgBus", &env);
+        std::unique_ptr<EventSource> msgBusSource = createEventSource("MsgBus", &env);
         if (msgBusSource != nullptr) {
             sources[msgBusId] = std::move(msgBusSource);
         }
@@ -130,9 +137,9 @@ void EventMonitor::LoadSources(const core::IniFile& ini) {
 void EventMonitor::LoadSource(const core::IniFile& ini, const std::string& group) {
     try {
         logger.Information("\tFound source %s", group.c_str());
-        const std::string& type = ini.GetValue(group, "Type");
+        const std::string& type = ReadType(ini, group);
         logger.Information("\tSource: %s\tType: %s", group.c_str(), type.c_str());
-        std::unique_ptr<EventSource> source = CreateEventSource(type, &env);
+        std::unique_ptr<EventSource> source = createEventSource(type, &env);
         if (source == nullptr) {
             return;
         }
@@ -157,9 +164,9 @@ void EventMonitor::LoadHandlers(const core::IniFile& ini) {
 void EventMonitor::LoadHandler(const core::IniFile& ini, const std::string& group) {
     try {
         logger.Information("Found handler %s", group.c_str());
-        const std::string& type = ini.GetValue(group, "Type");
+        const std::string& type = ReadType(ini, group);
         logger.Information("Handler: %s  Type: %s", group.c_str(), type.c_str());
-        const core::IniFile::Group& ids = ini.FindGroup(group + "/SourceIds");
+        const core::IniFile::Group& ids = ini.FindGroup(group + "/" + sourceIdsGroup);
         if (ids.empty()) {
             logger.Debug("Handler %s has no sources", type.c_str());
             return;
@@ -187,11 +194,11 @@ void EventMonitor::AttachToSource(const core::IniFile& ini, EventHandler* handle
     if (source != sources.end()) {
         source->second->AddHandler(handler);
     } else {
-        const std::string& eventType = ini.GetValue(id, "Type");
+        const std::string& eventType = ReadType(ini, id);
         logger.Debug("The source type being added to the EventServer: %s", eventType.c_str());
-        source = sources.find(serverId);
+        source = sources.find(serverGroup);
         if (source == sources.end()) {
-            logger.Warning("Error LoadHandlers: %s", (id + " needs the event server " + serverId).c_str());
+            logger.Warning("Error LoadHandlers: %s", (id + " needs the event server " + serverGroup).c_str());
             return;
         }
         source->second->AddHandler(handler, eventType);
@@ -224,6 +231,7 @@ void EventMonitor::LoadAlwaysOnHandlers(const core::IniFile&) {
 }
 
 void EventMonitor::AttachToAllSources(const std::string& name, EventHandler* handler) {
+    const osa::MutexAutoLock lock(structLock);
     logger.Debug("Number of sources: %i", static_cast<int>(sources.size()));
     for (const auto& [id, source] : sources) {
         logger.Debug("Added %s handler to source", name.c_str());

@@ -1,9 +1,12 @@
 #pragma once
 
+#include "env/HalvekEnv.h"
+#include "env/SettingsKeys.h"
+#include "env/ThreadSafety.h"
 #include "kelto/core/IniFile.h"
 #include "kelto/osa/Mutex.h"
-#include "monitor/HalvekEnv.h"
 
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -29,8 +32,28 @@ class HandlerRegistry;
  */
 class EventMonitor {
 public:
-    /** @param registry not owned, must outlive this object */
-    explicit EventMonitor(HandlerRegistry* registry);
+    /** Names of groups, or what they begin with. */
+    static constexpr const char* serverGroup = "Applications/halvek/Server";
+    static constexpr const char* sourcePrefix = "Events/Source#";
+    static constexpr const char* handlerPrefix = "Events/Handler#";
+
+    /** Below a handler's group: the ids of the sources that it listens to, under any keys. */
+    static constexpr const char* sourceIdsGroup = "SourceIds";
+
+    /** The one type of event server. */
+    static constexpr const char* serverType = "Pipe";
+
+    /** What the group of the event server, of a source and of a handler have in common. */
+    static constexpr SettingsKeys typeKeys{TextKey{.name = "Type", .required = true}};
+
+    /** Makes a source of a type, as CreateEventSource does. */
+    using SourceFactory = std::function<std::unique_ptr<EventSource>(const std::string& typeName, HalvekEnv* env)>;
+
+    /**
+     * @param registry not owned, must outlive this object
+     * @param createSource makes all sources; an empty one stands for CreateEventSource
+     */
+    explicit EventMonitor(HandlerRegistry* registry, SourceFactory createSource = {});
 
     /** Stops and destroys all sources, then the handlers, then the environment. Throws nothing. */
     virtual ~EventMonitor();
@@ -73,20 +96,20 @@ public:
     static void EnumerateGroups(const core::IniFile& ini, const std::string& prefix, std::list<std::string>& names);
 
 private:
-    void LoadSource(const core::IniFile& ini, const std::string& group);
-    void LoadHandler(const core::IniFile& ini, const std::string& group);
-    void AttachToSource(const core::IniFile& ini, EventHandler* handler, const std::string& id);
-    EventHandler* Own(std::unique_ptr<EventHandler> handler);
+    void LoadSource(const core::IniFile& ini, const std::string& group) HALVEK_REQUIRES(structLock);
+    void LoadHandler(const core::IniFile& ini, const std::string& group) HALVEK_REQUIRES(structLock);
+    void AttachToSource(const core::IniFile& ini, EventHandler* handler, const std::string& id)
+        HALVEK_REQUIRES(structLock);
+    EventHandler* Own(std::unique_ptr<EventHandler> handler) HALVEK_REQUIRES(structLock);
 
     core::Logger& logger;
     osa::Mutex structLock;
-
-    // Guarded by structLock.
-    HalvekEnv env;
-    std::vector<std::unique_ptr<EventHandler>> handlers;
-    std::map<std::string, std::unique_ptr<EventSource>> sources;
+    HalvekEnv env HALVEK_GUARDED_BY(structLock);
+    std::vector<std::unique_ptr<EventHandler>> handlers HALVEK_GUARDED_BY(structLock);
+    std::map<std::string, std::unique_ptr<EventSource>> sources HALVEK_GUARDED_BY(structLock);
 
     HandlerRegistry* handlerRegistry;
+    const SourceFactory createEventSource;
 };
 
 }  // namespace kelto::halvek

@@ -1,10 +1,11 @@
 #include "source/AlarmEventSource.h"
 
+#include "env/AlarmCommon.h"
+#include "env/SettingsReader.h"
 #include "event/AlarmEvent.h"
 #include "kelto/core/Logger.h"
 #include "kelto/core/VoidObjectMethodDelegate1.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/AlarmCommon.h"
 
 #include <memory>
 
@@ -24,17 +25,16 @@ AlarmEventSource::~AlarmEventSource() {
 
 void AlarmEventSource::Configure(const core::IniFile::Group& group) {
     EventSource::Configure(group);
-    const int32_t newIndex = core::IniFile::GetIntOrDefaultFromGroup(group, "Index", 0);
-    {
-        const std::lock_guard lock(watchedMutex);
-        index = newIndex;
+    const SettingsReader settings(group);
+    Watched input = watched.Copy();
+    input.index = settings.Read(keys.Integer("Index"));
+    watched.Store(input);
+    std::string bankName;
+    if (settings.TryRead(keys.Text("BankName"), bankName) || FindLocalBank(bankName)) {
+        input.bankName = bankName;
+        watched.Store(input);
     }
-    std::string newBankName;
-    if (core::IniFile::TryGetValueFromGroup(group, "BankName", newBankName) || FindLocalBank(newBankName)) {
-        const std::lock_guard lock(watchedMutex);
-        bankName = newBankName;
-    }
-    logger.Information("Configured alarm %d", newIndex);
+    logger.Information("Configured alarm %d", input.index);
 }
 
 /** The first bank that the provider does not call remote; false if there is none. */
@@ -71,11 +71,9 @@ std::string AlarmEventSource::ToString() const {
 void AlarmEventSource::HandleStateChange(StateChangeEventArgs change) {
     logger.Debug("Received state change for alarm %s:%d -> %d", change.bankName.c_str(), change.index,
                  static_cast<int>(change.active));
-    {
-        const std::lock_guard lock(watchedMutex);
-        if (change.index != index || change.bankName != bankName) {
-            return;
-        }
+    const Watched input = watched.Copy();
+    if (change.index != input.index || change.bankName != input.bankName) {
+        return;
     }
     event::AlarmEvent event({{"eventType", typeName},
                              {"alarmIndex", std::to_string(change.index)},

@@ -1,10 +1,11 @@
 #pragma once
 
+#include "env/Guarded.h"
+#include "env/SettingsKeys.h"
 #include "kelto/interfaces/IAlarmV3Provider.h"
 #include "source/EventSource.h"
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 
 namespace kelto::core {
@@ -25,6 +26,9 @@ namespace kelto::halvek::source {
  */
 class AlarmEventSource : public EventSource {
 public:
+    static constexpr SettingsKeys keys{IntegerKey{.name = "Index", .absent = 0, .lowest = 0},
+                                       TextKey{.name = "BankName"}};
+
     /**
      * Subscribes to the provider.
      *
@@ -50,17 +54,19 @@ public:
 private:
     using StateChangeEventArgs = interfaces::IAlarmV3Provider::StateChangeEventArgs;
 
+    /** The alarm input whose changes count. */
+    struct Watched {
+        std::string bankName;
+        int32_t index = 0;
+    };
+
     void HandleStateChange(StateChangeEventArgs change);
     bool FindLocalBank(std::string& found) const;
 
     core::Logger& logger;
     interfaces::IAlarmV3Provider* const alarmProvider;
     const std::string typeName;
-
-    // Guarded by watchedMutex, which is held to copy in and out only.
-    std::mutex watchedMutex;
-    std::string bankName;
-    int32_t index = 0;
+    Guarded<Watched> watched;
 };
 
 }  // namespace kelto::halvek::source

@@ -1,9 +1,9 @@
 #include "source/AnalyticsEventSource.h"
 
+#include "env/HalvekEnv.h"
 #include "event/AnalyticsEvent.h"
 #include "kelto/core/Logger.h"
 #include "kelto/interfaces/AnalyticsInterface.h"
-#include "monitor/ComponentInstance.h"
 #include "source/AnalyticsAlertConversion.h"
 
 #include <optional>

@@ -1,5 +1,6 @@
 #include "source/EventServerSource.h"
 
+#include "env/SettingsReader.h"
 #include "event/MotionEvent.h"
 #include "handler/EventHandler.h"
 #include "kelto/core/Logger.h"
@@ -22,7 +23,6 @@ namespace kelto::halvek::source {
 
 namespace {
 
-constexpr const char* defaultFifoPath = "/var/run/halvek.pipe";
 /** 666 in decimal, 01232 in octal; the umask applies. Meant so: whoever wants others to post makes the pipe beforehand.
  */
 constexpr mode_t fifoMode = 666;
@@ -61,9 +61,8 @@ EventServerSource::~EventServerSource() {
 void EventServerSource::Configure(const core::IniFile::Group& group) {
     EventSource::Configure(group);
     Log().Information("Configuring EventServer");
-    if (!core::IniFile::TryGetValueFromGroup(group, "Path", fifoPath)) {
+    if (!SettingsReader(group).TryRead(keys.Text("Path"), fifoPath)) {
         Log().Debug("Could not find fifo Path, using default");
-        fifoPath = defaultFifoPath;
     }
     Log().Information("Creating FIFO: %s", fifoPath.c_str());
     // Whatever is wrong with the path, opening it will tell.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "env/SettingsKeys.h"
+#include "env/ThreadSafety.h"
 #include "kelto/osa/Mutex.h"
 #include "kelto/osa/Runnable.h"
 #include "source/EventSource.h"
@@ -31,6 +33,8 @@ class PostedBlock;
  */
 class EventServerSource : public EventSource, public osa::Runnable {
 public:
+    static constexpr SettingsKeys keys{TextKey{.name = "Path", .absent = "/var/run/halvek.pipe"}};
+
     EventServerSource();
 
     /** Reads "Path", by default "/var/run/halvek.pipe", and creates the pipe unless something stands there already. */
@@ -67,8 +71,8 @@ private:
     void FireReceived(PostedBlock& block);
 
     const core::Logger& logger;
-    std::map<std::string, std::vector<EventHandler*>> handlersByEventId;
     const std::unique_ptr<osa::Mutex> handlersMapLock;
+    std::map<std::string, std::vector<EventHandler*>> handlersByEventId HALVEK_GUARDED_BY(*handlersMapLock);
     std::atomic<bool> running = false;
     std::string fifoPath;
     ListeningThread thread;

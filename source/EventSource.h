@@ -1,5 +1,6 @@
 #pragma once
 
+#include "env/ThreadSafety.h"
 #include "event/Event.h"
 #include "event/IConfigurable.h"
 #include "kelto/osa/Mutex.h"
@@ -59,9 +60,7 @@ public:
 
 private:
     osa::Mutex handlersLock;
-
-    // Guarded by handlersLock.
-    std::list<EventHandler*> handlers;
+    std::list<EventHandler*> handlers HALVEK_GUARDED_BY(handlersLock);
 };
 
 }  // namespace kelto::halvek

@@ -1,9 +1,9 @@
 #include "source/MsgBusEventSource.h"
 
+#include "env/HalvekEnv.h"
 #include "event/MsgBusEvent.h"
 #include "kelto/core/Logger.h"
 #include "kelto/interfaces/AnalyticsInterface.h"
-#include "monitor/ComponentInstance.h"
 #include "source/AnalyticsAlertConversion.h"
 
 #include <optional>

@@ -1,12 +1,13 @@
 #include "source/ParkEventSource.h"
 
+#include "env/MotionStateCommon.h"
+#include "env/SettingsReader.h"
 #include "event/ParkEvent.h"
 #include "kelto/core/Logger.h"
 #include "kelto/core/VoidObjectMethodDelegate1.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/Signal.h"
 #include "kelto/osa/Thread.h"
-#include "monitor/MotionStateCommon.h"
 
 #include <csignal>
 #include <memory>
@@ -15,7 +16,6 @@ namespace kelto::halvek::source {
 
 namespace {
 
-constexpr int32_t defaultDwellSec = 10;
 constexpr int32_t tickMs = 1000;
 constexpr int32_t atRest = 0;
 
@@ -37,10 +37,8 @@ ParkEventSource::~ParkEventSource() {
 
 void ParkEventSource::Configure(const core::IniFile::Group& group) {
     EventSource::Configure(group);
-    int32_t dwell = defaultDwellSec;
-    try {
-        dwell = core::IniFile::GetIntFromGroup(group, "DwellTime.sec");
-    } catch (const osa::Exception&) {
+    int32_t dwell = 0;
+    if (!SettingsReader(group).TryRead(keys.Integer("DwellTime.sec"), dwell)) {
         logger.Debug("\tCan't find Park::DwellTime.sec, using default!");
     }
     dwellSeconds = static_cast<uint32_t>(dwell);

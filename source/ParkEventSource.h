@@ -1,5 +1,6 @@
 #pragma once
 
+#include "env/SettingsKeys.h"
 #include "kelto/osa/Runnable.h"
 #include "source/EventSource.h"
 #include "source/ListeningThread.h"
@@ -27,6 +28,9 @@ namespace kelto::halvek::source {
  */
 class ParkEventSource final : public EventSource, public osa::Runnable {
 public:
+    static constexpr SettingsKeys keys{
+        IntegerKey{.name = "DwellTime.sec", .absent = 10, .lowest = 0, .defaultIfUnreadable = true, .unit = "s"}};
+
     /**
      * Subscribes to the provider.
      *

@@ -1,12 +1,30 @@
 #pragma once
 
+#include "env/SettingsKeys.h"
+
 #include <memory>
+#include <span>
 #include <string>
 
 namespace kelto::halvek {
 
 class EventSource;
 class HalvekEnv;
+
+/** A type of source. One constant row per type. */
+struct SourceType {
+    /** The value of a source group's "Type", compared to the letter. */
+    const char* name;
+
+    /** Makes a source; null for a type that is known but has none of its own. */
+    std::unique_ptr<EventSource> (*create)(const std::string& typeName, HalvekEnv* env);
+
+    /** What the source is configured from. */
+    SettingsKeyList keys;
+};
+
+/** All types. Constant, of static life. */
+std::span<const SourceType> SourceTypes();
 
 /**
  * Makes a source from its type name in the settings, compared to the letter.

@@ -1,5 +1,6 @@
 #include "source/TimerEventSource.h"
 
+#include "env/SettingsReader.h"
 #include "event/TimerEvent.h"
 #include "kelto/core/Logger.h"
 #include "kelto/core/Stopwatch.h"
@@ -14,8 +15,6 @@
 namespace kelto::halvek::source {
 
 namespace {
-
-constexpr int32_t defaultIntervalSec = 10;
 
 core::Logger& Log() {
     return core::Logger::GetLogger("halvek");
@@ -46,10 +45,8 @@ TimerEventSource::~TimerEventSource() {
 
 void TimerEventSource::Configure(const core::IniFile::Group& group) {
     EventSource::Configure(group);
-    int32_t interval = defaultIntervalSec;
-    try {
-        interval = core::IniFile::GetIntFromGroup(group, "Interval.sec");
-    } catch (const osa::Exception&) {
+    int32_t interval = 0;
+    if (!SettingsReader(group).TryRead(keys.Integer("Interval.sec"), interval)) {
         Log().Debug("\tCan't find Timer::Interval.sec, using default!");
     }
     intervalSec = static_cast<uint32_t>(interval);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "env/SettingsKeys.h"
 #include "kelto/osa/Runnable.h"
 #include "source/EventSource.h"
 #include "source/ListeningThread.h"
@@ -21,6 +22,13 @@ namespace kelto::halvek::source {
  */
 class TimerEventSource : public EventSource, public osa::Runnable {
 public:
+    static constexpr SettingsKeys keys{IntegerKey{.name = "Interval.sec",
+                                                  .absent = 10,
+                                                  .lowest = 1,
+                                                  .highest = 2147483,
+                                                  .defaultIfUnreadable = true,
+                                                  .unit = "s"}};
+
     /** @param typeName becomes the events' "eventType" */
     explicit TimerEventSource(const std::string& typeName);
 

@@ -1,6 +1,7 @@
 """The man pages against the code, both ways: what stands in only one of the two fails, and says where."""
 
 import contextlib
+import json
 import os
 import re
 import subprocess
@@ -22,19 +23,7 @@ NOT_LOGGED = {
     "Cannot %s %s: %s": "each step of ThrowSystemError is a text of its own",
     "interrupted by signal %d": "whoever catches it logs it at Debug",
 }
-GETTER = r"\b(?:TryGet|Get)(?:Value|Int|Bool)(?:OrDefault)?(?:FromGroup)?"
-TYPES = {"Value": "text", "Int": "integer", "Bool": "boolean"}
-# Where a key is explained that is read in a file, or in a function of it, without a section of its own name.
-SECTIONS = {
-    "monitor/EventMonitor.cpp:LoadServers": "Applications/halvek/Server",
-    "monitor/EventMonitor.cpp:LoadSource": "Events/Source#name",
-    "monitor/EventMonitor.cpp:AttachToSource": "Events/Source#name",
-    "monitor/EventMonitor.cpp:LoadHandler": "Events/Handler#name",
-    "source/EventServerSource.cpp": "Applications/halvek/Server/Pipe",
-    "handler/FilterChain.cpp": "Every handler",
-    "handler/SnapshotPath.cpp": "Video/Quickview",
-}
-LOG_SETTINGS = "platform/kelto/settings/LogManager.cpp"
+GETTER = r"\b(?:TryGet|Get)(?:Value|Int|Bool)(?:OrDefault)?(?:FromGroup)?\("
 PROPERTY_SECTIONS = {
     "event/Event.cpp": "Every event",
     "source/EventServerSource.cpp": "Posted events",
@@ -100,9 +89,6 @@ def listed(page: str, section: str, macro: str) -> dict[str, str]:
 
 class Call(NamedTuple):
     place: str
-    function: str
-    signature: list[str]
-    body: str
     arguments: list[str]
     name: str
 
@@ -159,13 +145,7 @@ class Source:
         for found in re.finditer(rf"({pattern})\(", self.text):
             arguments = split_arguments(self.text, found.end())
             if not re.match(r"const |int ", arguments[0]):
-                heads = re.finditer(r"^(?!constexpr|\[\[)[A-Za-z][^;{}=]*?(\w+)\(", self.text[: found.start()], re.M)
-                *_, head = (None, *heads)
-                function = head[1] if head else ""
-                signature = split_arguments(self.text, head.end()) if head else []
-                end = self.text.find("\n}", found.end())
-                body = self.text[head.start() if head else 0 : end]
-                yield Call(self.place(found.start()), function, signature, body, arguments, found[1])
+                yield Call(self.place(found.start()), arguments, found[1])
 
 
 def sources(*folders: str) -> list[Source]:
@@ -173,7 +153,7 @@ def sources(*folders: str) -> list[Source]:
     return [Source(path) for path in paths]
 
 
-DAEMON = sources("app", "monitor", "event", "source", "handler")
+DAEMON = sources("app", "monitor", "env", "event", "source", "handler")
 PLATFORM = sources("platform")
 
 
@@ -273,57 +253,36 @@ class Key(NamedTuple):
         return f"{self.section}: {self.name} ({self.type}, {self.default})"
 
 
-def section_of(file: Source, call: Call) -> str:
-    own = re.match(r"(?:source|handler)/(\w+)Event(?:Source|Handler)\.cpp", file.name)
-    known = SECTIONS.get(f"{file.name}:{call.function}") or SECTIONS.get(file.name) or (own and own[1])
-    assert known, f"{call.place}: in which section is a key explained that {call.function} reads?"
-    return known
+@pytest.fixture(scope="module")
+def known() -> dict[str, list[dict]]:
+    """The daemon's own tables: the keys of each pattern of group names."""
+    printed = subprocess.run([os.environ["HALVEK_KNOWN_SETTINGS"]], capture_output=True, check=True, timeout=60).stdout
+    return {group["pattern"]: group["keys"] for group in json.loads(printed)}
 
 
-def default_of(file: Source, call: Call) -> str:
-    if "OrDefault" in call.name:
-        return f"default {file.constants.get(call.arguments[2], call.arguments[2])}"
-    if call.name.startswith("TryGet"):
-        return "no default"
-    if "catch (const osa::Exception&)" not in call.body:
-        return "required"
-    names = {name for name in re.findall(r"\bdefault\w+", call.body) if name in file.constants}
-    assert len(names) <= 1, f"{call.place}: which of {names} is the default?"
-    return "".join(f"default {file.constants[name]}".replace('"', "") for name in names) or "no default"
+def types_of(known: dict[str, list[dict]], item: str) -> dict[str, list[dict]]:
+    """The types of sources or handlers with their keys."""
+    begin = f"Events/{item}#*/"
+    return {pattern.removeprefix(begin): keys for pattern, keys in known.items() if pattern.startswith(begin)}
 
 
-def key_names(file: Source, call: Call) -> list[str]:
-    """The key that a getter is called with; those of the callers if it is a parameter of the function around it."""
-    name = file.value(call.arguments[1])
-    if name is not None:
-        return [name]
-    positions = [i for i, parameter in enumerate(call.signature) if re.search(rf"\b{call.arguments[1]}$", parameter)]
-    assert positions, f"{call.place}: the key cannot be read here: {call.arguments[1]}"
-    callers = file.calls(rf"\b{call.function}")
-    names = [file.value(caller.arguments[positions[0]]) for caller in callers]
-    assert names and None not in names, f"{call.place}: the callers' keys cannot be read: {names}"
-    return names
-
-
-def keys_in_code() -> dict[Key, str]:
-    found: dict[Key, str] = {}
-    for file in DAEMON:
-        for call in file.calls(GETTER):
-            if len(call.arguments) < 2:
-                continue
-            kind = TYPES[re.search("Value|Int|Bool", call.name)[0]]
-            for name in key_names(file, call):
-                key = Key(section_of(file, call), name, kind, default_of(file, call))
-                found.setdefault(key, call.place)
-    return found | log_keys()
-
-
-def log_keys() -> dict[Key, str]:
-    level = literals(r"LogLevel general = LogLevel::(\w+);", PLATFORM)
-    manager = next(file for file in PLATFORM if file.name == LOG_SETTINGS)
-    general, prefix = (manager.value(name) for name in ("generalKey", "loggerPrefix"))
-    defaults = {general: f"default {next(iter(level))}", prefix: "no default"}
-    return {Key("Applications/halvek", name, "text", default): LOG_SETTINGS for name, default in defaults.items()}
+def keys_in_tables(known: dict[str, list[dict]]) -> dict[Key, str]:
+    sections = {pattern.replace("*", "name"): keys for pattern, keys in known.items() if "*/" not in pattern}
+    every_handler = [key for key in sections["Events/Handler#name"] if key["name"] != "Type"]
+    sections["Events/Handler#name"] = [key for key in sections["Events/Handler#name"] if key["name"] == "Type"]
+    sections["Every handler"] = every_handler
+    sections |= types_of(known, "Source")
+    for name, keys in types_of(known, "Handler").items():
+        sections[name] = [key for key in keys if key not in every_handler]
+    assert sections.pop("server") == sections["Applications/halvek/Server/Pipe"], "explained as one"
+    assert [key["name"] for key in sections.pop("SourceIds")] == ["*"], "explained without a list"
+    found = {}
+    for section, keys in sections.items():
+        for key in keys:
+            default = f"default {key['default']}" if key["default"] else "no default"
+            default = "required" if key["required"] else default
+            found[Key(section, key["name"].rstrip("*"), key["kind"], default)] = f"table of {section}"
+    return found
 
 
 def keys_in_page() -> dict[Key, str]:
@@ -336,42 +295,76 @@ def keys_in_page() -> dict[Key, str]:
     return found
 
 
-def test_every_key_is_explained_with_its_type_and_default_and_every_explained_one_is_read():
-    assert_same("halvek-settings.5", keys_in_page(), keys_in_code())
+def explanations() -> list[tuple[str, str, str]]:
+    """Each key of the page with its type and the text below it."""
+    text = (ROOT / "docs/halvek-settings.5").read_text()
+    return re.findall(r"^\.It Li (\S+)[^\n]* Pq (\w+).*\n((?:(?!\.It |\.El).*\n)*)", text, re.M)
 
 
-def test_settings_are_read_through_the_getters_that_the_comparison_knows():
-    assert not literals(r'\b(?:group|settings)(?:\.(?:find|at|count)\(|\[)("[^"]*")', DAEMON)
+def test_every_key_is_explained_with_its_type_and_default_and_every_explained_one_is_in_a_table(known):
+    assert_same("halvek-settings.5", keys_in_page(), keys_in_tables(known))
+
+
+def test_every_handler_knows_the_keys_of_every_handler(known):
+    common = [key for key in known["Events/Handler#*"] if key["name"] != "Type"]
+    del (types := types_of(known, "Handler"))["SourceIds"]
+    assert [name for name, keys in types.items() if [key for key in keys if key in common] != common] == []
+
+
+def test_the_range_of_every_number_is_that_of_its_table(known):
+    ranges = {}
+    for keys in known.values():
+        for key in keys:
+            if key["kind"] == "integer":
+                ranges.setdefault(key["name"], set()).add((key["lowest"], key["highest"]))
+    in_page = {}
+    for name, kind, body in explanations():
+        if kind == "integer":
+            said = body.partition(".Em Range :\n")[2].partition(".Em Wrong :")[0]
+            numbers = [int(number) for number in re.findall(r"\d+", said)]
+            in_page.setdefault(name, set()).add((min(numbers), 2**31 - 1 if "and more" in said else max(numbers)))
+    assert in_page and in_page == ranges
+
+
+def test_settings_are_read_through_the_tables_only():
+    """A reader asks a table for its key while it is compiled: only a reader beside the tables could know another."""
+    beside = literals(rf'({GETTER}|\b(?:group|settings|reader)(?:\.(?:find|at|count|Has)\(|\[)"[^"]*")', DAEMON)
+    assert {place.partition(":")[0] for place in beside.values()} == {"env/SettingsReader.cpp"}
 
 
 def test_every_key_has_a_range_what_a_wrong_value_does_and_an_example():
-    text = (ROOT / "docs/halvek-settings.5").read_text()
-    explained = re.findall(r"^\.It Li (\S+)[^\n]* Pq .*\n((?:(?!\.It |\.El).*\n)*)", text, re.M)
+    explained = explanations()
     assert len(explained) == len(keys_in_page())
-    for key, body in explained:
+    for key, _, body in explained:
         assert ".Em Range :\n" in body and ".Em Wrong :\n" in body, f"{key} lacks its range or what is wrong"
         assert re.search(rf"^\.Dl {re.escape(key)}\S*=\S", body, re.M), f"{key} lacks its example"
 
 
-@pytest.mark.parametrize(
-    ("section", "pattern"),
-    [("SOURCES", r'typeName == "(\w+)"'), ("HANDLERS", r'HandlerRegistration registration\{"(\w+)"')],
-)
-def test_every_type_is_explained_and_every_explained_one_can_be_made(section, pattern):
+@pytest.mark.parametrize(("section", "item"), [("SOURCES", "Source"), ("HANDLERS", "Handler")])
+def test_every_type_is_explained_and_every_explained_one_can_be_made(known, section, item):
     lines = [line for line in page_lines("halvek-settings.5") if line.section == section]
     titles = {line.subsection: line.place for line in lines if line.words[:1] == [".Ss"] and "/" not in line.subsection}
     others = [line for line in lines if line.words[:1] == [".It"] and line.subsection == "Other types"]
     named = titles | {line.words[2]: line.place for line in others}
     in_page = {name: place for name, place in named.items() if " " not in name}
-    assert_same("halvek-settings.5", in_page, literals(pattern, DAEMON))
+    types = types_of(known, item)
+    types.pop("SourceIds", None)
+    assert_same("halvek-settings.5", in_page, dict.fromkeys(types, "the tables"))
 
 
-def test_every_group_is_explained_and_every_explained_one_is_known():
+def test_every_group_is_explained_and_every_explained_one_is_known(known):
+    lines = [line for line in page_lines("halvek-settings.5") if line.words[:1] == [".Ss"] and "/" in line.subsection]
+    in_page = {line.subsection: line.place for line in lines}
+    types = [f"Events/{item}#*/{name}" for item in ("Source", "Handler") for name in types_of(known, item)]
+    types.remove("Events/Handler#*/SourceIds")
+    in_tables = {group.replace("*", "name"): "the tables" for group in known if group not in types}
+    assert_same("halvek-settings.5", in_page, in_tables)
+
+
+def test_every_group_that_the_code_names_is_known(known):
     in_code = literals(r'"((?:Applications|Events|Video)/[\w/#]+)"', DAEMON)
     assert in_code.pop(ID_WITHOUT_GROUP)
-    lines = [line for line in page_lines("halvek-settings.5") if line.words[:1] == [".Ss"] and "/" in line.subsection]
-    in_page = {re.sub("(?:name.*|/Pipe)$", "", line.subsection): line.place for line in lines}
-    assert_same("halvek-settings.5", in_page, in_code)
+    assert [name for name in in_code if not any(pattern.startswith(name) for pattern in known)] == []
 
 
 def test_every_logger_that_can_have_a_level_of_its_own_is_named():

@@ -14,7 +14,7 @@ from harness import SERVER, Daemon, block, handler, post, source, timer, unstamp
 
 SOURCES = Path(__file__).resolve().parents[2]
 BUILD = Path(harness.PROGRAM).resolve().parents[1]
-DAEMON_FOLDERS = ("app", "event", "handler", "monitor", "source", "camera", "docs", "packaging")
+DAEMON_FOLDERS = ("app", "env", "event", "handler", "monitor", "source", "camera", "docs", "packaging")
 SMALL_CAMERA = SOURCES / "tests/sdk"
 
 
@@ -89,7 +89,9 @@ def headers_in_the_book() -> set[str]:
 
 def headers_of_the_daemon() -> set[str]:
     """What its folders include of the platform."""
-    files = (path for folder in DAEMON_FOLDERS for path in (SOURCES / folder).glob("*") if path.suffix in (".h", ".cpp"))
+    files = (
+        path for folder in DAEMON_FOLDERS for path in (SOURCES / folder).glob("*") if path.suffix in (".h", ".cpp")
+    )
     pattern = re.compile(r'^#include "((?:kelto|vassa|util)/[\w/]+\.h)"', re.MULTILINE)
     return {header for path in files for header in pattern.findall(path.read_text())}
 

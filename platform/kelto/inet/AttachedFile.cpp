@@ -2,6 +2,7 @@
 
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/PathUtils.h"
+#include "kelto/osa/ReadToEnd.h"
 #include "kelto/osa/UniqueFd.h"
 
 #include <fcntl.h>
@@ -18,6 +19,7 @@ namespace {
 
 /** In bytes. A mail takes four times that in memory, and the mail library ends the process when there is none. */
 constexpr off_t largestAttachment = off_t{16} * 1024 * 1024;
+constexpr const char* tooLarge = "more than 16 MiB";
 
 struct KnownExtension {
     const char* extension;
@@ -41,12 +43,6 @@ constexpr std::array<KnownExtension, 10> knownExtensions = {{
     throw osa::Exception("Cannot read %s: %s", path.c_str(), reason);
 }
 
-void CheckSize(off_t size, const std::string& path) {
-    if (size > largestAttachment) {
-        ThrowCannotRead(path, "more than 16 MiB");
-    }
-}
-
 void CheckFile(int file, const std::string& path) {
     struct stat status {};
     if (fstat(file, &status) != 0) {
@@ -55,7 +51,9 @@ void CheckFile(int file, const std::string& path) {
     if (!S_ISREG(status.st_mode)) {
         ThrowCannotRead(path, "not a regular file");
     }
-    CheckSize(status.st_size, path);
+    if (status.st_size > largestAttachment) {
+        ThrowCannotRead(path, tooLarge);
+    }
 }
 
 }  // namespace
@@ -78,20 +76,11 @@ std::string ReadAttachedFile(const std::string& path) {
     }
     CheckFile(file.Get(), path);
     std::string content;
-    std::array<char, 16384> buffer{};
-    while (true) {
-        const ssize_t count = read(file.Get(), buffer.data(), buffer.size());
-        if (count == 0) {
-            return content;
-        }
-        if (count > 0) {
-            content.append(buffer.data(), static_cast<size_t>(count));
-            // It may grow meanwhile.
-            CheckSize(static_cast<off_t>(content.size()), path);
-        } else if (errno != EINTR) {
-            ThrowCannotRead(path, std::strerror(errno));
-        }
+    // It may have grown meanwhile.
+    if (const int error = osa::ReadToEnd(file.Get(), content, largestAttachment); error != 0) {
+        ThrowCannotRead(path, error == EFBIG ? tooLarge : std::strerror(error));
     }
+    return content;
 }
 
 }  // namespace kelto::inet

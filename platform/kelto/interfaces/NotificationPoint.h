@@ -83,9 +83,7 @@ private:
     const msgbus::MessageFilter filter;
     const Decode decode;
     osa::Mutex lock;
-
-    // Guarded by lock.
-    std::list<std::unique_ptr<Registration>> registrations;
+    std::list<std::unique_ptr<Registration>> registrations KELTO_THREAD_SAFETY(guarded_by(lock));
 };
 
 }  // namespace kelto::interfaces

@@ -32,15 +32,14 @@ private:
         std::unique_ptr<DeliveryQueue> queue;
     };
 
-    bool IsWanted(const MessageFilter& filter) const;
+    bool IsWanted(const MessageFilter& filter) const KELTO_THREAD_SAFETY(requires_capability(lock));
     void Deliver(const MessageFilter& filter, const std::shared_ptr<const MsgBusMsg>& message);
 
-    // Guarded by lock.
     osa::Mutex lock;
-    bool started = false;
-    std::list<Subscription> subscriptions;
+    bool started KELTO_THREAD_SAFETY(guarded_by(lock)) = false;
+    std::list<Subscription> subscriptions KELTO_THREAD_SAFETY(guarded_by(lock));
     /** Ended from inside their own delivery: such a queue cannot wait for its own thread. */
-    std::list<Subscription> ended;
+    std::list<Subscription> ended KELTO_THREAD_SAFETY(guarded_by(lock));
 
     BusListener listener;
 };

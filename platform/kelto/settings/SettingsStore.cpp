@@ -2,6 +2,7 @@
 
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/FileUtils.h"
+#include "kelto/osa/ReadToEnd.h"
 #include "kelto/osa/Thread.h"
 #include "kelto/osa/UniqueFd.h"
 #include "kelto/settings/IniParser.h"
@@ -38,22 +39,6 @@ std::string StorePath() {
     return path == nullptr || *path == '\0' ? defaultPath : path;
 }
 
-std::string ReadToEnd(int file, const std::string& path) {
-    std::string text;
-    std::array<char, 4096> buffer{};
-    while (true) {
-        const ssize_t count = read(file, buffer.data(), buffer.size());
-        if (count == 0) {
-            return text;
-        }
-        if (count > 0) {
-            text.append(buffer.data(), static_cast<size_t>(count));
-        } else if (errno != EINTR) {
-            ThrowCannotRead(path);
-        }
-    }
-}
-
 bool IsSame(const timespec& one, const timespec& other) {
     return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
 }
@@ -73,7 +58,11 @@ bool TryToReadFile(const std::string& path, std::string& text) {
     if (!file.IsValid() || fstat(file.Get(), &before) != 0) {
         ThrowCannotRead(path);
     }
-    text = ReadToEnd(file.Get(), path);
+    text.clear();
+    if (const int error = osa::ReadToEnd(file.Get(), text); error != 0) {
+        errno = error;
+        ThrowCannotRead(path);
+    }
     return IsUnchanged(path, before, text.size());
 }
 

@@ -1,12 +1,12 @@
 #include "app/Application.h"
 #include "handler/EventHandler.h"
 #include "kelto/osa/Exception.h"
+#include "source/SourceFactory.h"
 #include "tests/fakes/Descriptors.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/Journal.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/ProbeSource.h"
-#include "tests/fakes/SourceFactoryHook.h"
 #include "tests/fakes/TempDir.h"
 #include "tests/fakes/WaitUntil.h"
 
@@ -92,7 +92,9 @@ protected:
         }
         arguments.push_back(nullptr);
         optind = 0;  // A start that failed may have left off in the middle of its options.
-        application = std::make_unique<Application>(static_cast<int>(words.size()), arguments.data());
+        application = std::make_unique<Application>(
+            static_cast<int>(words.size()), arguments.data(),
+            [this](const std::string& type, HalvekEnv* env) { return CreateSource(type, env); });
     }
 
     /** Runs the loop; what it throws. */
@@ -142,6 +144,12 @@ protected:
         throw std::runtime_error("no record: " + text);
     }
 
+    /** The probe is a source type beside those of the daemon. */
+    std::unique_ptr<EventSource> CreateSource(const std::string& type, HalvekEnv* env) {
+        return type == "Probe" ? std::make_unique<test::ProbeSource>(journal, "Probe", actions)
+                               : CreateEventSource(type, env);
+    }
+
     size_t CountConfigurations() const { return log.Count("Information halvek: Configuring..."); }
 
     const test::LeftDescriptorsClosed leftDescriptorsClosed;
@@ -149,8 +157,6 @@ protected:
     test::LogCapture log{core::LogLevel::Debug};
     test::Journal journal;
     test::ProbeSource::Actions actions;
-    const test::SourceFactoryHook hook{
-        {{"Probe", [this](HalvekEnv*) { return std::make_unique<test::ProbeSource>(journal, "Probe", actions); }}}};
     const std::vector<int> openBefore = test::OpenDescriptors();
     std::unique_ptr<Application> application;
 };

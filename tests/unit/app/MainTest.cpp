@@ -1,12 +1,13 @@
+#include "app/RunDaemon.h"
+#include "handler/EventHandler.h"
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
+#include "source/SourceFactory.h"
 #include "tests/fakes/EnvironmentVariable.h"
 #include "tests/fakes/Journal.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/NotifySocket.h"
 #include "tests/fakes/ProbeSource.h"
-#include "tests/fakes/RunHook.h"
-#include "tests/fakes/SourceFactoryHook.h"
 #include "tests/fakes/TempDir.h"
 
 #include <gmock/gmock.h>
@@ -17,9 +18,6 @@
 #include <memory>
 #include <string>
 #include <vector>
-
-// The program's main, under the name that it is compiled with here.
-int HalvekMain(int argc, char** argv);
 
 namespace kelto::halvek {
 
@@ -38,10 +36,18 @@ protected:
     /** What the probe does when it is started from now on; may throw. */
     void SetStart(const std::function<void()>& start) { actions.start = start; }
 
-    int RunMain() {
+    /** The probe is a source type beside those of the daemon. */
+    std::unique_ptr<EventSource> CreateSource(const std::string& type, HalvekEnv* env) {
+        return type == "Probe" ? std::make_unique<test::ProbeSource>(journal, "Probe", actions)
+                               : CreateEventSource(type, env);
+    }
+
+    int RunMain(const std::function<void()>& whenReady) {
         std::string name = "halvek";
         std::array<char*, 2> arguments{name.data(), nullptr};
-        return HalvekMain(1, arguments.data());
+        return RunDaemon(
+            1, arguments.data(), [this](const std::string& type, HalvekEnv* env) { return CreateSource(type, env); },
+            whenReady);
     }
 
     const test::TempDir folder;
@@ -51,31 +57,29 @@ protected:
     test::LogCapture log{core::LogLevel::Debug};
     test::Journal journal;
     test::ProbeSource::Actions actions;
-    const test::SourceFactoryHook hook{
-        {{"Probe", [this](HalvekEnv*) { return std::make_unique<test::ProbeSource>(journal, "Probe", actions); }}}};
 };
 
 TEST_F(MainTest, AnOrderlyStopAfterReadinessEndsWithStatus0) {
-    const test::RunHook stopping([this] {
+    const auto stopping = [this] {
         EXPECT_THAT(manager.Take(), ElementsAre("READY=1"));
         std::raise(SIGTERM);
-    });
-    EXPECT_EQ(RunMain(), 0);
+    };
+    EXPECT_EQ(RunMain(stopping), 0);
     EXPECT_THAT(manager.Take(), ElementsAre());
     EXPECT_EQ(journal.Entries().back(), "destroy Probe");
 }
 
 TEST_F(MainTest, AServiceManagerThatCannotBeToldIsAWarningAndTheDaemonRuns) {
     const test::EnvironmentVariable nowhere("NOTIFY_SOCKET", "/nowhere/socket");
-    const test::RunHook stopping([] { std::raise(SIGTERM); });
-    EXPECT_EQ(RunMain(), 0);
+    const auto stopping = [] { std::raise(SIGTERM); };
+    EXPECT_EQ(RunMain(stopping), 0);
     EXPECT_EQ(log.Count("Warning halvek: The service manager cannot be told READY=1: No such file or directory"), 1U);
 }
 
 TEST_F(MainTest, AnOrderlyEndEndsTheLogToo) {
-    const test::RunHook stopping([] { std::raise(SIGTERM); });
+    const auto stopping = [] { std::raise(SIGTERM); };
     const core::Logger& logger = core::Logger::GetLogger("halvek");
-    EXPECT_EQ(RunMain(), 0);
+    EXPECT_EQ(RunMain(stopping), 0);
     const std::string before = log.Text();
     logger.Error("too late");
     EXPECT_EQ(log.Text(), before);
@@ -83,18 +87,18 @@ TEST_F(MainTest, AnOrderlyEndEndsTheLogToo) {
 
 TEST_F(MainTest, AConfigurationRejectedAtTheStartDoesNotKeepItFromReadiness) {
     SetStart([] { throw osa::Exception("cannot start"); });
-    const test::RunHook stopping([] { std::raise(SIGTERM); });
-    EXPECT_EQ(RunMain(), 0);
+    const auto stopping = [] { std::raise(SIGTERM); };
+    EXPECT_EQ(RunMain(stopping), 0);
     EXPECT_TRUE(log.Has("Error halvek: Error reloading, invalid configuration: cannot start"));
     EXPECT_THAT(manager.Take(), ElementsAre("READY=1"));
 }
 
 TEST_F(MainTest, AFatalErrorAfterReadinessEndsTheSourcesBeforeItIsReported) {
-    const test::RunHook reloading([this] {
+    const auto reloading = [this] {
         SetStart([] { throw 42; });
         std::raise(SIGHUP);
-    });
-    EXPECT_EQ(RunMain(), 1);
+    };
+    EXPECT_EQ(RunMain(reloading), 1);
     EXPECT_THAT(manager.Take(), ElementsAre("READY=1", "ERRNO=5"));
     EXPECT_EQ(journal.Entries().back(), "destroy Probe");
     const std::vector<std::string> records = log.Lines();
@@ -107,8 +111,8 @@ TEST_F(MainTest, AFatalErrorAfterReadinessEndsTheSourcesBeforeItIsReported) {
 }
 
 TEST_F(MainTest, WhatIsNoStandardExceptionIsReportedWithoutARecord) {
-    const test::RunHook failing([] { throw 42; });
-    EXPECT_EQ(RunMain(), 1);
+    const auto failing = [] { throw 42; };
+    EXPECT_EQ(RunMain(failing), 1);
     EXPECT_THAT(manager.Take(), ElementsAre("READY=1", "ERRNO=5"));
     EXPECT_EQ(journal.Entries().back(), "destroy Probe");
     EXPECT_THAT(log.Text(), EndsWith("\nError halvek Main: unknown exception, doh!\n"));

@@ -1,9 +1,9 @@
+#include "env/HalvekEnv.h"
+#include "env/HandlerRegistry.h"
 #include "event/AlarmEvent.h"
 #include "event/TimerEvent.h"
 #include "handler/EmailEventHandler.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/HalvekEnv.h"
-#include "monitor/HandlerRegistry.h"
 #include "tests/fakes/Base64.h"
 #include "tests/fakes/Descriptors.h"
 #include "tests/fakes/EnvironmentVariable.h"
@@ -31,20 +31,6 @@
 #include <thread>
 
 namespace kelto::halvek::handler {
-
-namespace {
-
-std::function<std::string()> lookUpInstead;
-
-}  // namespace
-
-// The linker's --wrap gives the handler's call to the second and knows the look-up itself by the first.
-std::string LookUpReally() asm("__real_" LOOK_UP);
-std::string LookUpAsToldTo() asm("__wrap_" LOOK_UP);
-
-std::string LookUpAsToldTo() {
-    return lookUpInstead ? lookUpInstead() : LookUpReally();
-}
 
 namespace {
 
@@ -96,7 +82,6 @@ private:
 class EmailEventHandlerTest : public ::testing::Test {
 protected:
     EmailEventHandlerTest() { BeMailProgram("echo \"$0 $*\" >$folder/call; cat >$folder/mail.$$"); }
-    ~EmailEventHandlerTest() override { lookUpInstead = nullptr; }
 
     /** What the mail program does; $folder stands for the test's folder. */
     void BeMailProgram(const std::string& script) const {
@@ -175,7 +160,8 @@ protected:
     const test::EnvironmentVariable programs{"PATH", folder.PathOf("bin") + ":" + std::getenv("PATH")};
     const test::EnvironmentVariable settings{"KELTO_SETTINGS", folder.PathOf("settings.ini")};
     test::LogCapture log;
-    EmailEventHandler handler;
+    SnapshotLookUp lookUp = LookUpSnapshotPath;
+    EmailEventHandler handler{[this] { return lookUp(); }};
 };
 
 TEST_F(EmailEventHandlerTest, IsMadeByTheRegistryUnderEmail) {
@@ -209,7 +195,7 @@ TEST_F(EmailEventHandlerTest, ConfiguringWithAnAttachmentLooksUpTheSnapshot) {
 }
 
 TEST_F(EmailEventHandlerTest, ConfiguringWithoutAnAttachmentDoesNotLook) {
-    lookUpInstead = []() -> std::string { throw std::logic_error("looked"); };
+    lookUp = []() -> std::string { throw std::logic_error("looked"); };
     Configure({{"Attachment", "no"}});
     EXPECT_EQ(log.Lines().back(), "Debug halvek: \tThe value of _attach: 0");
 }
@@ -232,14 +218,14 @@ TEST_F(EmailEventHandlerTest, AnAttachmentWithoutReadableSettingsIsAWarningAndAn
 }
 
 TEST_F(EmailEventHandlerTest, AnyStandardExceptionOfTheLookUpIsAWarningWithItsText) {
-    lookUpInstead = []() -> std::string { throw std::runtime_error("100% gone"); };
+    lookUp = []() -> std::string { throw std::runtime_error("100% gone"); };
     Configure({{"Attachment", "true"}});
     EXPECT_TRUE(log.Has("Warning halvek: \tEmailEventHandler: 100% gone"));
     EXPECT_EQ(log.Lines().back(), noneFound);
 }
 
 TEST_F(EmailEventHandlerTest, AnyOtherExceptionOfTheLookUpIsAWarningToo) {
-    lookUpInstead = []() -> std::string { throw 42; };
+    lookUp = []() -> std::string { throw 42; };
     Configure({{"Attachment", "true"}});
     EXPECT_TRUE(
         log.Has("Warning halvek: \tEmailEventHandler: Error fetching value of SnapshotPath, not sending "

@@ -1,7 +1,7 @@
+#include "env/HandlerRegistry.h"
 #include "event/TimerEvent.h"
 #include "handler/VassaApiException.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/HandlerRegistry.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/unit/handler/FolderFixture.h"
 

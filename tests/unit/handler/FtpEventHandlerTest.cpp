@@ -1,10 +1,10 @@
+#include "env/HalvekEnv.h"
+#include "env/HandlerRegistry.h"
 #include "event/AlarmEvent.h"
 #include "event/TimerEvent.h"
 #include "handler/FtpEventHandler.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/PathUtils.h"
-#include "monitor/HalvekEnv.h"
-#include "monitor/HandlerRegistry.h"
 #include "tests/fakes/EnvironmentVariable.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/Fifo.h"
@@ -28,20 +28,6 @@ namespace kelto::halvek::handler {
 
 namespace {
 
-std::function<std::string()> lookUp;
-
-}  // namespace
-
-// The linker's --wrap gives every look-up of the snapshot to the second and knows the look-up itself by the first.
-std::string LookUpReally() asm("__real_" LOOK_UP);
-std::string LookUpHooked() asm("__wrap_" LOOK_UP);
-
-std::string LookUpHooked() {
-    return lookUp == nullptr ? LookUpReally() : lookUp();
-}
-
-namespace {
-
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -62,7 +48,6 @@ const Words notRun = {"ftpput was not run"};
 class FtpEventHandlerTest : public ::testing::Test {
 protected:
     FtpEventHandlerTest() { StandIn("printf '%s\\0' \"$@\" >" + wordsFile + "\n"); }
-    ~FtpEventHandlerTest() override { lookUp = nullptr; }
 
     /** What stands in for ftpput from now on. */
     void StandIn(const std::string& script) const {
@@ -126,7 +111,8 @@ protected:
     const test::EnvironmentVariable store{
         "KELTO_SETTINGS", folder.Write("settings.ini", "[Video/Quickview]\nSnapshotPath=" + snapshot + "\n")};
     test::LogCapture log;
-    FtpEventHandler handler;
+    SnapshotLookUp lookUp = LookUpSnapshotPath;
+    FtpEventHandler handler{[this] { return lookUp(); }};
 };
 
 TEST_F(FtpEventHandlerTest, IsMadeByTheRegistryUnderFtp) {

@@ -1,3 +1,5 @@
+#include "env/HalvekEnv.h"
+#include "env/HandlerRegistry.h"
 #include "event/AlarmEvent.h"
 #include "event/ParkEvent.h"
 #include "event/TimerEvent.h"
@@ -5,8 +7,6 @@
 #include "handler/PresetEventHandler.h"
 #include "handler/TourEventHandler.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/HalvekEnv.h"
-#include "monitor/HandlerRegistry.h"
 #include "tests/fakes/FakeProviders.h"
 #include "tests/fakes/LogCapture.h"
 

@@ -1,42 +1,25 @@
+#include "env/HalvekEnv.h"
+#include "env/HandlerRegistry.h"
 #include "event/TimerEvent.h"
 #include "handler/RelayEventHandler.h"
 #include "kelto/interfaces/IRelayV3Provider.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/HalvekEnv.h"
-#include "monitor/HandlerRegistry.h"
 #include "tests/fakes/FakeProviders.h"
 #include "tests/fakes/LogCapture.h"
-#include "tests/fakes/WaitUntil.h"
 
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 
 namespace kelto::halvek::handler {
 
-// What the handler keeps of an answer shows in no later call of its own, so a test looks at the field itself: naming a
-// private member is allowed in an explicit instantiation.
-auto KeptSettings(RelayEventHandler& handler);
-std::mutex& SettingsMutex(RelayEventHandler& handler);
-
-template <auto settings, auto mutex>
-struct KeptSettingsReader {
-    friend auto KeptSettings(RelayEventHandler& handler) { return handler.*settings; }
-    friend std::mutex& SettingsMutex(RelayEventHandler& handler) { return handler.*mutex; }
-};
-
-template struct KeptSettingsReader<&RelayEventHandler::settings, &RelayEventHandler::settingsMutex>;
-
 namespace {
 
-using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
@@ -218,7 +201,7 @@ TEST_F(RelayEventHandlerTest, ThePolarityItKeepsIsTheResultOfTheReadCallAndNotTh
                             .offIntervalMs = 12,
                             .pulseCount = 13};
         Act();
-        const auto kept = KeptSettings(*handler);
+        const RelayEventHandler::Settings kept = handler->GetSettings();
         EXPECT_EQ(kept.polarity, result);
         EXPECT_EQ(kept.mode, 2);
         EXPECT_EQ(kept.onIntervalMs, 11);
@@ -366,37 +349,6 @@ TEST_F(RelayEventHandlerTest, TheEventsContentsDoNotMatter) {
     EXPECT_THAT(providers.Calls(),
                 ElementsAre("RelayV3.SetConfiguration(A,0,0,1,500,500,1)", "RelayV3.Activate(A,0,1)"));
     EXPECT_FALSE(empty.HasProperties());
-}
-
-TEST_F(RelayEventHandlerTest, SettingsAreReadAndWrittenUnderTheirLock) {
-    class Certain : public RelayEventHandler {
-    public:
-        using RelayEventHandler::RelayEventHandler;
-        bool IsConfigured() const override { return true; }
-    };
-    Certain certain(env.GetMsgBus());
-    providers.ClearCalls();
-    std::unique_lock lock(SettingsMutex(certain));
-    std::future<bool> asked = std::async(std::launch::async, [&] { return certain.RelayEventHandler::IsConfigured(); });
-    std::future<void> acted = std::async(std::launch::async, [&] {
-        event::TimerEvent event(Event::Properties{{"eventType", "Test"}});
-        certain.PerformAction(event);
-    });
-    EXPECT_EQ(asked.wait_for(100ms), std::future_status::timeout);
-    EXPECT_THAT(providers.Calls(), IsEmpty());
-
-    // From its first call on until it wants to keep the answer it goes on without.
-    std::promise<void> locked;
-    providers->onCall = [&, again = locked.get_future().share()](const std::string&) { again.wait(); };
-    lock.unlock();
-    ASSERT_TRUE(test::WaitUntil([&] { return providers.Calls().size() == 1; }));
-    lock.lock();
-    locked.set_value();
-    EXPECT_EQ(acted.wait_for(100ms), std::future_status::timeout);
-    EXPECT_EQ(providers.Calls().size(), 1U);
-    lock.unlock();
-    acted.get();
-    EXPECT_EQ(providers.Calls().size(), 2U);
 }
 
 TEST_F(RelayEventHandlerTest, MayActOnSeveralThreadsAtOnceWithoutHoldingAnythingOverACall) {

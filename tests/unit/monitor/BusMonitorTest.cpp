@@ -1,6 +1,6 @@
+#include "env/HandlerRegistry.h"
 #include "kelto/core/IniFile.h"
 #include "monitor/EventMonitor.h"
-#include "monitor/HandlerRegistry.h"
 #include "tests/fakes/Descriptors.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/PrivateBus.h"

@@ -189,7 +189,7 @@ TEST_F(EventMonitorTest, TheDestructorSwallowsWhatStoppingThrowsAndDestroysTheSo
                                                   }
                                                   throw 42;
                                               }}));
-        monitor = std::make_unique<EventMonitor>(&registry);
+        monitor = MakeMonitor();
         monitor->Configure(TwoSources());
         journal.Clear();
         EXPECT_NO_THROW(monitor.reset());

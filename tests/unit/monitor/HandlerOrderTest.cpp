@@ -1,4 +1,4 @@
-#include "monitor/HandlerRegistry.h"
+#include "env/HandlerRegistry.h"
 
 #include <gmock/gmock.h>
 
@@ -6,17 +6,6 @@
 #include <vector>
 
 namespace kelto::halvek {
-
-// The list as a whole, whatever the kinds, shows in no operation: naming a private member is allowed in an explicit
-// instantiation.
-auto ListOf(const HandlerRegistry& registry);
-
-template <auto member>
-struct ListReader {
-    friend auto ListOf(const HandlerRegistry& registry) { return registry.*member; }
-};
-
-template struct ListReader<&HandlerRegistry::registrations>;
 
 namespace {
 
@@ -26,7 +15,7 @@ using ::testing::ElementsAre;
 
 TEST(LINKED, RegisterInTheOneOrder) {
     std::vector<std::string> names;
-    for (const HandlerRegistration* const registration : ListOf(HandlerRegistry::Instance())) {
+    for (const HandlerRegistration* const registration : HandlerRegistry::Instance().GetRegistrations()) {
         names.emplace_back(registration->name);
     }
     EXPECT_THAT(names, ElementsAre("Relay", "Email", "Extern", "Preset", "Ftp", "Folder", "Tour"));

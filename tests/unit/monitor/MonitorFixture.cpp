@@ -1,6 +1,7 @@
 #include "tests/unit/monitor/MonitorFixture.h"
 
 #include "event/TimerEvent.h"
+#include "source/SourceFactory.h"
 
 namespace kelto::halvek {
 
@@ -56,7 +57,7 @@ MonitorFixture::MonitorFixture() {
         AddSourceType(name, ProbeCreator(name));
     }
     AddSourceType("MsgBus", [](HalvekEnv*) { return nullptr; });
-    monitor = std::make_unique<EventMonitor>(&registry);
+    monitor = MakeMonitor();
 }
 
 // Before what its sources and handlers refer to.
@@ -81,16 +82,22 @@ MonitorFixture::SourceCreator MonitorFixture::ProbeCreator(const std::string& na
     };
 }
 
+std::unique_ptr<EventMonitor> MonitorFixture::MakeMonitor() {
+    return std::make_unique<EventMonitor>(
+        &registry, [this](const std::string& type, HalvekEnv* env) { return CreateSource(type, env); });
+}
+
+std::unique_ptr<EventSource> MonitorFixture::CreateSource(const std::string& type, HalvekEnv* env) const {
+    const auto creator = creators.find(type);
+    return creator == creators.end() ? CreateEventSource(type, env) : creator->second(env);
+}
+
 void MonitorFixture::AddSourceType(const std::string& type, const SourceCreator& creator) {
     creators[type] = creator;
-    hook.reset();
-    hook = std::make_unique<test::SourceFactoryHook>(creators);
 }
 
 void MonitorFixture::UseRealSourceType(const std::string& type) {
     creators.erase(type);
-    hook.reset();
-    hook = std::make_unique<test::SourceFactoryHook>(creators);
 }
 
 void MonitorFixture::AddHandlerType(const char* name, HandlerCreator creator, int32_t kind) {

@@ -1,15 +1,14 @@
 #pragma once
 
+#include "env/HandlerRegistry.h"
 #include "handler/EventHandler.h"
 #include "kelto/core/IniFile.h"
 #include "monitor/EventMonitor.h"
-#include "monitor/HandlerRegistry.h"
 #include "tests/fakes/Descriptors.h"
 #include "tests/fakes/Journal.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/ProbeSource.h"
 #include "tests/fakes/RecordingHandler.h"
-#include "tests/fakes/SourceFactoryHook.h"
 #include "tests/fakes/TempDir.h"
 
 #include <gmock/gmock.h>
@@ -32,13 +31,16 @@ namespace kelto::halvek {
  */
 class MonitorFixture : public ::testing::Test {
 protected:
-    using SourceCreator = test::SourceFactoryHook::Creator;
+    using SourceCreator = std::function<std::unique_ptr<EventSource>(HalvekEnv*)>;
     using HandlerCreator = std::unique_ptr<EventHandler> (*)(HalvekEnv*);
 
     MonitorFixture();
     ~MonitorFixture() override;
 
     static core::IniFile MakeIni(const core::IniFile::Groups& groups);
+
+    /** A monitor of these types of sources and handlers, not configured. */
+    std::unique_ptr<EventMonitor> MakeMonitor();
 
     /** A creator of probe sources that are reached by their name. */
     SourceCreator ProbeCreator(const std::string& name, test::ProbeSource::Actions actions = {});
@@ -82,8 +84,9 @@ private:
     static std::map<std::string, std::vector<test::RecordingHandler*>> handlers;
     static std::atomic<int> liveHandlers;
 
-    test::SourceFactoryHook::Creators creators;
-    std::unique_ptr<test::SourceFactoryHook> hook;
+    std::unique_ptr<EventSource> CreateSource(const std::string& type, HalvekEnv* env) const;
+
+    std::map<std::string, SourceCreator> creators;
     std::map<std::string, test::ProbeSource*> sources;
     std::vector<std::unique_ptr<HandlerRegistration>> registrations;
 };

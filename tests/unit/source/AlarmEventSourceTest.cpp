@@ -1,6 +1,6 @@
+#include "env/AlarmCommon.h"
+#include "env/HalvekEnv.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/AlarmCommon.h"
-#include "monitor/HalvekEnv.h"
 #include "source/AlarmEventSource.h"
 #include "source/SourceFactory.h"
 #include "tests/fakes/FakeProviders.h"

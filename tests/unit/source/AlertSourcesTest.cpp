@@ -1,6 +1,6 @@
+#include "env/HalvekEnv.h"
 #include "handler/ExternEventHandler.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/HalvekEnv.h"
 #include "source/AlarmEventSource.h"
 #include "source/AnalyticsEventSource.h"
 #include "source/MsgBusEventSource.h"

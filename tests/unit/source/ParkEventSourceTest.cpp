@@ -1,6 +1,6 @@
+#include "env/HalvekEnv.h"
+#include "env/MotionStateCommon.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/HalvekEnv.h"
-#include "monitor/MotionStateCommon.h"
 #include "source/ParkEventSource.h"
 #include "source/SourceFactory.h"
 #include "tests/fakes/FakeProviders.h"

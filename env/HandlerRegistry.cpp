@@ -1,4 +1,4 @@
-#include "monitor/HandlerRegistry.h"
+#include "env/HandlerRegistry.h"
 
 namespace kelto::halvek {
 

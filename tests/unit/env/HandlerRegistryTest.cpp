@@ -1,7 +1,7 @@
+#include "env/HalvekEnv.h"
+#include "env/HandlerRegistry.h"
 #include "handler/EventHandler.h"
 #include "handler/ExternEventHandler.h"
-#include "monitor/HalvekEnv.h"
-#include "monitor/HandlerRegistry.h"
 #include "tests/fakes/FailingAllocation.h"
 #include "tests/fakes/RecordingHandler.h"
 

@@ -1,6 +1,6 @@
-#include "monitor/AlarmCommon.h"
+#include "env/AlarmCommon.h"
 
-#include "monitor/ComponentInstance.h"
+#include "env/ComponentInstance.h"
 
 namespace kelto::halvek {
 

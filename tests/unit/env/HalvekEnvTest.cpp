@@ -1,5 +1,5 @@
+#include "env/HalvekEnv.h"
 #include "kelto/osa/Exception.h"
-#include "monitor/HalvekEnv.h"
 #include "tests/fakes/ProcessState.h"
 
 #include <gmock/gmock.h>

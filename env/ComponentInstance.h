@@ -1,7 +1,6 @@
 #pragma once
 
-#include "kelto/osa/Exception.h"
-#include "monitor/HalvekEnv.h"
+#include "env/HalvekEnv.h"
 
 #include <list>
 #include <memory>
@@ -9,14 +8,6 @@
 #include <utility>
 
 namespace kelto::halvek {
-
-/** The environment's bus. Throws kelto::osa::Exception if there is no environment. */
-inline msgbus::IMsgBus* BusOf(HalvekEnv* env) {
-    if (env == nullptr) {
-        throw osa::Exception("Parameter %s was NULL", "pEnv");
-    }
-    return env->GetMsgBus();
-}
 
 using Components = std::list<std::unique_ptr<HalvekEnv::IHalvekComponent>>;
 

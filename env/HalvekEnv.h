@@ -50,4 +50,7 @@ private:
     std::map<std::string, IHalvekComponent*> components;
 };
 
+/** The environment's bus. Throws kelto::osa::Exception if there is no environment. */
+msgbus::IMsgBus* BusOf(HalvekEnv* env);
+
 }  // namespace kelto::halvek

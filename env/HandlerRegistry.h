@@ -1,6 +1,6 @@
 #pragma once
 
-#include "monitor/HandlerRegistration.h"
+#include "env/HandlerRegistration.h"
 
 #include <array>
 #include <cstddef>
@@ -46,6 +46,9 @@ public:
 
     /** Appends the names of all records of a kind, in list order. */
     void GetNamesOfKind(int32_t kind, std::list<std::string>& names) const;
+
+    /** All records, in list order. */
+    const std::pmr::list<const HandlerRegistration*>& GetRegistrations() const { return registrations; }
 
 private:
     const HandlerRegistration* FindByName(const std::string& type) const;

@@ -1,6 +1,6 @@
-#include "monitor/MotionStateCommon.h"
+#include "env/MotionStateCommon.h"
 
-#include "monitor/ComponentInstance.h"
+#include "env/ComponentInstance.h"
 
 namespace kelto::halvek {
 

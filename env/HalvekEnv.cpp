@@ -1,4 +1,4 @@
-#include "monitor/HalvekEnv.h"
+#include "env/HalvekEnv.h"
 
 #include "kelto/msgbus/MsgBus.h"
 #include "kelto/osa/Exception.h"
@@ -24,6 +24,13 @@ void HalvekEnv::RegisterComponent(const std::string& id, IHalvekComponent* compo
 HalvekEnv::IHalvekComponent* HalvekEnv::GetComponent(const std::string& id) const {
     const auto component = components.find(id);
     return component == components.end() ? nullptr : component->second;
+}
+
+msgbus::IMsgBus* BusOf(HalvekEnv* env) {
+    if (env == nullptr) {
+        throw osa::Exception("Parameter %s was NULL", "pEnv");
+    }
+    return env->GetMsgBus();
 }
 
 }  // namespace kelto::halvek

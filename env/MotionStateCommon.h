@@ -1,7 +1,7 @@
 #pragma once
 
+#include "env/HalvekEnv.h"
 #include "kelto/interfaces/IMotionStateProvider.h"
-#include "monitor/HalvekEnv.h"
 
 #include <memory>
 

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstddef>
+#include <limits>
+#include <string>
+
+namespace kelto::osa {
+
+/**
+ * Reads what a descriptor holds up to its end, interrupted or not. Any thread; blocks as long as the descriptor does.
+ *
+ * @param content what was read is put behind it, also that before a failure
+ * @param most    bytes that the content may then have
+ * @return 0, or the error number of the read that failed; EFBIG as soon as the content has more than it may
+ */
+int ReadToEnd(int descriptor, std::string& content, size_t most = std::numeric_limits<size_t>::max());
+
+}  // namespace kelto::osa
