@@ -5,7 +5,6 @@
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/FileUtils.h"
 #include "kelto/osa/PathUtils.h"
-#include "kelto/osa/UniqueFd.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -55,21 +54,29 @@ std::string FormatBlock(const Event& event, const std::string& eventType) {
     return block;
 }
 
-bool IsTrustedLink(int link) {
+using LinkTarget = std::array<char, PATH_MAX>;
+
+/** Reads where a link of root or of the daemon's own user leads to; false for anybody else's. */
+bool ReadTrustedLink(int link, LinkTarget& target) {
     struct stat status {};
-    return fstat(link, &status) == 0 && (status.st_uid == 0 || status.st_uid == geteuid());
+    return fstat(link, &status) == 0 && (status.st_uid == 0 || status.st_uid == geteuid()) &&
+           readlinkat(link, "", target.data(), target.size() - 1) > 0;
 }
 
 /**
- * Follows a link of root or of the daemon's own user only: whoever may make pipes in the folder could have the daemon
+ * Follows a link of root or of the daemon's own user only: all who may make pipes in the folder could have the daemon
  * write into its own event pipe, which never ends, or over its files. What is looked at is what is followed, even if
  * another link takes the name meanwhile.
  */
 int OpenThroughLink(const std::string& path) {
-    const osa::UniqueFd link(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    std::array<char, PATH_MAX> target{};
-    if (!link.IsValid() || !IsTrustedLink(link.Get()) ||
-        readlinkat(link.Get(), "", target.data(), target.size() - 1) <= 0) {
+    const int link = open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (link < 0) {
+        return -1;
+    }
+    LinkTarget target{};
+    const bool isTrusted = ReadTrustedLink(link, target);
+    close(link);
+    if (!isTrusted) {
         return -1;
     }
     const std::string aim =
