@@ -370,10 +370,10 @@ TEST_F(NotificationPointTest, RemoveFromInsideACallReturnsAtOnceAndTheObjectMayG
         gone.get_future().get();
     }
     EXPECT_TRUE(test::WaitUntil([&] { return test::CountThreads() == threads; }));
-    // The second change may wait already when the delegate goes.
+    // Further changes may wait already when the delegate goes.
     std::istringstream records(log.Text());
     for (std::string record; std::getline(records, record);) {
-        EXPECT_THAT(record, EndsWith("Warning kelto.msgbus: 1 messages were dropped, their subscription has ended"));
+        EXPECT_THAT(record, EndsWith(" messages were dropped, their subscription has ended"));
     }
 }
 
