@@ -47,6 +47,21 @@ std::optional<LogRecord> ParseBegin(const std::string& line) {
     return record;
 }
 
+std::vector<LogRecord> ParseRecords(const std::string& text) {
+    std::vector<LogRecord> records;
+    std::istringstream lines(text);
+    size_t begin = 0;
+    for (std::string line; std::getline(lines, line); begin += line.size() + 1) {
+        if (auto record = ParseBegin(line)) {
+            record->begin = begin;
+            records.push_back(*record);
+        } else if (!records.empty()) {
+            records.back().text += "\n" + (line.starts_with(indentation) ? line.substr(indentation.size()) : line);
+        }
+    }
+    return records;
+}
+
 }  // namespace
 
 LogCapture::LogCapture(core::LogLevel level) : file(memfd_create("log", MFD_CLOEXEC)), savedStandardError(dup(2)) {
@@ -63,27 +78,18 @@ LogCapture::~LogCapture() {
     core::Logger::SetLevels({});
 }
 
-std::string LogCapture::Text() const {
+std::string LogCapture::Text(size_t from) const {
     std::string text;
     std::array<char, 65536> buffer{};
     ssize_t count = 0;
-    while ((count = pread(file, buffer.data(), buffer.size(), static_cast<off_t>(text.size()))) > 0) {
+    while ((count = pread(file, buffer.data(), buffer.size(), static_cast<off_t>(from + text.size()))) > 0) {
         text.append(buffer.data(), static_cast<size_t>(count));
     }
     return text;
 }
 
 std::vector<LogRecord> LogCapture::Records() const {
-    std::vector<LogRecord> records;
-    std::istringstream text(Text());
-    for (std::string line; std::getline(text, line);) {
-        if (const auto record = ParseBegin(line)) {
-            records.push_back(*record);
-        } else if (!records.empty()) {
-            records.back().text += "\n" + (line.starts_with(indentation) ? line.substr(indentation.size()) : line);
-        }
-    }
-    return records;
+    return ParseRecords(Text());
 }
 
 std::vector<std::string> LogCapture::Lines() const {
@@ -100,7 +106,22 @@ size_t LogCapture::Count(const std::string& line) const {
 }
 
 bool LogCapture::WaitFor(const std::string& line, size_t count) const {
-    return WaitUntil([&] { return Count(line) >= count; });
+    // Each look goes on where the last one ended: a log may grow faster than all of it could be read again and again.
+    size_t from = 0;
+    size_t seen = 0;
+    return WaitUntil([&] {
+        const std::vector<LogRecord> records = ParseRecords(Text(from));
+        const auto found = [&](const LogRecord& record) { return record.ToString() == line; };
+        if (seen + static_cast<size_t>(std::count_if(records.begin(), records.end(), found)) >= count) {
+            return true;
+        }
+        if (!records.empty()) {
+            // The last one may still get another line.
+            seen += static_cast<size_t>(std::count_if(records.begin(), records.end() - 1, found));
+            from += records.back().begin;
+        }
+        return false;
+    });
 }
 
 void LogCapture::Clear() {

@@ -14,6 +14,7 @@ struct LogRecord {
     std::string level;
     std::string logger;
     std::string text;
+    size_t begin = 0;  // bytes in front of it
 
     /** "Debug halvek: text" */
     std::string ToString() const { return level + " " + logger + ": " + text; }
@@ -31,8 +32,8 @@ public:
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    /** All that was written so far, as it stands. */
-    std::string Text() const;
+    /** All that was written so far, as it stands, from a byte on. */
+    std::string Text(size_t from = 0) const;
 
     /** All records so far. */
     std::vector<LogRecord> Records() const;

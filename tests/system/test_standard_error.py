@@ -228,11 +228,11 @@ def test_a_pipe_of_another_user_holds_nothing_up(start, output_pipe):
     post(block("Window"))
     log.wait(DROPPED.search, "the number of dropped records")
     log.wait_for("Received event: Window")
+    log.close()  # who goes on reading may never let it be full
     fill(writer)
     begin = time.monotonic()
     assert daemon.stop() == 0
     assert time.monotonic() - begin < STOP_TIME
-    log.close()
     os.close(reader)
     os.close(writer)
 
