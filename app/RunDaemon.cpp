@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <new>
 #include <utility>
 
 namespace kelto::halvek {
@@ -44,6 +45,15 @@ void NotifyReady() {
     }
 }
 
+/** Where the start has failed for want of memory, the logger may be what there is none for. */
+void WarnOfEnd(const std::exception& exception) {
+    try {
+        core::Logger::GetLogger("halvek").Warning("Error halvek Main: %s", exception.what());
+    } catch (const std::bad_alloc&) {
+        // Standard error is told the same.
+    }
+}
+
 void RunApplication(int argc, char** argv, EventMonitor::SourceFactory createSource,
                     const std::function<void()>& whenReady) {
     Application application(argc, argv, std::move(createSource));
@@ -63,7 +73,7 @@ int RunDaemon(int argc, char** argv, EventMonitor::SourceFactory createSource, c
         core::Logger::Shutdown();
         return 0;
     } catch (const std::exception& exception) {
-        core::Logger::GetLogger("halvek").Warning("Error halvek Main: %s", exception.what());
+        WarnOfEnd(exception);
         if (StandardErrorHasRoom()) {
             std::fprintf(stderr, "Error halvek Main: %s\n", exception.what());
         }

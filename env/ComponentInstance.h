@@ -29,11 +29,12 @@ Component* ComponentInstance(HalvekEnv* env, const std::string& id) {
     }
     auto component = std::make_unique<Component>(env);
     Component* const instance = component.get();
-    // What has been registered must be kept, whatever fails.
+    // What has been registered must be kept, so that nothing may fail from there on.
+    Components& kept = ComponentsOfProcess();
     Components made;
     made.push_back(std::move(component));
     env->RegisterComponent(id, instance);
-    ComponentsOfProcess().splice(ComponentsOfProcess().end(), made);
+    kept.splice(kept.end(), made);
     return instance;
 }
 

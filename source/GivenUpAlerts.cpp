@@ -6,6 +6,9 @@
 
 namespace kelto::halvek::source {
 
+GivenUpAlerts::GivenUpAlerts(Clock::duration leastPause)
+    : logger(core::Logger::GetLogger("kelto.msgbus")), pause(leastPause) {}
+
 void GivenUpAlerts::Tell() {
     if (count > 0 && Clock::now() >= next) {
         TellRest();
@@ -14,8 +17,7 @@ void GivenUpAlerts::Tell() {
 
 void GivenUpAlerts::TellRest() {
     if (count > 0) {
-        core::Logger::GetLogger("kelto.msgbus")
-            .Warning("%zu alerts of more than 60000 bytes were given up", std::exchange(count, 0));
+        logger.Warning("%zu alerts of more than 60000 bytes were given up", std::exchange(count, 0));
         next = Clock::now() + pause;
     }
 }

@@ -3,6 +3,10 @@
 #include <chrono>
 #include <cstddef>
 
+namespace kelto::core {
+class Logger;
+}
+
 namespace kelto::halvek::source {
 
 /**
@@ -16,8 +20,8 @@ class GivenUpAlerts {
 public:
     using Clock = std::chrono::steady_clock;
 
-    explicit GivenUpAlerts(Clock::duration leastPause = std::chrono::seconds(10)) : pause(leastPause) {}
-    /** Tells the rest. */
+    explicit GivenUpAlerts(Clock::duration leastPause = std::chrono::seconds(10));
+    /** Tells the rest. Needs no memory. */
     ~GivenUpAlerts() { TellRest(); }
     GivenUpAlerts(const GivenUpAlerts&) = delete;
     GivenUpAlerts& operator=(const GivenUpAlerts&) = delete;
@@ -32,6 +36,7 @@ public:
     void TellRest();
 
 private:
+    const core::Logger& logger;
     const Clock::duration pause;
     Clock::time_point next;
     size_t count = 0;

@@ -8,13 +8,25 @@ namespace {
 thread_local bool armed = false;
 thread_local bool hasFailed = false;
 thread_local size_t goodOnesLeft = 0;
+thread_local size_t badOnesLeft = 0;
+
+bool Fails() {
+    if (!armed) {
+        return false;
+    }
+    if (goodOnesLeft > 0) {
+        --goodOnesLeft;
+        return false;
+    }
+    hasFailed = true;
+    armed = --badOnesLeft > 0;
+    return true;
+}
 
 }  // namespace
 
 void* operator new(size_t size) {
-    if (armed && goodOnesLeft-- == 0) {
-        armed = false;
-        hasFailed = true;
+    if (Fails()) {
         throw std::bad_alloc();
     }
     void* const memory = std::malloc(size == 0 ? 1 : size);
@@ -34,9 +46,10 @@ void operator delete(void* memory, size_t) noexcept {
 
 namespace kelto::test {
 
-FailingAllocation::FailingAllocation(size_t goodOnes) {
+FailingAllocation::FailingAllocation(size_t goodOnes, size_t badOnes) {
     hasFailed = false;
     goodOnesLeft = goodOnes;
+    badOnesLeft = badOnes;
     armed = true;
 }
 

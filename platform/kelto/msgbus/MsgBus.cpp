@@ -1,5 +1,6 @@
 #include "kelto/msgbus/MsgBus.h"
 
+#include "kelto/core/Logger.h"
 #include "kelto/msgbus/IMessageHandler.h"
 #include "kelto/osa/MutexAutoLock.h"
 
@@ -9,7 +10,11 @@ namespace kelto::msgbus {
 
 MsgBus::MsgBus()
     : lock("MsgBus::Lock"),
-      listener([this](const MessageFilter& filter, const auto& message) { Deliver(filter, message); }) {}
+      listener([this](const MessageFilter& filter, const auto& message) { Deliver(filter, message); }) {
+    // Made now if there is none: who needs it later may be a destructor, or the listening thread, which nobody starts
+    // again.
+    core::Logger::GetLogger("kelto.msgbus");
+}
 
 MsgBus::~MsgBus() = default;
 

@@ -1,6 +1,7 @@
 #include "kelto/msgbus/ProviderCall.h"
 
 #include "kelto/msgbus/BusConnection.h"
+#include "kelto/msgbus/ThreadConnection.h"
 #include "kelto/osa/Exception.h"
 
 #include <systemd/sd-bus.h>
@@ -12,18 +13,6 @@ namespace kelto::msgbus {
 namespace {
 
 constexpr std::chrono::seconds timeout(5);
-
-thread_local std::unique_ptr<BusConnection> threadConnection;
-
-BusConnection& LiveConnection(BusConnection::Clock::time_point deadline) {
-    if (threadConnection != nullptr && !threadConnection->Drain()) {
-        threadConnection.reset();
-    }
-    if (threadConnection == nullptr) {
-        threadConnection = std::make_unique<BusConnection>(deadline);
-    }
-    return *threadConnection;
-}
 
 /** What libsystemd makes of an errno; freed with the scope. */
 class BusError {
@@ -80,7 +69,7 @@ ProviderCall::SignalBlock::~SignalBlock() {
 
 ProviderCall::ProviderCall(const std::string& provider, const char* method)
     : deadline(std::chrono::steady_clock::now() + timeout),
-      messages(std::make_unique<Messages>(Messages{LiveConnection(deadline), nullptr, nullptr})) {
+      messages(std::make_unique<Messages>(Messages{ThreadConnection::Get(deadline), nullptr, nullptr})) {
     const std::string name = "com.kelto." + provider;
     const std::string path = "/com/kelto/" + provider;
     sd_bus_message* request = nullptr;
@@ -121,7 +110,7 @@ void ProviderCall::Send() {
         WaitForReply();
     } catch (...) {
         // What is still to come on it, or has come half, is nobody's.
-        threadConnection.reset();
+        ThreadConnection::Close();
         throw;
     }
     const sd_bus_error* const error = sd_bus_message_get_error(messages->reply.get());

@@ -4,6 +4,7 @@
 #include "kelto/osa/Exception.h"
 #include "source/SourceFactory.h"
 #include "tests/fakes/EnvironmentVariable.h"
+#include "tests/fakes/FailingAllocation.h"
 #include "tests/fakes/Journal.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/NotifySocket.h"
@@ -14,6 +15,7 @@
 
 #include <array>
 #include <csignal>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -117,6 +119,18 @@ TEST_F(MainTest, WhatIsNoStandardExceptionIsReportedWithoutARecord) {
     EXPECT_EQ(journal.Entries().back(), "destroy Probe");
     EXPECT_THAT(log.Text(), EndsWith("\nError halvek Main: unknown exception, doh!\n"));
     EXPECT_THAT(log.Text(), Not(HasSubstr("Warning halvek: Error halvek Main")));
+}
+
+TEST_F(MainTest, AStartWithoutAnyMemoryIsAFatalErrorAsOthersAre) {
+    int status = 0;
+    {
+        const test::FailingAllocation failing(0, SIZE_MAX);
+        status = RunMain(nullptr);
+    }
+    EXPECT_EQ(status, 1);
+    EXPECT_TRUE(test::FailingAllocation::HasFailed());
+    EXPECT_THAT(manager.Take(), ElementsAre("ERRNO=5"));
+    EXPECT_EQ(log.Text(), "Error halvek Main: std::bad_alloc\n");
 }
 
 }  // namespace

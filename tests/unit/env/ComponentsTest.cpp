@@ -5,13 +5,16 @@
 #include "kelto/core/IniFile.h"
 #include "kelto/osa/Exception.h"
 #include "monitor/EventMonitor.h"
+#include "tests/fakes/FailingAllocation.h"
 #include "tests/fakes/FakeProviders.h"
+#include "tests/fakes/FreshProcess.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/WaitUntil.h"
 
 #include <gmock/gmock.h>
 
 #include <memory>
+#include <new>
 
 namespace kelto::halvek {
 
@@ -112,6 +115,26 @@ TYPED_TEST(SharedComponent, AFailureOfCreateClientComesOutUnchangedAndRegistersN
     EXPECT_EQ(this->env.GetComponent(TypeParam::id), nullptr);
     this->providers->onCreate = nullptr;
     EXPECT_NE(TypeParam::Component::GetInstance(&this->env), nullptr) << "the next source tries again";
+}
+
+TYPED_TEST(SharedComponent, OneThatGetsNoMemoryIsNotRegistered) {
+    // What keeps all components is made with the first one of the process.
+    test::ExpectInFreshProcess([this] {
+        const auto getWithout = [this](size_t goodOnes) {
+            const test::FailingAllocation failing(goodOnes);
+            try {
+                TypeParam::Component::GetInstance(&this->env);
+            } catch (const std::bad_alloc&) {
+            }
+            return test::FailingAllocation::HasFailed();
+        };
+        size_t failures = 0;
+        for (; getWithout(failures); ++failures) {
+            ASSERT_EQ(this->env.GetComponent(TypeParam::id), nullptr) << "after " << failures << " allocations";
+        }
+        EXPECT_GT(failures, 0U);
+        EXPECT_NE(this->env.GetComponent(TypeParam::id), nullptr);
+    });
 }
 
 TYPED_TEST(SharedComponent, OutlivesItsEnvironment) {

@@ -1,10 +1,14 @@
 #include "source/GivenUpAlerts.h"
+#include "tests/fakes/FailingAllocation.h"
+#include "tests/fakes/FreshProcess.h"
 #include "tests/fakes/LogCapture.h"
 #include "tests/fakes/WaitUntil.h"
 
 #include <gmock/gmock.h>
 
+#include <optional>
 #include <string>
+#include <utility>
 
 namespace kelto::halvek::source {
 
@@ -58,6 +62,17 @@ TEST(GivenUpAlerts, WithoutAnyThereIsNothingToTell) {
         alerts.TellRest();
     }
     EXPECT_EQ(log.Text(), "");
+}
+
+TEST(GivenUpAlerts, TellingTheRestNeedsNoMemory) {
+    // As long as nobody else has asked for the logger.
+    test::ExpectInFreshProcess([] {
+        std::optional<GivenUpAlerts> alerts(std::in_place);
+        alerts->Add();
+        const test::FailingAllocation failing(0);
+        alerts.reset();
+        EXPECT_FALSE(test::FailingAllocation::HasFailed());
+    });
 }
 
 }  // namespace

@@ -1,4 +1,6 @@
+#include "kelto/core/Logger.h"
 #include "tests/fakes/FailingAllocation.h"
+#include "tests/fakes/FreshProcess.h"
 #include "tests/fakes/ProcessState.h"
 #include "tests/unit/platform/msgbus/MsgBusFixture.h"
 
@@ -71,6 +73,16 @@ TEST_F(MsgBusTest, TheEndOfASubscriptionNeedsNoMemory) {
         EXPECT_FALSE(FailingAllocation::HasFailed());
     }
     EXPECT_TRUE(test::WaitUntil([&] { return daemon.MatchRules().empty(); }));
+}
+
+TEST(MsgBusMemory, WhatItTellsLaterNeedsNoMemory) {
+    // As long as nobody else has asked for the logger.
+    test::ExpectInFreshProcess([] {
+        const MsgBus bus;
+        const FailingAllocation failing(0);
+        core::Logger::GetLogger("kelto.msgbus");
+        EXPECT_FALSE(FailingAllocation::HasFailed());
+    });
 }
 
 }  // namespace
