@@ -5,6 +5,7 @@
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/FileUtils.h"
 #include "kelto/osa/PathUtils.h"
+#include "kelto/osa/UniqueFd.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -56,7 +57,7 @@ std::string FormatBlock(const Event& event, const std::string& eventType) {
 
 using LinkTarget = std::array<char, PATH_MAX>;
 
-/** Reads where a link of root or of the daemon's own user leads to; false for anybody else's. */
+/** Reads where a link of root or of the daemon's own user leads to; false for anybody else's, and for none. */
 bool ReadTrustedLink(int link, LinkTarget& target) {
     struct stat status {};
     return fstat(link, &status) == 0 && (status.st_uid == 0 || status.st_uid == geteuid()) &&
@@ -69,14 +70,9 @@ bool ReadTrustedLink(int link, LinkTarget& target) {
  * another link takes the name meanwhile.
  */
 int OpenThroughLink(const std::string& path) {
-    const int link = open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
-    if (link < 0) {
-        return -1;
-    }
+    const osa::UniqueFd link(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     LinkTarget target{};
-    const bool isTrusted = ReadTrustedLink(link, target);
-    close(link);
-    if (!isTrusted) {
+    if (!ReadTrustedLink(link.Get(), target)) {
         return -1;
     }
     const std::string aim =

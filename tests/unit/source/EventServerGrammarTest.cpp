@@ -1,3 +1,4 @@
+#include "source/PostedBlock.h"
 #include "tests/unit/source/EventServerSourceFixture.h"
 
 #include <gmock/gmock.h>
@@ -271,6 +272,20 @@ TEST_F(LargeEventTest, ManySmallPropertiesThatWouldFillMoreThanAPipeAreSkipped) 
     }
     EXPECT_EQ(EventsOf(text + ".\n"), Events());
     EXPECT_EQ(CountSkipped(), 1U);
+}
+
+TEST(PostedBlock, FitsIfWhatIsWrittenOfItFillsAPipeToTheLastByte) {
+    // "[A]", "x=", the stamps and the end have 68 bytes with their line breaks.
+    const auto isGivenUp = [](size_t size) {
+        PostedBlock block;
+        block.Begin();
+        block.TakeLine("[A]");
+        block.GetProperties()["x"] = std::string(size, 'v');
+        block.CheckWrittenSize();
+        return block.IsGivenUp();
+    };
+    EXPECT_FALSE(isGivenUp(65536 - 68));
+    EXPECT_TRUE(isGivenUp(65536 - 67));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "kelto/core/UtcOffset.h"
 #include "tests/fakes/FakeClock.h"
+#include "tests/fakes/FreshProcess.h"
 
 #include <gtest/gtest.h>
 
@@ -80,6 +81,15 @@ TEST(UtcOffset, MayBeRefreshedAndReadByManyThreads) {
     for (std::thread& thread : threads) {
         thread.join();
     }
+}
+
+TEST(UtcOffset, IsLookedUpInTheFirstQuarterOfAnHourThatThereIsToo) {
+    // Where a camera without a clock of its own begins.
+    test::ExpectInFreshProcess([] {
+        test::FakeClock clock("1970-01-01 09:05:00", "XXX-09");
+        UtcOffset::Refresh();
+        EXPECT_EQ(UtcOffset::Get(), 9 * 3600);
+    });
 }
 
 }  // namespace

@@ -381,6 +381,30 @@ TEST_F(ProviderCallTest, FourSignalsWaitForTheEndOfTheCallWhichLosesNothingByThe
     }
 }
 
+TEST_F(ProviderCallTest, ASignalThatIsNotBlockedLosesNothingEither) {
+    struct sigaction action {};
+    struct sigaction saved {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, &saved);
+    service->Hold();
+    std::promise<pid_t> started;
+    Strings names;
+    std::thread caller([&] {
+        started.set_value(gettid());
+        names = GetNames();
+    });
+    const pid_t id = started.get_future().get();
+    ASSERT_TRUE(service->WaitForCalls(1));
+    ASSERT_TRUE(test::WaitUntil([&] { return test::IsAsleep(id); }));
+    const uint64_t sleeps = test::CountSleeps(id);
+    pthread_kill(caller.native_handle(), SIGUSR1);
+    EXPECT_TRUE(test::WaitUntil([&] { return test::CountSleeps(id) > sleeps; })) << "it waits again";
+    service->Release();
+    caller.join();
+    EXPECT_THAT(names, ElementsAre("Remote", "Local"));
+    sigaction(SIGUSR1, &saved, nullptr);
+}
+
 TEST_F(ProviderCallTest, TheMaskIsRestoredHoweverTheCallEnds) {
     sigset_t own;
     sigset_t saved;

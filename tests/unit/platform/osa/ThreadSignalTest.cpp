@@ -133,6 +133,12 @@ struct Slept {
     }
 };
 
+TEST(Sleep, OfAWholeSecondLastsOneOnAThreadOfSomebodyElsesToo) {
+    const auto begin = Clock::now();
+    Thread::CurrentThread::Sleep(1000);
+    EXPECT_GE(Clock::now() - begin, milliseconds(1000));
+}
+
 TEST(Sleep, LastsAtLeastItsTime) {
     Slept slept;
     Worker worker([&] { slept.Sleep(60); });

@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 namespace kelto::osa {
@@ -53,6 +54,10 @@ std::string NameOfTask(pid_t threadId) {
 
 size_t CountTasks() {
     return static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
+}
+
+size_t AddressSpaceMib() {
+    return std::stoull(test::ReadWholeFile("/proc/self/statm")) * static_cast<size_t>(sysconf(_SC_PAGESIZE)) >> 20U;
 }
 
 /** Runs a function on a thread made with these arguments and waits for its end. */
@@ -153,6 +158,19 @@ TEST(Thread, PriorityZeroIsTheDefaultScheduling) {
     RunOnThread(defaultStack, defaultPriority, [&] { pthread_getschedparam(pthread_self(), &policy, &parameters); });
     EXPECT_EQ(policy, SCHED_OTHER);
     EXPECT_EQ(parameters.sched_priority, 0);
+}
+
+TEST(Thread, AnyOtherPriorityIsThatOfRoundRobinOrRefused) {
+    int policy = -1;
+    sched_param parameters{};
+    try {
+        RunOnThread(defaultStack, 1, [&] { pthread_getschedparam(pthread_self(), &policy, &parameters); });
+    } catch (const Exception& exception) {
+        EXPECT_STREQ(exception.what(), "Thread test cannot be started: Operation not permitted");
+        return;
+    }
+    EXPECT_EQ(policy, SCHED_RR);
+    EXPECT_EQ(parameters.sched_priority, 1);
 }
 
 TEST(Thread, AStartThatTheSystemRefusesThrowsAndNamesTheThread) {
@@ -277,6 +295,16 @@ TEST(Thread, ABodyThatReturnsLogsNothing) {
     const test::LogCapture log;
     RunOnThread(defaultStack, defaultPriority, [] {});
     EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST(Thread, ManyThreadsLeaveNoStackBehind) {
+    constexpr unsigned stackKiB = 4096;
+    RunOnThread(stackKiB, defaultPriority, [] {});
+    const size_t before = AddressSpaceMib();
+    for (int number = 0; number < 64; ++number) {
+        RunOnThread(stackKiB, defaultPriority, [] {});
+    }
+    EXPECT_LT(AddressSpaceMib() - before, 64U * 4 / 2);
 }
 
 TEST(Thread, ManyThreadsLeaveNoTaskBehind) {

@@ -1,3 +1,5 @@
+#include "kelto/core/IniFile.h"
+#include "kelto/settings/KeltoSettingsClient.h"
 #include "kelto/settings/SettingsStore.h"
 #include "tests/fakes/EnvironmentVariable.h"
 #include "tests/fakes/FailingAllocation.h"
@@ -6,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <new>
+#include <string>
 
 namespace kelto::settings {
 
@@ -33,6 +36,22 @@ TEST(SettingsStoreMemory, WithoutMemoryTheComparisonThrowsAndNeverSaysThatTheSto
         ++failures;
     } while (test::FailingAllocation::HasFailed());
     EXPECT_GT(failures, 3U);
+}
+
+TEST(SettingsStoreMemory, ALookUpInAStoreThatHasNotChangedParsesNothing) {
+    constexpr size_t groups = 10000;
+    std::string text = "[wanted]\nx=1\n";
+    for (size_t number = 0; number < groups; ++number) {
+        text += "[a group whose name needs memory " + std::to_string(number) + "]\nx=1\n";
+    }
+    const test::TempDir folder;
+    const test::EnvironmentVariable store("KELTO_SETTINGS", folder.Write("settings.ini", text));
+    KeltoSettingsClient client(OperationMode::LookUp);
+    core::IniFile ini;
+    client.GetSettings({"wanted"}, ini);
+    const test::FailingAllocation failing(groups / 10);
+    client.GetSettings({"wanted"}, ini);
+    EXPECT_FALSE(test::FailingAllocation::HasFailed());
 }
 
 }  // namespace
