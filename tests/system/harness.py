@@ -81,8 +81,7 @@ def unstamped(events: list[Event]) -> list[tuple[str, dict[str, str]]]:
         assert event.properties["eventType"] == event.type and STAMPS <= event.properties.keys()
     left_out = STAMPS | {"eventType"}
     return [
-        (event.type, {key: value for key, value in event.properties.items() if key not in left_out})
-        for event in events
+        (event.type, {key: value for key, value in event.properties.items() if key not in left_out}) for event in events
     ]
 
 
@@ -170,7 +169,7 @@ class Daemon(DaemonProcess):
         for task in Path(f"/proc/{self.pid}/task").iterdir():
             try:
                 names.append((task / "comm").read_text().strip())
-            except FileNotFoundError:  # ended since the folder was listed
+            except (FileNotFoundError, ProcessLookupError):  # ended since the folder was listed
                 continue
         return sorted(name for name in names if name != main)
 

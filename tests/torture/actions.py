@@ -9,6 +9,7 @@ from scene import EVENT_PIPE_THREAD, PICTURE, Scene
 OFTEN = 0.003  # seconds
 SOON = 0.1  # seconds; what comes over the bus is there before, mostly
 LATER = 3.0  # seconds
+QUICK = 0.3  # seconds; for what cannot come, as far as is known
 REPEAT = 0.5  # seconds
 FOREVER_AWAY = 12.0  # seconds: a bus that was lost is found again within 10
 
@@ -109,6 +110,11 @@ class Ordering(Handling):
         scene.camera.clear_actions()
 
     def times_done(self, scene: Scene, token: object) -> int:
+        # The order has been sent, even if no reply is waited for.
+        wait_for(lambda: self._count(scene), QUICK)
+        return self._count(scene)
+
+    def _count(self, scene: Scene) -> int:
         return sum(action.arguments.startswith(self.arguments) for action in scene.camera.actions(self.order))
 
 
@@ -175,8 +181,14 @@ class Email(Handling):
 class Signalled(Action):
     """What comes over the bus or by the clock. A fault may cost the connection, so it is asked for until it comes."""
 
+    sources: tuple[str, ...] = ()  # the classes of those that it takes
+
     def __init__(self) -> None:
         self._given_up: object = None
+
+    def can_come(self, scene: Scene) -> bool:
+        """Whether its sources have started and have not ended."""
+        return scene.started_sources().issuperset(self.sources) and not self.has_ended(scene)
 
     def settle(self, scene: Scene, token: object) -> bool:
         if self._comes(scene, token):
@@ -203,7 +215,7 @@ class Signalled(Action):
 
 
 class Alarm(Signalled):
-    name, thread = "alarms", "MsgBusDelivery"
+    name, thread, sources = "alarms", "MsgBusDelivery", ("AlarmEventSource",)
 
     def trigger(self, scene: Scene) -> tuple[int, str]:
         scene.alarm_state = not scene.alarm_state
@@ -225,6 +237,7 @@ class Alert(Signalled):
     """Two sources take it, each with a thread of its own."""
 
     name, thread = "alerts", "MsgBusDelivery"
+    sources = ("AnalyticsEventSource", "MsgBusEventSource")
 
     def trigger(self, scene: Scene) -> int:
         number = scene.next_number()
@@ -244,7 +257,7 @@ class AlertHeard(Alert):
 
 
 class Tick(Signalled):
-    name, thread = "the timer", "TimerEventSourc"
+    name, thread, sources = "the timer", "TimerEventSourc", ("TimerEventSource",)
 
     def trigger(self, scene: Scene) -> int:
         after = len(scene.pipe.of_type("Timer"))
@@ -257,7 +270,7 @@ class Tick(Signalled):
 
 
 class Park(Signalled):
-    name, thread = "the head's rest", "ParkEventSource"
+    name, thread, sources = "the head's rest", "ParkEventSource", ("ParkEventSource",)
 
     def trigger(self, scene: Scene) -> int:
         after = len(scene.pipe.of_type("Park"))
@@ -276,28 +289,47 @@ class Park(Signalled):
 HANDLINGS: tuple[Posting, ...] = (Posting(), Relay(), Preset(), Tour(), Folder(), Ftp(), Email())
 SIGNALLED: tuple[Signalled, ...] = (Alarm(), AlarmHeard(), Alert(), AlertHeard(), Tick(), Park())
 EVERYTHING: tuple[Action, ...] = HANDLINGS + SIGNALLED
+THREADS = tuple(dict.fromkeys(action.thread for action in EVERYTHING))
 
 
 def probe(scene: Scene, patience: float) -> set[str]:
-    """Has everything done once, and names what was not in time."""
-    if not scene.wait_for_mark(patience):
+    """Has everything done once, and names what was not.
+
+    An event that is posted behind the others tells when all of them are through. What comes over the bus or by the
+    clock is asked for again until it comes, as long as the patience lasts; but only if its sources have started.
+    """
+    if not scene.wait_for_mark():
         return {"posted events"}
     scene.camera.clear_actions()
-    together = (*HANDLINGS, Alarm(), Alert())
-    for action in together:
+    for action in HANDLINGS:
         action.prepare(scene)
     try:
-        tokens = [(action, action.trigger(scene)) for action in together]
+        posted = [(action, action.trigger(scene)) for action in HANDLINGS]
     except OSError:  # it has ended since
         return {"posted events"}
+    waiting = {action: action.trigger(scene) for action in (Alarm(), Alert())}
     scene.wait_for_mark()
-    tokens += [(action, action.trigger(scene)) for action in (Tick(), Park())]
-    deadline = time.monotonic() + patience
-    return {
-        action.name
-        for action, token in tokens
-        if not wait_for(lambda a=action, t=token: not a.lost(scene, t), max(0.0, deadline - time.monotonic()))
+    # By the clock, which no call of a service is to see jump.
+    waiting |= {action: action.trigger(scene) for action in (Tick(), Park())}
+    lost = {
+        action.name for action, token in posted if not wait_for(lambda a=action, t=token: not a.lost(scene, t), SOON)
     }
+    return lost | {action.name for action in still_missing(scene, waiting, patience)}
+
+
+def still_missing(scene: Scene, waiting: dict[Signalled, object], patience: float) -> dict[Signalled, object]:
+    started = time.monotonic()
+    again = started + REPEAT
+    limits = {action: patience if action.can_come(scene) else QUICK for action in waiting}
+    while True:
+        waiting = {action: token for action, token in waiting.items() if action.missing(scene, token)}
+        now = time.monotonic()
+        if not scene.is_alive() or all(now > started + limits[action] for action in waiting):
+            return waiting
+        if now > again:
+            waiting = {action: action.trigger(scene) for action in waiting}
+            again = now + REPEAT
+        time.sleep(OFTEN)
 
 
 def threads(scene: Scene) -> Counter[str]:

@@ -54,7 +54,8 @@ REASONS = {
     ("sending a mail", "spawn"): NO_RECORD,
     ("sending a mail", "allocation"): f"the mail program could not be started, and {NO_RECORD}",
 }
-COLUMNS = ("While the daemon is", "fails", "Lost", "Told", "Well again")
+TOLD = "Told"
+COLUMNS = ("While the daemon is", "fails", "Lost", TOLD, "Well again")
 NOTHING = "nothing"
 BETWEEN = "; "
 HANDLED = {action.name for action in HANDLINGS[1:]}
@@ -121,9 +122,11 @@ def step_of(finding: Finding) -> str:
 
 def general(text: str) -> str:
     """A record without what is of one run only: numbers, paths, and which of the reasons it was."""
-    text = re.sub(r"/(?:run|tmp|var)/[\w./-]+", "PATH", text)
+    text = re.sub(r"(?<![\w.])/[\w./-]*\w", "PATH", text)
     text = re.sub(r"(?:org\.freedesktop|System)[\w.]*: ", "", text)
-    for reason in (*{os.strerror(error) for errors in ERRORS.values() for error in errors}, "std::bad_alloc"):
+    reasons = {os.strerror(error) for errors in ERRORS.values() for error in errors}
+    # The longer ones first: one may begin with another.
+    for reason in (*sorted(reasons, key=len, reverse=True), "std::bad_alloc"):
         text = text.replace(reason, "REASON")
     return re.sub(r"\b\d+\b", "N", text).replace("|", "/")
 
@@ -140,14 +143,14 @@ def rows(findings: Iterable[Finding]) -> list[Row]:
     for finding in findings:
         grouped[step_of(finding), finding.fault.call].append(finding)
     made = []
-    for (step, call), group in sorted(grouped.items()):
+    for (step, call), group in grouped.items():
         told = {general(text) for finding in group for text in finding.told}
         if any(finding.outcome == SILENT for finding in group):
             told.add(f"{NOTHING}: {REASONS.get((step, call), '?')}")
         lost = frozenset(general_loss(finding, text) for finding in group for text in finding.lost)
         back = frozenset(finding.back for finding in group if finding.back)
         made.append(Row(step, CALLS.get(call, call), lost, frozenset(told), back))
-    return made
+    return sorted(made, key=lambda row: row.key)
 
 
 def written(found: list[Row]) -> str:
@@ -181,13 +184,23 @@ def differences(found: list[Row], known_rows: dict[tuple[str, str], Row], whole:
         known = known_rows.get(row.key, Row(*row.key, frozenset(), frozenset(), frozenset()))
         # How much is missing is the machine's affair.
         for column, mine, theirs in zip(COLUMNS[2:], row[2:], known[2:], strict=True) if row.call != "-" else ():
-            said += [f"not in {PAGE.name}: {row.step}, {row.call}: {column}: {text}" for text in sorted(mine - theirs)]
+            new = sorted(text for text in mine - theirs if column != TOLD or is_certain(text))
+            said += [f"not in {PAGE.name}: {row.step}, {row.call}: {column}: {text}" for text in new]
         if row.key not in known_rows:
             said.append(f"not in {PAGE.name}: {row.step}, {row.call}")
     if whole:
         gone = known_rows.keys() - {row.key for row in found}
         said += [f"only in {PAGE.name}: {step}, {call}" for step, call in sorted(gone)]
     return said
+
+
+def is_certain(told: str) -> bool:
+    """Whether a failure is told in these words each time.
+
+    What a command says that has lost its other end hangs on which of the two is quicker, and whether messages wait
+    when the sources are stopped on what came just before.
+    """
+    return told.startswith(("Error ", "Warning ", NOTHING)) and not told.endswith("their subscription has ended")
 
 
 def unexplained(found: list[Row]) -> list[str]:

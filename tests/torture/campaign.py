@@ -1,18 +1,18 @@
 """Makes one call of the daemon fail after the other, and judges what comes of it."""
 
+import contextlib
 import signal
 import sys
 import time
 from collections import Counter, defaultdict
-from collections.abc import Iterable, Iterator
-from itertools import islice
+from collections.abc import Callable, Iterable, Iterator
 from typing import NamedTuple, TypeVar
 
 from daemon_process import NotSeen
 from harness import SANITIZER_REPORT, wait_until
 
-from actions import PART, TWICE, Action, Posting, probe, threads, wait_for
-from faults import ERRORS, Fault
+from actions import LATER, PART, THREADS, TWICE, Action, Posting, probe, threads, wait_for
+from faults import ERRORS, Fault, call_of, place_of
 from scene import HANG, SLOWNESS, STOP_LIMIT, Scene
 
 T = TypeVar("T")
@@ -24,8 +24,7 @@ START, RELOAD, STOP = "starting", "reloading", "stopping"
 MAIN_THREAD = "halvek"
 # What is no loss of an event but a fault of the daemon.
 WRONGS = {TWICE, PART, "half a snapshot", "a file that was to stay", "a file is left behind", "a part of the mail"}
-QUICK = 0.3  # seconds
-FEW = 4  # of what is the same everywhere
+TRIES = 3  # of what depends on what comes first
 KEPT_OPEN = r"FIFO Write failed|FIFO write failed to write all data"
 
 
@@ -70,25 +69,25 @@ class Campaign:
         self.without = without
         self.share, self.shares = share
         self.findings: list[Finding] = []
-        self._tried: Counter[str] = Counter()
 
-    def mine(self, all_of_them: Iterable[T]) -> Iterator[T]:
-        return islice(all_of_them, self.share, None, self.shares)
+    def mine(self, all_of_them: Iterable[T], number: Callable[[T], int]) -> list[T]:
+        """The same one is always the same campaign's, whatever else there is."""
+        return [one for one in all_of_them if number(one) % self.shares == self.share]
 
-    def choose(self, counts: dict[str, int]) -> Iterator[Fault]:
-        return self.mine(self._choose(counts))
+    def choose(self, counts: dict[int, int], quick: bool = True) -> list[Fault]:
+        """Where trying one takes long, a site that is come by more than once has its first time only."""
+        return self.mine(self._choose(counts, quick), lambda fault: place_of(fault.site))
 
-    def _choose(self, counts: dict[str, int]) -> Iterator[Fault]:
-        for call, count in counts.items():
-            if call == self.without:
-                continue
-            errors = ERRORS[call] if self.all_errors else ERRORS[call][:1]
-            for error in errors:
-                step = max(1, -(-count // (FEW if call == "log" else self.most)))
-                # Another offset each time, so that the actions together see more of what they share.
-                self._tried[call] += 1
-                for number in range(1 + self._tried[call] % step, count + 1, step):
-                    yield Fault(call, number, error)
+    def _choose(self, counts: dict[int, int], quick: bool) -> Iterator[Fault]:
+        for call, errors in ERRORS.items():
+            times = {site: count for site, count in counts.items() if call_of(site) == call != self.without}
+            first = [Fault(site, 1, errors[0]) for site in times]
+            later = [Fault(site, number, errors[0]) for site in times for number in later_times(times[site])]
+            others = [Fault(site, 1, error) for error in errors[1:] for site in times] if self.all_errors else []
+            if not quick:
+                # A record that cannot be written is the same wherever it is.
+                later, others = [], [] if call == "log" else others
+            yield from spread([*first, *later, *others], self.most)
 
     def note(
         self, action: str, fault: Fault, outcome: str, lost: set[str], told: list[str], back="", detail=""
@@ -105,11 +104,17 @@ class Campaign:
         self.launch()
         self.warm_up()
         for fault in self.choose(self.count(action)):
+            self.try_until_reached(lambda fault=fault: self.inject(action, fault))
+        self.finish()
+
+    def try_until_reached(self, inject: Callable[[], bool]) -> None:
+        """What a thread waits for may be there before: then it does not wait."""
+        for _ in range(TRIES):
             if not self.scene.is_alive():
                 self.launch()
                 self.warm_up()
-            self.inject(action, fault)
-        self.finish()
+            if inject():
+                return
 
     def launch(self) -> None:
         self.scene.launch_ready()
@@ -118,20 +123,26 @@ class Campaign:
 
     def warm_up(self) -> None:
         """Connections are opened and libraries loaded by the first action of a kind."""
-        lost = probe(self.scene, HANG)
+        lost = probe(self.scene, HANG) and probe(self.scene, HANG)
         if lost:
             raise NotSeen(f"without a fault there is no {', '.join(lost)}: {self.scene.told(0)}")
 
-    def count(self, action: Action) -> dict[str, int]:
-        action.prepare(self.scene)
-        self.scene.faults.watch(action.thread)
-        token = action.trigger(self.scene)
-        assert wait_for(lambda: not action.lost(self.scene, token), HANG), f"{action.name} without a fault"
-        self.scene.faults.disarm()
-        assert action.settle(self.scene, token)
-        return self.scene.faults.counts
+    def count(self, action: Action) -> dict[int, int]:
+        counts: dict[int, int] = {}
+        for _ in range(TRIES):
+            action.prepare(self.scene)
+            self.scene.faults.watch(action.thread)
+            token = action.trigger(self.scene)
+            assert wait_for(lambda: not action.lost(self.scene, token), HANG), f"{action.name} without a fault"
+            counts = self.scene.faults.counts | counts
+            # What comes of it is seen before the last calls are made; behind them is another event already.
+            assert action.settle(self.scene, token)
+            self.scene.faults.disarm()
+            counts = dict.fromkeys(self.scene.faults.counts, 1) | counts
+        return counts
 
-    def inject(self, action: Action, fault: Fault) -> None:
+    def inject(self, action: Action, fault: Fault) -> bool:
+        """Whether it has come to the fault."""
         scene, back = self.scene, AT_ONCE
         action.prepare(scene)
         after, at_rest = len(scene.daemon.log.items), threads(scene)
@@ -160,14 +171,15 @@ class Campaign:
                 told = scene.told(after)
                 self.note(action.name, fault, trouble.outcome, lost, told, RESTART, trouble.detail)
             scene.end_daemon()
-            return
+            return reached
         except (AssertionError, OSError) as error:
             self.note(action.name, fault, WRONG, lost, scene.told(after), "", f"{type(error).__name__}: {error}")
             scene.end_daemon()
-            return
+            return True
         if reached:
             told = scene.told(after)
             self.note(action.name, fault, judge(lost, told), lost, told, back if lost else "")
+        return reached
 
     def check_alive(self) -> None:
         daemon = self.scene.daemon
@@ -179,6 +191,14 @@ class Campaign:
         if status == 0 and daemon.log.matching("shutting down event monitor"):
             raise Trouble(SILENT, "it stops in good order")
         raise Trouble(CRASHES, f"it ended with status {status}: " + "\n".join(daemon.log.items[-30:]))
+
+    def check_main(self) -> None:
+        """The main thread waits for commands, or the daemon has ended as it should: a signal kills one that ends."""
+        try:
+            self.scene.wait_until_main_waits()
+        except NotSeen as error:
+            raise Trouble(HANGS, str(error)) from None
+        self.check_alive()
 
     def check_next(self, action: Action) -> None:
         """The next event of the kind is done as if nothing had been."""
@@ -216,45 +236,57 @@ class Campaign:
         if daemon is None or not self.scene.is_alive():
             self.scene.end_daemon()
             return
-        started = time.monotonic()
-        try:
-            status = daemon.stop(patience=HANG)
-        except NotSeen:
-            status = None
-        took = time.monotonic() - started
-        reports = daemon.log.matching(SANITIZER_REPORT)
-        fault = self.findings[-1].fault if self.findings else Fault("", 0, 0)
-        if status != 0 or reports or took > STOP_LIMIT:
-            detail = f"afterwards it stops with status {status} after {took:.1f} s\n" + "\n".join(
-                daemon.log.items[-40:]
-            )
-            self.note(action, fault, CRASHES if status else HANGS, set(), [], "", detail)
+        daemon.send(signal.SIGTERM)
+        outcome, detail = self.judge_stop((0,))
+        if outcome:
+            fault = self.findings[-1].fault if self.findings else Fault(0, 0, 0)
+            self.note(action, fault, outcome, set(), [], "", f"afterwards {detail}")
         self.scene.end_daemon()
+
+    def judge_stop(self, good: tuple[int, ...]) -> tuple[str, str]:
+        """What is wrong with the end that has been asked for, and how it came; nothing if it is as it should be."""
+        daemon = self.scene.daemon
+        try:
+            status = daemon.wait_for_exit(HANG)
+        except NotSeen:
+            return HANGS, "it does not stop"
+        took = self.scene.stopping_seconds()
+        outcome = CRASHES if status not in good or daemon.log.matching(SANITIZER_REPORT) else HANGS
+        if outcome == HANGS and took <= STOP_LIMIT:
+            return "", ""
+        return outcome, "\n".join([f"it stops with status {status} after {took:.1f} s", *daemon.log.items[-40:]])
 
     # --- start, reload and stop
 
     def torture_starts(self) -> None:
-        self.scene.faults.watch(MAIN_THREAD)
-        self.launch_watched()
-        counts = self.scene.faults.counts
-        self.finish()
-        for fault in self.choose(counts):
-            self.inject_start(fault)
+        for thread in (MAIN_THREAD, *THREADS):
+            counts: dict[int, int] = {}
+            for _ in range(TRIES):
+                self.scene.faults.watch(thread)
+                self.launch_watched()
+                counts = self.scene.faults.counts | counts
+                self.finish()
+            for fault in self.choose(counts, quick=False):
+                self.inject_start(fault, thread)
 
     def launch_watched(self) -> None:
         self.scene.end_daemon(disarm=False)
         daemon = self.scene.launch(disarm=False)
         self.reloads = 0
         wait_for(lambda: daemon.process.poll() is not None or has_started(daemon), HANG)
+        with contextlib.suppress(NotSeen):
+            self.scene.wait_until_main_waits()
         self.scene.faults.disarm()
 
-    def inject_start(self, fault: Fault) -> None:
+    def inject_start(self, fault: Fault, thread: str) -> None:
         scene = self.scene
-        scene.faults.arm(fault, MAIN_THREAD)
-        self.launch_watched()
-        reached = scene.faults.injected > 0
-        if not reached:
+        for _ in range(TRIES):
+            scene.faults.arm(fault, thread)
+            self.launch_watched()
+            if scene.faults.injected > 0:
+                break
             self.finish(START)
+        else:
             return
         lost: set[str] = set()
         back, outcome, detail = "", "", ""
@@ -262,8 +294,7 @@ class Campaign:
             self.check_alive()
             if not has_started(scene.daemon):
                 raise Trouble(HANGS, "it does not get ready")
-            told = scene.told(0)
-            lost, back = self.check_all(told)
+            lost, back = self.check_all()
             if "READY=1" not in scene.daemon.notifications.items:
                 lost.add("READY=1")
                 back = RESTART
@@ -274,20 +305,16 @@ class Campaign:
         self.note(START, fault, outcome or judge(lost, told), lost, told, back if lost else "", detail)
         self.finish(START)
 
-    def missing(self, told: list[str]) -> set[str]:
-        """What does not work; where nothing is told of trouble, a busy machine is given time."""
-        return probe(self.scene, QUICK if told else HANG / 5)
-
-    def check_all(self, told: list[str]) -> tuple[set[str], str]:
+    def check_all(self) -> tuple[set[str], str]:
         """What is missing, and what brings it back; a reload has to."""
-        lost = self.missing(told)
-        self.check_alive()
+        lost = probe(self.scene, LATER)
+        self.check_main()
         if not lost:
             return lost, ""
         self.reload()
         # A bus that was lost may take until now to be found again.
         deadline = time.monotonic() + HANG
-        while (still := probe(self.scene, QUICK)) and time.monotonic() < deadline and self.scene.is_alive():
+        while (still := probe(self.scene, LATER)) and time.monotonic() < deadline and self.scene.is_alive():
             pass
         self.check_alive()
         if still:
@@ -298,17 +325,17 @@ class Campaign:
         scene = self.scene
         self.launch()
         self.warm_up()
-        scene.faults.watch(MAIN_THREAD)
-        self.reload()
-        scene.faults.disarm()
-        for fault in self.choose(scene.faults.counts):
-            if not scene.is_alive():
-                self.launch()
-                self.warm_up()
-            self.inject_reload(fault)
+        counts: dict[int, int] = {}
+        for _ in range(TRIES):
+            scene.faults.watch(MAIN_THREAD)
+            self.reload()
+            scene.faults.disarm()
+            counts = scene.faults.counts | counts
+        for fault in self.choose(counts, quick=False):
+            self.try_until_reached(lambda fault=fault: self.inject_reload(fault))
         self.finish(RELOAD)
 
-    def inject_reload(self, fault: Fault) -> None:
+    def inject_reload(self, fault: Fault) -> bool:
         scene = self.scene
         after = len(scene.daemon.log.items)
         lost: set[str] = set()
@@ -319,14 +346,10 @@ class Campaign:
             lambda: not scene.is_alive() or scene.daemon.log.matching("TimerEventSource started", after), 2 * SLOWNESS
         )
         try:
-            self.check_alive()
-            try:
-                scene.wait_until_main_waits()
-            except NotSeen as error:
-                raise Trouble(HANGS, str(error)) from None
+            self.check_main()
             scene.faults.disarm()
             self.reloads += 1
-            lost, back = self.check_all(scene.told(after))
+            lost, back = self.check_all()
             if not scene.daemon.log.matching("TimerEventSource started", after):
                 lost.add("the reload")
                 back = NEXT_RELOAD
@@ -334,11 +357,13 @@ class Campaign:
             outcome, detail, back = trouble.outcome, trouble.detail, RESTART
             lost |= {"everything"}
         scene.faults.disarm()
-        if scene.faults.injected:
+        reached = scene.faults.injected > 0
+        if reached:
             told = scene.told(after)
             self.note(RELOAD, fault, outcome or judge(lost, told), lost, told, back if lost else "", detail)
         if outcome:
             scene.end_daemon()
+        return reached
 
     def torture_stops(self) -> None:
         counts = self.stop_once(None)
@@ -356,28 +381,28 @@ class Campaign:
             scene.faults.arm(fault, MAIN_THREAD)
         daemon = scene.daemon
         daemon.send(signal.SIGTERM)
-        started, outcome, detail = time.monotonic(), "", ""
         lost: set[str] = set()
-        try:
-            status = daemon.wait_for_exit(STOP_LIMIT)
-        except NotSeen:
-            # What was told to the pipe to itself may have been lost on the way: the next one must do.
-            status = None
-        scene.faults.disarm()
-        if status is None:
+        if not wait_for(lambda: not scene.is_alive() or daemon.log.matching("got: |select failed", after), STOP_LIMIT):
+            # What was told to the pipe to itself has been lost on the way: the next one must do.
             lost.add("the stop")
-            try:
-                status = daemon.stop(patience=STOP_LIMIT)
-            except NotSeen:
-                outcome, detail = HANGS, f"still there after {time.monotonic() - started:.1f} s"
-        reports = daemon.log.matching(SANITIZER_REPORT)
-        if outcome == "" and (status not in (0, 1) or reports):
-            outcome, detail = CRASHES, f"status {status}\n" + "\n".join(daemon.log.items[-40:])
+            daemon.send(signal.SIGTERM)
+        outcome, detail = self.judge_stop((0, 1))
+        scene.faults.disarm()
         if fault is not None and scene.faults.injected:
             told = scene.told(after)
             self.note(STOP, fault, outcome or judge(lost, told), lost, told, NEXT_SIGNAL if lost else "", detail)
         scene.end_daemon()
         return scene.faults.counts
+
+
+def later_times(count: int) -> list[int]:
+    """Of the times that a site is come by: one in the middle and the last."""
+    return sorted({number for number in (count // 2, count) if number > 1})
+
+
+def spread(faults: list[Fault], most: int) -> list[Fault]:
+    """So many of them at most, evenly over all."""
+    return faults[:: max(1, -(-len(faults) // most))]
 
 
 def has_started(daemon) -> bool:

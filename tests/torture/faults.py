@@ -10,9 +10,9 @@ from functools import cache
 from pathlib import Path
 from typing import NamedTuple
 
-# In the library's order. What each stands for, see FaultyCalls.c.
+# In the library's order. What each stands for, see FaultyCalls.c; the first is what fails without a call.
 CALLS = (
-    "",
+    "limit",
     "open",
     "read",
     "write",
@@ -58,58 +58,81 @@ ERRORS: Mapping[str, tuple[int, ...]] = {
     "stat": (errno.ENOMEM, errno.EACCES),
 }
 
-HEAD = struct.Struct("<IIIIiIqq16s32I")
-PLACE_SIZE = 2048
+HEAD = struct.Struct("<IIIiI4xqq16s")
+INJECTED_AT = 16
+PLACE_SIZE = 4096
+SITE = struct.Struct("<II")
+SITES_SIZE = 8192 * SITE.size
 STEADY_SKEW_AT, REAL_SKEW_AT = 24, 32
-COUNTS_AT = 56
+CALL_BITS = 31  # of a site's key
 
 
 class Fault(NamedTuple):
-    """The nth call of a kind, counted from when it is armed."""
+    """The nth call of a site, counted from when it is armed.
 
-    call: str
+    A site is one way through the program to a call. Those of one thread come in the same order each time, but how
+    often a call waits or is interrupted in between is chance. So no call is found again by its number among all of its
+    kind, but by who made it.
+    """
+
+    site: int
     number: int
     error: int
 
+    @property
+    def call(self) -> str:
+        return call_of(self.site)
+
     def __str__(self) -> str:
-        return f"{self.call} #{self.number} {errno.errorcode.get(self.error, '')}"
+        return f"{self.call} {self.site:08x} #{self.number} {errno.errorcode.get(self.error, '')}"
+
+
+def call_of(site: int) -> str:
+    return CALLS[site & CALL_BITS]
+
+
+def place_of(site: int) -> int:
+    return site // (CALL_BITS + 1)
 
 
 class Faults:
     """The control of one daemon at a time. The daemon must have been started with the prefix."""
 
-    def __init__(self, path: Path, library: str) -> None:
-        path.write_bytes(bytes(HEAD.size + PLACE_SIZE))
+    def __init__(self, path: Path, library: str, program: str) -> None:
+        self._program = program
+        path.write_bytes(bytes(HEAD.size + PLACE_SIZE + SITES_SIZE))
         with path.open("r+b") as file:
             self._memory = mmap.mmap(file.fileno(), 0)
         # Whatever starts the daemon is none of it.
         self.prefix = ["env", f"LD_PRELOAD={library}", f"HALVEK_FAULTS={path}"]
 
-    def arm(self, fault: Fault, thread: str = "", *, last: int | None = None) -> None:
-        """That call fails once, or all up to the last one; of all threads or of those of a name."""
-        self._set(CALLS.index(fault.call), fault.number, last or fault.number, fault.error, thread)
+    def arm(self, fault: Fault, thread: str = "") -> None:
+        """That call fails once; of all threads or of those of a name."""
+        self._set(fault.site, fault.number, fault.error, thread)
 
     def watch(self, thread: str = "") -> None:
         """Only counts."""
-        self._set(0, 0, 0, 0, thread)
+        self._set(0, 0, 0, thread)
 
     def disarm(self) -> None:
         self._memory[0:4] = bytes(4)
 
     @property
     def injected(self) -> int:
-        return struct.unpack_from("<I", self._memory, 20)[0]
+        return struct.unpack_from("<I", self._memory, INJECTED_AT)[0]
 
     @property
-    def counts(self) -> dict[str, int]:
-        numbers = struct.unpack_from("<32I", self._memory, COUNTS_AT)
-        return {name: numbers[i] for i, name in enumerate(CALLS) if name and numbers[i]}
+    def counts(self) -> dict[int, int]:
+        """How often each site was come by, in the order of their keys."""
+        sites = SITE.iter_unpack(self._memory[HEAD.size + PLACE_SIZE :])
+        return dict(sorted((key, count) for key, count in sites if count))
 
     @property
     def callers(self) -> list[str]:
         """Who made the call that failed last, the nearest first: names of functions where they are known."""
         text = self._memory[HEAD.size : HEAD.size + PLACE_SIZE].split(b"\0")[0].decode()
-        return [function_at(*line.rsplit("+", 1)) for line in text.splitlines()]
+        places = [line.rsplit("+", 1) for line in text.splitlines()]
+        return [function_at(module or self._program, offset) for module, offset in places]
 
     def let_pass(self, seconds: float) -> None:
         """Sets the steady clock forward."""
@@ -122,11 +145,12 @@ class Faults:
     def _skew(self, at: int, seconds: float) -> None:
         struct.pack_into("<q", self._memory, at, struct.unpack_from("<q", self._memory, at)[0] + int(seconds * 1e9))
 
-    def _set(self, failing: int, first: int, last: int, error: int, thread: str) -> None:
+    def _set(self, failing: int, number: int, error: int, thread: str) -> None:
         self.disarm()
         skews = struct.unpack_from("<qq", self._memory, STEADY_SKEW_AT)
-        HEAD.pack_into(self._memory, 0, 0, failing, first, last, error, 0, *skews, thread.encode()[:15], *[0] * 32)
+        HEAD.pack_into(self._memory, 0, 0, failing, number, error, 0, *skews, thread.encode()[:15])
         self._memory[HEAD.size] = 0
+        self._memory[HEAD.size + PLACE_SIZE :] = bytes(SITES_SIZE)
         self._memory[0:4] = struct.pack("<I", 1)
 
 

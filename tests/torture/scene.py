@@ -7,6 +7,7 @@ import shutil
 import subprocess
 import time
 from collections.abc import Sequence
+from datetime import datetime
 from pathlib import Path
 
 from bus import PrivateBus, VirtualCamera
@@ -100,7 +101,7 @@ class Scene:
         configuration = folder / ".esmtprc"
         configuration.write_text(f"hostname=127.0.0.1:{self.sink.port}\n")
         configuration.chmod(0o600)
-        self.faults = Faults(folder / "faults", LIBRARY)
+        self.faults = Faults(folder / "faults", LIBRARY, os.environ["HALVEK_DAEMON"])
         self.pipe = OutputPipe("all.halvek.any")
         self.number = 0
         self.alarm_state = False
@@ -169,7 +170,7 @@ class Scene:
         def waits() -> bool:
             path = Path(f"/proc/{self.daemon.pid}/syscall")
             try:
-                return all(path.read_text().split()[0] in ("23", "270", "142") for _ in range(2))
+                return all(path.read_text().split()[0] in ("23", "270", "142") for _ in range(2)) or not self.is_alive()
             except (OSError, IndexError):
                 return not self.is_alive()
 
@@ -192,6 +193,22 @@ class Scene:
             elif record[1] in ("Warning", "Error") and ALWAYS_TOLD not in line:
                 told.append(f"{record[1]} {record[2]}: {record[3].strip()}")
         return told
+
+    def started_sources(self) -> set[str]:
+        """Their classes, since the last configuration has begun."""
+        records = [record for line in self.daemon.log.items if (record := RECORD.match(line))]
+        texts = [record[3].strip() for record in records]
+        begin = max((at for at, text in enumerate(texts) if text == "Configuring..."), default=0)
+        return {text.removesuffix(" started") for text in texts[begin:] if text.endswith("Source started")}
+
+    def stopping_seconds(self) -> float:
+        """How long the end has taken by the daemon's own records: a loaded machine may stand still around it."""
+        records = [record for line in self.daemon.log.items if (record := RECORD.match(line))]
+        begins = [record for record in records if record[3].startswith("got: 'S'")]
+        if not begins:
+            return 0.0
+        begin, end = (datetime.fromisoformat(record[0].split()[0]) for record in (begins[-1], records[-1]))
+        return (end - begin).total_seconds()
 
     def descriptors(self) -> int:
         return len(os.listdir(f"/proc/{self.daemon.pid}/fd"))

@@ -20,9 +20,9 @@ from starve import Starving
 
 FOLDER = Path("/run/tests")
 PRIVATE_RUN = Path(__file__).resolve().parents[2] / "scripts/private-run"
-AT_ONCE = 4
-SHARES = {"starting": 4, "reloading": 4, "short of something": 2, "the mail": 2}
-SHORT, LONG = 3, 50  # failures of each call in each action, at most
+AT_ONCE = 6
+SHARES = {"starting": 6, "reloading": 6, "short of something": 2, "the mail": 2}
+SHORT, LONG = 3, 10_000  # failures of each call in each action, at most
 SHORT_ATTACK, LONG_ATTACK = 5.0, 10.0  # seconds
 
 
