@@ -9,8 +9,11 @@
 
 namespace {
 
-void* AllocateReal(const char* name, size_t size) {
-    return reinterpret_cast<void* (*)(size_t)>(dlsym(RTLD_NEXT, name))(size);
+using Allocation = void* (*)(size_t);
+
+/** Looked up once: each look forgets the text of dlerror, which the daemon may be about to read. */
+Allocation Real(const char* name) {
+    return reinterpret_cast<Allocation>(dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace
@@ -19,12 +22,14 @@ void* operator new(size_t size) {
     if (FaultFails(CallAllocate)) {
         throw std::bad_alloc();
     }
-    return AllocateReal("_Znwm", size);
+    static const Allocation real = Real("_Znwm");
+    return real(size);
 }
 
 void* operator new[](size_t size) {
     if (FaultFails(CallAllocate)) {
         throw std::bad_alloc();
     }
-    return AllocateReal("_Znam", size);
+    static const Allocation real = Real("_Znam");
+    return real(size);
 }
