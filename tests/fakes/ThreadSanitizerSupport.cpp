@@ -4,16 +4,51 @@
  * It puts a caught signal off until the thread makes a call that it knows to block. It does not know select(): a thread
  * that waits there would sit on its signal for ever. It does know poll(), so select() is made of that here.
  */
+#include <dlfcn.h>
 #include <poll.h>
 #include <sys/select.h>
 
 #include <array>
 #include <cerrno>
+#include <ctime>
+#include <mutex>
 
-// tzset() and localtime_r() guard the time zone with a lock inside the C library that ThreadSanitizer does not see, and
-// so takes the freeing of the old name of the zone for a race.
-extern "C" const char* __tsan_default_suppressions() {
-    return "race:tzset_internal\n";
+namespace {
+
+// The C library guards the time zone with a lock that ThreadSanitizer does not see, and so takes the freeing of the old
+// name of the zone for a race. Here is one that it does see. A suppression would have to name a function, and there are
+// no names for what goes on while no descriptor is left.
+std::mutex zoneMutex;
+
+template <typename Function>
+Function* Real(Function* /*type*/, const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" void tzset() noexcept {
+    static auto* const real = Real(&tzset, "tzset");
+    const std::lock_guard lock(zoneMutex);
+    real();
+}
+
+extern "C" tm* localtime_r(const time_t* time, tm* local) noexcept {
+    static auto* const real = Real(&localtime_r, "localtime_r");
+    const std::lock_guard lock(zoneMutex);
+    return real(time, local);
+}
+
+extern "C" size_t strftime(char* text, size_t size, const char* format, const tm* local) noexcept {
+    static auto* const real = Real(&strftime, "strftime");
+    const std::lock_guard lock(zoneMutex);
+    return real(text, size, format, local);
+}
+
+extern "C" time_t mktime(tm* local) noexcept {
+    static auto* const real = Real(&mktime, "mktime");
+    const std::lock_guard lock(zoneMutex);
+    return real(local);
 }
 
 extern "C" int select(int count, fd_set* readSet, fd_set* /*writeSet*/, fd_set* /*exceptSet*/, timeval* timeout) {
