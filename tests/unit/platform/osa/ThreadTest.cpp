@@ -57,7 +57,7 @@ size_t CountTasks() {
 }
 
 size_t AddressSpaceMib() {
-    return std::stoull(test::ReadWholeFile("/proc/self/statm")) * static_cast<size_t>(sysconf(_SC_PAGESIZE)) >> 20U;
+    return std::stoul(test::ReadWholeFile("/proc/self/statm")) * static_cast<size_t>(sysconf(_SC_PAGESIZE)) >> 20U;
 }
 
 /** Runs a function on a thread made with these arguments and waits for its end. */
