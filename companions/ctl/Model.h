@@ -1,0 +1,177 @@
+#pragma once
+
+#include "companions/ctl/Store.h"
+#include "event/Event.h"
+#include "kelto/core/IniFile.h"
+#include "kelto/core/LogLevel.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace kelto::halvek::ctl {
+
+/** A record that the daemon writes when it loads the settings, without its time. */
+struct ModelRecord {
+    core::LogLevel level;
+    std::string logger;
+    std::string text;
+    /** The source, handler or server that was being loaded; empty outside of that. */
+    std::string group;
+};
+
+/** A source that the daemon has; of a group that it leaves out there is none. */
+struct ModelSource {
+    /** The id: the group, or "Applications/halvek/MsgBus" for the one that is always there. */
+    std::string group;
+    std::string type;
+    core::IniFile::Group settings;
+    /** Whether it asks the camera for its bank when it is loaded. Nobody was asked: a bank is taken to be there. */
+    bool asksBus = false;
+};
+
+/** A handler group, and what has become of it. */
+struct ModelHandler {
+    std::string group;
+    /** Empty without one. */
+    std::string type;
+    /** What it is configured from, its type's group and the common one as the daemon merges them. */
+    core::IniFile::Group settings;
+    /** Whether the daemon has made and configured it, so that it may be attached to sources. */
+    bool isLoaded = false;
+    /** Whether it considers itself configured: if not, each event fails for it and for all behind it. */
+    bool isConfigured = false;
+    /** As that of a source. */
+    bool asksBus = false;
+};
+
+/** A handler on a source's list. */
+struct ModelEdge {
+    std::string source;
+    /** The handler's group, or the type of an always-on one. */
+    std::string handler;
+    /** The posted type, or the region, that the handler listens to; empty for all events of the source. */
+    std::string eventId;
+    /** Its place in the order in which the source delivers, from 1. On the event server the handlers of all events come
+     * first, and each event id counts on from them. */
+    int32_t order = 0;
+};
+
+/** Why a handler does not act on an event, or that it does. */
+enum class Verdict : int32_t {
+    Acts,
+    /** It is attached to nothing. */
+    NotWired,
+    OutOfDay,
+    OutOfTime,
+    /** It acts, but only because the daemon could not read one of its ranges. */
+    UnreadableRange,
+    NotConfigured,
+    /** A handler before it is not configured, which costs those behind the event. */
+    BehindFailing,
+    /** The daemon does without it. */
+    LeftOut,
+    /** It listens to other events. */
+    OtherType,
+    /** It listens to this event, but nobody can post one: there is no event server. */
+    NoEventPipe,
+};
+
+/** "out-of-day" and the like, as scripts read it. */
+const char* VerdictName(Verdict verdict);
+
+constexpr bool Acts(Verdict verdict) {
+    return verdict == Verdict::Acts || verdict == Verdict::UnreadableRange;
+}
+
+struct ModelVerdict {
+    /** The handler's group, or the type of an always-on one. */
+    std::string handler;
+    Verdict verdict;
+    /** The source that delivers, or that would; empty if there is none. */
+    std::string source;
+    /** BehindFailing: the group of the handler that fails. */
+    std::string because;
+};
+
+/** What happens on one event. */
+struct EventQuestion {
+    /** The event's "eventType". "Alarm" with an "alarmIndex" is an input of the camera's, without it a posted event. */
+    std::string type;
+    Event::Properties properties;
+    /** Seconds of UTC since 1970. */
+    int64_t time = 0;
+};
+
+struct EventAnswer {
+    /** Each handler group once, in the order of delivery; those that the event does not reach stand last. */
+    std::vector<ModelVerdict> handlers;
+    /** The always-on handlers, likewise. */
+    std::vector<ModelVerdict> alwaysOn;
+};
+
+/** When handlers are open. */
+struct ScheduleQuestion {
+    /** Minutes of UTC since 1970, the last one not in it. */
+    int64_t fromMinute = 0;
+    int64_t toMinute = 0;
+    /** How many openings to look for, from fromMinute on. */
+    int32_t openings = 0;
+};
+
+/** From a minute of UTC to another, which is not in it. */
+struct MinuteSpan {
+    int64_t from;
+    int64_t to;
+};
+
+struct HandlerSchedule {
+    std::string handler;
+    /** Within the time that was asked for. */
+    std::vector<MinuteSpan> open;
+    /** The openings that begin after fromMinute; fewer if there are none for weeks. */
+    std::vector<int64_t> next;
+    /** Whether there are minutes at which a range that the daemon cannot read lets everything through. */
+    bool hasUnreadableRange = false;
+};
+
+/** All that is to be found out of one store in one go. */
+struct ModelQuestions {
+    std::vector<EventQuestion> events;
+    std::vector<ScheduleQuestion> schedules;
+    /** The handlers whose schedules are wanted; all if empty. */
+    std::vector<std::string> scheduleOf;
+};
+
+struct ModelAnswers {
+    /** In the order of their ids, which is that of starting. */
+    std::vector<ModelSource> sources;
+    /** Each handler group once, in the order in which the daemon loads them. */
+    std::vector<ModelHandler> handlers;
+    /** By source, in the order of delivery. */
+    std::vector<ModelEdge> edges;
+    /** Of the load, Warnings and Errors only. */
+    std::vector<ModelRecord> records;
+
+    /** One for each question. */
+    std::vector<EventAnswer> events;
+    /** One for each question, in it one for each handler that the daemon has. */
+    std::vector<std::vector<HandlerSchedule>> schedules;
+
+    const ModelSource* FindSource(const std::string& group) const;
+    const ModelHandler* FindHandler(const std::string& group) const;
+};
+
+/**
+ * Has the daemon's own objects load a store, in a child process, and tells what they made of it.
+ *
+ * Loading, wiring, filters and delivery are the daemon's; only the actions, the clock, the making of the event pipe and
+ * the camera's services are stood in for. The child makes no file, pipe, program or connection, and has 5 s. The store
+ * must be the one that the environment's KELTO_SETTINGS names.
+ *
+ * @throws Failure if the daemon would refuse the store, and if the child crashes or does not end, with its last record
+ */
+ModelAnswers AskModel(const ModelQuestions& questions = {});
+
+}  // namespace kelto::halvek::ctl
