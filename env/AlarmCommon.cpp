@@ -5,7 +5,7 @@
 namespace kelto::halvek {
 
 AlarmCommon* AlarmCommon::GetInstance(HalvekEnv* env) {
-    return ComponentInstance<AlarmCommon>(env, "AlarmCommonComponent");
+    return ComponentInstance<AlarmCommon>(env, componentId);
 }
 
 AlarmCommon::AlarmCommon(HalvekEnv* env) : client(interfaces::IAlarmV3Provider::CreateClient(BusOf(env))) {}

@@ -5,7 +5,7 @@
 namespace kelto::halvek {
 
 MotionStateCommon* MotionStateCommon::GetInstance(HalvekEnv* env) {
-    return ComponentInstance<MotionStateCommon>(env, "MotionStateCommonComponent");
+    return ComponentInstance<MotionStateCommon>(env, componentId);
 }
 
 MotionStateCommon::MotionStateCommon(HalvekEnv* env)

@@ -17,7 +17,6 @@ namespace kelto::halvek {
 
 namespace {
 
-constexpr const char* msgBusId = "Applications/halvek/MsgBus";
 constexpr const char* separator = "***************************************************************";
 constexpr int32_t alwaysOnKind = 1;
 

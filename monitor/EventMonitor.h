@@ -37,6 +37,9 @@ public:
     static constexpr const char* sourcePrefix = "Events/Source#";
     static constexpr const char* handlerPrefix = "Events/Handler#";
 
+    /** The id of the message-bus source that is always there. */
+    static constexpr const char* msgBusId = "Applications/halvek/MsgBus";
+
     /** Below a handler's group: the ids of the sources that it listens to, under any keys. */
     static constexpr const char* sourceIdsGroup = "SourceIds";
 

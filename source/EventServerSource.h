@@ -64,11 +64,14 @@ public:
      */
     void FireEvent(Event& event);
 
+protected:
+    /** Makes an event of a block that is complete and has a type, and fires it. Throws as FireEvent does. */
+    void FireReceived(PostedBlock& block);
+
 private:
     int OpenFifo() const;
     void ReceiveEvent(FdInputStream& stream, std::string& line, PostedBlock& block);
     bool ReadBlock(FdInputStream& stream, std::string& line, PostedBlock& block);
-    void FireReceived(PostedBlock& block);
 
     const core::Logger& logger;
     const std::unique_ptr<osa::Mutex> handlersMapLock;

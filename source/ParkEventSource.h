@@ -26,7 +26,7 @@ namespace kelto::halvek::source {
  * The motion-state provider arms and disarms it on a delivery thread; a thread of its own counts seconds and runs the
  * handlers. Whatever a handler throws ends that thread, and with it the source.
  */
-class ParkEventSource final : public EventSource, public osa::Runnable {
+class ParkEventSource : public EventSource, public osa::Runnable {
 public:
     static constexpr SettingsKeys keys{
         IntegerKey{.name = "DwellTime.sec", .absent = 10, .lowest = 0, .defaultIfUnreadable = true, .unit = "s"}};

@@ -38,6 +38,8 @@ struct ModelHandler {
     std::string type;
     /** What it is configured from, its type's group and the common one as the daemon merges them. */
     core::IniFile::Group settings;
+    /** The ids of the sources that it wants, by their keys. */
+    core::IniFile::Group sourceIds;
     /** Whether the daemon has made and configured it, so that it may be attached to sources. */
     bool isLoaded = false;
     /** Whether it considers itself configured: if not, each event fails for it and for all behind it. */
@@ -104,6 +106,9 @@ struct EventQuestion {
     int64_t time = 0;
 };
 
+/** Whether the daemon fires the event of its own accord, so that nobody needs to post it. */
+bool IsBuiltIn(const EventQuestion& question);
+
 struct EventAnswer {
     /** Each handler group once, in the order of delivery; those that the event does not reach stand last. */
     std::vector<ModelVerdict> handlers;
@@ -111,27 +116,28 @@ struct EventAnswer {
     std::vector<ModelVerdict> alwaysOn;
 };
 
-/** When handlers are open. */
+/** When handlers are open. Times are seconds of UTC since 1970; the filters are asked every 60 s from the first on. */
 struct ScheduleQuestion {
-    /** Minutes of UTC since 1970, the last one not in it. */
-    int64_t fromMinute = 0;
-    int64_t toMinute = 0;
-    /** How many openings to look for, from fromMinute on. */
+    int64_t from = 0;
+    /** Not in it any more. */
+    int64_t to = 0;
+    /** How many openings to look for, from `openingsFrom` on. */
     int32_t openings = 0;
+    int64_t openingsFrom = 0;
 };
 
-/** From a minute of UTC to another, which is not in it. */
-struct MinuteSpan {
+struct OpenSpan {
     int64_t from;
+    /** Not in it any more. */
     int64_t to;
 };
 
 struct HandlerSchedule {
     std::string handler;
     /** Within the time that was asked for. */
-    std::vector<MinuteSpan> open;
-    /** The openings that begin after fromMinute; fewer if there are none for weeks. */
-    std::vector<int64_t> next;
+    std::vector<OpenSpan> open;
+    /** The spans that begin at openingsFrom or later; fewer than asked for if there are none for weeks. */
+    std::vector<OpenSpan> next;
     /** Whether there are minutes at which a range that the daemon cannot read lets everything through. */
     bool hasUnreadableRange = false;
 };
@@ -140,7 +146,7 @@ struct HandlerSchedule {
 struct ModelQuestions {
     std::vector<EventQuestion> events;
     std::vector<ScheduleQuestion> schedules;
-    /** The handlers whose schedules are wanted; all if empty. */
+    /** The handler groups whose schedules are wanted. */
     std::vector<std::string> scheduleOf;
 };
 
@@ -156,7 +162,7 @@ struct ModelAnswers {
 
     /** One for each question. */
     std::vector<EventAnswer> events;
-    /** One for each question, in it one for each handler that the daemon has. */
+    /** One for each question, in it one for each handler group that is wanted and there, left out or not. */
     std::vector<std::vector<HandlerSchedule>> schedules;
 
     const ModelSource* FindSource(const std::string& group) const;

@@ -1,16 +1,12 @@
 #include "companions/ctl/Verb.h"
+#include "companions/ctl/VerbExplain.h"
 
 #include <array>
 
 namespace kelto::halvek::ctl {
 
-namespace {
-
-constexpr std::array<Verb, 0> verbs = {};
-
-}  // namespace
-
 std::span<const Verb> Verbs() {
+    static const std::array verbs = {verbExplain};
     return verbs;
 }
 
