@@ -146,7 +146,7 @@ struct HandlerSchedule {
 struct ModelQuestions {
     std::vector<EventQuestion> events;
     std::vector<ScheduleQuestion> schedules;
-    /** The handler groups whose schedules are wanted. */
+    /** The handler groups whose schedules are wanted; all if empty. */
     std::vector<std::string> scheduleOf;
 };
 

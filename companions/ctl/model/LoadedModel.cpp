@@ -195,12 +195,13 @@ ModelAnswers LoadedModel::Answer(const ModelQuestions& questions) {
     for (const EventQuestion& question : questions.events) {
         answers.events.push_back(Answer(question));
     }
+    const std::vector<std::string> groups = questions.scheduleOf.empty() ? HandlerGroups() : questions.scheduleOf;
     for (const ScheduleQuestion& question : questions.schedules) {
         // A filter that cannot read a range says so at every minute.
         SetLevel(core::LogLevel::Error);
         ScheduleFinder finder(question);
         std::vector<HandlerSchedule>& schedules = answers.schedules.emplace_back();
-        for (const std::string& group : questions.scheduleOf) {
+        for (const std::string& group : groups) {
             if (const ModelHandler* const handler = answers.FindHandler(group)) {
                 schedules.push_back(finder.Find(*handler));
             }
