@@ -21,7 +21,11 @@ std::string ClockText(int minuteOfDay) {
 
 }  // namespace
 
-LocalDay::LocalDay(const Date& day) : date(day), from(LocalTime::StartOf(day)), to(LocalTime::StartOf(day.Plus(1))) {}
+LocalDay::LocalDay(const Date& day) : date(day), from(LocalTime::StartOf(day)), to(LocalTime::StartOf(day.Plus(1))) {
+    for (int64_t time = from; time < to; time += minuteSeconds) {
+        cellOfMinute.push_back(static_cast<uint8_t>(MinuteOfDay(time) / minutesPerCell));
+    }
+}
 
 int LocalDay::MinuteOfDay(int64_t time) {
     const LocalTime local(time);
@@ -50,13 +54,14 @@ std::string LocalDay::Strip(const std::vector<OpenSpan>& spans) const {
     std::array<int, cells> openMinutes{};
     const std::vector<OpenSpan> open = Cut(spans);
     auto span = open.begin();
-    for (int64_t time = from; time < to; time += minuteSeconds) {
+    int64_t time = from;
+    for (const uint8_t cell : cellOfMinute) {
         while (span != open.end() && span->to <= time) {
             ++span;
         }
-        const auto cell = static_cast<size_t>(MinuteOfDay(time) / minutesPerCell);
         ++minutes.at(cell);
         openMinutes.at(cell) += span != open.end() && span->from <= time ? 1 : 0;
+        time += minuteSeconds;
     }
     std::string strip(cells, '.');
     for (size_t cell = 0; cell < cells; ++cell) {

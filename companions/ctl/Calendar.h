@@ -3,6 +3,7 @@
 #include "companions/ctl/LocalTime.h"
 #include "companions/ctl/Model.h"
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,8 @@ private:
     Date date;
     int64_t from;
     int64_t to;
+    /** The half hour that the clocks show in each minute. */
+    std::vector<uint8_t> cellOfMinute;
 };
 
 /** Days of a calendar. */

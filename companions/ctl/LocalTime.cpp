@@ -191,6 +191,9 @@ std::string LocalTime::OffsetText(int64_t offset) {
 
 int64_t LocalTime::StartOf(const Date& date) {
     const int64_t asUtc = AsUtc(date);
+    if (const std::optional<int64_t> midnight = FindLocal(asUtc)) {
+        return *midnight;
+    }
     // Some hours before, whatever the clocks do around midnight; then minute by minute, for a day may begin at 01:00.
     int64_t time = asUtc - LocalTime(asUtc - daySeconds / 2).offset - 3 * hourSeconds;
     time -= LocalTime(time).second;

@@ -21,12 +21,14 @@ struct ModelRecord {
     std::string group;
 };
 
-/** A source that the daemon has; of a group that it leaves out there is none. */
+/** A source, or a group that the daemon makes none of. */
 struct ModelSource {
     /** The id: the group, or "Applications/halvek/MsgBus" for the one that is always there. */
     std::string group;
     std::string type;
     core::IniFile::Group settings;
+    /** Of a group without a source: whether its type stands for posted events, so that nothing is wrong with that. */
+    bool isPosted = false;
     /** Whether it asks the camera for its bank when it is loaded. Nobody was asked: a bank is taken to be there. */
     bool asksBus = false;
 };
@@ -153,6 +155,8 @@ struct ModelQuestions {
 struct ModelAnswers {
     /** In the order of their ids, which is that of starting. */
     std::vector<ModelSource> sources;
+    /** The source groups that the daemon has no source of, in the order of their names. */
+    std::vector<ModelSource> absentSources;
     /** Each handler group once, in the order in which the daemon loads them. */
     std::vector<ModelHandler> handlers;
     /** By source, in the order of delivery. */

@@ -12,7 +12,7 @@ constexpr double labelWidth = 190;
 constexpr double dayWidth = 24 * 28;
 constexpr double rowHeight = 20;
 constexpr double barHeight = 12;
-constexpr double blockGap = 26;
+constexpr double blockGap = 44;
 constexpr int minutesPerDay = 24 * 60;
 constexpr int64_t minuteSeconds = 60;
 

@@ -11,6 +11,7 @@ namespace kelto::halvek::ctl {
 namespace {
 
 constexpr double smallFont = 11;
+constexpr double plainFont = 13;
 /** Of the size of the font: what a letter of common fonts takes. */
 constexpr double letterWidth = 0.55;
 
@@ -24,6 +25,14 @@ constexpr const char* style =
     ".edge{fill:none;stroke:#7b8794;stroke-width:1.4}.edge-left-out{fill:none;stroke:#9aa5b1;stroke-dasharray:5 4}"
     ".badge{fill:#fff;stroke:#9aa5b1}.track{fill:#eceff3}.open{fill:#2e9e6b}.grid{stroke:#d3d9e0;stroke-width:1}"
     ".never{fill:#c62828}.paper{fill:#fff}";
+
+/** What a text of a class is reckoned with; a bold one is wider. */
+double SizeOf(std::string_view styleClass) {
+    if (styleClass == "small") {
+        return smallFont;
+    }
+    return styleClass == "name" || styleClass == "title" ? Svg::boldFont : plainFont;
+}
 
 std::string Number(double number) {
     std::array<char, 32> text{};
@@ -52,7 +61,7 @@ void Svg::AddText(double x, double y, std::string_view styleClass, std::string_v
 }
 
 void Svg::AddFittedText(double x, double y, double width, std::string_view styleClass, std::string_view text) {
-    const double size = styleClass.find("small") == std::string_view::npos ? 13 : smallFont;
+    const double size = SizeOf(styleClass);
     if (WidthOf(text, size) <= width) {
         AddText(x, y, styleClass, text);
         return;

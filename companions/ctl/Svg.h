@@ -39,6 +39,9 @@ public:
     /** Escaped for XML; control characters, which XML does not have, as "\x1b". */
     static std::string Escape(std::string_view text);
 
+    /** The size that a bold text is reckoned with. */
+    static constexpr double boldFont = 15.5;
+
     /** How wide a text becomes, about. @param size of the font */
     static double WidthOf(std::string_view text, double size);
 

@@ -9,7 +9,7 @@
 #include "companions/ctl/Terminal.h"
 #include "handler/FilterChain.h"
 
-#include <ctime>
+#include <algorithm>
 
 namespace kelto::halvek::ctl {
 
@@ -25,6 +25,9 @@ constexpr const char* help =
     "  --svg        a drawing instead of text\n"
     "Status: 0.\n";
 
+/** Of "+01:00>+02:00". */
+constexpr size_t offsetWidth = 13;
+constexpr const char* hours = "0   2   4   6   8   10  12  14  16  18  20  22";
 constexpr int mostDays = 366;
 constexpr int mostOpenings = 1000;
 
@@ -85,30 +88,43 @@ std::string FilterText(const ModelHandler& handler) {
 }
 
 std::string Remark(const Row& row) {
-    std::string remark = row.handler->isLoaded ? "" : "  (the daemon does without it)";
+    std::string remark = row.handler->isLoaded ? "" : "  (the daemon does without it, so it never acts)";
     return remark.append(row.schedule->hasUnreadableRange ? "  (a range that cannot be read lets everything through)"
                                                           : "");
 }
 
+/** What stands before each strip, always of the same width. */
+std::string DayLabel(const LocalDay& day, const std::string& zone) {
+    std::string offset = day.OffsetText();
+    offset.resize(std::max(offset.size(), offsetWidth), ' ');
+    return "  " + std::string(day.GetDate().Weekday()) + " " + day.GetDate().Text() + " " + offset + " " + zone + " ";
+}
+
+void AddHours(const LocalDay& day, const std::string& zone, Answer& answer) {
+    answer.AddLine(std::string(DayLabel(day, zone).size(), ' ') + hours);
+}
+
 void AddDay(const LocalDay& day, const std::vector<OpenSpan>& open, const std::string& zone, Answer& answer) {
     if (day.From() == day.To()) {
-        answer.AddLine("  " + std::string(day.GetDate().Weekday()) + " " + day.GetDate().Text() + " " + zone +
-                       " the clocks leave this day out");
+        answer.AddLine(DayLabel(day, zone) + "the clocks leave this day out");
         return;
     }
-    answer.AddLine("  " + std::string(day.GetDate().Weekday()) + " " + day.GetDate().Text() + " " + day.OffsetText() +
-                   " " + zone + " " + day.Strip(open) + "  " + day.SpansText(open));
+    const std::string spans = day.SpansText(open);
+    answer.AddLine(DayLabel(day, zone) + day.Strip(open) + (spans.empty() ? "" : "  " + spans));
 }
 
 void AddText(const Row& row, const Span& span, const std::string& zone, Answer& answer) {
     answer.AddLine(
         Terminal::Coloured(Terminal::Colour::Bold, Terminal::Escape(HandlerName::Short(row.handler->group))) +
         FilterText(*row.handler) + Remark(row));
+    AddHours(span.days.front(), zone, answer);
     for (const LocalDay& day : span.days) {
         AddDay(day, row.schedule->open, zone, answer);
     }
+    if (!span.changes.empty()) {
+        answer.AddLine("  when the clocks change:");
+    }
     for (size_t i = 0; i < span.changes.size(); ++i) {
-        answer.AddLine("  the clocks change:");
         AddDay(span.changes[i], row.changes[i]->open, zone, answer);
     }
     for (const OpenSpan& next : row.schedule->next) {
@@ -195,7 +211,7 @@ void AddAllAsSvg(const std::vector<Row>& rows, const Span& span, const StoreLoca
     answer.Add(drawing.Text());
 }
 
-Span ReadSpan(const OptionReader& options) {
+Span ReadSpan(const OptionReader& options, bool withChanges) {
     const int64_t now = LocalTime::Now();
     const std::optional<std::string> from = options.Value("--from");
     const Date first = from ? Date::Parse(*from) : LocalTime(now).date;
@@ -204,7 +220,9 @@ Span ReadSpan(const OptionReader& options) {
     span.openings = options.Number("--next", 5, 0, mostOpenings);
     // Without a day it is about what comes now, in whole minutes.
     span.openingsFrom = from ? span.days.front().From() : now - LocalTime(now).second;
-    span.changes = Calendar::ChangesIn(first.year);
+    if (withChanges) {
+        span.changes = Calendar::ChangesIn(first.year);
+    }
     return span;
 }
 
@@ -215,10 +233,7 @@ ExitStatus RunSchedule(const Invocation& invocation, Answer& answer) {
         throw UsageError("an answer is either --format json or --svg");
     }
     const StoreLocation location = StoreLocation::Use(invocation);
-    Span span = ReadSpan(options);
-    if (!options.Has("--dst") && invocation.format == Format::Text) {
-        span.changes.clear();
-    }
+    const Span span = ReadSpan(options, options.Has("--dst") || invocation.format == Format::Json);
     Store::Read(location.GetPath());
     ModelQuestions questions{.events = {}, .schedules = span.Questions(), .scheduleOf = {}};
     for (const std::string& name : options.Words()) {

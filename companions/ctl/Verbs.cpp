@@ -1,13 +1,14 @@
 #include "companions/ctl/Verb.h"
 #include "companions/ctl/VerbExplain.h"
 #include "companions/ctl/VerbSchedule.h"
+#include "companions/ctl/VerbShow.h"
 
 #include <array>
 
 namespace kelto::halvek::ctl {
 
 std::span<const Verb> Verbs() {
-    static const std::array verbs = {verbSchedule, verbExplain};
+    static const std::array verbs = {verbShow, verbSchedule, verbExplain};
     return verbs;
 }
 

@@ -20,6 +20,7 @@ void Travel(Wire& wire, ModelSource& source) {
     wire(source.group);
     wire(source.type);
     wire(source.settings);
+    wire(source.isPosted);
     wire(source.asksBus);
 }
 
@@ -73,6 +74,7 @@ void Travel(Wire& wire, HandlerSchedule& schedule) {
 template <typename Wire>
 void Travel(Wire& wire, ModelAnswers& answers) {
     wire(answers.sources);
+    wire(answers.absentSources);
     wire(answers.handlers);
     wire(answers.edges);
     wire(answers.records);

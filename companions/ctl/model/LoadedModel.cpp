@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <exception>
 #include <list>
+#include <set>
 #include <utility>
 
 namespace kelto::halvek::ctl {
@@ -45,6 +46,20 @@ std::string TypeOf(const core::IniFile& ini, const std::string& group) {
     std::string type;
     core::IniFile::TryGetValueFromGroup(ini.FindGroup(group), typeKey, type);
     return type;
+}
+
+/** Each once: the monitor loads some twice. */
+std::vector<std::string> TopGroups(const core::IniFile& ini, const char* prefix) {
+    std::list<std::string> names;
+    EventMonitor::EnumerateGroups(ini, prefix, names);
+    std::set<std::string> seen;
+    std::vector<std::string> groups;
+    for (std::string& name : names) {
+        if (seen.insert(name).second) {
+            groups.push_back(std::move(name));
+        }
+    }
+    return groups;
 }
 
 /** Whether the days alone keep a handler from acting now. */
@@ -138,23 +153,27 @@ void LoadedModel::Describe() {
     for (const ProbedSource* source : ledger.sources) {
         answers.sources.push_back(source->facts);
     }
+    answers.absentSources = DescribeAbsentSources();
     for (const std::string& group : HandlerGroups()) {
         answers.handlers.push_back(DescribeHandler(group));
     }
     answers.edges = DescribeEdges();
 }
 
-/** Each once: the monitor loads some twice. */
-std::vector<std::string> LoadedModel::HandlerGroups() const {
-    std::list<std::string> names;
-    EventMonitor::EnumerateGroups(ini, EventMonitor::handlerPrefix, names);
-    std::vector<std::string> groups;
-    for (std::string& name : names) {
-        if (std::find(groups.begin(), groups.end(), name) == groups.end()) {
-            groups.push_back(std::move(name));
+std::vector<ModelSource> LoadedModel::DescribeAbsentSources() const {
+    std::vector<ModelSource> absent;
+    for (const std::string& group : TopGroups(ini, EventMonitor::sourcePrefix)) {
+        if (answers.FindSource(group) == nullptr) {
+            ModelSource source{.group = group, .type = TypeOf(ini, group), .settings = {}};
+            source.isPosted = sourceProbes.HasNoSourceOfItsOwn(group);
+            absent.push_back(std::move(source));
         }
     }
-    return groups;
+    return absent;
+}
+
+std::vector<std::string> LoadedModel::HandlerGroups() const {
+    return TopGroups(ini, EventMonitor::handlerPrefix);
 }
 
 ModelHandler LoadedModel::DescribeHandler(const std::string& group) const {

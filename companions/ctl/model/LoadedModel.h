@@ -29,6 +29,7 @@ private:
     void NoteRecords(off_t begin, const char* group);
     void Describe();
     std::vector<std::string> HandlerGroups() const;
+    std::vector<ModelSource> DescribeAbsentSources() const;
     ModelHandler DescribeHandler(const std::string& group) const;
     std::vector<ModelEdge> DescribeEdges() const;
 

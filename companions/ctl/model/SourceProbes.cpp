@@ -187,6 +187,7 @@ std::unique_ptr<EventSource> SourceProbes::Create(const std::string& typeName, H
     if (CreateEventSource(typeName, env) != nullptr) {
         throw Failure("the model of the daemon has no probe for sources of type " + typeName);
     }
+    withoutSource.insert(facts.group);
     return nullptr;
 }
 

@@ -6,6 +6,7 @@
 
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 namespace kelto::halvek {
@@ -28,6 +29,9 @@ public:
      */
     std::unique_ptr<EventSource> Create(const std::string& typeName, HalvekEnv* env);
 
+    /** Whether the daemon knows no source for the type of a group, so that it stands for posted events. */
+    bool HasNoSourceOfItsOwn(const std::string& group) const { return withoutSource.count(group) != 0; }
+
 private:
     std::string GroupOf(const std::string& typeName, const HalvekEnv* env);
     void RegisterComponents(HalvekEnv* env);
@@ -36,6 +40,7 @@ private:
     const core::IniFile& ini;
     /** Groups by the place of their "Type"; empty before the first source. */
     std::map<const std::string*, std::string> groupsByType;
+    std::set<std::string> withoutSource;
     /** Owned by the environment's component. */
     UnaskedAlarms* alarms = nullptr;
 };

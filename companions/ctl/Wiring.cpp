@@ -1,0 +1,279 @@
+#include "companions/ctl/Wiring.h"
+
+#include "companions/ctl/Failure.h"
+#include "companions/ctl/HandlerName.h"
+#include "env/SettingsKeys.h"
+#include "handler/FilterChain.h"
+#include "handler/FolderEventHandler.h"
+#include "handler/RelayEventHandler.h"
+#include "monitor/EventMonitor.h"
+#include "source/AlarmEventSource.h"
+#include "source/EventServerSource.h"
+#include "source/ParkEventSource.h"
+#include "source/TimerEventSource.h"
+
+#include <algorithm>
+#include <array>
+#include <set>
+
+namespace kelto::halvek::ctl {
+
+namespace {
+
+using Group = core::IniFile::Group;
+
+std::string ValueOf(const Group& settings, const char* key, const std::string& absent) {
+    const auto value = settings.find(key);
+    return value == settings.end() ? absent : value->second;
+}
+
+std::string NumberOf(const Group& settings, const IntegerKey& key) {
+    return ValueOf(settings, key.name, std::to_string(key.absent));
+}
+
+std::string BankOf(const Group& settings) {
+    return ValueOf(settings, handler::RelayEventHandler::keys.Text("BankName").name, "the first local bank");
+}
+
+std::string SourceDetail(const ModelSource& source) {
+    if (source.type == "Timer") {
+        return "every " + NumberOf(source.settings, source::TimerEventSource::keys.Integer("Interval.sec")) + " s";
+    }
+    if (source.type == "Alarm") {
+        return "input " + NumberOf(source.settings, source::AlarmEventSource::keys.Integer("Index")) + " of " +
+               BankOf(source.settings);
+    }
+    if (source.type == "Park") {
+        return "at rest for " + NumberOf(source.settings, source::ParkEventSource::keys.Integer("DwellTime.sec")) +
+               " s";
+    }
+    if (source.group == EventMonitor::serverGroup) {
+        const TextKey& path = source::EventServerSource::keys.Text("Path");
+        return "posted in " + ValueOf(source.settings, path.name, path.absent);
+    }
+    return source.type == "MsgBus" || source.type == "Analytics" ? "alerts from the bus" : "";
+}
+
+std::string Target(const ModelHandler& handler) {
+    const Group& settings = handler.settings;
+    const auto text = [&](const char* key) { return ValueOf(settings, key, ""); };
+    if (handler.type == "Relay") {
+        return "relay " + NumberOf(settings, handler::RelayEventHandler::keys.Integer("Index")) + " of " +
+               BankOf(settings);
+    }
+    if (handler.type == "Preset" || handler.type == "Tour") {
+        return (handler.type == "Preset" ? "preset " : "tour ") + text("Id");
+    }
+    if (handler.type == "Folder") {
+        return "folder " + text("DestinationPath");
+    }
+    if (handler.type == "Ftp") {
+        return "ftp://" + text("Server") + ValueOf(settings, "BasePath", "/");
+    }
+    if (handler.type == "Email") {
+        return "mail to " + text("To");
+    }
+    return handler.type == "Extern" ? "pipes in /run/halvek" : "";
+}
+
+std::string FilterText(const Group& settings) {
+    std::string text;
+    for (const SettingsKey& key : FilterChain::keys.List()) {
+        const auto value = settings.find(std::string(NameOf(key)));
+        if (value != settings.end()) {
+            text.append(text.empty() ? "" : "  ").append(NameOf(key)).append("=").append(value->second);
+        }
+    }
+    return text;
+}
+
+std::string RemarkOn(const ModelAnswers& model, const std::string& group) {
+    const auto record = std::find_if(model.records.rbegin(), model.records.rend(),
+                                     [&](const ModelRecord& one) { return one.group == group; });
+    if (record == model.records.rend()) {
+        return {};
+    }
+    // What goes wrong in a load is told behind where it went wrong, which is known here.
+    const std::string& text = record->text;
+    const size_t end = text.find(": ");
+    return text.find("Error Load") == std::string::npos || end == std::string::npos ? text : text.substr(end + 2);
+}
+
+WiringSource SourceOf(const ModelAnswers& model, const ModelSource& source, bool isThere) {
+    WiringSource shown{.group = source.group, .type = source.type, .detail = SourceDetail(source), .remark = {}};
+    shown.isPosted = source.isPosted;
+    shown.isLeftOut = !isThere && !source.isPosted;
+    if (shown.isLeftOut) {
+        shown.remark = RemarkOn(model, source.group);
+    }
+    if (shown.isPosted) {
+        shown.detail = "posted";
+    }
+    return shown;
+}
+
+WiringHandler HandlerOf(const ModelAnswers& model, const ModelHandler& handler) {
+    WiringHandler shown{.group = handler.group,
+                        .type = handler.type,
+                        .target = Target(handler),
+                        .filter = FilterText(handler.settings),
+                        .remark = RemarkOn(model, handler.group),
+                        .open = {}};
+    shown.isLeftOut = !handler.isLoaded;
+    shown.isConfigured = handler.isConfigured;
+    if (shown.remark.empty() && !handler.isLoaded) {
+        shown.remark = "it has no SourceIds";
+    } else if (shown.remark.empty() && !handler.isConfigured) {
+        shown.remark = "not configured: each event fails here, and for all behind it";
+    }
+    return shown;
+}
+
+/** What handlers name and the settings do not have. */
+void AddMissingSources(const ModelAnswers& model, std::vector<WiringSource>& sources) {
+    for (const ModelHandler& handler : model.handlers) {
+        for (const auto& [key, id] : handler.sourceIds) {
+            const bool isKnown =
+                std::any_of(sources.begin(), sources.end(),
+                            [&, &wanted = id](const WiringSource& one) { return one.group == wanted; });
+            if (!isKnown) {
+                sources.push_back(
+                    {.group = id, .type = "", .detail = "", .remark = "the settings have no such source"});
+                sources.back().isLeftOut = true;
+            }
+        }
+    }
+}
+
+/** The sources that a handler names and that stand for a posted type, or for another event id. */
+std::vector<std::string> PostedSourcesOf(const ModelAnswers& model, const ModelHandler& handler,
+                                         const ModelEdge& edge) {
+    std::vector<std::string> groups;
+    for (const ModelSource& absent : model.absentSources) {
+        const bool isNamed = std::any_of(handler.sourceIds.begin(), handler.sourceIds.end(),
+                                         [&](const auto& id) { return id.second == absent.group; });
+        if (isNamed && absent.type == edge.eventId) {
+            groups.push_back(absent.group);
+        }
+    }
+    return groups;
+}
+
+/** A posted event comes from the group that stands for it, whoever delivers it. */
+void AddEdge(const ModelAnswers& model, const ModelEdge& edge, std::vector<WiringEdge>& edges) {
+    const ModelHandler* const handler = model.FindHandler(edge.handler);
+    if (handler == nullptr) {
+        return;
+    }
+    const auto isKnown = [&](const std::string& from) {
+        return std::any_of(edges.begin(), edges.end(), [&](const WiringEdge& known) {
+            return known.from == from && known.to == edge.handler && known.order == edge.order;
+        });
+    };
+    std::vector<std::string> sources = {edge.source};
+    if (!edge.eventId.empty()) {
+        sources = PostedSourcesOf(model, *handler, edge);
+    }
+    for (const std::string& source : sources) {
+        if (!isKnown(source)) {
+            edges.push_back({source, edge.handler, edge.order});
+        }
+    }
+}
+
+/** What a handler names and nothing comes from. */
+void AddLostEdges(const ModelHandler& handler, std::vector<WiringEdge>& edges) {
+    for (const auto& [key, id] : handler.sourceIds) {
+        const bool isThere = std::any_of(edges.begin(), edges.end(), [&, &from = id](const WiringEdge& edge) {
+            return edge.from == from && edge.to == handler.group;
+        });
+        if (!isThere) {
+            edges.push_back({id, handler.group, 0});
+        }
+    }
+}
+
+}  // namespace
+
+Wiring Wiring::Of(const ModelAnswers& model) {
+    Wiring wiring;
+    for (const ModelSource& source : model.sources) {
+        wiring.sources.push_back(SourceOf(model, source, true));
+    }
+    for (const ModelSource& source : model.absentSources) {
+        wiring.sources.push_back(SourceOf(model, source, false));
+    }
+    AddMissingSources(model, wiring.sources);
+    std::set<std::string> alwaysOn;
+    for (const ModelEdge& edge : model.edges) {
+        AddEdge(model, edge, wiring.edges);
+        if (model.FindHandler(edge.handler) == nullptr) {
+            alwaysOn.insert(edge.handler);
+        }
+    }
+    wiring.alwaysOn.assign(alwaysOn.begin(), alwaysOn.end());
+    for (const ModelHandler& handler : model.handlers) {
+        wiring.handlers.push_back(HandlerOf(model, handler));
+        AddLostEdges(handler, wiring.edges);
+        for (const HandlerSchedule& schedule : model.schedules.front()) {
+            if (schedule.handler == handler.group) {
+                wiring.handlers.back().open = schedule.open;
+            }
+        }
+    }
+    return wiring;
+}
+
+void Wiring::KeepOnly(const std::string& name) {
+    const auto isGroup = [&](const auto& item) { return item.group == name || HandlerName::Short(item.group) == name; };
+    if (std::none_of(sources.begin(), sources.end(), isGroup) &&
+        std::none_of(handlers.begin(), handlers.end(), isGroup)) {
+        throw UsageError("the settings have no source or handler " + name);
+    }
+    const std::string group =
+        HandlerName::Short(name) == name && !name.starts_with("Applications/") ? HandlerName::Group(name) : name;
+    std::erase_if(edges, [&](const WiringEdge& edge) { return edge.from != group && edge.to != group; });
+    std::set<std::string> kept = {group};
+    for (const WiringEdge& edge : edges) {
+        kept.insert(edge.from);
+        kept.insert(edge.to);
+    }
+    std::erase_if(sources, [&](const WiringSource& source) { return kept.count(source.group) == 0; });
+    std::erase_if(handlers, [&](const WiringHandler& handler) { return kept.count(handler.group) == 0; });
+}
+
+std::vector<const WiringEdge*> Wiring::EdgesFrom(const std::string& source) const {
+    std::vector<const WiringEdge*> found;
+    for (const WiringEdge& edge : edges) {
+        if (edge.from == source) {
+            found.push_back(&edge);
+        }
+    }
+    std::stable_sort(found.begin(), found.end(), [](const WiringEdge* one, const WiringEdge* other) {
+        return one->order != 0 && (other->order == 0 || one->order < other->order);
+    });
+    return found;
+}
+
+std::vector<const WiringMark*> Wiring::MarksOf(const std::string& group) const {
+    std::vector<const WiringMark*> found;
+    for (const WiringMark& mark : marks) {
+        if (mark.group == group || mark.group.starts_with(group + "/")) {
+            found.push_back(&mark);
+        }
+    }
+    return found;
+}
+
+std::string Wiring::SeverityOf(const std::string& group) const {
+    const std::vector<const WiringMark*> found = MarksOf(group);
+    for (const char* const severity : {"error", "warning", "note"}) {
+        if (std::any_of(found.begin(), found.end(),
+                        [&](const WiringMark* mark) { return mark->severity == severity; })) {
+            return severity;
+        }
+    }
+    return {};
+}
+
+}  // namespace kelto::halvek::ctl
