@@ -19,6 +19,16 @@ std::string ClockText(int minuteOfDay) {
     return text.data();
 }
 
+/** The first second with another offset than the first of two has, and the second one has. */
+int64_t FindChange(int64_t before, int64_t after) {
+    const int64_t offset = LocalTime(before).offset;
+    while (after - before > 1) {
+        const int64_t middle = before + (after - before) / 2;
+        (LocalTime(middle).offset == offset ? before : after) = middle;
+    }
+    return after;
+}
+
 }  // namespace
 
 LocalDay::LocalDay(const Date& day) : date(day), from(LocalTime::StartOf(day)), to(LocalTime::StartOf(day.Plus(1))) {
@@ -33,7 +43,8 @@ int LocalDay::MinuteOfDay(int64_t time) {
 }
 
 std::string LocalDay::OffsetText() const {
-    const LocalTime begin(from);
+    // A change at midnight belongs to the day that it begins.
+    const LocalTime begin(from - 1);
     const LocalTime end(std::max(from, to - 1));
     return begin.offset == end.offset ? begin.OffsetText() : begin.OffsetText() + ">" + end.OffsetText();
 }
@@ -94,13 +105,13 @@ std::vector<LocalDay> Calendar::Days(const Date& first, int count) {
 std::vector<LocalDay> Calendar::ChangesIn(int year) {
     std::vector<LocalDay> days;
     const Date first{year, 1, 1};
-    int64_t offset = LocalTime(LocalTime::StartOf(first)).offset;
+    int64_t begin = LocalTime::StartOf(first);
     for (Date date = first; date.year == year; date = date.Plus(1)) {
-        const int64_t atEnd = LocalTime(LocalTime::StartOf(date.Plus(1))).offset;
-        if (atEnd != offset) {
-            days.emplace_back(date);
+        const int64_t end = LocalTime::StartOf(date.Plus(1));
+        if (LocalTime(begin).offset != LocalTime(end).offset) {
+            days.emplace_back(LocalTime(FindChange(begin, end)).date);
         }
-        offset = atEnd;
+        begin = end;
     }
     return days;
 }

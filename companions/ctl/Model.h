@@ -57,6 +57,8 @@ struct ModelEdge {
     std::string handler;
     /** The posted type, or the region, that the handler listens to; empty for all events of the source. */
     std::string eventId;
+    /** With an event id: those of the handler's source ids that stand for it. */
+    std::vector<std::string> postedIds = {};
     /** Its place in the order in which the source delivers, from 1. On the event server the handlers of all events come
      * first, and each event id counts on from them. */
     int32_t order = 0;

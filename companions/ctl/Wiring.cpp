@@ -129,40 +129,32 @@ WiringHandler HandlerOf(const ModelAnswers& model, const ModelHandler& handler) 
     return shown;
 }
 
-/** What handlers name and the settings do not have. */
-void AddMissingSources(const ModelAnswers& model, std::vector<WiringSource>& sources) {
+/** What handlers name and is no source group: any other group with a type, which stands for posted events; or none. */
+void AddOtherSources(const ModelAnswers& model, std::vector<WiringSource>& sources) {
+    const auto add = [&](const std::string& group, const std::string& type) {
+        const bool isKnown =
+            std::any_of(sources.begin(), sources.end(), [&](const WiringSource& one) { return one.group == group; });
+        if (!isKnown) {
+            sources.push_back({.group = group, .type = type, .detail = "posted", .remark = "there is no such source"});
+            sources.back().isPosted = !type.empty();
+            sources.back().isLeftOut = type.empty();
+        }
+    };
+    for (const ModelEdge& edge : model.edges) {
+        for (const std::string& id : edge.postedIds) {
+            add(id, edge.eventId);
+        }
+    }
     for (const ModelHandler& handler : model.handlers) {
         for (const auto& [key, id] : handler.sourceIds) {
-            const bool isKnown =
-                std::any_of(sources.begin(), sources.end(),
-                            [&, &wanted = id](const WiringSource& one) { return one.group == wanted; });
-            if (!isKnown) {
-                sources.push_back(
-                    {.group = id, .type = "", .detail = "", .remark = "the settings have no such source"});
-                sources.back().isLeftOut = true;
-            }
+            add(id, "");
         }
     }
-}
-
-/** The sources that a handler names and that stand for a posted type, or for another event id. */
-std::vector<std::string> PostedSourcesOf(const ModelAnswers& model, const ModelHandler& handler,
-                                         const ModelEdge& edge) {
-    std::vector<std::string> groups;
-    for (const ModelSource& absent : model.absentSources) {
-        const bool isNamed = std::any_of(handler.sourceIds.begin(), handler.sourceIds.end(),
-                                         [&](const auto& id) { return id.second == absent.group; });
-        if (isNamed && absent.type == edge.eventId) {
-            groups.push_back(absent.group);
-        }
-    }
-    return groups;
 }
 
 /** A posted event comes from the group that stands for it, whoever delivers it. */
 void AddEdge(const ModelAnswers& model, const ModelEdge& edge, std::vector<WiringEdge>& edges) {
-    const ModelHandler* const handler = model.FindHandler(edge.handler);
-    if (handler == nullptr) {
+    if (model.FindHandler(edge.handler) == nullptr) {
         return;
     }
     const auto isKnown = [&](const std::string& from) {
@@ -170,10 +162,8 @@ void AddEdge(const ModelAnswers& model, const ModelEdge& edge, std::vector<Wirin
             return known.from == from && known.to == edge.handler && known.order == edge.order;
         });
     };
-    std::vector<std::string> sources = {edge.source};
-    if (!edge.eventId.empty()) {
-        sources = PostedSourcesOf(model, *handler, edge);
-    }
+    const std::vector<std::string> sources =
+        edge.eventId.empty() ? std::vector<std::string>{edge.source} : edge.postedIds;
     for (const std::string& source : sources) {
         if (!isKnown(source)) {
             edges.push_back({source, edge.handler, edge.order});
@@ -203,7 +193,7 @@ Wiring Wiring::Of(const ModelAnswers& model) {
     for (const ModelSource& source : model.absentSources) {
         wiring.sources.push_back(SourceOf(model, source, false));
     }
-    AddMissingSources(model, wiring.sources);
+    AddOtherSources(model, wiring.sources);
     std::set<std::string> alwaysOn;
     for (const ModelEdge& edge : model.edges) {
         AddEdge(model, edge, wiring.edges);

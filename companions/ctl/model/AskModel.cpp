@@ -40,6 +40,7 @@ void Travel(Wire& wire, ModelEdge& edge) {
     wire(edge.source);
     wire(edge.handler);
     wire(edge.eventId);
+    wire(edge.postedIds);
     wire(edge.order);
 }
 

@@ -190,6 +190,16 @@ ModelHandler LoadedModel::DescribeHandler(const std::string& group) const {
     return handler;
 }
 
+std::vector<std::string> LoadedModel::PostedIds(const std::string& handler, const std::string& eventId) const {
+    std::vector<std::string> ids;
+    for (const auto& [key, id] : ini.FindGroup(handler + "/" + EventMonitor::sourceIdsGroup)) {
+        if (!eventId.empty() && answers.FindSource(id) == nullptr && TypeOf(ini, id) == eventId) {
+            ids.push_back(id);
+        }
+    }
+    return ids;
+}
+
 std::vector<ModelEdge> LoadedModel::DescribeEdges() const {
     std::vector<ModelEdge> edges;
     for (const ProbedSource* source : ledger.sources) {
@@ -203,7 +213,8 @@ std::vector<ModelEdge> LoadedModel::DescribeEdges() const {
         for (const auto& [eventId, handlers] : byEventId) {
             int32_t order = eventId.empty() ? 0 : ofAllEvents;
             for (const ProbedHandler* handler : handlers) {
-                edges.push_back({source->facts.group, handler->name, eventId, ++order});
+                edges.push_back(
+                    {source->facts.group, handler->name, eventId, PostedIds(handler->name, eventId), ++order});
             }
         }
     }

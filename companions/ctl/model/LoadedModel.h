@@ -32,6 +32,7 @@ private:
     std::vector<ModelSource> DescribeAbsentSources() const;
     ModelHandler DescribeHandler(const std::string& group) const;
     std::vector<ModelEdge> DescribeEdges() const;
+    std::vector<std::string> PostedIds(const std::string& handler, const std::string& eventId) const;
 
     EventAnswer Answer(const EventQuestion& question);
     void Deliver(ProbedSource& source, const EventQuestion& question, EventAnswer& answer);
