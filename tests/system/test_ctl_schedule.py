@@ -104,7 +104,7 @@ def changes(year: int, zone: ZoneInfo) -> Iterator[date]:
 def spans_of_days(year: int, zone: ZoneInfo) -> list[tuple[date, int]]:
     if WHOLE:
         return [(date(year, 1, 1), 365)]
-    return [(date(year, 2, 1), 1)] + [(day, 2) for day in changes(year, zone)]
+    return [(date(year, 2, 1), 1)] + [(day - timedelta(1), 3) for day in changes(year, zone)]
 
 
 def years_of(name: str) -> list[int]:
