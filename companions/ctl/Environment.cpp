@@ -211,6 +211,32 @@ std::optional<RunningDaemon> RunningDaemon::Find() {
     return std::nullopt;
 }
 
+std::optional<std::vector<std::string>> UnitList(const std::string& key) {
+    std::string text;
+    if (!ReadUnit(text)) {
+        return std::nullopt;
+    }
+    std::string all = text;
+    for (const auto& [name, path] : DropIns()) {
+        if (ReadFile(path, text)) {
+            all += "\n" + text;
+        }
+    }
+    std::vector<std::string> words;
+    for (const std::string& line : core::StringUtil::Split(all, '\n')) {
+        const size_t equals = line.find('=');
+        if (equals == std::string::npos || Trim(std::string_view(line).substr(0, equals)) != key) {
+            continue;
+        }
+        const std::vector<std::string> added = UnitWords(Trim(std::string_view(line).substr(equals + 1)));
+        if (added.empty()) {
+            words.clear();
+        }
+        words.insert(words.end(), added.begin(), added.end());
+    }
+    return words;
+}
+
 std::optional<Environment> UnitEnvironment() {
     std::string text;
     if (!ReadUnit(text)) {

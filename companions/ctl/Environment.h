@@ -3,6 +3,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace kelto::halvek::ctl {
 
@@ -24,6 +25,10 @@ struct RunningDaemon {
 
     static std::optional<RunningDaemon> Find();
 };
+
+/** The words of a list that the unit and its drop-ins have under a key, ReadWritePaths for instance; an empty line
+ * begins the list anew. Nothing without a unit. */
+std::optional<std::vector<std::string>> UnitList(const std::string& key);
 
 /** What the service manager would give the daemon, as the unit halvek.service and its drop-ins say; nothing without a
  * unit. Specifiers and what "systemctl set-environment" did are not looked at. */

@@ -9,11 +9,15 @@ constexpr int64_t formatNumber = 1;
 
 }  // namespace
 
-void JsonAnswer::Begin(companion::Json& json, const char* verb, const StoreLocation& location) {
+void JsonAnswer::Begin(companion::Json& json, const char* verb) {
     json.BeginObject();
     json.Key("format").Number(formatNumber);
     json.Key("tool").String("halvekctl " HALVEKCTL_VERSION);
     json.Key("verb").String(verb);
+}
+
+void JsonAnswer::Begin(companion::Json& json, const char* verb, const StoreLocation& location) {
+    Begin(json, verb);
     json.Key("settings").String(location.GetPath());
     json.Key("zone");
     location.GetZone() ? json.String(*location.GetZone()) : json.Null();

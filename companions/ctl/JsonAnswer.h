@@ -13,6 +13,8 @@ namespace kelto::halvek::ctl {
 class JsonAnswer {
 public:
     /** Opens the outermost object, with the fields that tell what it is. */
+    static void Begin(companion::Json& json, const char* verb);
+    /** The same, and which settings it is about. */
     static void Begin(companion::Json& json, const char* verb, const StoreLocation& location);
 
     /** The fields "file" and "line", both null without a place. */

@@ -1,4 +1,5 @@
 #include "companions/ctl/Verb.h"
+#include "companions/ctl/VerbCheck.h"
 #include "companions/ctl/VerbExplain.h"
 #include "companions/ctl/VerbSchedule.h"
 #include "companions/ctl/VerbShow.h"
@@ -8,7 +9,7 @@
 namespace kelto::halvek::ctl {
 
 std::span<const Verb> Verbs() {
-    static const std::array verbs = {verbShow, verbSchedule, verbExplain};
+    static const std::array verbs = {verbCheck, verbShow, verbSchedule, verbExplain};
     return verbs;
 }
 
