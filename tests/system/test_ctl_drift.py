@@ -164,7 +164,7 @@ OTHER_EVENTS = [
     ("2", {}),
 ]
 events = st.sampled_from([("Door", {})] * 3 + [INPUT] * 3 + OTHER_EVENTS)
-# Around the days on which clocks change, and any other. A minute begins, so that it lasts while the event is on its way.
+# Around the days on which clocks change, and any other. A minute begins, so that it lasts while the event is fired.
 moments = st.one_of(
     st.sampled_from([datetime(2026, 3, 29, 0, 30), datetime(2026, 10, 25, 0, 30), datetime(2026, 4, 4, 14, 59)]),
     st.datetimes(datetime(2026, 1, 1), datetime(2030, 12, 31)),
