@@ -37,7 +37,8 @@ void TakeClosedDescriptors() {
 
 std::string Help() {
     std::string text =
-        "usage: halvekctl [OPTION...] VERB [...]\n\nTells what the daemon halvek will do with its settings, and why.\n\n";
+        "usage: halvekctl [OPTION...] VERB [...]\n\n"
+        "Tells what the daemon halvek will do with its settings, and why.\n\n";
     for (const Verb& verb : Verbs()) {
         std::string name = std::string("  ") + verb.name;
         name.resize(std::max<size_t>(name.size() + 1, 14), ' ');

@@ -16,8 +16,8 @@ namespace kelto::halvek::ctl {
 namespace {
 
 constexpr const char* help =
-    "For each handler, or those that are named: a strip of 48 half hours a day, \"#\" open, \".\" closed, \"+\" partly;\n"
-    "the next openings; and the day that a camera lives through before its clock is set.\n"
+    "For each handler, or those that are named: a strip of 48 half hours a day, \"#\" open, \".\" closed, \"+\"\n"
+    "partly; the next openings; and the day that a camera lives through before its clock is set.\n"
     "  --from DAY   the first day, 2026-11-23 for instance (today)\n"
     "  --days N     how many days (7)\n"
     "  --next N     how many openings to look for (5)\n"

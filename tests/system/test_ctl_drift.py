@@ -21,7 +21,7 @@ from hypothesis import strategies as st
 pytest_plugins = ["camera_fixtures"]
 
 CTL = os.environ["HALVEK_CTL"]
-TRIPLES = int(os.environ.get("HALVEK_DRIFT_TRIPLES", "200"))
+TRIPLES = int(os.environ.get("HALVEK_DRIFT_TRIPLES", "100"))
 EVENTS_AT_A_TIME = 4
 RECORD = re.compile(r"[-\dT:]{19}\.\d{3} (?:Warning|Error) [\w.]+: (.*)$", re.S)
 # What the daemon writes at an event, so that it is foretold but not seen at the start.
