@@ -15,10 +15,8 @@ from collections.abc import Iterator
 from pathlib import Path
 from typing import NamedTuple
 
-sys.path.append(str(Path(__file__).parent.parent / "scripts"))
-
-from camera_process import CameraProcess  # noqa: E402
-from private_bus import PrivateBus  # noqa: E402
+from testing.bus import PrivateBus
+from testing.camera import VirtualCamera
 
 STARTS = 20
 RELOADS = 50
@@ -229,8 +227,7 @@ def main() -> int:
     with tempfile.TemporaryDirectory(prefix="halvek-bench-") as name, contextlib.ExitStack() as stack:
         folder = Path(name)
         bus = stack.enter_context(contextlib.closing(PrivateBus(folder)))
-        camera = CameraProcess(str(program.with_name("kelto-vcam")), bus, folder)
-        stack.enter_context(contextlib.closing(camera)).wait_until_ready()
+        stack.enter_context(VirtualCamera(bus, folder, program=str(program.with_name("kelto-vcam"))))
         bench = Bench(program, folder, bus)
         show_memory("the event pipe and a timer", bench.memory(SERVER + TIMER))
         show_memory("two alarms, a timer and all seven handlers", bench.memory(everything()))

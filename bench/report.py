@@ -17,10 +17,9 @@ from collections.abc import Callable, Iterator, Sequence
 from pathlib import Path
 from typing import NamedTuple
 
-HERE = Path(__file__).parent
-sys.path.append(str(HERE.parent / "scripts"))
+from testing.bus import PrivateBus
 
-from private_bus import PrivateBus  # noqa: E402
+HERE = Path(__file__).parent
 
 THROUGHPUT_ROUNDS, THROUGHPUT_EVENTS = 25, 10_000
 LATENCY_ROUNDS, LATENCY_EVENTS = 8, 1_000

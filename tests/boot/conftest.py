@@ -3,9 +3,9 @@
 from collections.abc import Iterator
 
 import pytest
-from ftp_server import FtpServer
 from machine import CAMERA_UNIT, SERVER, UNIT, Consumer, camera_call, configure, is_active, run
-from mail_sink import MailSink
+from testing.ftp_server import FtpServer
+from testing.mail_sink import MailSink
 
 
 def pytest_report_teststatus(report: pytest.TestReport) -> tuple[str, str, str] | None:

@@ -7,8 +7,9 @@ import time
 from collections.abc import Sequence
 from pathlib import Path
 
-from daemon_process import OutputPipe
-from harness import SERVER, Settings, block, handler, ini_text, source, wait_until
+from testing.pipes import OutputPipe, block
+from testing.settings import SERVER, Settings, handler, ini_text, source
+from testing.waiting import wait_until
 
 UNIT = "halvek.service"
 CAMERA_UNIT = "kelto-vcam.service"

@@ -6,8 +6,10 @@ import subprocess
 from pathlib import Path
 
 import pytest
-from ftp_server import FtpServer
-from harness import handler, source, wait_until
+from testing.ftp_server import FtpServer
+from testing.mail_sink import MailSink
+from testing.settings import handler, source
+from testing.waiting import wait_until
 from machine import (
     CAMERA_UNIT,
     EVENT_PIPE,
@@ -29,7 +31,6 @@ from machine import (
     seconds_of,
     show,
 )
-from mail_sink import MailSink
 
 CARD = Path("/media/sd")
 ESMTP_CONFIGURATION = Path("/etc/esmtprc")

@@ -6,8 +6,8 @@ from pathlib import Path
 
 import intruder
 import pytest
-from harness import wait_until
 from machine import SNAPSHOT, UNIT, USER, Journal, configure, main_pid, on_door, open_door, run, run_as
+from testing.waiting import wait_until
 
 PROGRAM = Path("/usr/local/bin/intruder")
 REPORTS = Path("/tmp/intruder")

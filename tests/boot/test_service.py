@@ -7,7 +7,9 @@ import signal
 from pathlib import Path
 
 import pytest
-from harness import LIMITS, SettingsPipe, ini_text, timer, wait_until
+from testing.settings import SettingsPipe, ini_text, timer
+from testing.tree import LIMITS
+from testing.waiting import wait_until
 from machine import (
     ENVIRONMENT,
     EVENT_PIPE,

@@ -1,4 +1,4 @@
-#!/usr/bin/python3
+#!/usr/bin/python3 -B
 """A stand-in for the daemon that behaves just well enough for the demo, or goes wrong in one way.
 
 The environment variable FAULT names what goes wrong; without one it is a good daemon.
@@ -11,13 +11,9 @@ import socket
 import sys
 import threading
 import time
-from pathlib import Path
 
-ROOT = Path(__file__).resolve().parents[2]
-sys.path += [str(ROOT / "scripts"), str(ROOT / "tests/system")]
-
-from bus_client import SIGNAL, BusClient, Message  # noqa: E402
-from demo_sender import Sender  # noqa: E402
+from demo_sender import Sender
+from testing.bus_client import SIGNAL, BusClient, Message
 
 FAULT = os.environ.get("FAULT", "")
 INPUT_PIPE = "/var/run/halvek.pipe"

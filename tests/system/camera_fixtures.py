@@ -5,9 +5,10 @@ from collections.abc import Callable, Iterator
 from pathlib import Path
 
 import pytest
-from bus import PrivateBus, VirtualCamera
-from bus_client import BusClient
-from harness import Daemon
+from testing.bus import PrivateBus
+from testing.bus_client import BusClient
+from testing.camera import VirtualCamera
+from testing.daemon import Daemon
 
 
 @pytest.fixture

@@ -5,8 +5,8 @@ from collections.abc import Callable, Iterator
 from pathlib import Path
 
 import pytest
-from daemon_process import PIPE_FOLDER, OutputPipe
-from harness import DEFAULT_INPUT, Daemon
+from testing.daemon import Daemon
+from testing.pipes import DEFAULT_INPUT, PIPE_FOLDER, OutputPipe
 
 
 def pytest_configure() -> None:

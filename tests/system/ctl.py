@@ -5,7 +5,8 @@ import os
 import subprocess
 from pathlib import Path
 
-from harness import PATIENCE, Settings, ini_text
+from testing.settings import Settings, ini_text
+from testing.waiting import PATIENCE
 
 PROGRAM = os.environ.get("HALVEK_CTL", "")
 # What would change an answer.

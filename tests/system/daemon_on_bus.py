@@ -8,10 +8,11 @@ from collections.abc import Iterator
 from contextlib import contextmanager
 from pathlib import Path
 
-from bus import LOCAL
-from bus_client import BUS, BUS_PATH, BusClient
-from daemon_process import OutputPipe
-from harness import DEFAULT_INPUT, Daemon, Settings, block, post, source
+from testing.bus_client import BUS, BUS_PATH, BusClient
+from testing.camera import LOCAL
+from testing.daemon import Daemon
+from testing.pipes import DEFAULT_INPUT, OutputPipe, block, post
+from testing.settings import Settings, source
 
 ROUNDS_PERCENT = int(os.environ["HALVEK_TEST_ROUNDS"])
 LOSS = "Warning kelto.msgbus: There is no message bus, looking for it: "
@@ -68,9 +69,7 @@ def accounted_for(daemon: Daemon) -> int:
 
 def highest_resident_kib(daemon: Daemon) -> int:
     """The most that it ever had in memory."""
-    return int(
-        re.search(r"^VmHWM:\s+(\d+) kB", Path(f"/proc/{daemon.pid}/status").read_text(), re.MULTILINE).group(1)
-    )
+    return int(re.search(r"^VmHWM:\s+(\d+) kB", Path(f"/proc/{daemon.pid}/status").read_text(), re.MULTILINE).group(1))
 
 
 def pid_of(client: BusClient, name: str) -> int:

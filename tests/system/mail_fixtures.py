@@ -5,8 +5,8 @@ from collections.abc import Callable, Iterator
 from pathlib import Path
 
 import pytest
-from harness import Daemon
-from mail_sink import MailSink
+from testing.daemon import Daemon
+from testing.mail_sink import MailSink
 
 
 @pytest.fixture

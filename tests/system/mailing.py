@@ -1,20 +1,14 @@
 """What the tests of the mail handler have in common: its settings, and what it leaves in the daemon."""
 
-import base64
 import os
 import re
 from pathlib import Path
 
-from daemon_process import DaemonProcess
-from harness import SERVER, Settings, handler, source
+from testing.daemon import DaemonProcess
+from testing.settings import SERVER, Settings, handler, source
 
 DOOR = SERVER | source(1, "Door")
 SENT = "Debug halvek: Message size: "
-
-
-def encoded(text: str | bytes) -> str:
-    """As the key Message has it."""
-    return base64.b64encode(text.encode() if isinstance(text, str) else text).decode()
 
 
 def mail_handler(**keys: object) -> Settings:

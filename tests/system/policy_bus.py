@@ -6,15 +6,15 @@ ordinary user has only one to give away, which then stands for all the roles of 
 
 import os
 import shutil
-import subprocess
 import tempfile
 from collections.abc import Iterator
 from contextlib import contextmanager
 from pathlib import Path
 
-from bus import CAMERA, PROVIDERS, ROOT, dies_with_us, service
-from bus_client import BusClient
-from daemon_process import Lines
+from testing.bus import PrivateBus
+from testing.bus_client import BusClient
+from testing.camera import CAMERA, PROVIDERS, service
+from testing.tree import ROOT
 
 POLICIES = {name: ROOT / f"packaging/{name}.conf" for name in ("halvek", "kelto-vcam")}
 OWNER, DAEMON, OPERATOR, SOMEBODY, ANALYTICS = "kelto-vcam", "halvek", "root", "somebody", "analytics"
@@ -87,36 +87,21 @@ class PolicyBus:
         self.folder.chmod(0o755)  # the other users cannot look into pytest's folders
         self.uids = uids(roles)
         self.roles = roles
-        self._clients: list[BusClient] = []
         accounts, groups = self.folder / "passwd", self.folder / "group"
         accounts.write_text("".join(f"{name}:x:{uid}:{uid}::/:/bin/sh\n" for name, uid in self.uids.items()))
         groups.write_text(f"{ALERT_GROUP}:x:{ALERT_GID}:{ANALYTICS}\n")
         included = "".join(f"<include>{POLICIES[name]}</include>" for name in policies)
-        configuration = self.folder / "bus.conf"
-        configuration.write_text(CONFIGURATION.format(socket=self.folder / "bus", defaults=defaults, policies=included))
+        configuration = CONFIGURATION.format(socket="{socket}", defaults=defaults, policies=included)
         script = 'mount -n --bind "$0" /etc/passwd && mount -n --bind "$1" /etc/group && shift && exec "$@"'
-        bus = ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile", "--print-address"]
-        self._process = subprocess.Popen(
-            dies_with_us("unshare", "-m", "sh", "-c", script, str(accounts), str(groups), *bus),
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
+        self._bus = PrivateBus(
+            self.folder, configuration, prefix=("unshare", "-m", "sh", "-c", script, str(accounts), str(groups))
         )
-        output, self.complaints = (
-            Lines(os.dup(stream.fileno()), "dbus-daemon") for stream in (self._process.stdout, self._process.stderr)
-        )
-        self._process.stdout.close()
-        self._process.stderr.close()
-        try:
-            output.wait_for("^unix:")
-        finally:
-            output.close()
+        self.complaints = self._bus.complaints
 
     def client(self, role: str) -> BusClient:
         assert role in self.roles
         with acting_as(self.uids[role], [ALERT_GID] if role == ANALYTICS else []):
-            self._clients.append(BusClient(self.folder / "bus"))
-        return self._clients[-1]
+            return self._bus.client()
 
     def camera(self, *names: str) -> BusClient:
         client = self.client(OWNER)
@@ -125,9 +110,5 @@ class PolicyBus:
         return client
 
     def close(self) -> None:
-        for client in self._clients:
-            client.close()
-        self._process.terminate()
-        self._process.wait()
-        self.complaints.close()
+        self._bus.close()
         shutil.rmtree(self.folder)

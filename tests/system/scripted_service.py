@@ -4,10 +4,10 @@ import threading
 import time
 from typing import Any, NamedTuple
 
-from bus import PrivateBus, service
-from bus_client import METHOD_CALL, BusClient, BusError, Message
-from daemon_process import PATIENCE, NotSeen
-from harness import wait_until
+from testing.bus import PrivateBus
+from testing.bus_client import METHOD_CALL, BusClient, BusError, Message
+from testing.camera import service
+from testing.waiting import PATIENCE, NotSeen, wait_until
 
 ANSWERS = {
     "AlarmV3.GetBankNames": ("as", ["Remote", "Local"]),

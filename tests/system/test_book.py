@@ -10,8 +10,10 @@ from pathlib import Path
 from typing import NamedTuple
 
 import pytest
-from daemon_process import Lines
-from harness import DEFAULT_INPUT, SERVER, post, wait_until
+from testing.collector import Lines
+from testing.pipes import DEFAULT_INPUT, post
+from testing.settings import SERVER
+from testing.waiting import wait_until
 
 ROOT = Path(__file__).resolve().parents[2]
 PAGES = ("halvek.8", "halvek-settings.5", "halvek-events.5", "kelto-vcam.1", "halvekctl.1", "halvekctl-checks.7")

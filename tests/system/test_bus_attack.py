@@ -6,8 +6,9 @@ import time
 from collections.abc import Iterator
 from contextlib import contextmanager, suppress
 
-from bus import LOCAL
-from bus_client import (
+from daemon_on_bus import alert, connections, dropped, given_up, highest_resident_kib, ids
+from scripted_service import ALERT, ALERT_INTERFACE, ALERT_PATH, ALERT_SIGNATURE
+from testing.bus_client import (
     DESTINATION,
     INTERFACE,
     MEMBER,
@@ -15,15 +16,14 @@ from bus_client import (
     NO_REPLY_EXPECTED,
     PATH,
     SIGNAL,
-    SIGNATURE,
     BusClient,
     BusError,
-    Writer,
     encode,
 )
-from daemon_on_bus import alert, connections, dropped, given_up, highest_resident_kib, ids
-from harness import SERVER, block, handler, post, source, wait_until
-from scripted_service import ALERT, ALERT_INTERFACE, ALERT_PATH, ALERT_SIGNATURE
+from testing.camera import LOCAL
+from testing.pipes import block, post
+from testing.settings import SERVER, handler, source
+from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures"]
 
@@ -54,10 +54,9 @@ def test_alerts_larger_than_a_pipe_cost_no_descriptor_and_silence_nobody(launch_
 
 def unasked(destination: str, count: int) -> bytes:
     """Signals and calls, addressed to one connection."""
-    body = Writer()
-    body.write("s", "x" * 1000)
-    names = {PATH: "/x", INTERFACE: "com.example.Flood", MEMBER: "Flood", SIGNATURE: "s", DESTINATION: destination}
-    pair = b"".join(encode(kind, 1, names, bytes(body.data), NO_REPLY_EXPECTED) for kind in (SIGNAL, METHOD_CALL))
+    names = {PATH: "/x", INTERFACE: "com.example.Flood", MEMBER: "Flood", DESTINATION: destination}
+    text = "x" * 1000
+    pair = b"".join(encode(kind, 1, names, "s", text, flags=NO_REPLY_EXPECTED) for kind in (SIGNAL, METHOD_CALL))
     return pair * (count // 2)
 
 

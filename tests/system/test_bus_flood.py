@@ -2,11 +2,12 @@
 
 import time
 
-from bus import LOCAL
-from bus_client import INTERFACE, MEMBER, PATH, SIGNAL, SIGNATURE, Writer, encode
 from daemon_on_bus import accounted_for, alarm, alert, beating, dropped, ids
-from harness import SERVER, handler, source, wait_until
 from scripted_service import ALERT, ALERT_INTERFACE, ALERT_PATH, ALERT_SIGNATURE, ScriptedService
+from testing.bus_client import INTERFACE, MEMBER, PATH, SIGNAL, encode
+from testing.camera import LOCAL
+from testing.settings import SERVER, handler, source
+from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures"]
 
@@ -18,13 +19,11 @@ PATIENCE = 120.0  # seconds, for a sanitizer to see through ten thousand alerts
 
 def alerts(count: int) -> bytes:
     """So many alerts as they go over the wire."""
-    fields = {PATH: ALERT_PATH, INTERFACE: ALERT_INTERFACE, MEMBER: ALERT, SIGNATURE: ALERT_SIGNATURE}
-    data = bytearray()
-    for number in range(1, count + 1):
-        body = Writer()
-        body.write_all(ALERT_SIGNATURE, alert(str(number), rule_points=[(0.25, number)]))
-        data += encode(SIGNAL, number, fields, bytes(body.data))
-    return bytes(data)
+    fields = {PATH: ALERT_PATH, INTERFACE: ALERT_INTERFACE, MEMBER: ALERT}
+    return b"".join(
+        encode(SIGNAL, number, fields, ALERT_SIGNATURE, *alert(str(number), rule_points=[(0.25, number)]))
+        for number in range(1, count + 1)
+    )
 
 
 def wait_until_accounted_for(daemon, count: int) -> None:

@@ -4,10 +4,10 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
-from bus import LOCAL, VirtualCamera
 from daemon_on_bus import alarm
-from harness import Settings, handler
 from memory_disk import memory_disk
+from testing.camera import LOCAL, VirtualCamera
+from testing.settings import Settings, handler
 
 pytest_plugins = ["camera_fixtures"]
 

@@ -4,11 +4,13 @@ import re
 from pathlib import Path
 
 import pytest
-from bus import LOCAL, REMOTE
-from bus_client import BusError
 from daemon_on_bus import alarm, alert, ids
-from harness import SERVER, block, handler, post, source, timer, wait_until
 from scripted_service import ScriptedService
+from testing.bus_client import BusError
+from testing.camera import LOCAL, REMOTE
+from testing.pipes import block, post
+from testing.settings import SERVER, handler, source, timer
+from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures"]
 
@@ -85,9 +87,7 @@ def test_a_relay_handler_without_settings_of_its_own_reads_before_each_action(la
     launch_on_bus(SERVER | source(1, "Door") | relay(1, *ids(1)))
     expected = []
     # The read call's result stands for the polarity, so "false" is no failure; nothing of it is written back.
-    for count, (result, polarity, mode) in enumerate(
-        [(True, False, 1), (False, True, 2), (False, False, 0)], start=1
-    ):
+    for count, (result, polarity, mode) in enumerate([(True, False, 1), (False, True, 2), (False, False, 0)], start=1):
         services.answers["RelayV3.GetConfiguration"] = ("bbiiii", result, polarity, mode, 7, 8, 9)
         post(block("Door"))
         services.wait_for_call("RelayV3.Activate", count)
@@ -97,9 +97,7 @@ def test_a_relay_handler_without_settings_of_its_own_reads_before_each_action(la
 
 def test_a_result_of_no_means_nothing_to_a_relay_handler_that_writes(launch_on_bus, services):
     services.answers |= {"RelayV3.SetConfiguration": ("b", False), "RelayV3.Activate": ("b", False)}
-    daemon = launch_on_bus(
-        SERVER | source(1, "Door") | relay(1, *ids(1), Mode=1) | relay(2, *ids(1), Index=1, Mode=1)
-    )
+    daemon = launch_on_bus(SERVER | source(1, "Door") | relay(1, *ids(1), Mode=1) | relay(2, *ids(1), Index=1, Mode=1))
     post(block("Door"))
     services.wait_for_call("RelayV3.Activate", 2)
     assert [call[0] for call in asked(services)] == ["RelayV3.SetConfiguration", "RelayV3.Activate"] * 2
@@ -275,9 +273,7 @@ UNCONFIGURED = [
 
 
 @pytest.mark.parametrize(("handler_type", "keys"), UNCONFIGURED, ids=str)
-def test_an_unconfigured_handler_ends_the_park_source_for_good(
-    launch_on_bus, camera, output_pipe, handler_type, keys
-):
+def test_an_unconfigured_handler_ends_the_park_source_for_good(launch_on_bus, camera, output_pipe, handler_type, keys):
     clock, pipe = output_pipe("Timer.fifo"), output_pipe("Park.fifo")
     camera.set_idle_state(1)
     park = source(1, "Park", DwellTime_sec=0)

@@ -1,11 +1,12 @@
 """Signals that are not what they should be, or not from whom they should be."""
 
 import pytest
-from bus import LOCAL, service
-from bus_client import DESTINATION, INTERFACE, MEMBER, PATH, SIGNAL
 from daemon_on_bus import accounted_for, alarm, alert, connections, dropped, given_up, ids
-from harness import SERVER, handler, source, wait_until
 from scripted_service import ALERT, ALERT_INTERFACE, ALERT_PATH, ALERT_SIGNATURE, ScriptedService
+from testing.bus_client import DESTINATION, INTERFACE, MEMBER, PATH, SIGNAL
+from testing.camera import LOCAL, service
+from testing.settings import SERVER, handler, source
+from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures"]
 
@@ -151,7 +152,7 @@ def fake(client, daemon, watcher) -> int:
         for destination in listeners:
             for claimed_path in (path, "/"):
                 fields = {PATH: claimed_path, INTERFACE: interface, MEMBER: name}
-                client.send(SIGNAL, fields | ({DESTINATION: destination} if destination else {}), signature, values)
+                client.send(SIGNAL, fields | ({DESTINATION: destination} if destination else {}), signature, *values)
     client.call_bus("GetId")  # the bus has passed them on
     return len(listeners) - 1
 
@@ -210,10 +211,10 @@ def test_what_the_owner_says_to_the_daemon_alone_or_from_elsewhere_does_not_coun
     _, path, interface = service("AlarmV3")
     fields = {PATH: path, INTERFACE: interface, MEMBER: "StateChanged"}
     for other in ({PATH: "/elsewhere"}, {INTERFACE: "com.kelto.AlarmV4"}, {MEMBER: "StateChange"}):
-        client.send(SIGNAL, fields | other, "sib", (LOCAL, 0, True))
+        client.send(SIGNAL, fields | other, "sib", LOCAL, 0, True)
     for destination in connections(client, daemon):
-        client.send(SIGNAL, fields | {DESTINATION: destination}, "sib", (LOCAL, 0, True))
-    client.send(SIGNAL, fields, "sib", (LOCAL, 0, False))
+        client.send(SIGNAL, fields | {DESTINATION: destination}, "sib", LOCAL, 0, True)
+    client.send(SIGNAL, fields, "sib", LOCAL, 0, False)
     pipe.wait_for_event("Alarm")
     assert [event.properties["alarmState"] for event in pipe.items] == ["0"]
     assert len(daemon.log.matching("Received state change for alarm")) == 1

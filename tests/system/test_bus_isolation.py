@@ -3,10 +3,10 @@
 import time
 
 import pytest
-from bus import LOCAL
 from daemon_on_bus import alarm, alert, beating, ids
-from harness import SERVER, handler, source
 from scripted_service import ScriptedService
+from testing.camera import LOCAL
+from testing.settings import SERVER, handler, source
 
 pytest_plugins = ["camera_fixtures"]
 

@@ -4,10 +4,12 @@ import signal
 import time
 
 import pytest
-from bus import LOCAL, VirtualCamera
 from daemon_on_bus import CONFIGURING, FOUND, LOSS, alarm, alert, ids, rounds
-from harness import SERVER, block, handler, post, source, wait_until
 from scripted_service import ScriptedService
+from testing.camera import LOCAL, VirtualCamera
+from testing.pipes import block, post
+from testing.settings import SERVER, handler, source
+from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures"]
 
@@ -118,9 +120,7 @@ def test_without_a_bus_there_is_one_warning_however_often_it_is_reloaded(launch_
 
 def test_without_a_bus_what_has_to_be_asked_is_left_out_until_a_reload_finds_one(launch_on_bus, bus, tmp_path):
     bus.stop()
-    daemon = launch_on_bus(
-        SERVER | source(1, "Alarm") | source(2, "Park") | handler(1, *ids(2), handler_type="Relay")
-    )
+    daemon = launch_on_bus(SERVER | source(1, "Alarm") | source(2, "Park") | handler(1, *ids(2), handler_type="Relay"))
     for warning in (
         rf"Warning halvek: \tError LoadSources: {NO_BUS}",
         r"Warning ParkEventSource: Failed when querying current idle state\.$",

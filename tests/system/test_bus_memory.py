@@ -1,9 +1,11 @@
 """What reloads and floods cost in memory. Left out of sanitizer builds, whose memory is their own."""
 
-from bus import LOCAL
 from daemon_on_bus import accounted_for, alarm, alert, connections, highest_resident_kib, ids
-from harness import always_open, handler, source, wait_until
 from scripted_service import ALERT, ALERT_INTERFACE, ALERT_PATH, ALERT_SIGNATURE, ScriptedService
+from testing.camera import LOCAL
+from testing.settings import handler, source
+from testing.tree import always_open
+from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures"]
 

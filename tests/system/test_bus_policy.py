@@ -4,11 +4,22 @@ import xml.etree.ElementTree as ElementTree
 from collections.abc import Callable
 
 import pytest
-from bus import ALERT, CAMERA, PROVIDERS, service
-from bus_client import BUS, BUS_PATH, DESTINATION, INTERFACE, MEMBER, METHOD_CALL, PATH, SIGNAL, BusClient, BusError
-from harness import wait_until
 from policy_bus import ANALYTICS, CARELESS, DAEMON, DEAF, HAS_USERS, NAMES, OPERATOR, OWNER, POLICIES, SOMEBODY, USUAL
 from scripted_service import ALERT_INTERFACE, ALERT_PATH, ALERT_SIGNATURE
+from testing.bus_client import (
+    BUS,
+    BUS_PATH,
+    DESTINATION,
+    INTERFACE,
+    MEMBER,
+    METHOD_CALL,
+    PATH,
+    SIGNAL,
+    BusClient,
+    BusError,
+)
+from testing.camera import ALERT, CAMERA, PROVIDERS, service
+from testing.waiting import wait_until
 
 pytest_plugins = ["policy_fixtures"]
 
@@ -134,7 +145,7 @@ def raise_alert(sender: BusClient, **fields: str) -> None:
     names = {PATH: ALERT_PATH, INTERFACE: ALERT_INTERFACE, MEMBER: "AnalyticsAlert"}
     if "destination" in fields:
         names[DESTINATION] = fields["destination"]
-    sender.send(SIGNAL, names, ALERT_SIGNATURE, ALERT)
+    sender.send(SIGNAL, names, ALERT_SIGNATURE, *ALERT)
     sender.call_bus("GetId")
 
 

@@ -5,10 +5,12 @@ import signal
 import time
 
 import pytest
-from bus import LOCAL, VirtualCamera
 from daemon_on_bus import CONFIGURING, alarm, alert, connections, ids, match_rules, rounds
-from harness import SERVER, always_open, handler, source, timer, wait_until
 from scripted_service import ALERT, ScriptedService
+from testing.camera import LOCAL, VirtualCamera
+from testing.settings import SERVER, handler, source, timer
+from testing.tree import always_open
+from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures"]
 
@@ -43,9 +45,7 @@ def test_a_reload_in_the_middle_of_a_delivery_waits_for_it_and_loses_nothing_of_
             service.emit("AlarmV3.StateChanged", LOCAL, number % 2, True)
             service.emit_alert(*alert(str(number)))
             wait_until(lambda: len(service.calls) == calls + 2, "two sources are in a call")
-            pipe.wait_for_event(
-                ALERT, after=seen, properties={"source": str(number)}
-            )  # the third source calls nobody
+            pipe.wait_for_event(ALERT, after=seen, properties={"source": str(number)})  # the third source calls nobody
             daemon.send(signal.SIGHUP)
             reloading = daemon.log.wait_for(CONFIGURING, after=configured)
             assert not daemon.log.matching("Current INI", after=reloading)

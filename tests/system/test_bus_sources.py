@@ -4,10 +4,12 @@ import re
 from pathlib import Path
 
 import pytest
-from bus import LOCAL, REMOTE
 from daemon_on_bus import alarm, alert, ids
-from harness import handler, record_time, source, timer, unstamped
 from scripted_service import ALERT, ALERT_INTERFACE, ALERT_SIGNATURE, ScriptedService
+from testing.camera import LOCAL, REMOTE
+from testing.pipes import unstamped
+from testing.settings import handler, source, timer
+from testing.times import record_time
 
 pytest_plugins = ["camera_fixtures"]
 

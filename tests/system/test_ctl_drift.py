@@ -12,11 +12,12 @@ from datetime import datetime, timezone
 from pathlib import Path
 
 import pytest
-from bus import LOCAL
-from daemon_process import PIPE_FOLDER, NotSeen, OutputPipe
-from harness import CONFIGURED, DEFAULT_INPUT, Daemon, block, post, wait_until
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
+from testing.camera import LOCAL
+from testing.daemon import CONFIGURED, Daemon
+from testing.pipes import DEFAULT_INPUT, PIPE_FOLDER, OutputPipe, block, post
+from testing.waiting import NotSeen, wait_until
 
 pytest_plugins = ["camera_fixtures"]
 

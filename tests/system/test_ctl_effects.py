@@ -6,7 +6,7 @@ from pathlib import Path
 
 import pytest
 from ctl import PROGRAM, environment, write_store
-from harness import SERVER, Settings, handler, source, timer
+from testing.settings import SERVER, Settings, handler, source, timer
 
 # With all that the daemon would ask the camera, make, run or connect to.
 SETTINGS: Settings = (

@@ -7,7 +7,7 @@ from pathlib import Path
 
 import pytest
 from ctl import answer, ctl, json_answer, write_store
-from harness import SERVER, Settings, handler, ini_text, source, timer
+from testing.settings import SERVER, Settings, handler, ini_text, source, timer
 
 MONDAY_NOON = "2026-11-23T12:00"
 SERVER_ID = "Applications/halvek/Server"

@@ -6,9 +6,9 @@ import subprocess
 from pathlib import Path
 
 import pytest
-from bus import LOCAL
-from daemon_process import PIPE_FOLDER
-from harness import DEFAULT_INPUT, SERVER, Settings, handler, ini_text, source
+from testing.camera import LOCAL
+from testing.pipes import DEFAULT_INPUT, PIPE_FOLDER
+from testing.settings import SERVER, Settings, handler, ini_text, source
 
 pytest_plugins = ["camera_fixtures"]
 

@@ -9,7 +9,8 @@ from pathlib import Path
 
 import pytest
 from ctl import PROGRAM, answer, ctl, environment, write_store
-from harness import Daemon, Settings, handler, timer
+from testing.daemon import Daemon
+from testing.settings import Settings, handler, timer
 
 VERBS = [["explain", "Timer"], ["schedule"], ["show"]]
 SETTINGS: Settings = timer(1, 5) | handler(1, "Events/Source#1")

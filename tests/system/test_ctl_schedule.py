@@ -9,7 +9,7 @@ from zoneinfo import ZoneInfo
 
 import pytest
 from ctl import answer, ctl, json_answer, write_store
-from harness import Settings, handler, timer
+from testing.settings import Settings, handler, timer
 
 ZONES = [
     "Africa/Casablanca",

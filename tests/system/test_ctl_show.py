@@ -5,7 +5,7 @@ from xml.etree import ElementTree
 
 import pytest
 from ctl import answer, ctl, json_answer, write_store
-from harness import SERVER, Settings, handler, source, timer
+from testing.settings import SERVER, Settings, handler, source, timer
 
 SVG = "{http://www.w3.org/2000/svg}"
 SETTINGS: Settings = (

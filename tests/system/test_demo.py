@@ -9,10 +9,11 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
-from daemon_process import Lines
-from harness import PROGRAM, wait_until
+from testing.collector import Lines
+from testing.daemon import PROGRAM
+from testing.tree import ROOT
+from testing.waiting import wait_until
 
-ROOT = Path(__file__).resolve().parents[2]
 STAND_IN = ROOT / "tests/fakes/demo_daemon.py"
 TIME_LIMIT = 120  # seconds
 AT_ONCE = 5
@@ -84,7 +85,7 @@ def no_process_is_left() -> bool:
 def traces() -> list[str]:
     """What a demo could leave behind in the file system, in the mounts and in the checkout."""
     mounts = Path("/proc/self/mountinfo").read_text().splitlines()
-    files = [*Path("/run").iterdir(), *ROOT.glob("*/__pycache__")]
+    files = [*Path("/run").iterdir(), *ROOT.glob("*/__pycache__"), *ROOT.glob("tests/*/__pycache__")]
     return mounts + sorted(str(path) for path in files)
 
 

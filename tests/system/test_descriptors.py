@@ -9,11 +9,14 @@ import os
 import subprocess
 
 import pytest
-from bus import LOCAL
 from daemon_on_bus import ids
-from daemon_process import PIPE_FOLDER
-from harness import SERVER, Daemon, always_open, block, handler, post, server, source, timer, wait_until
 from scripted_service import ScriptedService
+from testing.camera import LOCAL
+from testing.daemon import Daemon
+from testing.pipes import PIPE_FOLDER, block, post
+from testing.settings import SERVER, handler, server, source, timer
+from testing.tree import always_open
+from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures"]
 

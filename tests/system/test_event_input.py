@@ -5,7 +5,9 @@ import time
 from pathlib import Path
 
 import pytest
-from harness import SERVER, block, post, server, unstamped, wait_until
+from testing.pipes import block, post, unstamped
+from testing.settings import SERVER, server
+from testing.waiting import wait_until
 
 LAST = ("Last", {"eventId": "Last"})
 

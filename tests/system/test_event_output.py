@@ -6,8 +6,10 @@ import re
 from pathlib import Path
 
 import pytest
-from daemon_process import PIPE_FOLDER, bytes_ready
-from harness import SERVER, block, post, timer, wait_until
+from testing.collector import bytes_ready
+from testing.pipes import PIPE_FOLDER, block, post
+from testing.settings import SERVER, timer
+from testing.waiting import wait_until
 
 PIPE_SIZE = 8192
 FIRST_UID = 61000

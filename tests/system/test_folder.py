@@ -6,8 +6,11 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
-from harness import SERVER, Daemon, Settings, block, handler, post, source, timer, wait_until
 from memory_disk import BLOCK, MemoryDisk, memory_disk, used
+from testing.daemon import Daemon
+from testing.pipes import block, post
+from testing.settings import SERVER, Settings, handler, source, timer
+from testing.waiting import wait_until
 
 SAVED = "Debug halvek: Copy succeeded$"
 DOOR = SERVER | source(1, "Door")
@@ -36,9 +39,7 @@ def card(disk: MemoryDisk) -> Path:
 def saving(snapshot: Path, folder: Path, limit: object = "", name: str = "new.jpg", **keys: object) -> Settings:
     """A handler of the first source that saves the snapshot."""
     own = {"DestinationPath": folder, "DestName": name, "LimitSize": limit, "Attachment": "true"} | keys
-    return handler(1, "Events/Source#1", handler_type="Folder", **own) | {
-        "Video/Quickview": {"SnapshotPath": snapshot}
-    }
+    return handler(1, "Events/Source#1", handler_type="Folder", **own) | {"Video/Quickview": {"SnapshotPath": snapshot}}
 
 
 def names(folder: Path) -> list[str]:

@@ -10,9 +10,12 @@ from statistics import median
 
 import pytest
 from daemon_on_bus import alarm
-from ftp_server import HOST, FtpServer
-from harness import CONFIGURED, SERVER, Settings, block, handler, post, timer, wait_until
 from scripted_service import ScriptedService
+from testing.daemon import CONFIGURED
+from testing.ftp_server import HOST, FtpServer
+from testing.pipes import block, post
+from testing.settings import SERVER, Settings, handler, timer
+from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures"]
 

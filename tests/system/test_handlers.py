@@ -4,7 +4,8 @@ The always-on handler passes every event on once; each handler of the settings a
 """
 
 import pytest
-from harness import SERVER, block, handler, post, source, timer
+from testing.pipes import block, post
+from testing.settings import SERVER, handler, source, timer
 
 DOOR: dict = {"Events/Source#1": {"Type": "Door"}}
 LAST = block("Last")

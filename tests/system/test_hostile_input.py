@@ -8,7 +8,9 @@ import time
 from collections.abc import Callable, Iterator
 
 import pytest
-from harness import DEFAULT_INPUT, SERVER, block, bytes_ready_at, post, server, timer, wait_until
+from testing.pipes import DEFAULT_INPUT, block, bytes_ready_at, post
+from testing.settings import SERVER, server, timer
+from testing.waiting import wait_until
 
 MEBIBYTE = 1 << 20
 PAGE = 4096

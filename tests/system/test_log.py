@@ -5,7 +5,8 @@ import time
 from datetime import datetime
 
 import pytest
-from harness import SERVER, Settings, block, post, timer
+from testing.pipes import block, post
+from testing.settings import SERVER, Settings, timer
 
 RECORD = r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3} (Trace|Debug|Information|Warning|Error) [A-Za-z.]+: "
 ANY_LEVEL = {"KELTO_LOG": ""}
@@ -68,7 +69,9 @@ def test_no_value_of_the_settings_begins_a_record_or_steers_a_terminal(launch):
 
 def zone_file(hours: int) -> bytes:
     """A zone without changes, in the form of tzfile(5)."""
-    return b"TZif" + bytes(16) + struct.pack(">6L", 0, 0, 0, 0, 1, 4) + struct.pack(">lBB", hours * 3600, 0, 0) + b"ZZZ\0"
+    return (
+        b"TZif" + bytes(16) + struct.pack(">6L", 0, 0, 0, 0, 1, 4) + struct.pack(">lBB", hours * 3600, 0, 0) + b"ZZZ\0"
+    )
 
 
 def hours_east(record: str) -> int:

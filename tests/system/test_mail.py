@@ -10,9 +10,11 @@ from email.utils import parsedate_to_datetime
 
 import pytest
 from daemon_on_bus import alert
-from harness import block, handler, post, source, timer, wait_until
-from mailing import DOOR, SENT, encoded, mail_handler, maps_the_mail_library, snapshot, stand_in
+from mailing import DOOR, SENT, mail_handler, maps_the_mail_library, snapshot, stand_in
 from scripted_service import ALERT, ALERT_INTERFACE, ALERT_PATH, ALERT_SIGNATURE
+from testing.pipes import block, post
+from testing.settings import encoded, handler, source, timer
+from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures", "mail_fixtures"]
 
@@ -106,7 +108,9 @@ def test_raw_event_data_comes_in_the_order_of_the_keys(mailed):
     first, second = mail.message.iter_parts()
     assert text_of(first) == "text"
     text = second.get_content().replace("\r\n", "\n")
-    stamped = r"\nB = \nFormattedTime = [^\n]+\nTimestamp = [^\n]+\na = x = y\nb = 2\neventId = Door\neventType = Door\n"
+    stamped = (
+        r"\nB = \nFormattedTime = [^\n]+\nTimestamp = [^\n]+\na = x = y\nb = 2\neventId = Door\neventType = Door\n"
+    )
     assert re.fullmatch(stamped, text)
 
 
@@ -294,7 +298,9 @@ def test_a_mail_program_that_cannot_be_started_costs_its_mail_without_a_record(l
     post(block("Door"))
     sink.wait_for(1)
     in_order = range(len(os.listdir(f"/proc/{daemon.pid}/fd")))
-    wait_until(lambda: sorted(map(int, os.listdir(f"/proc/{daemon.pid}/fd"))) == list(in_order), "nothing is open above")
+    wait_until(
+        lambda: sorted(map(int, os.listdir(f"/proc/{daemon.pid}/fd"))) == list(in_order), "nothing is open above"
+    )
     limit_descriptors(daemon, len(in_order))
     before = len(daemon.log.items)
     post(block("Door"))

@@ -6,9 +6,11 @@ from collections.abc import Callable
 from pathlib import Path
 
 import pytest
-from daemon_process import DaemonProcess
-from harness import SERVER, block, post, resident_kib, timer
 from mailing import DOOR, mail_handler, maps_the_mail_library, snapshot
+from testing.daemon import DaemonProcess
+from testing.pipes import block, post
+from testing.processes import resident_kib
+from testing.settings import SERVER, timer
 
 pytest_plugins = ["mail_fixtures"]
 
@@ -30,7 +32,7 @@ def allowed(tmp_path) -> Callable[[], float]:
         bare = DaemonProcess(os.environ["HALVEK_BARE_PROCESS"], tmp_path, tmp_path)
         try:
             bare.wait_until_ready()
-            return resident_kib(bare) + ALLOWED_ABOVE_BARE
+            return resident_kib(bare.pid) + ALLOWED_ABOVE_BARE
         finally:
             bare.close()
 

@@ -6,8 +6,10 @@ Left out under ThreadSanitizer, which puts a caught signal off until the write i
 import signal
 
 import pytest
-from harness import CONFIGURED, block, post, wait_until
 from mailing import DOOR, SENT, mail_handler, snapshot, stand_in
+from testing.daemon import CONFIGURED
+from testing.pipes import block, post
+from testing.waiting import wait_until
 
 INTERRUPTIONS = 5
 

@@ -4,7 +4,9 @@ import re
 import subprocess
 from pathlib import Path
 
-from harness import DEFAULT_INPUT, SERVER, Daemon, block, handler, post, server, timer
+from testing.daemon import Daemon
+from testing.pipes import DEFAULT_INPUT, block, post
+from testing.settings import SERVER, handler, server, timer
 
 RELOADS = 1000
 SETTLED_AFTER = 50

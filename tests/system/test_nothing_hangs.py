@@ -9,7 +9,9 @@ import signal
 from concurrent.futures import ThreadPoolExecutor
 
 import pytest
-from harness import CONFIGURED, Daemon, assert_paced, record_time, server, timer
+from testing.daemon import CONFIGURED, Daemon
+from testing.settings import server, timer
+from testing.times import assert_paced, record_time
 
 ROUNDS = int(os.environ["HALVEK_TEST_ROUNDS"])
 AT_ONCE = 8

@@ -7,13 +7,14 @@ import subprocess
 from collections.abc import Callable
 from pathlib import Path
 
-import harness
 import pytest
-from daemon_process import OutputPipe
-from harness import SERVER, Daemon, block, handler, post, source, timer, unstamped
+from testing import daemon as daemon_module
+from testing.daemon import Daemon
+from testing.pipes import OutputPipe, block, post, unstamped
+from testing.settings import SERVER, handler, source, timer
 
 SOURCES = Path(__file__).resolve().parents[2]
-BUILD = Path(harness.PROGRAM).resolve().parents[1]
+BUILD = Path(daemon_module.PROGRAM).resolve().parents[1]
 DAEMON_FOLDERS = ("app", "env", "event", "handler", "monitor", "source", "camera", "docs", "packaging")
 SMALL_CAMERA = SOURCES / "tests/sdk"
 
@@ -102,7 +103,7 @@ def test_a_daemon_built_against_the_installed_platform_starts_and_passes_an_even
     launch: Callable[..., Daemon],
     output_pipe: Callable[..., OutputPipe],
 ) -> None:
-    monkeypatch.setattr(harness, "PROGRAM", str(daemon_on_open_platform))
+    monkeypatch.setattr(daemon_module, "PROGRAM", str(daemon_on_open_platform))
     consumer = output_pipe()
     launch(SERVER)
     post(block("DoorBell", button="2"))
@@ -115,7 +116,7 @@ def test_the_smallest_set_runs_the_timer_the_pipes_and_a_relay(
     launch: Callable[..., Daemon],
     output_pipe: Callable[..., OutputPipe],
 ) -> None:
-    monkeypatch.setattr(harness, "PROGRAM", str(daemon_of_small_camera))
+    monkeypatch.setattr(daemon_module, "PROGRAM", str(daemon_of_small_camera))
     consumer = output_pipe()
     relay = handler(1, "Events/Source#1", handler_type="Relay", Index=2)
     daemon = launch(SERVER | timer(1, 1) | relay)
@@ -127,7 +128,7 @@ def test_the_smallest_set_runs_the_timer_the_pipes_and_a_relay(
 def test_what_needs_a_service_that_the_small_camera_lacks_is_skipped(
     daemon_of_small_camera: Path, monkeypatch: pytest.MonkeyPatch, launch: Callable[..., Daemon]
 ) -> None:
-    monkeypatch.setattr(harness, "PROGRAM", str(daemon_of_small_camera))
+    monkeypatch.setattr(daemon_module, "PROGRAM", str(daemon_of_small_camera))
     tour = handler(1, "Events/Source#2", handler_type="Tour", Id="1")
     daemon = launch(SERVER | source(1, "Alarm", Index=1) | timer(2, 1) | tour)
     assert daemon.log.matching("Error LoadSources: This camera has no alarm inputs$")

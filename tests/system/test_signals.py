@@ -5,7 +5,9 @@ import signal
 from pathlib import Path
 
 import pytest
-from harness import SERVER, block, post, timer, wait_until
+from testing.pipes import block, post
+from testing.settings import SERVER, timer
+from testing.waiting import wait_until
 
 RELOADING = r"Information halvek: got: 'R' \(82\)$"
 STOPPING = r"Information halvek: got: 'S' \(83\)$"
@@ -71,9 +73,7 @@ def test_an_alarm_signal_is_logged_and_changes_nothing(launch, output_pipe):
 def test_a_signal_that_lands_on_a_timer_does_not_end_its_sleep(launch):
     daemon = launch(timer(1, 3600))
     daemon.log.wait_for("next tick: ")
-    (task,) = [
-        task for task in Path(f"/proc/{daemon.pid}/task").iterdir() if "Timer" in (task / "comm").read_text()
-    ]
+    (task,) = [task for task in Path(f"/proc/{daemon.pid}/task").iterdir() if "Timer" in (task / "comm").read_text()]
     for count in range(1, 6):
         assert ctypes.CDLL(None).tgkill(daemon.pid, int(task.name), signal.SIGALRM) == 0
         daemon.log.wait_for("signal caught: 14", count=count)

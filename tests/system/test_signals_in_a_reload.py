@@ -3,7 +3,8 @@
 import os
 import signal
 
-from harness import SERVER, SettingsPipe, ini_text, wait_until
+from testing.settings import SERVER, SettingsPipe, ini_text
+from testing.waiting import wait_until
 
 STOPPING = r"Information halvek: got: 'S' \(83\)$"
 

@@ -11,8 +11,12 @@ from itertools import chain, combinations
 from pathlib import Path
 
 import pytest
-from daemon_process import Lines, NotifySocket
-from harness import DEFAULT_INPUT, PATIENCE, PROGRAM, SERVER, block, handler, ini_text, post, timer, wait_until
+from testing.collector import Lines
+from testing.daemon import PROGRAM
+from testing.notifications import NotifySocket
+from testing.pipes import DEFAULT_INPUT, block, post
+from testing.settings import SERVER, handler, ini_text, timer
+from testing.waiting import PATIENCE, wait_until
 
 STOP_TIME = 2.0  # seconds, in which a stop has to get through
 RECORD = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3} (Trace|Debug|Information|Warning|Error) [A-Za-z.]+: |    ")

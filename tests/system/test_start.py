@@ -3,7 +3,8 @@
 import signal
 
 import pytest
-from harness import DEFAULT_INPUT, SERVER, SettingsPipe, block, handler, ini_text, post, timer
+from testing.pipes import DEFAULT_INPUT, block, post
+from testing.settings import SERVER, SettingsPipe, handler, ini_text, timer
 
 REJECTED = "Error halvek: Error reloading, invalid configuration: "
 WITHOUT_ROOTS_PRIVILEGE = ("setpriv", "--bounding-set=-dac_override,-dac_read_search", "--")

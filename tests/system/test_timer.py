@@ -3,7 +3,8 @@
 import time
 
 import pytest
-from harness import assert_paced, record_time, timer
+from testing.settings import timer
+from testing.times import assert_paced, record_time
 
 INTERVALS = {
     "absent": ({"Events/Source#1": {"Type": "Timer"}}, 10),

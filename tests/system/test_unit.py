@@ -219,7 +219,9 @@ def owner_after_boot(root: Path, **lines: str) -> tuple[int, int, tuple[int, int
     """Of the folder of the snapshot, with the daemon's files installed, and others by their names."""
     installed = root / "usr/lib/tmpfiles.d"
     installed.mkdir(parents=True)
-    renamed = re.findall(r"install\(FILES (\S+\.tmpfiles) .* RENAME (\S+)\)", (PACKAGING / "CMakeLists.txt").read_text())
+    renamed = re.findall(
+        r"install\(FILES (\S+\.tmpfiles) .* RENAME (\S+)\)", (PACKAGING / "CMakeLists.txt").read_text()
+    )
     own = {"halvek.conf": "halvek.tmpfiles"} | {name: file for file, name in renamed if "$" not in name}
     assert len(own) == 2
     for name, file in own.items():

@@ -5,8 +5,21 @@ import time
 import xml.etree.ElementTree as ElementTree
 
 import pytest
-from bus import ALERT, ATTEMPTS, INTERFACE_FILES, LATE, LOCAL, PROVIDERS, REMOTE, TIME, described, offsets, service, text_of
-from bus_client import DESTINATION, INTERFACE, MEMBER, METHOD_CALL, NO_REPLY_EXPECTED, PATH, BusError, encode
+from testing.bus_client import DESTINATION, INTERFACE, MEMBER, METHOD_CALL, NO_REPLY_EXPECTED, PATH, BusError, encode
+from testing.camera import (
+    ALERT,
+    ATTEMPTS,
+    INTERFACE_FILES,
+    LATE,
+    LOCAL,
+    PROVIDERS,
+    REMOTE,
+    TIME,
+    described,
+    offsets,
+    service,
+    text_of,
+)
 
 pytest_plugins = ["camera_fixtures"]
 

@@ -8,11 +8,12 @@ import subprocess
 import time
 
 import pytest
-from bus import CAMERA, CAMERA_PROGRAM, LOCAL, REMOTE, TIME, PrivateBus, dies_with_us, service
-from bus_client import DESTINATION, ERROR, ERROR_NAME, METHOD_CALL, REPLY_SERIAL, BusClient, BusError
-from daemon_process import PATIENCE
-from harness import wait_until
 from policy_bus import OPERATOR, OWNER, SOMEBODY, PolicyBus
+from testing.bus import PrivateBus
+from testing.bus_client import DESTINATION, ERROR, ERROR_NAME, METHOD_CALL, REPLY_SERIAL, BusClient, BusError
+from testing.camera import CAMERA, CAMERA_PROGRAM, LOCAL, REMOTE, TIME, service
+from testing.processes import dies_with_us
+from testing.waiting import PATIENCE, wait_until
 
 pytest_plugins = ["camera_fixtures", "policy_fixtures"]
 

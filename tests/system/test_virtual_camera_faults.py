@@ -3,9 +3,9 @@
 import time
 
 import pytest
-from bus import CAMERA, LOCAL, PROVIDERS, REMOTE, service, text_of
-from bus_client import BusClient, BusError
-from harness import wait_until
+from testing.bus_client import BusClient, BusError
+from testing.camera import CAMERA, LOCAL, PROVIDERS, REMOTE, service, text_of
+from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures"]
 

@@ -10,9 +10,10 @@ from itertools import pairwise
 from pathlib import Path
 
 import pytest
-from bus import ALERT, ATTEMPTS, CAMERA_PROGRAM, INTERFACE_FILES, LATE, LOCAL, VirtualCamera, dies_with_us
-from daemon_process import Lines
-from harness import wait_until
+from testing.camera import ALERT, ATTEMPTS, CAMERA_PROGRAM, INTERFACE_FILES, LATE, LOCAL, VirtualCamera
+from testing.collector import Lines
+from testing.processes import dies_with_us
+from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures"]
 

@@ -7,9 +7,12 @@ import subprocess
 from pathlib import Path
 
 import pytest
-from bus import CAMERA, CAMERA_PROGRAM, INTERFACE_FILES, ROOT, TIME, described, dies_with_us, text_of
-from bus_client import BusClient
-from daemon_process import Lines, NotSeen
+from testing.bus_client import BusClient
+from testing.camera import CAMERA, CAMERA_PROGRAM, INTERFACE_FILES, TIME, described, text_of
+from testing.collector import Lines
+from testing.processes import dies_with_us
+from testing.tree import ROOT
+from testing.waiting import NotSeen
 
 MAN_PAGE = ROOT / "docs/kelto-vcam.1"
 COMMANDS = ["alarm", "alert", "idle", "recording", "fault", "actions"]

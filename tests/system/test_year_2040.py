@@ -14,13 +14,14 @@ from email.utils import parsedate_to_datetime
 from pathlib import Path
 
 import pytest
-from bus import LOCAL
 from daemon_on_bus import alarm, ids
-from daemon_process import Event
-from ftp_server import HOST, FtpServer
-from harness import CONFIGURED, PROGRAM, SERVER, Settings, block, handler, post, source, timer
-from mailing import encoded, mail_handler
+from mailing import mail_handler
 from memory_disk import BLOCK, memory_disk
+from testing.camera import LOCAL
+from testing.daemon import CONFIGURED, PROGRAM
+from testing.ftp_server import HOST, FtpServer
+from testing.pipes import Event, block, post
+from testing.settings import SERVER, Settings, encoded, handler, source, timer
 
 pytest_plugins = ["camera_fixtures", "mail_fixtures"]
 
@@ -136,7 +137,13 @@ def test_the_upload_has_the_time_in_its_name(launch_at, tmp_path):
     folder.mkdir()
     (programs / "ftpput").symlink_to(shutil.which("busybox"))
     snapshot.write_bytes(b"picture")
-    own = {"Server": HOST, "Username": "camera", "Password": "secret", "DestName": "%Y%m%d-%H.jpg", "Attachment": "true"}
+    own = {
+        "Server": HOST,
+        "Username": "camera",
+        "Password": "secret",
+        "DestName": "%Y%m%d-%H.jpg",
+        "Attachment": "true",
+    }
     settings = DOOR | handler(1, "Events/Source#1", handler_type="Ftp", **own)
     with FtpServer(folder) as server:
         daemon = launch_at(

@@ -11,21 +11,14 @@ from pathlib import Path
 from statistics import mean
 from typing import NamedTuple
 
-from bus import LOCAL, PrivateBus, VirtualCamera
 from daemon_on_bus import alarm, connections
-from daemon_process import PIPE_FOLDER, NotSeen, OutputPipe
-from harness import (
-    DEFAULT_INPUT,
-    PROGRAM,
-    SANITIZER_REPORT,
-    SERVER,
-    Daemon,
-    handler,
-    resident_kib,
-    source,
-    timer,
-    wait_until,
-)
+from testing.bus import PrivateBus
+from testing.camera import LOCAL, VirtualCamera
+from testing.daemon import PROGRAM, SANITIZER_REPORT, Daemon
+from testing.pipes import DEFAULT_INPUT, PIPE_FOLDER, OutputPipe
+from testing.processes import resident_kib
+from testing.settings import SERVER, handler, source, timer
+from testing.waiting import NotSeen, wait_until
 
 from actions import wait_for
 from scene import SANITIZED, SLOWNESS
@@ -167,7 +160,7 @@ def run(attack: Attack, folder: Path, seconds: float) -> Measured:
                 machine = max(machine, lateness())
                 slow.append(slowness())
                 latest = max(latest, victim.change_alarm())
-                most_kib = max(most_kib, resident_kib(daemon))
+                most_kib = max(most_kib, resident_kib(daemon.pid))
             faults += [f"{process.args[-1]} has ended" for process in running if process.poll() is not None]
             reloaded = time_reload(victim)
             used = len(os.listdir(f"/proc/{daemon.pid}/fd"))

@@ -8,10 +8,9 @@ from collections.abc import Iterable
 from itertools import count, repeat
 from pathlib import Path
 
-from bus_client import DESTINATION, INTERFACE, MEMBER, PATH, SIGNAL, SIGNATURE, BusClient, BusError, Writer, encode
-from daemon_process import PIPE_FOLDER
-from harness import DEFAULT_INPUT
 from scripted_service import ALERT, ALERT_INTERFACE, ALERT_PATH, ALERT_SIGNATURE
+from testing.bus_client import DESTINATION, INTERFACE, MEMBER, PATH, SIGNAL, BusClient, BusError, encode
+from testing.pipes import DEFAULT_INPUT, PIPE_FOLDER
 
 LARGE = 200_000
 ALERT_SIZE = 100_000
@@ -62,18 +61,18 @@ def emit(client: BusClient, messages: bytes) -> None:
         client.call_bus("GetId")
 
 
+def alert_of(size: int) -> bytes:
+    fields = {PATH: ALERT_PATH, INTERFACE: ALERT_INTERFACE, MEMBER: ALERT}
+    arguments = ("x" * size, "c", "a", "r", "", [], [], "video", "rtsp://x/1")
+    return encode(SIGNAL, 1, fields, ALERT_SIGNATURE, *arguments)
+
+
 def large_alerts(bus: str) -> None:
-    body = Writer()
-    body.write_all(ALERT_SIGNATURE, ("x" * ALERT_SIZE, "c", "a", "r", "", [], [], "video", "rtsp://x/1"))
-    fields = {PATH: ALERT_PATH, INTERFACE: ALERT_INTERFACE, MEMBER: ALERT, SIGNATURE: ALERT_SIGNATURE}
-    emit(BusClient(bus), encode(SIGNAL, 1, fields, bytes(body.data)) * 10)
+    emit(BusClient(bus), alert_of(ALERT_SIZE) * 10)
 
 
 def small_alerts(bus: str) -> None:
-    body = Writer()
-    body.write_all(ALERT_SIGNATURE, ("x", "c", "a", "r", "", [], [], "video", "rtsp://x/1"))
-    fields = {PATH: ALERT_PATH, INTERFACE: ALERT_INTERFACE, MEMBER: ALERT, SIGNATURE: ALERT_SIGNATURE}
-    emit(BusClient(bus), encode(SIGNAL, 1, fields, bytes(body.data)) * 100)
+    emit(BusClient(bus), alert_of(1) * 100)
 
 
 def connections_of(client: BusClient, pid: int) -> Iterable[str]:
@@ -86,12 +85,10 @@ def connections_of(client: BusClient, pid: int) -> Iterable[str]:
 def signals_to_connections(bus: str, pid: str) -> None:
     """To every connection that the daemon has, whether it listens or not."""
     client = BusClient(bus)
-    body = Writer()
-    body.write("s", "x" * 1000)
     while True:
         for name in connections_of(client, int(pid)):
-            fields = {PATH: "/x", INTERFACE: "x.y", MEMBER: "Z", DESTINATION: name, SIGNATURE: "s"}
-            client.send_bytes(encode(SIGNAL, 1, fields, bytes(body.data)) * 100)
+            fields = {PATH: "/x", INTERFACE: "x.y", MEMBER: "Z", DESTINATION: name}
+            client.send_bytes(encode(SIGNAL, 1, fields, "s", "x" * 1000) * 100)
         client.call_bus("GetId")
 
 

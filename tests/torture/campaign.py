@@ -8,8 +8,8 @@ from collections import Counter, defaultdict
 from collections.abc import Callable, Iterable, Iterator
 from typing import NamedTuple, TypeVar
 
-from daemon_process import NotSeen
-from harness import SANITIZER_REPORT, wait_until
+from testing.daemon import SANITIZER_REPORT
+from testing.waiting import NotSeen, wait_until
 
 from actions import LATER, PART, THREADS, TWICE, Action, Posting, probe, threads, wait_for
 from faults import ERRORS, Fault, call_of, place_of

@@ -10,12 +10,14 @@ from collections.abc import Sequence
 from datetime import datetime
 from pathlib import Path
 
-from bus import PrivateBus, VirtualCamera
-from daemon_process import OutputPipe
-from ftp_server import FtpServer
-from harness import DEFAULT_INPUT, SERVER, Daemon, Settings, block, handler, post, source, timer, wait_until
-from mail_sink import MailSink
-from mailing import encoded
+from testing.bus import PrivateBus
+from testing.camera import VirtualCamera
+from testing.daemon import Daemon
+from testing.ftp_server import FtpServer
+from testing.mail_sink import MailSink
+from testing.pipes import DEFAULT_INPUT, OutputPipe, block, post
+from testing.settings import SERVER, Settings, encoded, handler, source, timer
+from testing.waiting import wait_until
 
 from faults import Faults
 

@@ -3,8 +3,8 @@
 import time
 from email.message import EmailMessage
 
-from demo_show import require, say
-from mail_sink import Mail
+from demo.show import require, say
+from testing.mail_sink import Mail
 
 # As in the settings.
 RECIPIENT = "guard@example.com"

@@ -3,7 +3,7 @@
 import signal
 import sys
 
-from daemon_process import NotSeen
+from testing.waiting import NotSeen
 
 PATIENCE = 10.0  # seconds
 

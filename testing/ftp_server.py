@@ -7,7 +7,7 @@ import threading
 import warnings
 from pathlib import Path
 
-from daemon_process import PATIENCE, NotSeen
+from testing.waiting import PATIENCE, NotSeen
 
 with warnings.catch_warnings():
     warnings.simplefilter("ignore", DeprecationWarning)  # it is built on modules that a later Python leaves out

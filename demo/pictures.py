@@ -6,10 +6,10 @@ import threading
 import time
 from pathlib import Path
 
-from demo_mail import AlarmMail, moments
-from demo_show import PATIENCE, require, say
-from ftp_server import FtpServer
-from mail_sink import MailSink
+from demo.mail import AlarmMail, moments
+from demo.show import PATIENCE, require, say
+from testing.ftp_server import FtpServer
+from testing.mail_sink import MailSink
 
 KIB = 1024
 DAY = 86400  # seconds

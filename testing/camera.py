@@ -1,4 +1,4 @@
-"""A bus of the test's own, and the virtual camera on it."""
+"""Runs the virtual camera and drives it over the bus."""
 
 import os
 import re
@@ -9,8 +9,13 @@ from collections.abc import Sequence
 from pathlib import Path
 from typing import Any, NamedTuple
 
-from bus_client import BusClient
-from daemon_process import PATIENCE, Lines, NotifySocket, NotSeen
+from testing.bus import PrivateBus
+from testing.bus_client import BusClient
+from testing.collector import Lines
+from testing.notifications import NotifySocket
+from testing.processes import dies_with_us
+from testing.tree import ROOT
+from testing.waiting import PATIENCE, NotSeen
 
 CAMERA_PROGRAM = os.environ.get("HALVEK_VCAM", "")
 PROVIDERS = ("AlarmV3", "RelayV3", "PresetsV2", "Tour", "MotionState", "RecordingInformation")
@@ -32,25 +37,9 @@ ALERT = (  # arguments of an alert as analytics programs send it
     "rtsp://camera/a%20b",
 )
 
-ROOT = Path(__file__).resolve().parents[2]
 INTERFACE_FILES = {name: ROOT / f"platform/kelto/interfaces/com.kelto.{name}.xml" for name in PROVIDERS} | {
     CAMERA: ROOT / "camera/com.kelto.VirtualCamera.xml"
 }
-
-CONFIGURATION = """\
-<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <listen>unix:path={socket}</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <allow own="*"/>
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-  </policy>
-</busconfig>
-"""
 
 
 def service(provider: str) -> tuple[str, str, str]:
@@ -82,74 +71,6 @@ def offsets(lines: Sequence[str]) -> list[float]:
     return [(moment - times[0]) % 86400 for moment in times]
 
 
-def dies_with_us(*command: str) -> list[str]:
-    return ["setpriv", "--pdeathsig", "KILL", "--", *command]
-
-
-class PrivateBus:
-    """A bus that can be killed and started again at the same address. Anybody may own any name."""
-
-    def __init__(self, folder: Path) -> None:
-        self.socket = folder / "bus"
-        self.address = f"unix:path={self.socket}"
-        self.environment = {"DBUS_SYSTEM_BUS_ADDRESS": self.address}
-        self._configuration = folder / "bus.conf"
-        self._configuration.write_text(CONFIGURATION.format(socket=self.socket))
-        self._process: subprocess.Popen | None = None
-        self._clients: list[BusClient] = []
-        self.start()
-
-    def start(self) -> None:
-        """Returns when the bus takes connections."""
-        assert self._process is None
-        self._process = subprocess.Popen(
-            dies_with_us(
-                "dbus-daemon", f"--config-file={self._configuration}", "--nofork", "--nopidfile", "--print-address"
-            ),
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.DEVNULL,
-        )
-        output = Lines(os.dup(self._process.stdout.fileno()), "dbus-daemon")
-        self._process.stdout.close()
-        try:
-            output.wait_for("^unix:")
-        finally:
-            output.close()
-
-    def send(self, number: signal.Signals) -> None:
-        self._process.send_signal(number)
-
-    def stop(self, number: signal.Signals = signal.SIGTERM) -> None:
-        self.send(number)
-        self._process.wait(PATIENCE)
-        self._process = None
-
-    def kill(self) -> None:
-        self.stop(signal.SIGKILL)
-
-    def restart(self) -> None:
-        self.kill()
-        self.start()
-
-    def client(self) -> BusClient:
-        """A new connection, closed with the bus helper."""
-        self._clients.append(BusClient(self.socket))
-        return self._clients[-1]
-
-    def close(self) -> None:
-        for client in self._clients:
-            client.close()
-        if self._process is not None:
-            self.stop()
-
-    def __enter__(self) -> "PrivateBus":
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self.close()
-
-
 class Action(NamedTuple):
     time: float  # seconds on the clock of time.monotonic()
     method: str
@@ -160,15 +81,22 @@ class VirtualCamera:
     """A running kelto-vcam; its lines and its complaints. After a restart of the bus, make another one."""
 
     def __init__(
-        self, bus: PrivateBus, folder: Path, *arguments: str, prefix: Sequence[str] = (), ready: bool = True
+        self,
+        bus: PrivateBus,
+        folder: Path,
+        *arguments: str,
+        program: str = CAMERA_PROGRAM,
+        snapshot: Path | None = None,
+        prefix: Sequence[str] = (),
+        ready: bool = True,
     ) -> None:
         folder.mkdir(parents=True, exist_ok=True)
         self._bus = bus
         self._client: BusClient | None = None
-        self.snapshot = folder / "img2.jpg"
+        self.snapshot = snapshot or folder / "img2.jpg"
         self.notifications = NotifySocket(folder / "notify")
         self.process = subprocess.Popen(
-            dies_with_us(*prefix, CAMERA_PROGRAM, *(arguments or ("--snapshot", str(self.snapshot)))),
+            dies_with_us(*prefix, program, *(arguments or ("--snapshot", str(self.snapshot)))),
             env=os.environ | bus.environment | {"NOTIFY_SOCKET": str(self.notifications.path)},
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
@@ -179,14 +107,17 @@ class VirtualCamera:
         self.process.stdout.close()
         self.process.stderr.close()
         if ready:
-            self.wait_until_ready()
+            try:
+                self.wait_until_ready()
+            except NotSeen:
+                self.close()
+                raise
 
-    def wait_until_ready(self) -> None:
+    def wait_until_ready(self, patience: float = PATIENCE) -> None:
         try:
-            self.notifications.wait_for("READY=1")
+            self.notifications.wait_for("READY=1", patience=patience)
         except NotSeen:
-            self.close()
-            raise NotSeen(f"kelto-vcam did not start: {self.complaints.items}") from None
+            raise NotSeen(f"kelto-vcam did not start, no READY=1 came: {self.complaints.items}") from None
 
     @property
     def client(self) -> BusClient:
@@ -245,8 +176,8 @@ class VirtualCamera:
         found = [Action(time / 1e6, *rest) for time, *rest in answer]
         return [action for action in found if method in ("", action.method)]
 
-    def clear_actions(self) -> None:
-        self.call(CAMERA, "ClearActions")
+    def clear_actions(self, patience: float = PATIENCE) -> None:
+        self.call(CAMERA, "ClearActions", patience=patience)
 
     def stop(self, number: signal.Signals = signal.SIGTERM) -> int:
         """Returns the exit status; the lines are complete afterwards."""

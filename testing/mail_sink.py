@@ -8,7 +8,7 @@ from email.message import EmailMessage
 from typing import NamedTuple
 
 from aiosmtpd.smtp import SMTP, Envelope, Session
-from daemon_process import PATIENCE, NotSeen
+from testing.waiting import PATIENCE, NotSeen
 
 HOST = "127.0.0.1"
 

@@ -1,0 +1,1 @@
+"""The play that scripts/demo shows."""
