@@ -1,8 +1,8 @@
 #pragma once
 
 #include "kelto/osa/UniqueFd.h"
-#include "tests/fakes/EnvironmentVariable.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/EnvironmentVariable.h"
+#include "tests/support/TempDir.h"
 
 #include <string>
 #include <vector>

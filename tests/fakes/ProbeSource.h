@@ -1,7 +1,7 @@
 #pragma once
 
 #include "source/EventSource.h"
-#include "tests/fakes/Journal.h"
+#include "tests/support/Journal.h"
 
 #include <functional>
 #include <string>

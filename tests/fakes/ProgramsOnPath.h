@@ -1,7 +1,7 @@
 #pragma once
 
-#include "tests/fakes/EnvironmentVariable.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/EnvironmentVariable.h"
+#include "tests/support/TempDir.h"
 
 #include <string>
 

@@ -1,6 +1,6 @@
 #include "tests/fakes/RecordingHandler.h"
 
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/WaitUntil.h"
 
 namespace kelto::test {
 

@@ -1,6 +1,6 @@
 #include "tests/fakes/ScriptedService.h"
 
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/WaitUntil.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>

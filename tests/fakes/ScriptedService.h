@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tests/fakes/BusArguments.h"
+#include "tests/support/BusArguments.h"
 
 #include <atomic>
 #include <functional>

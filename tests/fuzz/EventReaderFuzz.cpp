@@ -2,8 +2,8 @@
 #include "handler/EventHandler.h"
 #include "kelto/core/Logger.h"
 #include "source/EventServerSource.h"
-#include "tests/fakes/Fifo.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/Fifo.h"
+#include "tests/support/TempDir.h"
 
 #include <unistd.h>
 

@@ -2,13 +2,13 @@
 #include "handler/EventHandler.h"
 #include "kelto/osa/Exception.h"
 #include "source/SourceFactory.h"
-#include "tests/fakes/Descriptors.h"
 #include "tests/fakes/FakeClock.h"
-#include "tests/fakes/Journal.h"
-#include "tests/fakes/LogCapture.h"
 #include "tests/fakes/ProbeSource.h"
-#include "tests/fakes/TempDir.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/Journal.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/WaitUntil.h"
 
 #include <fcntl.h>
 #include <getopt.h>

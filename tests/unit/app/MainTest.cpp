@@ -3,13 +3,13 @@
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
 #include "source/SourceFactory.h"
-#include "tests/fakes/EnvironmentVariable.h"
 #include "tests/fakes/FailingAllocation.h"
-#include "tests/fakes/Journal.h"
-#include "tests/fakes/LogCapture.h"
 #include "tests/fakes/NotifySocket.h"
 #include "tests/fakes/ProbeSource.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/EnvironmentVariable.h"
+#include "tests/support/Journal.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
 #include <gmock/gmock.h>
 

@@ -7,9 +7,9 @@
 #include "monitor/EventMonitor.h"
 #include "tests/fakes/FailingAllocation.h"
 #include "tests/fakes/FakeProviders.h"
-#include "tests/fakes/FreshProcess.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/FreshProcess.h"
+#include "tests/support/LetPass.h"
+#include "tests/support/LogCapture.h"
 
 #include <gmock/gmock.h>
 
@@ -272,7 +272,7 @@ TEST_F(CameraMonitor, AnUnconfiguredHandlerEndsAParkSourceForGood) {
     ASSERT_TRUE(log.WaitFor("Error ParkEventSource: EventHandler: not configured"));
     ASSERT_TRUE(log.WaitFor("Debug ParkEventSource: DONE"));
     providers->idleChange.Notify(0);
-    test::WaitUntil([] { return false; }, 1500ms);
+    test::LetPass(1500ms);
     EXPECT_EQ(log.Count("Error ParkEventSource: EventHandler: not configured"), 1U);
     EXPECT_THAT(providers.Calls(), Not(Contains(HasSubstr("Tour."))));
 }

@@ -1,6 +1,6 @@
 #include "env/HalvekEnv.h"
 #include "kelto/osa/Exception.h"
-#include "tests/fakes/ProcessState.h"
+#include "tests/support/ProcessState.h"
 
 #include <gmock/gmock.h>
 

@@ -1,7 +1,7 @@
 #include "event/Event.h"
 #include "kelto/core/Logger.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/WaitUntil.h"
 
 #include <gmock/gmock.h>
 #include <unistd.h>

@@ -1,9 +1,9 @@
 #include "handler/CommandOutput.h"
 #include "kelto/osa/Exception.h"
-#include "tests/fakes/Descriptors.h"
-#include "tests/fakes/Fifo.h"
-#include "tests/fakes/TempDir.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/Fifo.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/WaitUntil.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -2,8 +2,8 @@
 #include "handler/EventHandler.h"
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeClock.h"
-#include "tests/fakes/LogCapture.h"
 #include "tests/fakes/RecordingHandler.h"
+#include "tests/support/LogCapture.h"
 
 #include <gmock/gmock.h>
 

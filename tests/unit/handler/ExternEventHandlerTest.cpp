@@ -1,11 +1,11 @@
 #include "event/TimerEvent.h"
 #include "handler/ExternEventHandler.h"
 #include "kelto/osa/Exception.h"
-#include "tests/fakes/Descriptors.h"
 #include "tests/fakes/FakeClock.h"
-#include "tests/fakes/Fifo.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/Fifo.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,7 +1,7 @@
 #include "handler/FilterChain.h"
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeClock.h"
-#include "tests/fakes/LogCapture.h"
+#include "tests/support/LogCapture.h"
 
 #include <gmock/gmock.h>
 

@@ -2,12 +2,12 @@
 
 #include "handler/FolderEventHandler.h"
 #include "kelto/core/IniFile.h"
-#include "tests/fakes/BaitedFolder.h"
-#include "tests/fakes/EnvironmentVariable.h"
 #include "tests/fakes/FakeRecordingInformation.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/MemoryMount.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/BaitedFolder.h"
+#include "tests/support/EnvironmentVariable.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/MemoryMount.h"
+#include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
 

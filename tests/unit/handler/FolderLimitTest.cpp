@@ -1,7 +1,7 @@
-#include "tests/fakes/FatMount.h"
 #include "tests/fakes/FatNames.h"
 #include "tests/fakes/ProgramsOnPath.h"
-#include "tests/fakes/Unprivileged.h"
+#include "tests/support/FatMount.h"
+#include "tests/support/Unprivileged.h"
 #include "tests/unit/handler/FolderFixture.h"
 
 #include <gmock/gmock.h>

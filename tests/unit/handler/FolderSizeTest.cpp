@@ -1,10 +1,10 @@
 #include "handler/FolderSize.h"
-#include "tests/fakes/BaitedFolder.h"
-#include "tests/fakes/Descriptors.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/MemoryMount.h"
 #include "tests/fakes/ProgramsOnPath.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/BaitedFolder.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/MemoryMount.h"
+#include "tests/support/TempDir.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -5,12 +5,12 @@
 #include "handler/FtpEventHandler.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/PathUtils.h"
-#include "tests/fakes/EnvironmentVariable.h"
 #include "tests/fakes/FakeClock.h"
-#include "tests/fakes/Fifo.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/TempDir.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/EnvironmentVariable.h"
+#include "tests/support/Fifo.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/WaitUntil.h"
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>

@@ -8,7 +8,7 @@
 #include "handler/TourEventHandler.h"
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeProviders.h"
-#include "tests/fakes/LogCapture.h"
+#include "tests/support/LogCapture.h"
 
 #include <gmock/gmock.h>
 

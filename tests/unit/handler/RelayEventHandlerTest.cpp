@@ -5,7 +5,7 @@
 #include "kelto/interfaces/IRelayV3Provider.h"
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeProviders.h"
-#include "tests/fakes/LogCapture.h"
+#include "tests/support/LogCapture.h"
 
 #include <gmock/gmock.h>
 

@@ -2,7 +2,7 @@
 #include "handler/VassaApiException.h"
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeRecordingInformation.h"
-#include "tests/fakes/LogCapture.h"
+#include "tests/support/LogCapture.h"
 
 #include <gmock/gmock.h>
 

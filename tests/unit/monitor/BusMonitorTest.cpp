@@ -1,12 +1,12 @@
 #include "env/HandlerRegistry.h"
 #include "kelto/core/IniFile.h"
 #include "monitor/EventMonitor.h"
-#include "tests/fakes/Descriptors.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/PrivateBus.h"
-#include "tests/fakes/ProcessState.h"
 #include "tests/fakes/ScriptedService.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/PrivateBus.h"
+#include "tests/support/ProcessState.h"
+#include "tests/support/WaitUntil.h"
 
 #include <gmock/gmock.h>
 

@@ -1,9 +1,9 @@
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
 #include "monitor/EventMonitor.h"
-#include "tests/fakes/Fifo.h"
-#include "tests/fakes/ProcessState.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/Fifo.h"
+#include "tests/support/ProcessState.h"
+#include "tests/support/WaitUntil.h"
 #include "tests/unit/monitor/MonitorFixture.h"
 
 #include <functional>

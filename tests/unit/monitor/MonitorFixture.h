@@ -4,12 +4,12 @@
 #include "handler/EventHandler.h"
 #include "kelto/core/IniFile.h"
 #include "monitor/EventMonitor.h"
-#include "tests/fakes/Descriptors.h"
-#include "tests/fakes/Journal.h"
-#include "tests/fakes/LogCapture.h"
 #include "tests/fakes/ProbeSource.h"
 #include "tests/fakes/RecordingHandler.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/Journal.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
 #include <gmock/gmock.h>
 

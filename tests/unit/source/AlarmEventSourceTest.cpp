@@ -4,8 +4,8 @@
 #include "source/AlarmEventSource.h"
 #include "source/SourceFactory.h"
 #include "tests/fakes/FakeProviders.h"
-#include "tests/fakes/LogCapture.h"
 #include "tests/fakes/RecordingHandler.h"
+#include "tests/support/LogCapture.h"
 
 #include <gmock/gmock.h>
 

@@ -5,13 +5,13 @@
 #include "source/AnalyticsEventSource.h"
 #include "source/MsgBusEventSource.h"
 #include "source/SourceFactory.h"
-#include "tests/fakes/Fifo.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/PrivateBus.h"
-#include "tests/fakes/ProcessState.h"
 #include "tests/fakes/RecordingHandler.h"
 #include "tests/fakes/ScriptedService.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/Fifo.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/PrivateBus.h"
+#include "tests/support/ProcessState.h"
+#include "tests/support/WaitUntil.h"
 
 #include <gmock/gmock.h>
 

@@ -1,12 +1,12 @@
 #pragma once
 
 #include "source/EventServerSource.h"
-#include "tests/fakes/Descriptors.h"
-#include "tests/fakes/Fifo.h"
-#include "tests/fakes/LogCapture.h"
 #include "tests/fakes/RecordingHandler.h"
-#include "tests/fakes/TempDir.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/Fifo.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/WaitUntil.h"
 
 #include <gtest/gtest.h>
 

@@ -2,8 +2,8 @@
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/Signal.h"
-#include "tests/fakes/ProcessState.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/ProcessState.h"
+#include "tests/support/WaitUntil.h"
 #include "tests/unit/source/EventServerSourceFixture.h"
 
 #include <fcntl.h>

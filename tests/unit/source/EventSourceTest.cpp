@@ -1,10 +1,10 @@
 #include "event/TimerEvent.h"
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeClock.h"
-#include "tests/fakes/LogCapture.h"
 #include "tests/fakes/ProbeSource.h"
 #include "tests/fakes/RecordingHandler.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/WaitUntil.h"
 
 #include <gmock/gmock.h>
 

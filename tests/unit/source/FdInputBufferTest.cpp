@@ -1,6 +1,6 @@
 #include "source/FdInputBuffer.h"
-#include "tests/fakes/Fifo.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/Fifo.h"
+#include "tests/support/TempDir.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,8 +1,8 @@
 #include "source/GivenUpAlerts.h"
 #include "tests/fakes/FailingAllocation.h"
-#include "tests/fakes/FreshProcess.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/FreshProcess.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/WaitUntil.h"
 
 #include <gmock/gmock.h>
 

@@ -1,8 +1,8 @@
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/Runnable.h"
 #include "source/ListeningThread.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/WaitUntil.h"
 
 #include <gmock/gmock.h>
 #include <pthread.h>

@@ -4,10 +4,11 @@
 #include "source/ParkEventSource.h"
 #include "source/SourceFactory.h"
 #include "tests/fakes/FakeProviders.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/ProcessState.h"
 #include "tests/fakes/RecordingHandler.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/LetPass.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/ProcessState.h"
+#include "tests/support/WaitUntil.h"
 
 #include <dlfcn.h>
 #include <gmock/gmock.h>
@@ -70,10 +71,6 @@ using Clock = std::chrono::steady_clock;
 constexpr const char* defaultMessage = "Debug ParkEventSource: \tCan't find Park::DwellTime.sec, using default!";
 constexpr Clock::duration late = 3s;  // that a busy machine may be
 constexpr const char* queryMessage = "Warning ParkEventSource: Failed when querying current idle state.";
-
-void TakeTime(std::chrono::milliseconds time) {
-    test::WaitUntil([] { return false; }, time);
-}
 
 class ParkEventSourceTest : public ::testing::Test {
 protected:
@@ -187,7 +184,7 @@ TEST_F(ParkEventSourceTest, AQueryThatFailsInWhateverWayIsAWarningAndLeavesItDis
         EXPECT_THAT(OwnLines(), ElementsAre("Information ParkEventSource: \tPark DwellTime: 0", queryMessage));
     }
     source->StartListening();
-    TakeTime(1500ms);
+    test::LetPass(1500ms);
     EXPECT_EQ(handler.Count(), 0U);
     Notify(0);
     EXPECT_TRUE(handler.WaitForCount(1)) << "a report arms it";
@@ -244,11 +241,11 @@ TEST_F(ParkEventSourceTest, ADwellOfTenFiresExactlyOnceTenToElevenSecondsLater) 
     Configure("10");
     source->StartListening();
     // Between two ticks: half a second to spare either way.
-    TakeTime(500ms);
+    test::LetPass(500ms);
     const Clock::time_point told = Notify(0);
     ASSERT_TRUE(handler.WaitForCount(1));
     EXPECT_THAT(Times().front() - told, AllOf(Ge(10s - 10ms), Lt(11s + late)));
-    TakeTime(12s);
+    test::LetPass(12s);
     EXPECT_EQ(handler.Count(), 1U) << "fired again without a new report";
     Notify(0);
     EXPECT_TRUE(handler.WaitForCount(2));
@@ -258,9 +255,9 @@ TEST_F(ParkEventSourceTest, AMovementAfterFiveSecondsEndsTheDwellWithoutAnEvent)
     Configure("10");
     source->StartListening();
     Notify(0);
-    TakeTime(5s);
+    test::LetPass(5s);
     Notify(1);
-    TakeTime(8s);
+    test::LetPass(8s);
     EXPECT_EQ(handler.Count(), 0U);
 }
 
@@ -268,7 +265,7 @@ TEST_F(ParkEventSourceTest, AnotherReportOfRestAfterEightSecondsCountsAnew) {
     // Unconfigured, its dwell time is the ten seconds that it is made with.
     source->StartListening();
     Notify(0);
-    TakeTime(8500ms);
+    test::LetPass(8500ms);
     const Clock::time_point told = Notify(0);
     ASSERT_TRUE(handler.WaitForCount(1));
     EXPECT_THAT(Times().front() - told, AllOf(Ge(10s - 10ms), Lt(11s + late)));
@@ -277,7 +274,7 @@ TEST_F(ParkEventSourceTest, AnotherReportOfRestAfterEightSecondsCountsAnew) {
 TEST_F(ParkEventSourceTest, TheDwellCountsFromTheReportHoweverLongTheHeadMovedBefore) {
     Configure("2");
     source->StartListening();
-    TakeTime(4500ms);
+    test::LetPass(4500ms);
     EXPECT_EQ(handler.Count(), 0U);
     const Clock::time_point told = Notify(0);
     ASSERT_TRUE(handler.WaitForCount(1));
@@ -332,7 +329,7 @@ TEST_F(ParkEventSourceTest, ANegativeDwellNeverFires) {
     EXPECT_FALSE(log.Has(defaultMessage));
     Notify(0);
     source->StartListening();
-    TakeTime(3s);
+    test::LetPass(3s);
     EXPECT_EQ(handler.Count(), 0U);
 }
 
@@ -342,7 +339,7 @@ TEST_F(ParkEventSourceTest, EveryStateButZeroEndsTheDwell) {
         Notify(0);
         Notify(state);
         source->StartListening();
-        TakeTime(300ms);
+        test::LetPass(300ms);
         source->StopListening();
         EXPECT_EQ(handler.Count(), 0U) << "state " << state;
     }
@@ -353,7 +350,7 @@ TEST_F(ParkEventSourceTest, OneArmingFiresOnce) {
     source->StartListening();
     Notify(0);
     ASSERT_TRUE(handler.WaitForCount(1));
-    TakeTime(2500ms);
+    test::LetPass(2500ms);
     EXPECT_EQ(handler.Count(), 1U);
 }
 
@@ -362,7 +359,7 @@ TEST_F(ParkEventSourceTest, StoppingCutsTheSleepShort) {
     source->StartListening();
     ASSERT_TRUE(log.WaitFor("Information ParkEventSource: ParkEventSource started"));
     // Into the sleep: what follows the test of the counter.
-    TakeTime(100ms);
+    test::LetPass(100ms);
     log.Clear();
     const Clock::time_point begin = Clock::now();
     source->StopListening();
@@ -482,7 +479,7 @@ TEST_F(ParkEventSourceTest, AnExceptionOfAHandlerEndsTheSourceForGood) {
     EXPECT_TRUE(log.Has("Error ParkEventSource: 100% broken handler"));
     EXPECT_FALSE(log.Has("Debug ParkEventSource: fired"));
     Notify(0);
-    TakeTime(1500ms);
+    test::LetPass(1500ms);
     EXPECT_EQ(handler.Count(), 1U);
     source->StopListening();
 }
@@ -494,7 +491,7 @@ TEST_F(ParkEventSourceTest, AHandlerThatIsNotConfiguredEndsTheSourceForGood) {
     Notify(0);
     ASSERT_TRUE(log.WaitFor("Debug ParkEventSource: DONE"));
     Notify(0);
-    TakeTime(1500ms);
+    test::LetPass(1500ms);
     EXPECT_EQ(log.Count("Error ParkEventSource: EventHandler: not configured"), 1U);
     EXPECT_EQ(handler.Count(), 0U);
 }
@@ -507,7 +504,7 @@ TEST_F(ParkEventSourceTest, AnExceptionThatIsNotThePlatformsEndsTheThreadButNotT
     Notify(0);
     EXPECT_TRUE(log.WaitFor("Error kelto.osa: Thread ParkEventSource ended by an exception: not the platform's"));
     Notify(0);
-    TakeTime(1500ms);
+    test::LetPass(1500ms);
     EXPECT_EQ(handler.Count(), 1U);
     const Clock::time_point begin = Clock::now();
     source->StopListening();

@@ -1,7 +1,7 @@
 #include "source/EventServerSource.h"
 #include "source/SourceFactory.h"
 #include "source/TimerEventSource.h"
-#include "tests/fakes/LogCapture.h"
+#include "tests/support/LogCapture.h"
 
 #include <gmock/gmock.h>
 

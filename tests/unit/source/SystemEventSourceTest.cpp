@@ -1,8 +1,8 @@
 #include "event/SystemEvent.h"
 #include "kelto/osa/Exception.h"
 #include "source/SystemEventSource.h"
-#include "tests/fakes/LogCapture.h"
 #include "tests/fakes/RecordingHandler.h"
+#include "tests/support/LogCapture.h"
 
 #include <gmock/gmock.h>
 

@@ -1,9 +1,10 @@
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/Signal.h"
 #include "source/TimerEventSource.h"
-#include "tests/fakes/LogCapture.h"
 #include "tests/fakes/RecordingHandler.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/LetPass.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/WaitUntil.h"
 
 #include <gmock/gmock.h>
 #include <pthread.h>
@@ -32,10 +33,6 @@ using ::testing::UnorderedElementsAre;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* defaultMessage = "Debug halvek: \tCan't find Timer::Interval.sec, using default!";
-
-void TakeTime(std::chrono::milliseconds time) {
-    test::WaitUntil([] { return false; }, time);
-}
 
 /** The N of all records "next tick: N ms". */
 std::vector<int> NextTicks(const test::LogCapture& log) {
@@ -202,7 +199,7 @@ TEST_F(TimerEventSourceTest, LogsHowLongItSlept) {
 }
 
 TEST_F(TimerEventSourceTest, TheTimeThatHandlersTakeShortensTheSleep) {
-    test::RecordingHandler slow([](Event&) { TakeTime(300ms); });
+    test::RecordingHandler slow([](Event&) { test::LetPass(300ms); });
     source.AddHandler(&slow);
     RunTicks(1);
     EXPECT_GT(NextTicks(log).at(0), 5000);
@@ -211,7 +208,7 @@ TEST_F(TimerEventSourceTest, TheTimeThatHandlersTakeShortensTheSleep) {
 
 TEST_F(TimerEventSourceTest, TicksStandOnePeriodApartFromStartToStart) {
     Configure("1");
-    test::RecordingHandler slow([](Event&) { TakeTime(400ms); });
+    test::RecordingHandler slow([](Event&) { test::LetPass(400ms); });
     source.AddHandler(&handler);
     source.AddHandler(&slow);
     source.StartListening();
@@ -228,7 +225,7 @@ TEST_F(TimerEventSourceTest, TicksStandOnePeriodApartFromStartToStart) {
 
 TEST_F(TimerEventSourceTest, HandlersSlowerThanThePeriodLeaveNoSleepBetweenTicks) {
     Configure("1");
-    test::RecordingHandler slow([](Event&) { TakeTime(1100ms); });
+    test::RecordingHandler slow([](Event&) { test::LetPass(1100ms); });
     source.AddHandler(&slow);
     RunTicks(2);
     ASSERT_EQ(NextTicks(log).size(), 2U);

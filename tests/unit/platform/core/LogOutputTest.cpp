@@ -1,8 +1,8 @@
 #include "kelto/core/LogOutput.h"
 #include "kelto/core/Logger.h"
-#include "tests/fakes/EnvironmentVariable.h"
-#include "tests/fakes/FreshProcess.h"
 #include "tests/fakes/RecordSocket.h"
+#include "tests/support/EnvironmentVariable.h"
+#include "tests/support/FreshProcess.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

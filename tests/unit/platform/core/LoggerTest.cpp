@@ -1,9 +1,9 @@
 #include "kelto/core/Logger.h"
 #include "kelto/core/StringUtil.h"
-#include "tests/fakes/EnvironmentVariable.h"
-#include "tests/fakes/FreshProcess.h"
-#include "tests/fakes/LogCapture.h"
 #include "tests/fakes/RecordSocket.h"
+#include "tests/support/EnvironmentVariable.h"
+#include "tests/support/FreshProcess.h"
+#include "tests/support/LogCapture.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

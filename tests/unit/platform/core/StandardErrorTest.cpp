@@ -1,6 +1,6 @@
 #include "kelto/core/StandardError.h"
-#include "tests/fakes/Unprivileged.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/Unprivileged.h"
+#include "tests/support/WaitUntil.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,5 +1,5 @@
 #include "kelto/core/Stopwatch.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/WaitUntil.h"
 
 #include <gtest/gtest.h>
 

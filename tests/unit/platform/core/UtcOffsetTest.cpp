@@ -1,6 +1,6 @@
 #include "kelto/core/UtcOffset.h"
 #include "tests/fakes/FakeClock.h"
-#include "tests/fakes/FreshProcess.h"
+#include "tests/support/FreshProcess.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "kelto/inet/AttachedFile.h"
 #include "kelto/osa/Exception.h"
-#include "tests/fakes/TempDir.h"
-#include "tests/fakes/Unprivileged.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/Unprivileged.h"
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>

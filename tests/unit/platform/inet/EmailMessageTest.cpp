@@ -2,9 +2,9 @@
 #include "kelto/inet/EmailMessage.h"
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeClock.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/MailText.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/MailText.h"
+#include "tests/support/TempDir.h"
 
 #include <gmock/gmock.h>
 #include <malloc.h>

@@ -2,11 +2,11 @@
 #include "kelto/inet/MailLoader.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/PathUtils.h"
-#include "tests/fakes/Descriptors.h"
-#include "tests/fakes/EnvironmentVariable.h"
-#include "tests/fakes/FreshProcess.h"
-#include "tests/fakes/MailText.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/EnvironmentVariable.h"
+#include "tests/support/FreshProcess.h"
+#include "tests/support/MailText.h"
+#include "tests/support/TempDir.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -5,9 +5,9 @@
 #include "kelto/interfaces/ITourProvider.h"
 #include "kelto/msgbus/MsgBus.h"
 #include "kelto/osa/Exception.h"
-#include "tests/fakes/PrivateBus.h"
-#include "tests/fakes/ProcessState.h"
 #include "tests/fakes/ScriptedService.h"
+#include "tests/support/PrivateBus.h"
+#include "tests/support/ProcessState.h"
 #include "tests/unit/platform/interfaces/InterfaceFile.h"
 
 #include <gmock/gmock.h>

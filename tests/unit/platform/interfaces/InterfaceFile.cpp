@@ -1,6 +1,6 @@
 #include "tests/unit/platform/interfaces/InterfaceFile.h"
 
-#include "tests/fakes/TempDir.h"
+#include "tests/support/TempDir.h"
 
 #include <stdexcept>
 #include <vector>

@@ -4,11 +4,11 @@
 #include "kelto/interfaces/NotificationPoint.h"
 #include "kelto/msgbus/MsgBus.h"
 #include "kelto/osa/Exception.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/PrivateBus.h"
-#include "tests/fakes/ProcessState.h"
 #include "tests/fakes/ScriptedService.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/PrivateBus.h"
+#include "tests/support/ProcessState.h"
+#include "tests/support/WaitUntil.h"
 #include "tests/unit/platform/interfaces/InterfaceFile.h"
 
 #include <gmock/gmock.h>

@@ -3,8 +3,8 @@
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/FailingAllocation.h"
 #include "tests/fakes/FakeClock.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/ProcessState.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/ProcessState.h"
 #include "tests/unit/platform/msgbus/HeardMessages.h"
 
 #include <gmock/gmock.h>

@@ -2,7 +2,7 @@
 
 #include "kelto/msgbus/IMessageHandler.h"
 #include "kelto/msgbus/MsgBusMsg.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/WaitUntil.h"
 
 #include <functional>
 #include <mutex>

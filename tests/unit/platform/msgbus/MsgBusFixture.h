@@ -1,9 +1,9 @@
 #pragma once
 
 #include "kelto/msgbus/MsgBus.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/PrivateBus.h"
 #include "tests/fakes/ScriptedService.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/PrivateBus.h"
 #include "tests/unit/platform/msgbus/HeardMessages.h"
 
 #include <gtest/gtest.h>

@@ -1,10 +1,11 @@
 #include "kelto/msgbus/MsgBus.h"
-#include "tests/fakes/Descriptors.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/PrivateBus.h"
-#include "tests/fakes/ProcessState.h"
 #include "tests/fakes/ScriptedService.h"
 #include "tests/fakes/SilentSocket.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/LetPass.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/PrivateBus.h"
+#include "tests/support/ProcessState.h"
 #include "tests/unit/platform/msgbus/HeardMessages.h"
 
 #include <gmock/gmock.h>
@@ -127,7 +128,7 @@ TEST(MsgBusLoss, HoweverLongTheBusWasAwaySignalsFlowWithinTenSecondsOfItsReturn)
     bus.Subscribe(filter, &heard);
     bus.Start();
     // Pauses that went on doubling would last longer than ten seconds by now.
-    test::WaitUntil([] { return false; }, 13500ms);
+    test::LetPass(13500ms);
     daemon.Start();
     EXPECT_TRUE(FlowsAgain(heard));
 }
@@ -144,7 +145,7 @@ TEST(MsgBusLoss, ALossIsWarnedOfOnceHoweverLongItLasts) {
     daemon.Kill();
     ASSERT_TRUE(test::WaitUntil([&] { return !log.Lines().empty(); }));
     // Long enough for several attempts to connect.
-    test::WaitUntil([] { return false; }, 1s);
+    test::LetPass(1s);
     EXPECT_THAT(log.Lines(), ElementsAre(StartsWith(lost)));
 }
 
@@ -188,7 +189,7 @@ TEST(MsgBusLoss, LookingForABusIsGivenUpAtOnceByAStop) {
     auto bus = std::make_unique<MsgBus>();
     bus->Start();
     // By now the pauses are longer than what is allowed below.
-    test::WaitUntil([] { return false; }, 1500ms);
+    test::LetPass(1500ms);
     EXPECT_LT(TimeOf([&] { bus.reset(); }), 500ms);
 }
 

@@ -1,7 +1,7 @@
 #include "kelto/core/Logger.h"
 #include "tests/fakes/FailingAllocation.h"
-#include "tests/fakes/FreshProcess.h"
-#include "tests/fakes/ProcessState.h"
+#include "tests/support/FreshProcess.h"
+#include "tests/support/ProcessState.h"
 #include "tests/unit/platform/msgbus/MsgBusFixture.h"
 
 #include <gmock/gmock.h>

@@ -1,6 +1,6 @@
-#include "tests/fakes/Descriptors.h"
-#include "tests/fakes/ProcessState.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/ProcessState.h"
+#include "tests/support/WaitUntil.h"
 #include "tests/unit/platform/msgbus/MsgBusFixture.h"
 
 #include <gmock/gmock.h>

@@ -1,7 +1,7 @@
 #include "kelto/msgbus/BusConnection.h"
 #include "kelto/msgbus/ProviderCall.h"
-#include "tests/fakes/PrivateBus.h"
 #include "tests/fakes/ScriptedService.h"
+#include "tests/support/PrivateBus.h"
 
 #include <gmock/gmock.h>
 #include <malloc.h>

@@ -1,6 +1,6 @@
 #include "kelto/msgbus/ProviderCall.h"
-#include "tests/fakes/PrivateBus.h"
 #include "tests/fakes/ScriptedService.h"
+#include "tests/support/PrivateBus.h"
 
 #include <gtest/gtest.h>
 

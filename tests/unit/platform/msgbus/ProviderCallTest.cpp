@@ -1,11 +1,11 @@
 #include "kelto/msgbus/ProviderCall.h"
 #include "kelto/osa/Exception.h"
-#include "tests/fakes/Descriptors.h"
-#include "tests/fakes/PrivateBus.h"
-#include "tests/fakes/ProcessState.h"
 #include "tests/fakes/ScriptedService.h"
 #include "tests/fakes/SilentSocket.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/PrivateBus.h"
+#include "tests/support/ProcessState.h"
+#include "tests/support/WaitUntil.h"
 
 #include <gmock/gmock.h>
 #include <poll.h>

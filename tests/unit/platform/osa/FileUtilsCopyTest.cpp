@@ -1,11 +1,11 @@
 #include "kelto/osa/FileUtils.h"
-#include "tests/fakes/Descriptors.h"
 #include "tests/fakes/FatNames.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/MemoryMount.h"
-#include "tests/fakes/TempDir.h"
-#include "tests/fakes/Unprivileged.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/MemoryMount.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/Unprivileged.h"
+#include "tests/support/WaitUntil.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,8 +1,8 @@
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/FileUtils.h"
-#include "tests/fakes/Descriptors.h"
-#include "tests/fakes/TempDir.h"
-#include "tests/fakes/Unprivileged.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/Unprivileged.h"
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>

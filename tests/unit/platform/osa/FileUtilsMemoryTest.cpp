@@ -1,6 +1,6 @@
 #include "kelto/osa/FileUtils.h"
 #include "tests/fakes/FailingAllocation.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/TempDir.h"
 
 #include <gmock/gmock.h>
 

@@ -1,6 +1,6 @@
 #include "kelto/osa/PathUtils.h"
 #include "tests/fakes/FakeClock.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
 

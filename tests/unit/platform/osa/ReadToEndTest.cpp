@@ -1,6 +1,6 @@
 #include "kelto/osa/ReadToEnd.h"
 #include "kelto/osa/UniqueFd.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/TempDir.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,7 +1,7 @@
 #include "kelto/osa/Runnable.h"
 #include "kelto/osa/Thread.h"
 #include "tests/fakes/FailingAllocation.h"
-#include "tests/fakes/LogCapture.h"
+#include "tests/support/LogCapture.h"
 
 #include <gmock/gmock.h>
 

@@ -2,9 +2,9 @@
 #include "kelto/osa/Runnable.h"
 #include "kelto/osa/Signal.h"
 #include "kelto/osa/Thread.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/TempDir.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/WaitUntil.h"
 
 #include <gmock/gmock.h>
 #include <pthread.h>

@@ -1,7 +1,7 @@
 #include "kelto/osa/Exception.h"
 #include "kelto/settings/KeltoSettingsClient.h"
-#include "tests/fakes/EnvironmentVariable.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/EnvironmentVariable.h"
+#include "tests/support/TempDir.h"
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>

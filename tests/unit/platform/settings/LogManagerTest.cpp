@@ -2,10 +2,10 @@
 #include "kelto/osa/Exception.h"
 #include "kelto/settings/KeltoSettingsClient.h"
 #include "kelto/settings/LogManager.h"
-#include "tests/fakes/EnvironmentVariable.h"
-#include "tests/fakes/FreshProcess.h"
-#include "tests/fakes/LogCapture.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/EnvironmentVariable.h"
+#include "tests/support/FreshProcess.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
 
 #include <gmock/gmock.h>
 

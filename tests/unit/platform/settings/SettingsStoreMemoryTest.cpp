@@ -1,9 +1,9 @@
 #include "kelto/core/IniFile.h"
 #include "kelto/settings/KeltoSettingsClient.h"
 #include "kelto/settings/SettingsStore.h"
-#include "tests/fakes/EnvironmentVariable.h"
 #include "tests/fakes/FailingAllocation.h"
-#include "tests/fakes/TempDir.h"
+#include "tests/support/EnvironmentVariable.h"
+#include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
 

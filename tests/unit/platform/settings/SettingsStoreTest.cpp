@@ -1,10 +1,10 @@
 #include "kelto/osa/Exception.h"
 #include "kelto/settings/SettingsStore.h"
-#include "tests/fakes/Descriptors.h"
-#include "tests/fakes/EnvironmentVariable.h"
-#include "tests/fakes/MemoryMount.h"
-#include "tests/fakes/TempDir.h"
-#include "tests/fakes/Unprivileged.h"
+#include "tests/support/Descriptors.h"
+#include "tests/support/EnvironmentVariable.h"
+#include "tests/support/MemoryMount.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/Unprivileged.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

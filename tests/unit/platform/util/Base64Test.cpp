@@ -1,4 +1,4 @@
-#include "tests/fakes/Base64.h"
+#include "tests/support/Base64.h"
 #include "util/base64.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-#include "tests/fakes/EnvironmentVariable.h"
-#include "tests/fakes/LogCapture.h"
+#include "tests/support/EnvironmentVariable.h"
+#include "tests/support/LogCapture.h"
 #include "util/cmdline.h"
 
 #include <getopt.h>

@@ -1,5 +1,5 @@
-#include "tests/fakes/PrivateBus.h"
 #include "tests/fakes/ScriptedService.h"
+#include "tests/support/PrivateBus.h"
 #include "tests/unit/platform/interfaces/InterfaceFile.h"
 #include "vassa/recording_information.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tests/fakes/TempDir.h"
+#include "tests/support/TempDir.h"
 
 #include <string>
 #include <vector>

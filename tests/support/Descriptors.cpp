@@ -1,4 +1,4 @@
-#include "tests/fakes/Descriptors.h"
+#include "tests/support/Descriptors.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -1,7 +1,7 @@
-#include "tests/fakes/ProcessState.h"
+#include "tests/support/ProcessState.h"
 
-#include "tests/fakes/TempDir.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/WaitUntil.h"
 
 #include <dirent.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "tests/fakes/BusArguments.h"
+#include "tests/support/BusArguments.h"
 
 #include <systemd/sd-bus.h>
 

@@ -1,4 +1,4 @@
-#include "tests/fakes/FreshProcess.h"
+#include "tests/support/FreshProcess.h"
 
 #include <gmock/gmock.h>
 

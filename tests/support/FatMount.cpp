@@ -1,4 +1,4 @@
-#include "tests/fakes/FatMount.h"
+#include "tests/support/FatMount.h"
 
 #include <sys/mount.h>
 

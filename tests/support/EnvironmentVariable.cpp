@@ -1,4 +1,4 @@
-#include "tests/fakes/EnvironmentVariable.h"
+#include "tests/support/EnvironmentVariable.h"
 
 #include <cstdlib>
 

@@ -1,7 +1,7 @@
-#include "tests/fakes/LogCapture.h"
+#include "tests/support/LogCapture.h"
 
 #include "kelto/core/Logger.h"
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/WaitUntil.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

@@ -1,6 +1,6 @@
-#include "tests/fakes/PrivateBus.h"
+#include "tests/support/PrivateBus.h"
 
-#include "tests/fakes/BusArguments.h"
+#include "tests/support/BusArguments.h"
 
 #include <fcntl.h>
 #include <sys/prctl.h>

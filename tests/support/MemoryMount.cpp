@@ -1,4 +1,4 @@
-#include "tests/fakes/MemoryMount.h"
+#include "tests/support/MemoryMount.h"
 
 #include <sched.h>
 #include <sys/mount.h>

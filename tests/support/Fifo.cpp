@@ -1,4 +1,4 @@
-#include "tests/fakes/Fifo.h"
+#include "tests/support/Fifo.h"
 
 #include <fcntl.h>
 #include <sys/ioctl.h>

@@ -1,4 +1,4 @@
-#include "tests/fakes/BaitedFolder.h"
+#include "tests/support/BaitedFolder.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "tests/fakes/Unprivileged.h"
+#include "tests/support/Unprivileged.h"
 
 #include <linux/capability.h>
 #include <sys/syscall.h>

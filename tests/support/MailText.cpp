@@ -1,4 +1,4 @@
-#include "tests/fakes/MailText.h"
+#include "tests/support/MailText.h"
 
 #include <sstream>
 

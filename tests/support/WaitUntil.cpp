@@ -1,4 +1,4 @@
-#include "tests/fakes/WaitUntil.h"
+#include "tests/support/WaitUntil.h"
 
 #include <thread>
 
