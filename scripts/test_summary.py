@@ -48,7 +48,8 @@ def preset_results(folder: Path) -> Results:
         file = folder / f"{name}.xml"
         parts = pytest_results(file) if file.exists() else {}
         results |= parts
-        if not parts or (outcome == FAILED and FAILED not in outcomes(parts)):
+        # Of a file without parts all has been left out of this preset, if it has not failed.
+        if not file.exists() or (outcome == FAILED and FAILED not in outcomes(parts)):
             lines = case.findtext("system-out", "").splitlines()
             results[name] = Result(outcome, "\n".join(lines[-MOST_LINES:]))
     return results

@@ -6,6 +6,7 @@ import time
 from collections.abc import Iterator
 from contextlib import contextmanager, suppress
 
+import pytest
 from daemon_on_bus import alert, connections, dropped, given_up, highest_resident_kib, ids
 from scripted_service import ALERT, ALERT_INTERFACE, ALERT_PATH, ALERT_SIGNATURE
 from testing.bus_client import (
@@ -26,6 +27,7 @@ from testing.settings import SERVER, handler, source
 from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures"]
+pytestmark = pytest.mark.not_under("sanitizer", reason="it has memory of its own")
 
 MANY = 1_100  # as many as a process may have descriptors, and some
 NOTICEABLE = 1.5  # seconds

@@ -1,5 +1,6 @@
-"""What reloads and floods cost in memory. Left out of sanitizer builds, whose memory is their own."""
+"""What reloads and floods cost in memory."""
 
+import pytest
 from daemon_on_bus import accounted_for, alarm, alert, connections, highest_resident_kib, ids
 from scripted_service import ALERT, ALERT_INTERFACE, ALERT_PATH, ALERT_SIGNATURE, ScriptedService
 from testing.camera import LOCAL
@@ -8,6 +9,10 @@ from testing.tree import always_open
 from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures"]
+pytestmark = [
+    pytest.mark.not_under("sanitizer", reason="it has memory of its own"),
+    pytest.mark.not_under("emulator", reason="its memory would be measured too"),
+]
 
 RELOADS = 1000
 CONNECTIONS = 5  # the listener's, the main thread's, which asks for banks, and one of each source that drives the relay

@@ -22,6 +22,7 @@ from testing.camera import ALERT, CAMERA, PROVIDERS, service
 from testing.waiting import wait_until
 
 pytest_plugins = ["policy_fixtures"]
+pytestmark = pytest.mark.not_under("sanitizer", reason="it runs no program of ours, and so is the same in every build")
 
 DENIED = "org.freedesktop.DBus.Error.AccessDenied"
 

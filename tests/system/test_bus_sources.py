@@ -226,6 +226,7 @@ def test_the_bus_sources_do_not_even_look_at_their_settings(launch_on_bus):
     assert not daemon.log.matching("Contents of Ini group")
 
 
+@pytest.mark.not_under("emulator", reason="it has one of the libraries loaded itself")
 def test_libsystemd_is_the_only_bus_library_that_a_daemon_at_work_has_loaded(launch_on_bus, camera, output_pipe):
     daemon, pipe = launch_on_bus(alarm(1, 0) | handler(1, *ids(1), handler_type="Relay")), output_pipe("Alarm.fifo")
     camera.set_alarm(LOCAL, 0, True)

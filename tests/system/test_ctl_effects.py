@@ -8,6 +8,8 @@ import pytest
 from ctl import PROGRAM, environment, write_store
 from testing.settings import SERVER, Settings, handler, source, timer
 
+pytestmark = pytest.mark.not_under("emulator", reason="its own calls would be traced")
+
 # With all that the daemon would ask the camera, make, run or connect to.
 SETTINGS: Settings = (
     SERVER

@@ -14,6 +14,8 @@ from testing.daemon import PROGRAM
 from testing.tree import ROOT
 from testing.waiting import wait_until
 
+pytestmark = pytest.mark.not_under("emulator", reason="what is tried here is never on a camera")
+
 STAND_IN = ROOT / "tests/fakes/demo_daemon.py"
 TIME_LIMIT = 120  # seconds
 AT_ONCE = 5
@@ -128,12 +130,14 @@ def stand_in_demos(tmp_path_factory):
         return {fault: pool.submit(demo, STAND_IN, [], home, FAULT=fault) for fault in ("", *FAULTS)}
 
 
+@pytest.mark.not_under("sanitizer", reason="the daemon has no part in it")
 def test_a_stand_in_without_a_fault_passes(stand_in_demos):
     """Those below fail for their fault and for nothing else."""
     result = stand_in_demos[""].result()
     assert result.returncode == 0, result.stderr
 
 
+@pytest.mark.not_under("sanitizer", reason="the daemon has no part in it")
 @pytest.mark.parametrize("fault", FAULTS)
 def test_a_daemon_fails_that(stand_in_demos, fault):
     result = stand_in_demos[fault].result()

@@ -6,6 +6,8 @@ from pathlib import Path
 
 import pytest
 
+pytestmark = pytest.mark.not_under("sanitizer", reason="it runs no program of ours, and so is the same in every build")
+
 ROOT = Path(__file__).resolve().parents[2]
 ROOMS = ("app", "env", "event", "handler", "monitor", "platform", "source")
 

@@ -1,4 +1,4 @@
-"""What the mail handler costs in memory. Left out of sanitizer builds, whose memory is their own."""
+"""What the mail handler costs in memory."""
 
 import os
 import re
@@ -13,6 +13,10 @@ from testing.processes import resident_kib
 from testing.settings import SERVER, timer
 
 pytest_plugins = ["mail_fixtures"]
+pytestmark = [
+    pytest.mark.not_under("sanitizer", reason="it has memory of its own"),
+    pytest.mark.not_under("emulator", reason="its memory would be measured too"),
+]
 
 # A bare C++ program with libsystemd has 3.9 MiB where the daemon may have 5.5; how much the kernel maps of the libraries
 # depends on what it has in its cache.

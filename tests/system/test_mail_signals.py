@@ -11,6 +11,8 @@ from testing.daemon import CONFIGURED
 from testing.pipes import block, post
 from testing.waiting import wait_until
 
+pytestmark = pytest.mark.not_under("thread sanitizer", reason="it puts a caught signal off until the write is over")
+
 INTERRUPTIONS = 5
 
 

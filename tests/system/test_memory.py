@@ -1,12 +1,18 @@
-"""What a long life of reloads costs in memory. Left out of sanitizer builds, whose memory is their own."""
+"""What a long life of reloads costs in memory."""
 
 import re
 import subprocess
 from pathlib import Path
 
+import pytest
 from testing.daemon import Daemon
 from testing.pipes import DEFAULT_INPUT, block, post
 from testing.settings import SERVER, handler, server, timer
+
+pytestmark = [
+    pytest.mark.not_under("sanitizer", reason="it has memory of its own"),
+    pytest.mark.not_under("emulator", reason="its memory would be measured too"),
+]
 
 RELOADS = 1000
 SETTLED_AFTER = 50

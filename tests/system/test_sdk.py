@@ -13,6 +13,11 @@ from testing.daemon import Daemon
 from testing.pipes import OutputPipe, block, post, unstamped
 from testing.settings import SERVER, handler, source, timer
 
+pytestmark = [
+    pytest.mark.not_under("debug", "sanitizer", reason="it builds another daemon, as the release has it"),
+    pytest.mark.not_under("emulator", reason="the other processor has no compiler"),
+]
+
 SOURCES = Path(__file__).resolve().parents[2]
 BUILD = Path(daemon_module.PROGRAM).resolve().parents[1]
 DAEMON_FOLDERS = ("app", "env", "event", "handler", "monitor", "source", "camera", "docs", "packaging")

@@ -1,10 +1,13 @@
-"""Signals that come while a reload is held up. Left out of ThreadSanitizer builds, which put them off till later."""
+"""Signals that come while a reload is held up."""
 
 import os
 import signal
 
+import pytest
 from testing.settings import SERVER, SettingsPipe, ini_text
 from testing.waiting import wait_until
+
+pytestmark = pytest.mark.not_under("thread sanitizer", reason="it puts caught signals off till later")
 
 STOPPING = r"Information halvek: got: 'S' \(83\)$"
 

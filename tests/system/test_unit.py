@@ -9,6 +9,8 @@ from pathlib import Path
 
 import pytest
 
+pytestmark = pytest.mark.not_under("sanitizer", reason="it runs no program of ours, and so is the same in every build")
+
 ROOT = Path(__file__).resolve().parents[2]
 PACKAGING = ROOT / "packaging"
 DAEMON = Path(os.environ["HALVEK_DAEMON"])

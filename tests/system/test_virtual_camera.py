@@ -22,6 +22,7 @@ from testing.camera import (
 )
 
 pytest_plugins = ["camera_fixtures"]
+pytestmark = pytest.mark.not_under("emulator", reason="what is tried here is never on a camera")
 
 TOURS = {"1": ["1", "2", "3"], "2": ["4", "5", "6", "7"], "3": ["8", "10", "9"]}
 

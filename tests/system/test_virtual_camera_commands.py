@@ -16,6 +16,7 @@ from testing.processes import dies_with_us
 from testing.waiting import PATIENCE, wait_until
 
 pytest_plugins = ["camera_fixtures", "policy_fixtures"]
+pytestmark = pytest.mark.not_under("emulator", reason="what is tried here is never on a camera")
 
 ANSWER_TIME = 5.0  # seconds that a command waits for an answer
 PROMPT = 2.0  # seconds by which a loaded machine may be late

@@ -8,6 +8,7 @@ from testing.camera import CAMERA, LOCAL, PROVIDERS, REMOTE, service, text_of
 from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures"]
+pytestmark = pytest.mark.not_under("emulator", reason="what is tried here is never on a camera")
 
 PROMPT = 2.0  # seconds within which an answer counts as immediate on a loaded machine
 

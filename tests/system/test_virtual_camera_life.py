@@ -16,6 +16,7 @@ from testing.processes import dies_with_us
 from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures"]
+pytestmark = pytest.mark.not_under("emulator", reason="what is tried here is never on a camera")
 
 
 class Jpeg:

@@ -14,6 +14,8 @@ from testing.processes import dies_with_us
 from testing.tree import ROOT
 from testing.waiting import NotSeen
 
+pytestmark = pytest.mark.not_under("emulator", reason="what is tried here is never on a camera")
+
 MAN_PAGE = ROOT / "docs/kelto-vcam.1"
 COMMANDS = ["alarm", "alert", "idle", "recording", "fault", "actions"]
 

@@ -24,6 +24,7 @@ from testing.pipes import Event, block, post
 from testing.settings import SERVER, Settings, encoded, handler, source, timer
 
 pytest_plugins = ["camera_fixtures", "mail_fixtures"]
+pytestmark = pytest.mark.not_under("sanitizer", reason="no other clock can be put into it")
 
 DOOR = SERVER | source(1, "Door")
 SUNDAY = datetime(2040, 3, 25, 20, 30)
