@@ -22,7 +22,5 @@ set(ENV{PKG_CONFIG_LIBDIR} ${CMAKE_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfi
 
 # The emulator's own choice of a processor is a newer one, which would let through what a Cortex-A9 does not know. A
 # library that another clock comes from is meant for the emulator, the dynamic one for this, and not for the program in
-# it. The leak checker stops a process as a debugger would, which is beyond the emulator; it reads its options from the
-# process's real environment.
-set(CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/env ASAN_OPTIONS=detect_leaks=0
-  /usr/bin/qemu-arm -cpu cortex-a9 -L ${CMAKE_SYSROOT} -U LD_PRELOAD)
+# it.
+set(CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/qemu-arm -cpu cortex-a9 -L ${CMAKE_SYSROOT} -U LD_PRELOAD)
