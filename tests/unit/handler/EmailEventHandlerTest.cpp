@@ -69,15 +69,6 @@ bool BlocksBrokenPipe() {
     return sigismember(&blocked, SIGPIPE) == 1;
 }
 
-class OddHandler : public EmailEventHandler {
-public:
-    explicit OddHandler(std::function<bool()> answer) : isConfigured(std::move(answer)) {}
-    bool IsConfigured() const override { return isConfigured(); }
-
-private:
-    const std::function<bool()> isConfigured;
-};
-
 /** The mail program is a script that keeps what it gets; settings, snapshot and shell are real. */
 class EmailEventHandlerTest : public ::testing::Test {
 protected:
@@ -564,31 +555,6 @@ TEST_F(EmailEventHandlerTest, AMissingMailLibraryIsOneErrorAndNothingIsSent) {
                                 "object file: No such file or directory"));
         EXPECT_THAT(Mails(), IsEmpty());
     });
-}
-
-TEST_F(EmailEventHandlerTest, AnUnconfiguredOneLogsAnErrorAndThrowsNothing) {
-    OddHandler unconfigured([] { return false; });
-    event::TimerEvent event(Event::Properties{{"eventType", "Timer"}});
-    unconfigured.PerformAction(event);
-    EXPECT_THAT(log.Lines(), ElementsAre("Error halvek: EmailEventHandler: not configured"));
-    EXPECT_THAT(Mails(), IsEmpty());
-}
-
-TEST_F(EmailEventHandlerTest, TheTextOfAnExceptionIsLoggedAsItIs) {
-    OddHandler throwing([]() -> bool { throw osa::Exception("100%% odd, %s", "%s"); });
-    event::TimerEvent event(Event::Properties{{"eventType", "Timer"}});
-    throwing.PerformAction(event);
-    EXPECT_THAT(log.Lines(), ElementsAre("Error halvek: 100% odd, %s"));
-}
-
-TEST_F(EmailEventHandlerTest, ExceptionsOfOtherTypesAreUnknownOnes) {
-    OddHandler throwingInt([]() -> bool { throw 42; });
-    OddHandler throwingStandard([]() -> bool { throw std::runtime_error("text"); });
-    event::TimerEvent event(Event::Properties{{"eventType", "Timer"}});
-    throwingInt.PerformAction(event);
-    throwingStandard.PerformAction(event);
-    const std::string unknown = "Error halvek: EmailEventHandler: Error, unknown exception caught";
-    EXPECT_THAT(log.Lines(), ElementsAre(unknown, unknown));
 }
 
 TEST_F(EmailEventHandlerTest, TheFilterDropsEventsBeforeTheyAreMailed) {

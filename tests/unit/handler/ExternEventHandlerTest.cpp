@@ -1,6 +1,5 @@
 #include "event/TimerEvent.h"
 #include "handler/ExternEventHandler.h"
-#include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/Fifo.h"
@@ -15,8 +14,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <stdexcept>
 #include <thread>
 
 namespace kelto::halvek::handler {
@@ -32,15 +29,6 @@ const std::string directory = "/var/run/halvek";
 constexpr const char* noFifos = "Debug halvek: ExternEventHandler::PerformAction: No FIFO's to use for event";
 constexpr const char* done = "Debug halvek: ExternEventHandler::PerformAction: Done firing to all FIFO's";
 constexpr const char* timerBlock = "[Timer]\neventType=Timer\n.\n";
-
-class OddHandler : public ExternEventHandler {
-public:
-    explicit OddHandler(std::function<bool()> answer) : isConfigured(std::move(answer)) {}
-    bool IsConfigured() const override { return isConfigured(); }
-
-private:
-    const std::function<bool()> isConfigured;
-};
 
 /** The folder is the real one, in a /run of the test's own. */
 class ExternEventHandlerTest : public ::testing::Test {
@@ -222,30 +210,6 @@ TEST_F(ExternEventHandlerTest, AnEventWithoutATypeIsAnErrorAndNothingIsWritten) 
 
 TEST_F(ExternEventHandlerTest, IsConfiguredWithoutSettings) {
     EXPECT_TRUE(handler.IsConfigured());
-}
-
-TEST_F(ExternEventHandlerTest, AnUnconfiguredOneLogsAnErrorAndThrowsNothing) {
-    OddHandler unconfigured([] { return false; });
-    event::TimerEvent event(Event::Properties{{"eventType", "Timer"}});
-    unconfigured.PerformAction(event);
-    EXPECT_THAT(log.Lines(), ElementsAre("Error halvek: ExternEventHandler: not configured"));
-}
-
-TEST_F(ExternEventHandlerTest, TheTextOfAnExceptionIsLoggedAsItIs) {
-    OddHandler throwing([]() -> bool { throw osa::Exception("100%% odd, %s", "%s"); });
-    event::TimerEvent event(Event::Properties{{"eventType", "Timer"}});
-    throwing.PerformAction(event);
-    EXPECT_THAT(log.Lines(), ElementsAre("Error halvek: 100% odd, %s"));
-}
-
-TEST_F(ExternEventHandlerTest, ExceptionsOfOtherTypesAreUnknownOnes) {
-    OddHandler throwingInt([]() -> bool { throw 42; });
-    OddHandler throwingStandard([]() -> bool { throw std::runtime_error("text"); });
-    event::TimerEvent event(Event::Properties{{"eventType", "Timer"}});
-    throwingInt.PerformAction(event);
-    throwingStandard.PerformAction(event);
-    const std::string unknown = "Error halvek: ExternEventHandler: Error, unknown exception caught";
-    EXPECT_THAT(log.Lines(), ElementsAre(unknown, unknown));
 }
 
 TEST_F(ExternEventHandlerTest, TheFilterOfAConfiguredOneAppliesAndItsGroupIsLogged) {

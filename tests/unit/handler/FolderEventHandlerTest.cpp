@@ -10,9 +10,7 @@
 #include <climits>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <memory>
-#include <stdexcept>
 #include <thread>
 
 namespace kelto::halvek::handler {
@@ -33,15 +31,6 @@ constexpr const char* retried = "Debug halvek: Copy failed, trying shorter filen
 constexpr const char* reallyFailed = "Debug halvek: Copy really failed now";
 constexpr const char* illegal = "Error halvek: FolderEventHandler: Illegal file name or path";
 constexpr const char* unknown = "Error halvek: FolderEventHandler: Error, unknown exception caught";
-
-class OddHandler : public FolderEventHandler {
-public:
-    explicit OddHandler(std::function<bool()> answer) : isConfigured(std::move(answer)) {}
-    bool IsConfigured() const override { return isConfigured(); }
-
-private:
-    const std::function<bool()> isConfigured;
-};
 
 class FolderEventHandlerTest : public FolderFixture {
 protected:
@@ -190,29 +179,6 @@ TEST_F(FolderEventHandlerTest, BlanksInFolderAndNameDoNotMatterWithoutALimit) {
     Configure({{"DestinationPath", InTarget("my card")}, {"DestName", "front door.jpg"}});
     Act();
     EXPECT_THAT(Names(), ElementsAre("my card", "my card/front door.jpg"));
-}
-
-TEST_F(FolderEventHandlerTest, AnUnconfiguredOneLogsAnErrorAndThrowsNothing) {
-    OddHandler unconfigured([] { return false; });
-    event::TimerEvent event(Event::Properties{});
-    unconfigured.PerformAction(event);
-    EXPECT_THAT(Lines(), ElementsAre("Error halvek: FolderEventHandler: not configured"));
-}
-
-TEST_F(FolderEventHandlerTest, TheTextOfAnExceptionIsLoggedAsItIs) {
-    OddHandler throwing([]() -> bool { throw osa::Exception("100%% odd, %s", "%s"); });
-    event::TimerEvent event(Event::Properties{{"eventType", "Timer"}});
-    throwing.PerformAction(event);
-    EXPECT_THAT(Lines(), ElementsAre("Error halvek: 100% odd, %s"));
-}
-
-TEST_F(FolderEventHandlerTest, ExceptionsOfOtherTypesAreUnknownOnes) {
-    OddHandler throwingInt([]() -> bool { throw 42; });
-    OddHandler throwingStandard([]() -> bool { throw std::runtime_error("text"); });
-    event::TimerEvent event(Event::Properties{});
-    throwingInt.PerformAction(event);
-    throwingStandard.PerformAction(event);
-    EXPECT_THAT(Lines(), ElementsAre(unknown, unknown));
 }
 
 TEST_F(FolderEventHandlerTest, WithoutAFolderASnapshotOrANameItIsAnErrorUntilTheyAreThere) {

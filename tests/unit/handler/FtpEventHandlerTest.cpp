@@ -40,8 +40,6 @@ using Words = std::vector<std::string>;
 
 constexpr const char* starting = "Debug halvek: \t FTPEventHandler::PerformAction Starting FTP command now";
 constexpr const char* finished = "Debug halvek: \t FTPEventHandler::PerformAction Finished FTP command now";
-constexpr const char* unknownException = "Error halvek: FtpEventHandler: Error, unknown exception caught";
-
 const Words notRun = {"ftpput was not run"};
 
 /** Runs against an ftpput that only notes the words that it was started with. */
@@ -467,29 +465,6 @@ TEST_F(FtpEventHandlerTest, AnActionReachedUnconfiguredLogsAnErrorAndRunsNothing
     EXPECT_NO_THROW(unconfigured.PerformAction(event));
     EXPECT_THAT(log.Lines(), ElementsAre("Error halvek: FtpEventHandler: not configured"));
     EXPECT_NE(access(wordsFile.c_str(), F_OK), 0);
-}
-
-TEST_F(FtpEventHandlerTest, NothingLeavesAnActionWhateverIsThrownInIt) {
-    class Failing : public FtpEventHandler {
-    public:
-        bool IsConfigured() const override {
-            failure();
-            return true;
-        }
-        std::function<void()> failure;
-    } failing;
-    event::TimerEvent event(Event::Properties{});
-    const std::vector<std::pair<std::function<void()>, std::string>> table = {
-        {[] { throw osa::Exception("100%% worn out"); }, "Error halvek: 100% worn out"},
-        {[] { throw std::runtime_error("library"); }, unknownException},
-        {[] { throw 42; }, unknownException},
-    };
-    for (const auto& [failure, record] : table) {
-        log.Clear();
-        failing.failure = failure;
-        EXPECT_NO_THROW(failing.PerformAction(event));
-        EXPECT_THAT(log.Lines(), ElementsAre(record));
-    }
 }
 
 TEST_F(FtpEventHandlerTest, TwoSourcesUploadSideBySide) {

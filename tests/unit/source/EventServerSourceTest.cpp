@@ -13,7 +13,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -188,16 +187,6 @@ TEST_F(EventServerSourceTest, ASignalFromAHandlerEndsTheLoop) {
     EXPECT_THAT(log.Lines(), ::testing::IsSupersetOf({"Debug halvek: interrupted by signal 14", "Debug halvek: DONE"}));
 }
 
-TEST_F(EventServerSourceTest, AnyOtherExceptionEndsTheThreadOnly) {
-    test::RecordingHandler failing([](Event&) { throw 42; });
-    source.AddHandler(&failing);
-    source.StartListening();
-    fifo.Write("[A]\n.\n");
-    EXPECT_TRUE(log.WaitFor("Error kelto.osa: Thread EventServerSource ended by an unknown exception"));
-    source.StopListening();
-    EXPECT_FALSE(log.Has("Debug halvek: DONE"));
-}
-
 TEST_F(EventServerSourceTest, ConfiguringTellsWhatItDoesStepByStep) {
     const std::string other = folder.PathOf("other");
     source.Configure({{"Path", other}});
@@ -359,28 +348,6 @@ TEST_F(EventServerSourceTest, StoppingInterruptsTheWaitAtOnce) {
     EXPECT_EQ(log.Count("Debug halvek: DONE"), 20U);
 }
 
-TEST_F(EventServerSourceTest, StoppingWaitsForADeliveryInProgress) {
-    std::promise<void> delivering;
-    std::promise<void> release;
-    test::RecordingHandler slow([&](Event&) {
-        delivering.set_value();
-        release.get_future().wait();
-    });
-    source.AddHandler(&slow);
-    source.StartListening();
-    fifo.Write("[A]\n.\n");
-    delivering.get_future().wait();
-    std::atomic<bool> stopped = false;
-    std::thread stopping([&] {
-        source.StopListening();
-        stopped = true;
-    });
-    EXPECT_FALSE(test::WaitUntil([&] { return stopped.load(); }, 100ms));
-    release.set_value();
-    stopping.join();
-    EXPECT_TRUE(log.Has("Debug halvek: DONE"));
-}
-
 TEST_F(EventServerSourceTest, AnEventThatIsTooLargeIsSkippedToTheEndOfWhatThePipeHolds) {
     fifo.SetCapacity(size_t{1} << 20);
     source.StartListening();
@@ -470,15 +437,6 @@ TEST_F(EventServerSourceTest, AnEventThatHasBegunBeforeAStopIsReadToItsEnd) {
     EXPECT_FALSE(log.Has(droppedAtAStop));
 }
 
-TEST_F(EventServerSourceTest, AStopBeforeTheBodyRunsIsLost) {
-    test::RecordingHandler stopping([this](Event&) { source.Stop(); });
-    source.AddHandler(&stopping);
-    source.Stop();
-    fifo.Write("[A]\n.\n");
-    source.Run();
-    EXPECT_EQ(handler.Count(), 1U);
-}
-
 TEST_F(EventServerSourceTest, AnInterruptedWaitGoesOn) {
     std::atomic<pthread_t> thread = 0;
     test::RecordingHandler noting([&](Event&) { thread = pthread_self(); });
@@ -500,12 +458,6 @@ TEST_F(EventServerSourceTest, ASecondStartIsRefused) {
     source.StartListening();
     EXPECT_THAT([this] { source.StartListening(); },
                 ThrowsMessage<osa::Exception>(StrEq("EventServerSource::StartListening already running")));
-}
-
-TEST_F(EventServerSourceTest, StoppingBeforeAStartIsHarmless) {
-    source.StopListening();
-    EXPECT_THAT(log.Lines(), ElementsAre("Debug halvek: EventServerSource::Stop()",
-                                         "Information halvek: EventServerSource stopped"));
 }
 
 TEST_F(EventServerSourceTest, AttachingUnderAnIdWaitsForADeliveryInProgress) {
@@ -530,24 +482,6 @@ TEST_F(EventServerSourceTest, AttachingUnderAnIdWaitsForADeliveryInProgress) {
     wiring.join();
     source.StopListening();
     EXPECT_EQ(late.Count(), 0U);
-}
-
-TEST_F(EventServerSourceTest, ItsThreadBearsItsName) {
-    std::array<char, 16> name{};
-    test::RecordingHandler naming([&](Event&) { pthread_getname_np(pthread_self(), name.data(), name.size()); });
-    source.AddHandler(&naming);
-    EventsOf("");
-    source.StopListening();
-    EXPECT_STREQ(name.data(), "EventServerSour");
-}
-
-TEST_F(EventServerSourceTest, DestroyingAListeningServerStopsIt) {
-    {
-        EventServerSource shortLived;
-        shortLived.Configure({{"Path", path}});
-        shortLived.StartListening();
-    }
-    EXPECT_TRUE(log.Has("Debug halvek: DONE"));
 }
 
 TEST_F(EventServerSourceTest, NamesItself) {

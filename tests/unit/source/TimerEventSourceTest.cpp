@@ -7,18 +7,14 @@
 #include "tests/support/WaitUntil.h"
 
 #include <gmock/gmock.h>
-#include <pthread.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <future>
 #include <mutex>
 #include <stdexcept>
-#include <thread>
 
 namespace kelto::halvek::source {
 
@@ -29,7 +25,6 @@ using ::testing::ElementsAre;
 using ::testing::Pair;
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
-using ::testing::UnorderedElementsAre;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* defaultMessage = "Debug halvek: \tCan't find Timer::Interval.sec, using default!";
@@ -257,28 +252,6 @@ TEST_F(TimerEventSourceTest, StoppingRightAfterStartingNeverLosesTheStop) {
     EXPECT_EQ(log.Count("Debug halvek: DONE"), 100U);
 }
 
-TEST_F(TimerEventSourceTest, StoppingWaitsForADeliveryInProgress) {
-    std::promise<void> delivering;
-    std::promise<void> release;
-    test::RecordingHandler slow([&](Event&) {
-        delivering.set_value();
-        release.get_future().wait();
-    });
-    source.AddHandler(&slow);
-    source.StartListening();
-    delivering.get_future().wait();
-    std::atomic<bool> stopped = false;
-    std::thread stopping([&] {
-        source.StopListening();
-        stopped = true;
-    });
-    EXPECT_FALSE(test::WaitUntil([&] { return stopped.load(); }, 100ms));
-    release.set_value();
-    stopping.join();
-    EXPECT_EQ(slow.Count(), 1U);
-    EXPECT_TRUE(log.Has("Debug halvek: DONE"));
-}
-
 TEST_F(TimerEventSourceTest, ASecondStartIsRefused) {
     source.StartListening();
     EXPECT_TRUE(log.Has("Information halvek: TimerEventSource started"));
@@ -293,33 +266,6 @@ TEST_F(TimerEventSourceTest, AnUnconfiguredTimerIsNotStarted) {
                 ThrowsMessage<osa::Exception>(StrEq("TimerEventSource::StartListening not configured")));
     EXPECT_EQ(unconfigured.GetCurrentThread(), nullptr);
     EXPECT_TRUE(TimerEventSource("Timer").IsConfigured());
-}
-
-TEST_F(TimerEventSourceTest, StoppingBeforeAStartIsHarmless) {
-    source.StopListening();
-    EXPECT_THAT(log.Lines(),
-                ElementsAre("Debug halvek: TimerEventSource::Stop()", "Information halvek: TimerEventSource stopped"));
-    source.StartListening();
-    EXPECT_TRUE(log.WaitFor("Debug halvek: fired"));
-    source.StopListening();
-}
-
-TEST_F(TimerEventSourceTest, AStopBeforeTheBodyRunsIsLost) {
-    source.Stop();
-    source.AddHandler(&handler);
-    RunTicks(1);
-    EXPECT_EQ(handler.Count(), 1U);
-}
-
-TEST_F(TimerEventSourceTest, CanBeStartedAgainAfterAStop) {
-    Configure("60");
-    source.AddHandler(&handler);
-    for (size_t round = 1; round <= 3; ++round) {
-        source.StartListening();
-        EXPECT_TRUE(handler.WaitForCount(round));
-        source.StopListening();
-        EXPECT_EQ(source.GetCurrentThread(), nullptr);
-    }
 }
 
 TEST_F(TimerEventSourceTest, AHandlersFailureIsAnErrorAndTheNextTickComesAtOnce) {
@@ -365,34 +311,6 @@ TEST_F(TimerEventSourceTest, AStandardExceptionEndsTheThreadOnly) {
     EXPECT_THROW(source.StartListening(), osa::Exception);
     source.StopListening();
     EXPECT_EQ(failing.Count(), 1U);
-}
-
-TEST_F(TimerEventSourceTest, AnExceptionOfAnyOtherTypeEndsTheThreadOnly) {
-    test::RecordingHandler failing([](Event&) { throw 42; });
-    source.AddHandler(&failing);
-    source.StartListening();
-    EXPECT_TRUE(log.WaitFor("Error kelto.osa: Thread TimerEventSource ended by an unknown exception"));
-    source.StopListening();
-    EXPECT_EQ(failing.Count(), 1U);
-}
-
-TEST_F(TimerEventSourceTest, ItsThreadBearsItsName) {
-    std::array<char, 16> name{};
-    test::RecordingHandler naming([&](Event&) { pthread_getname_np(pthread_self(), name.data(), name.size()); });
-    source.AddHandler(&naming);
-    source.StartListening();
-    EXPECT_TRUE(naming.WaitForCount(1));
-    source.StopListening();
-    EXPECT_STREQ(name.data(), "TimerEventSourc");
-}
-
-TEST_F(TimerEventSourceTest, DestroyingAListeningTimerStopsIt) {
-    {
-        TimerEventSource shortLived("Timer");
-        shortLived.Configure({{"Interval.sec", "60"}});
-        shortLived.StartListening();
-    }
-    EXPECT_TRUE(log.Has("Debug halvek: DONE"));
 }
 
 }  // namespace
