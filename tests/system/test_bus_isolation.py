@@ -7,11 +7,12 @@ from daemon_on_bus import alarm, alert, beating, ids
 from scripted_service import ScriptedService
 from testing.camera import LOCAL
 from testing.settings import SERVER, handler, source
+from testing.times import LATE
 
 pytest_plugins = ["camera_fixtures"]
+pytestmark = pytest.mark.alone(reason="who waits for whom is seen by how long it takes")
 
 SLOW, LIMIT = 3.0, 5.0  # seconds: the virtual camera's slow answer, and what a caller waits for at most
-LATE = 4.0  # seconds that a loaded machine may be late; less than another call would take
 NOTICEABLE = 1.5  # seconds; half of what a slow service takes, fifteen times the beat
 TIMED_OUT = r"org\.freedesktop\.DBus\.Error\.(NoReply|Timeout): "
 

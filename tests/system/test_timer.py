@@ -6,6 +6,8 @@ import pytest
 from testing.settings import timer
 from testing.times import assert_paced, record_time
 
+pytestmark = pytest.mark.alone(reason="the pace of a timer is what is measured")
+
 INTERVALS = {
     "absent": ({"Events/Source#1": {"Type": "Timer"}}, 10),
     "a word": (timer(1, "soon"), 10),
