@@ -1,7 +1,4 @@
-"""A reload and a stop in the middle of a mail. They interrupt its thread over and over, and the mail arrives whole.
-
-Left out under ThreadSanitizer, which puts a caught signal off until the write is over.
-"""
+"""A reload and a stop in the middle of a mail. They interrupt its thread over and over, and the mail arrives whole."""
 
 import signal
 

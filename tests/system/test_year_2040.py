@@ -1,7 +1,7 @@
 """The daemon past the end of 32-bit time, the 19th of January 2038 at 03:14:07 UTC.
 
-Left out of sanitizer builds, into which no other clock can be put. The commands that the daemon runs are children like any
-other and live in its time; an emulated daemon's are the machine's own, in the present.
+The commands that the daemon runs are children like any other and live in its time; an emulated daemon's are the
+machine's own, in the present.
 """
 
 import os
