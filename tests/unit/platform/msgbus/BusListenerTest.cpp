@@ -1,53 +1,18 @@
 #include "kelto/msgbus/BusListener.h"
 #include "tests/fakes/FailingAllocation.h"
+#include "tests/fakes/IntendedWaits.h"
 #include "tests/unit/platform/msgbus/MsgBusFixture.h"
 
-#include <dlfcn.h>
-#include <pthread.h>
-
 #include <atomic>
-#include <cstdint>
-#include <ctime>
-#include <mutex>
+#include <chrono>
 #include <optional>
 #include <stdexcept>
-#include <vector>
-
-namespace {
-
-/**
- * How long threads have meant to wait for a condition, if it was longer than a moment; in milliseconds. Its room is
- * taken beforehand: other tests have allocations fail, and this is none of theirs.
- */
-std::mutex waitsMutex;
-std::vector<int64_t> longWaits = [] {
-    std::vector<int64_t> waits;
-    waits.reserve(1024);
-    return waits;
-}();
-
-}  // namespace
-
-// The program's own definition stands before the C library's.
-extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
-                                      const timespec* end) {
-    static const auto real =
-        reinterpret_cast<decltype(&pthread_cond_clockwait)>(dlsym(RTLD_NEXT, "pthread_cond_clockwait"));
-    timespec now{};
-    clock_gettime(clock, &now);
-    const int64_t ms = int64_t{end->tv_sec - now.tv_sec} * 1000 + (end->tv_nsec - now.tv_nsec) / 1000000;
-    if (ms >= 50) {
-        const std::lock_guard lock(waitsMutex);
-        if (longWaits.size() < longWaits.capacity()) {
-            longWaits.push_back(ms);
-        }
-    }
-    return real(condition, mutex, clock, end);
-}
 
 namespace kelto::msgbus {
 
 namespace {
+
+using namespace std::chrono_literals;
 
 /** Has an allocation of the listening thread fail, the one after so many from the first signal on. */
 class FailingListener {
@@ -105,19 +70,11 @@ TEST(BusListener, WhatItsReceiverThrowsIsLoggedAsItIs) {
 
 TEST(BusListener, WithoutABusItWaitsTwiceAsLongEachTimeBeforeItLooksAgain) {
     const test::PrivateBus daemon(test::PrivateBus::State::Absent);
-    longWaits.clear();
-    BusListener listener([](const MessageFilter&, const auto&) {});
-    listener.Start();
-    const auto waited = [] {
-        const std::lock_guard lock(waitsMutex);
-        return longWaits;
-    };
-    ASSERT_TRUE(test::WaitUntil([&] { return waited().size() >= 4; }));
-    const std::vector<int64_t> expected = {100, 200, 400, 800};
-    for (size_t at = 0; at < expected.size(); ++at) {
-        EXPECT_LE(waited()[at], expected[at]);
-        EXPECT_GT(waited()[at], expected[at] * 3 / 4);
-    }
+    test::ExpectWaits({100ms, 200ms, 400ms, 800ms}, [](const test::IntendedWaits& waits) {
+        BusListener listener([](const MessageFilter&, const auto&) {});
+        listener.Start();
+        EXPECT_TRUE(waits.WaitForCount(4));
+    });
 }
 
 }  // namespace
