@@ -1,7 +1,7 @@
 """Adds up the results of the presets: test_summary.py BUILD_FOLDER PRESET...
 
-A system test is one test to ctest and many to pytest, which leaves a file of its own; that one counts. What failed has long
-scrolled by, so it is named again with what it said; the counts come last.
+A system test is one test to ctest and many to pytest, which leaves a file of its own; that one counts. What failed has
+long scrolled by, so it is named again with what it said; the counts come last.
 """
 
 import sys

@@ -1,4 +1,4 @@
-"""Somebody on the bus who wants to silence the daemon, by what anybody may send. On a bus without the packaged policy."""
+"""Somebody on the bus who wants to silence the daemon, by what anybody may send, and no packaged policy."""
 
 import functools
 import threading

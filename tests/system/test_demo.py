@@ -44,8 +44,8 @@ SHOWN = (
     "What you just saw",
     "All of this really happened",
 )
-# What the stand-in does wrong, one fault per scene and per place that a picture goes to, and what the demo has to say about
-# it.
+# What the stand-in does wrong, one fault per scene and per place that a picture goes to, and what the demo has to say
+# about it.
 FAULTS = {
     "is never ready": "READY=1",
     "takes an alarm for any event": "PresetsV2.GoTo(3, 1, 900) instead of",

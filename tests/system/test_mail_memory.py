@@ -18,8 +18,8 @@ pytestmark = [
     pytest.mark.not_under("emulator", reason="its memory would be measured too"),
 ]
 
-# A bare C++ program with libsystemd has 3.9 MiB where the daemon may have 5.5; how much the kernel maps of the libraries
-# depends on what it has in its cache.
+# A bare C++ program with libsystemd has 3.9 MiB where the daemon may have 5.5; how much the kernel maps of the
+# libraries depends on what it has in its cache.
 ALLOWED_ABOVE_BARE = (5.5 - 3.9) * 1024  # KiB
 MAILS = 300
 WINDOW = 50
@@ -30,7 +30,7 @@ ALLOWED_GROWTH = 512  # KiB
 
 @pytest.fixture
 def allowed(tmp_path) -> Callable[[], float]:
-    """The resident memory of a daemon that has not mailed, in KiB; to be asked for when the libraries are in the cache."""
+    """The resident memory of a daemon that has not mailed, in KiB; to be asked for with the libraries in the cache."""
 
     def measure() -> float:
         bare = DaemonProcess(os.environ["HALVEK_BARE_PROCESS"], tmp_path, tmp_path)

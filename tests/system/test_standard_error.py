@@ -1,4 +1,4 @@
-"""Descriptors 0 to 2 as the starter may leave them: closed, or with a reader of the log who takes nothing or has gone."""
+"""Descriptors 0 to 2 as the starter may leave them: closed, or with a reader who takes nothing or has gone."""
 
 import os
 import re

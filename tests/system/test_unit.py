@@ -166,7 +166,7 @@ def test_the_users_are_made(root):
 
 
 def make_folders(root: Path, unit: str) -> dict[str, tuple[int, int]]:
-    """Returns user and group of what was made, by name. An ordinary user has no ids to give away: all are its own then."""
+    """Returns user and group of what was made, by name. An ordinary user can give nothing away: all is its own."""
     said = create(root, PACKAGING / f"{unit}.tmpfiles")
     assert said == ""
     users, groups = accounts(root)

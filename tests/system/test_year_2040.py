@@ -38,8 +38,8 @@ SAVED = "Debug halvek: Copy succeeded$"
 def clock(start: datetime, zone: str = "UTC") -> dict[str, str]:
     """What has a program start at another local time: the environment that faketime would give it.
 
-    As its child it would keep the daemon's signals to itself. The clock that waits go by is left alone, and so are the dates
-    of files.
+    As its child it would keep the daemon's signals to itself. The clock that waits go by is left alone, and so are the
+    dates of files.
     """
     (library,) = Path("/usr/lib").glob("*/faketime/libfaketimeMT.so.1")
     own = {"FAKETIME_DONT_FAKE_MONOTONIC": "1", "NO_FAKE_STAT": "1", "TZ": zone}
