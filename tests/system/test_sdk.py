@@ -20,7 +20,7 @@ pytestmark = [
 
 SOURCES = Path(__file__).resolve().parents[2]
 BUILD = Path(daemon_module.PROGRAM).resolve().parents[1]
-DAEMON_FOLDERS = ("app", "env", "event", "handler", "monitor", "source", "camera", "docs", "packaging")
+DAEMON_FOLDERS = ("app", "companions", "env", "event", "handler", "monitor", "source", "camera", "docs", "packaging")
 SMALL_CAMERA = SOURCES / "tests/sdk"
 
 
