@@ -5,7 +5,6 @@
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/FileUtils.h"
 #include "kelto/osa/PathUtils.h"
-#include "kelto/osa/UniqueFd.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -57,7 +56,7 @@ std::string FormatBlock(const Event& event, const std::string& eventType) {
 
 using LinkTarget = std::array<char, PATH_MAX>;
 
-/** Reads where a link of root or of the daemon's own user leads to; false for anybody else's, and for none. */
+/** Reads where a link of root or of the daemon's own user leads to; false for anybody else's. */
 bool ReadTrustedLink(int link, LinkTarget& target) {
     struct stat status {};
     return fstat(link, &status) == 0 && (status.st_uid == 0 || status.st_uid == geteuid()) &&
@@ -70,9 +69,14 @@ bool ReadTrustedLink(int link, LinkTarget& target) {
  * another link takes the name meanwhile.
  */
 int OpenThroughLink(const std::string& path) {
-    const osa::UniqueFd link(open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    const int link = open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (link < 0) {
+        return -1;
+    }
     LinkTarget target{};
-    if (!ReadTrustedLink(link.Get(), target)) {
+    const bool isTrusted = ReadTrustedLink(link, target);
+    close(link);
+    if (!isTrusted) {
         return -1;
     }
     const std::string aim =
