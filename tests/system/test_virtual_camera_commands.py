@@ -19,7 +19,7 @@ pytest_plugins = ["camera_fixtures", "policy_fixtures"]
 pytestmark = pytest.mark.not_under("emulator", reason="what is tried here is never on a camera")
 
 ANSWER_TIME = 5.0  # seconds that a command waits for an answer
-PROMPT = 2.0  # seconds by which a loaded machine may be late
+PROMPT = 4.0  # seconds by which a loaded machine or a sanitizer may be late
 
 ALERT_USAGE = (
     "alert [--source SOURCE] [--class CLASS] [--type TYPE] [--rule NAME] [--description TEXT] [--rule-point X,Y]... "
