@@ -293,14 +293,15 @@ def many(count: int) -> str:
     return text
 
 
+SLOW_MACHINE = 3  # times what a check may take, for a machine that is slow and has other work too
+
+
+@pytest.mark.not_under("emulator", reason="the emulator's own time would be measured")
 @pytest.mark.parametrize(("handlers", "seconds"), [(7, 0.03), (1000, 0.2)])
 def test_a_check_is_quick(tmp_path: Path, handlers: int, seconds: float) -> None:
     path = tmp_path / "many.ini"
     path.write_text(many(handlers))
-    before = os.times()
-    best = min(_processor_seconds(path) for _ in range(5))
-    assert os.times().elapsed >= before.elapsed
-    assert best < seconds
+    assert min(_processor_seconds(path) for _ in range(5)) < seconds * SLOW_MACHINE
 
 
 def _processor_seconds(path: Path) -> float:
@@ -311,6 +312,7 @@ def _processor_seconds(path: Path) -> float:
     return after.children_user + after.children_system - before.children_user - before.children_system
 
 
+@pytest.mark.not_under("emulator", reason="the emulator's own memory would be measured")
 def test_a_check_of_a_thousand_handlers_takes_little_memory(tmp_path: Path) -> None:
     path = tmp_path / "many.ini"
     path.write_text(many(1000))
