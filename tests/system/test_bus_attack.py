@@ -27,7 +27,10 @@ from testing.settings import SERVER, handler, source
 from testing.waiting import wait_until
 
 pytest_plugins = ["camera_fixtures"]
-pytestmark = pytest.mark.not_under("sanitizer", reason="it has memory of its own")
+pytestmark = [
+    pytest.mark.not_under("sanitizer", reason="it has memory of its own"),
+    pytest.mark.not_under("emulator", reason="who attacks is not emulated, and so many times faster than on a camera"),
+]
 
 MANY = 1_100  # as many as a process may have descriptors, and some
 NOTICEABLE = 1.5  # seconds
