@@ -20,6 +20,7 @@ from testing.pipes import DEFAULT_INPUT, PIPE_FOLDER, OutputPipe, block, post
 from testing.waiting import NotSeen, wait_until
 
 pytest_plugins = ["camera_fixtures"]
+pytestmark = pytest.mark.not_under("emulator", reason="each of many daemons and models takes seconds to start there")
 
 CTL = os.environ["HALVEK_CTL"]
 TRIPLES = int(os.environ.get("HALVEK_DRIFT_TRIPLES", "100"))

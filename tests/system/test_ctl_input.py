@@ -127,6 +127,7 @@ def test_without_zone_data_no_zone_is_taken_for_utc(words: list[str], tmp_path: 
     assert ctl("--settings", path, "--zone", "UTC", *words, variables=nowhere).returncode == 0
 
 
+@pytest.mark.not_under("emulator", reason="the emulator's own time would be measured")
 def test_a_thousand_handlers_are_no_matter(tmp_path: Path) -> None:
     settings = timer(1, 5)
     for number in range(MANY):
