@@ -8,6 +8,8 @@ from pathlib import Path
 
 import pytest
 
+pytestmark = pytest.mark.not_under("emulator", reason="each of many hundred runs takes a second there")
+
 ROOT = Path(__file__).resolve().parents[2]
 CTL = os.environ["HALVEK_CTL"]
 MISTAKES = sorted((ROOT / "tests/ctl/mistakes").glob("*.ini"))
@@ -296,7 +298,6 @@ def many(count: int) -> str:
 SLOW_MACHINE = 3  # times what a check may take, for a machine that is slow and has other work too
 
 
-@pytest.mark.not_under("emulator", reason="the emulator's own time would be measured")
 @pytest.mark.parametrize(("handlers", "seconds"), [(7, 0.03), (1000, 0.2)])
 def test_a_check_is_quick(tmp_path: Path, handlers: int, seconds: float) -> None:
     path = tmp_path / "many.ini"
@@ -312,7 +313,6 @@ def _processor_seconds(path: Path) -> float:
     return after.children_user + after.children_system - before.children_user - before.children_system
 
 
-@pytest.mark.not_under("emulator", reason="the emulator's own memory would be measured")
 def test_a_check_of_a_thousand_handlers_takes_little_memory(tmp_path: Path) -> None:
     path = tmp_path / "many.ini"
     path.write_text(many(1000))
