@@ -8,11 +8,12 @@ from pathlib import Path
 import pytest
 from testing.daemon import Daemon
 from testing.pipes import DEFAULT_INPUT, PIPE_FOLDER, OutputPipe
+from testing.users import HAS_USERS
 
 
 # What a build may be, as tests/system/CMakeLists.txt names it in HALVEK_BUILD: "debug" is every type but Release, and
-# "emulator" stands for another processor.
-KINDS = {"debug", "sanitizer", "thread sanitizer", "emulator"}
+# "emulator" stands for another processor. "one user" is no build: an ordinary user has no others to try anything as.
+KINDS = {"debug", "sanitizer", "thread sanitizer", "emulator", "one user"}
 
 
 def pytest_configure() -> None:
@@ -31,6 +32,7 @@ def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item
     """What a build leaves out is no test of it, and so is not counted as skipped either."""
     build = set(filter(None, os.environ.get("HALVEK_BUILD", "").split(",")))
     assert build <= KINDS
+    build |= set() if HAS_USERS else {"one user"}
     left_out = [item for item in items if is_left_out(item, build)]
     config.hook.pytest_deselected(items=left_out)
     items[:] = [item for item in items if item not in left_out]

@@ -15,18 +15,14 @@ from testing.bus import PrivateBus
 from testing.bus_client import BusClient
 from testing.camera import CAMERA, PROVIDERS, service
 from testing.tree import ROOT
+from testing.users import FIRST_UID, HAS_USERS
 
 POLICIES = {name: ROOT / f"packaging/{name}.conf" for name in ("halvek", "kelto-vcam")}
 OWNER, DAEMON, OPERATOR, SOMEBODY, ANALYTICS = "kelto-vcam", "halvek", "root", "somebody", "analytics"
 ROLES = (OPERATOR, OWNER, DAEMON, SOMEBODY, ANALYTICS)
 ALERT_GROUP = "halvek-analytics"  # of which the role ANALYTICS is a member
 NAMES = (*PROVIDERS, CAMERA)
-FIRST_UID = 61000
 ALERT_GID = 61900
-HAS_USERS = any(
-    int(first) <= FIRST_UID and FIRST_UID + len(ROLES) <= int(first) + int(count)
-    for first, _, count in map(str.split, Path("/proc/self/uid_map").read_text().splitlines())
-)
 
 # What a system bus begins with, and one that is as careless as can be.
 USUAL = """

@@ -4,7 +4,7 @@ import xml.etree.ElementTree as ElementTree
 from collections.abc import Callable
 
 import pytest
-from policy_bus import ANALYTICS, CARELESS, DAEMON, DEAF, HAS_USERS, NAMES, OPERATOR, OWNER, POLICIES, SOMEBODY, USUAL
+from policy_bus import ANALYTICS, CARELESS, DAEMON, DEAF, NAMES, OPERATOR, OWNER, POLICIES, SOMEBODY, USUAL
 from scripted_service import ALERT_INTERFACE, ALERT_PATH, ALERT_SIGNATURE
 from testing.bus_client import (
     BUS,
@@ -162,7 +162,7 @@ def alerts_heard(start_bus, defaults: str, role: str, addressed: bool) -> list:
 
 
 either_way = pytest.mark.parametrize("addressed", [False, True], ids=["broadcast", "addressed"])
-needs_users = pytest.mark.skipif(not HAS_USERS, reason="the roles are one user's here")
+needs_users = pytest.mark.not_under("one user", reason="the roles are one user's there")
 
 
 @either_way
