@@ -26,6 +26,7 @@ pytestmark = pytest.mark.not_under("sanitizer", reason="it runs no program of ou
 
 DENIED = "org.freedesktop.DBus.Error.AccessDenied"
 
+needs_users = pytest.mark.not_under("one user", reason="the roles are one user's there")
 either_bus = pytest.mark.parametrize("defaults", [USUAL, CARELESS], ids=["usual bus", "careless bus"])
 
 
@@ -90,6 +91,8 @@ def test_without_the_virtual_camera_its_user_owns_none_of_the_services(start_bus
     assert refused == dict.fromkeys(PROVIDERS, DENIED)
 
 
+# Who is the daemon is called by nobody.
+@needs_users
 @either_bus
 def test_the_daemon_calls_the_services(start_bus, defaults):
     bus = start_bus(DAEMON, OWNER, defaults=defaults)
@@ -97,6 +100,7 @@ def test_the_daemon_calls_the_services(start_bus, defaults):
     assert [call(daemon, camera, name) for name in PROVIDERS] == [[name] for name in PROVIDERS]
 
 
+@needs_users
 def test_the_daemon_calls_services_that_each_have_a_connection(start_bus):
     bus = start_bus(DAEMON, OWNER)
     daemon, cameras = bus.client(DAEMON), {name: bus.camera(name) for name in PROVIDERS}
@@ -162,7 +166,6 @@ def alerts_heard(start_bus, defaults: str, role: str, addressed: bool) -> list:
 
 
 either_way = pytest.mark.parametrize("addressed", [False, True], ids=["broadcast", "addressed"])
-needs_users = pytest.mark.not_under("one user", reason="the roles are one user's there")
 
 
 @either_way
