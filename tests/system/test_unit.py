@@ -8,6 +8,7 @@ import subprocess
 from pathlib import Path
 
 import pytest
+from testing.users import HAS_USERS
 
 pytestmark = pytest.mark.not_under("sanitizer", reason="it runs no program of ours, and so is the same in every build")
 
@@ -16,7 +17,6 @@ PACKAGING = ROOT / "packaging"
 DAEMON = Path(os.environ["HALVEK_DAEMON"])
 UNITS = {"halvek": "/usr/sbin/halvek", "kelto-vcam": "/usr/bin/kelto-vcam"}
 WORST_EXPOSURE = 20  # tenths
-HAS_USERS = any(int(line.split()[2]) > 1000 for line in Path("/proc/self/uid_map").read_text().splitlines())
 
 # Entries of an access control list, as the kernel keeps them
 USER_ENTRY, MASK_ENTRY, READ_AND_WRITE = 0x02, 0x10, 6
