@@ -19,12 +19,13 @@ namespace {
 constexpr unsigned mostTries = 3;
 
 /** The model reads the store by itself: what was found holds only if both have read the same. */
-std::unique_ptr<const Store> ReadWithModel(const std::string& path, std::unique_ptr<Examination>& examination) {
+std::unique_ptr<const Store> ReadWithModel(const std::string& path, const ModelQuestions& questions,
+                                           std::unique_ptr<Examination>& examination) {
     for (unsigned tries = 0; tries < mostTries; ++tries) {
         auto store = std::make_unique<const Store>(Store::Read(path));
         examination = std::make_unique<Examination>(*store);
         if (examination->positions.FirstMalformed() == nullptr) {
-            examination->model = AskModel();
+            examination->model = AskModel(questions);
         }
         if (settings::SettingsStore::Holds(store->files)) {
             return store;
@@ -77,7 +78,7 @@ size_t CheckedStore::Count(Severity severity) const {
 
 CheckedStore CheckedStore::Check(const std::string& path, const CheckOptions& options) {
     CheckedStore checked;
-    checked.store = ReadWithModel(path, checked.examination);
+    checked.store = ReadWithModel(path, options.questions, checked.examination);
     RunChecks(*checked.examination, options);
     checked.suppressed = Suppressions::Apply(*checked.examination, options.here);
     Sort(*checked.examination);

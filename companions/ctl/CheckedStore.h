@@ -16,6 +16,8 @@ struct CheckOptions {
     bool here = false;
     /** By which the clock is put forward; empty if that is not to be looked at. */
     std::string zone = {};
+    /** What the model is to be asked besides. */
+    ModelQuestions questions = {};
 };
 
 /** One store and all that there is to say of it. */

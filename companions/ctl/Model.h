@@ -179,8 +179,8 @@ struct ModelAnswers {
  * Has the daemon's own objects load a store, in a child process, and tells what they made of it.
  *
  * Loading, wiring, filters and delivery are the daemon's; only the actions, the clock, the making of the event pipe and
- * the camera's services are stood in for. The child makes no file, pipe, program or connection, and has 5 s. The store
- * must be the one that the environment's KELTO_SETTINGS names.
+ * the camera's services are stood in for. The child makes no file, pipe, program or connection, and has 5 s of
+ * processor time. The store must be the one that the environment's KELTO_SETTINGS names.
  *
  * @throws Failure if the daemon would refuse the store, and if the child crashes or does not end, with its last record
  */

@@ -15,6 +15,8 @@ namespace {
 constexpr const char* defaultPath = "/etc/kelto/settings";
 constexpr const char* pathVariable = "KELTO_SETTINGS";
 constexpr const char* zoneVariable = "TZ";
+/** What the clock is read by where no zone is to count. */
+constexpr const char* withoutZone = "UTC";
 
 /** The daemon's environment, and how to call it. */
 struct Origin {
@@ -40,7 +42,7 @@ std::optional<std::string> OwnVariable(const char* name) {
 
 }  // namespace
 
-StoreLocation StoreLocation::Find(const Invocation& invocation) {
+StoreLocation StoreLocation::Find(const Invocation& invocation, ZoneFrom zoneFrom) {
     if (invocation.zone && !Zone::Exists(*invocation.zone)) {
         throw UsageError("there is no time zone " + *invocation.zone);
     }
@@ -64,7 +66,10 @@ StoreLocation StoreLocation::Find(const Invocation& invocation) {
         location.pathOrigin = "default";
     }
     location.path = path.value_or(defaultPath);
-    location.zone = choose(invocation.zone, zoneVariable, location.zoneOrigin);
+    if (zoneFrom == ZoneFrom::Anywhere || invocation.zone) {
+        location.zone = choose(invocation.zone, zoneVariable, location.zoneOrigin);
+    }
+    location.usesMachinesZone = zoneFrom == ZoneFrom::Anywhere && !location.zone;
     if (location.zone && !Zone::Exists(*location.zone)) {
         throw Failure("there is no time zone " + *location.zone + " (" + location.zoneOrigin + ")");
     }
@@ -74,11 +79,11 @@ StoreLocation StoreLocation::Find(const Invocation& invocation) {
     return location;
 }
 
-StoreLocation StoreLocation::Use(const Invocation& invocation) {
-    StoreLocation location = Find(invocation);
+StoreLocation StoreLocation::Use(const Invocation& invocation, ZoneFrom zoneFrom) {
+    StoreLocation location = Find(invocation, zoneFrom);
     setenv(pathVariable, location.path.c_str(), 1);
-    if (location.zone) {
-        setenv(zoneVariable, location.zone->c_str(), 1);
+    if (!location.usesMachinesZone) {
+        setenv(zoneVariable, location.zone.value_or(withoutZone).c_str(), 1);
     }
     if (location.programPath) {
         setenv("PATH", location.programPath->c_str(), 1);
@@ -89,7 +94,9 @@ StoreLocation StoreLocation::Use(const Invocation& invocation) {
 }
 
 std::string StoreLocation::Describe() const {
-    const std::string zoneText = zone ? *zone + " (" + zoneOrigin + ")" : "of this machine";
+    const std::string zoneText = zone               ? *zone + " (" + zoneOrigin + ")"
+                                 : usesMachinesZone ? "of this machine"
+                                                    : "not looked at";
     return "settings " + path + " (" + pathOrigin + "), zone " + zoneText;
 }
 

@@ -13,15 +13,18 @@ namespace kelto::halvek::ctl {
  */
 class StoreLocation {
 public:
+    /** Where the zone may come from. With CommandLine an answer does not hang on who asks, or where. */
+    enum class ZoneFrom { Anywhere, CommandLine };
+
     /** Throws UsageError for a zone on the command line that there is not, Failure for one that comes from elsewhere.
      */
-    static StoreLocation Find(const Invocation& invocation);
+    static StoreLocation Find(const Invocation& invocation, ZoneFrom zoneFrom = ZoneFrom::Anywhere);
 
     /**
      * Find, then puts settings, zone and the daemon's PATH into this process's environment, and tells on standard error
      * which they are. For the main thread, before there are others.
      */
-    static StoreLocation Use(const Invocation& invocation);
+    static StoreLocation Use(const Invocation& invocation, ZoneFrom zoneFrom = ZoneFrom::Anywhere);
 
     /** The settings: an ini file, or a folder of them. */
     const std::string& GetPath() const { return path; }
@@ -37,6 +40,7 @@ private:
     std::string pathOrigin;
     std::optional<std::string> zone;
     std::string zoneOrigin;
+    bool usesMachinesZone = false;
     std::optional<std::string> programPath;
 };
 

@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cstdlib>
 #include <optional>
 #include <string>
 #include <utility>
@@ -104,24 +103,15 @@ struct Checked {
     CheckedStore result;
 };
 
-std::string OwnZone() {
-    const char* const zone = std::getenv("TZ");
-    return zone == nullptr ? "" : zone;
-}
-
-/** The zone is named by whoever asks, or belongs to the daemon's own settings: it does not come from the machine. */
-Checked CheckOne(Invocation invocation, const std::optional<std::string>& file, bool here, const std::string& ownZone) {
+/** What the text alone says is the same for everybody: the zone is on the command line, or belongs to this machine. */
+Checked CheckOne(Invocation invocation, const std::optional<std::string>& file, bool here) {
     if (file) {
         invocation.settings = *file;
     }
-    Checked checked{StoreLocation::Use(invocation), {}};
-    const bool isOfDaemon = !file && !invocation.settings;
-    CheckOptions options{.here = here, .zone = invocation.zone.value_or(ownZone)};
-    if (options.zone.empty() && (isOfDaemon || here)) {
-        options.zone = checked.location.GetZone().value_or(here ? "this machine's zone" : "");
-    } else if (!options.zone.empty()) {
-        setenv("TZ", options.zone.c_str(), 1);
-    }
+    const auto zoneFrom = here ? StoreLocation::ZoneFrom::Anywhere : StoreLocation::ZoneFrom::CommandLine;
+    Checked checked{StoreLocation::Use(invocation, zoneFrom), {}};
+    const CheckOptions options{
+        .here = here, .zone = checked.location.GetZone().value_or(here ? "this machine's zone" : ""), .questions = {}};
     checked.result = CheckedStore::Check(checked.location.GetPath(), options);
     return checked;
 }
@@ -226,14 +216,13 @@ ExitStatus RunCheck(const Invocation& invocation, Answer& answer) {
     if (options.Has("--explain")) {
         return Explain(invocation, answer, *options.Value("--explain"));
     }
-    const std::string ownZone = OwnZone();
     const bool here = options.Has("--here");
     std::vector<Checked> all;
     if (options.Words().empty()) {
-        all.push_back(CheckOne(invocation, std::nullopt, here, ownZone));
+        all.push_back(CheckOne(invocation, std::nullopt, here));
     }
     for (const std::string& file : options.Words()) {
-        all.push_back(CheckOne(invocation, file, here, ownZone));
+        all.push_back(CheckOne(invocation, file, here));
     }
     if (invocation.format == Format::Json) {
         AddJson(all, here, answer);

@@ -1,5 +1,6 @@
 #include "companions/ctl/VerbShow.h"
 
+#include "companions/ctl/CheckedStore.h"
 #include "companions/ctl/Failure.h"
 #include "companions/ctl/JsonAnswer.h"
 #include "companions/ctl/OptionReader.h"
@@ -44,10 +45,13 @@ ExitStatus RunShow(const Invocation& invocation, Answer& answer) {
         throw UsageError("show takes no word " + options.Words().front());
     }
     const StoreLocation location = StoreLocation::Use(invocation);
-    Store::Read(location.GetPath());
     const WeekStrip week;
-    const ModelAnswers model = AskModel({.events = {}, .schedules = {week.Question()}, .scheduleOf = {}});
-    Wiring wiring = Wiring::Of(model);
+    const ModelQuestions questions{.events = {}, .schedules = {week.Question()}, .scheduleOf = {}};
+    const CheckedStore checked = CheckedStore::Check(
+        location.GetPath(), {.here = false, .zone = invocation.zone.value_or(""), .questions = questions});
+    // Of malformed settings it tells what the daemon refuses them for.
+    Wiring wiring = Wiring::Of(checked.examination->model ? *checked.examination->model : AskModel(questions));
+    wiring.Mark(checked.examination->Findings());
     if (const std::optional<std::string> only = options.Value("--only")) {
         wiring.KeepOnly(*only);
     }

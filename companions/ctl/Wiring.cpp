@@ -232,6 +232,14 @@ void Wiring::KeepOnly(const std::string& name) {
     std::erase_if(handlers, [&](const WiringHandler& handler) { return kept.count(handler.group) == 0; });
 }
 
+void Wiring::Mark(const std::deque<Finding>& findings) {
+    for (const Finding& finding : findings) {
+        if (!finding.group.empty()) {
+            marks.push_back({finding.group, finding.entry->id, SeverityName(finding.severity), finding.text});
+        }
+    }
+}
+
 std::vector<const WiringEdge*> Wiring::EdgesFrom(const std::string& source) const {
     std::vector<const WiringEdge*> found;
     for (const WiringEdge& edge : edges) {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include "companions/ctl/Finding.h"
 #include "companions/ctl/Model.h"
 
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -62,6 +64,9 @@ struct Wiring {
 
     /** @param model with one schedule of all handlers */
     static Wiring Of(const ModelAnswers& model);
+
+    /** Marks the groups that the findings are about. */
+    void Mark(const std::deque<Finding>& findings);
 
     /** Leaves what has to do with one source or handler. Throws UsageError if there is none of that name. */
     void KeepOnly(const std::string& group);

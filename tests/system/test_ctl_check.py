@@ -181,6 +181,25 @@ def test_an_opening_in_the_gap_of_the_clock_is_found_with_a_zone(tmp_path: Path)
     assert check_json(path)["findings"] == []
 
 
+def test_the_answer_is_the_same_for_everybody(tmp_path: Path) -> None:
+    """Whatever zone, PATH and home the caller has, and whoever he is."""
+    path = tmp_path / "gap.ini"
+    path.write_text(CLEAN.read_text().replace("Type=Relay\n", "Type=Relay\nEnabledTimes=100-200,215-600\n"))
+    path.chmod(0o644)
+    for folder in (tmp_path, *tmp_path.parents):
+        if folder.stat().st_uid == os.getuid() and folder.name:
+            folder.chmod(folder.stat().st_mode | 0o055)
+    answers = set()
+    for variables in ({}, {"TZ": "Europe/Berlin"}, {"TZ": "Nowhere/None"}, {"PATH": "/nowhere"}, {"TZDIR": "/nowhere"}):
+        environment = {"LANG": "C"} | variables
+        for user in (None, 65534):
+            become = (lambda: os.setresuid(65534, 65534, 65534)) if user and os.geteuid() == 0 else None
+            done = run("--format", "json", "check", path, env=environment, preexec_fn=become)
+            assert done.returncode == 0, done
+            answers.add(done.stdout)
+    assert len(answers) == 1
+
+
 def test_a_suppression_takes_one_finding_away(tmp_path: Path) -> None:
     path = tmp_path / "allowed.ini"
     for mark in (";", "#", "  ;"):

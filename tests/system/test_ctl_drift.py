@@ -183,11 +183,7 @@ def faked(moment: datetime, zone: str) -> dict[str, str]:
 
 
 def ask(*words: str) -> dict:
-    """The model gives up after 5 s; a machine that stands still for so long is asked again."""
-    for _ in range(5):
-        answer = subprocess.run([CTL, "--format", "json", *words], capture_output=True, check=False, timeout=60)
-        if b"takes more than" not in answer.stderr:
-            break
+    answer = subprocess.run([CTL, "--format", "json", *words], capture_output=True, check=False, timeout=60)
     assert answer.returncode in (0, 1), answer.stderr
     return json.loads(answer.stdout)
 
@@ -289,7 +285,7 @@ def test_what_is_foretold_is_what_happens(tmp_path: Path, bus, camera) -> None:
         max_examples=max(1, -(-TRIPLES // EVENTS_AT_A_TIME)),
         deadline=None,
         database=None,
-        derandomize=TRIPLES <= 200,
+        derandomize=TRIPLES <= 100,
         suppress_health_check=list(HealthCheck),
         print_blob=True,
     )

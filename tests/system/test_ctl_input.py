@@ -13,6 +13,8 @@ from testing.daemon import Daemon
 from testing.settings import Settings, handler, timer
 
 VERBS = [["explain", "Timer"], ["schedule"], ["show"]]
+# What is malformed is a finding to it.
+READERS = [*VERBS, ["check"]]
 SETTINGS: Settings = timer(1, 5) | handler(1, "Events/Source#1")
 MANY = 1000
 
@@ -74,7 +76,17 @@ def test_settings_that_cannot_be_read_are_3_with_one_message(
     assert first.startswith(b"halvekctl: settings ") and str(path).encode() in message
 
 
-@pytest.mark.parametrize("words", VERBS, ids=lambda words: words[0])
+@pytest.mark.parametrize(
+    "make", [missing, fifo, folder_with_fifo, device, loop, large, large_folder], ids=lambda f: f.__name__
+)
+def test_check_has_no_findings_in_what_it_cannot_read(make: Callable[[Path], None], tmp_path: Path) -> None:
+    path = tmp_path / "store"
+    make(path)
+    done = ctl("check", path)
+    assert (done.returncode, done.stdout) == (3, b"") and str(path).encode() in done.stderr.splitlines()[1], done
+
+
+@pytest.mark.parametrize("words", READERS, ids=lambda words: words[0])
 def test_settings_that_may_not_be_read_are_3(words: list[str], tmp_path: Path) -> None:
     path = write_store(tmp_path, SETTINGS)
     path.chmod(0)
@@ -144,11 +156,36 @@ def test_settings_that_a_writer_never_leaves_alone_are_told(tmp_path: Path) -> N
     script = f"import os\nwhile True:\n  os.utime({str(path)!r})\n"
     writer = subprocess.Popen(["/usr/bin/python3", "-c", script])
     try:
-        statuses = {ctl("--settings", path, "show").returncode for _ in range(20)}
+        told = [ctl("--settings", path, verb) for verb in ("show", "check")]
     finally:
         writer.kill()
         writer.wait()
-    assert statuses <= {0, 3}
+    assert {done.returncode for done in told} <= {0, 3}
+    for done in told:
+        assert (b"they change while they are read" in done.stderr) == (done.returncode == 3), done
+        assert done.returncode == 0 or done.stdout == b"", done
+
+
+def test_settings_that_are_replaced_while_they_are_read_are_the_old_or_the_new(tmp_path: Path) -> None:
+    """Never the findings of one in the lines of the other."""
+    path = write_store(tmp_path, SETTINGS)
+    texts = [path.read_text(), path.read_text().replace("Type=Timer", "\n\nType=Timor")]
+    new = str(tmp_path / "new")
+    script = (
+        f"import os\nwhile True:\n  for text in {texts!r}:\n"
+        f"    open({new!r}, 'w').write(text)\n    os.rename({new!r}, {str(path)!r})\n"
+    )
+    writer = subprocess.Popen(["/usr/bin/python3", "-c", script])
+    try:
+        told = [ctl("check", path) for _ in range(5)]
+    finally:
+        writer.kill()
+        writer.wait()
+    for done in told:
+        lines = [line for line in done.stdout.splitlines() if b"is not built in" in line]
+        assert done.returncode in (0, 1, 3), done
+        assert all(f"{path}:4:".encode() in line for line in lines), done
+        assert done.returncode != 3 or b"they change while they are read" in done.stderr, done
 
 
 class TestWhichSettings:

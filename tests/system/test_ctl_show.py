@@ -26,6 +26,20 @@ def store(tmp_path: Path) -> Path:
     return write_store(tmp_path, SETTINGS)
 
 
+def test_findings_are_marked_where_they_belong(store: Path) -> None:
+    found = json_answer("--format", "json", "check", store, status=1)["findings"]
+    told = json_answer("--settings", store, "show")
+    for item in told["sources"] + told["handlers"]:
+        group = item["group"]
+        own = [f["id"] for f in found if f["group"] == group or f["group"].startswith(group + "/")]
+        assert [mark["id"] for mark in item["findings"]] == own, group
+    marks = {item["group"]: {mark["severity"] for mark in item["findings"]} for item in told["handlers"]}
+    assert "error" in marks["Events/Handler#3"] and marks["Events/Handler#1"] == set()
+    text = answer("--settings", store, "show")
+    assert "[HK3003]" in text and "color=red" in answer("--settings", store, "show", "--as", "dot")
+    assert "HK3003" in answer("--settings", store, "show", "--as", "svg")
+
+
 def test_each_edge_has_its_place_in_the_order_of_delivery(store: Path) -> None:
     told = json_answer("--settings", store, "show")
     edges = {(edge["from"], edge["to"]): edge["order"] for edge in told["edges"]}
@@ -84,8 +98,10 @@ def test_a_drawing_is_plain_svg_without_a_script(store: Path) -> None:
     assert "href" not in text and "url(#arrow)" in text and text.count("url(") == text.count("url(#arrow)")
     shown = texts(drawing)
     assert {"Handler#1", "Handler#4", "Timer", "Doorbell", "preset gate", "1", "2", "3"} <= set(shown)
-    boxes = [node.get("class") for node in drawing.iter(f"{SVG}rect")]
-    assert boxes.count("handler left-out") == 1 and boxes.count("source left-out") == 2
+    boxes = [set(node.get("class").split()) for node in drawing.iter(f"{SVG}rect")]
+    left_out = [box for box in boxes if "left-out" in box]
+    assert [sum(kind in box for box in left_out) for kind in ("handler", "source")] == [1, 2]
+    assert all("error" in box for box in left_out if "handler" in box)
 
 
 def test_what_stands_in_the_settings_stays_text_in_a_drawing(tmp_path: Path) -> None:

@@ -57,13 +57,25 @@ std::string RunTask(const ChildProcess::Task& task) {
     }
 }
 
-[[noreturn]] void BeChild(pid_t parent, const ChildProcess::Task& task, int answerFd, int recordsFd) {
+/** Never beyond what the caller itself may take. */
+void LimitProcessorTime(unsigned seconds) {
+    // What the caller ignores its children ignore too.
+    std::signal(SIGXCPU, SIG_DFL);
+    rlimit limit{};
+    getrlimit(RLIMIT_CPU, &limit);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, seconds);
+    setrlimit(RLIMIT_CPU, &limit);
+}
+
+[[noreturn]] void BeChild(pid_t parent, const ChildProcess::Task& task, unsigned processorSeconds, int answerFd,
+                          int recordsFd) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent || dup2(recordsFd, STDERR_FILENO) < 0) {
         _exit(1);
     }
     const rlimit noCore{0, 0};
     setrlimit(RLIMIT_CORE, &noCore);
+    LimitProcessorTime(processorSeconds);
     WriteAll(answerFd, RunTask(task));
     // Threads of the task's may still be there, and what they use must stay.
     _exit(0);
@@ -119,7 +131,7 @@ std::string HowItEnded(int status) {
 
 }  // namespace
 
-std::string ChildProcess::Run(const Task& task, int limitMs) {
+std::string ChildProcess::Run(const Task& task, const Limits& limits) {
     const osa::UniqueFd records(memfd_create("records", MFD_CLOEXEC));
     std::array<int, 2> ends{};
     if (!records.IsValid() || pipe2(ends.data(), O_CLOEXEC) != 0) {
@@ -130,21 +142,24 @@ std::string ChildProcess::Run(const Task& task, int limitMs) {
     const pid_t parent = getpid();
     const pid_t child = fork();
     if (child == 0) {
-        BeChild(parent, task, childEnd.Get(), records.Get());
+        BeChild(parent, task, limits.processorSeconds, childEnd.Get(), records.Get());
     }
     if (child < 0) {
         ThrowErrno("the model of the daemon cannot be started");
     }
     childEnd.Close();
     std::string answer;
-    const bool inTime = ReadAnswer(answerEnd.Get(), limitMs, answer);
+    const bool inTime = ReadAnswer(answerEnd.Get(), limits.waitMs, answer);
     if (!inTime) {
         kill(child, SIGKILL);
     }
     const int status = WaitFor(child);
     if (!inTime) {
-        throw Failure("the model of the daemon takes more than " + std::to_string(limitMs / 1000) + " s; " +
-                      LastLine(records.Get()));
+        throw Failure("the model of the daemon does not come to an end; " + LastLine(records.Get()));
+    }
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGXCPU) {
+        throw Failure("the model of the daemon takes more than " + std::to_string(limits.processorSeconds) +
+                      " s of processor time; " + LastLine(records.Get()));
     }
     if (status != 0 || answer.empty()) {
         throw Failure("the model of the daemon has crashed: " + HowItEnded(status) + "; " + LastLine(records.Get()));

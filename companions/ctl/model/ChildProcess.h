@@ -16,15 +16,20 @@ public:
     /** Makes the child's answer. What it throws becomes a Failure of the caller's. */
     using Task = std::function<std::string()>;
 
-    static constexpr int defaultLimitMs = 5000;
+    /** Processor time is what a busy machine does not lengthen; the other limit is for a task that waits. */
+    struct Limits {
+        unsigned processorSeconds = 5;
+        int waitMs = 30000;
+    };
 
     /**
      * Runs the task and returns its answer.
      *
-     * @throws Failure for what the task throws, and if it crashes, or takes longer, with the last line that it wrote to
-     * standard error
+     * @throws Failure for what the task throws, and if it crashes, or goes beyond a limit, with the last line that it
+     * wrote to standard error
      */
-    static std::string Run(const Task& task, int limitMs = defaultLimitMs);
+    static std::string Run(const Task& task, const Limits& limits);
+    static std::string Run(const Task& task) { return Run(task, {}); }
 };
 
 }  // namespace kelto::halvek::ctl

@@ -12,7 +12,9 @@
 #include <algorithm>
 #include <exception>
 #include <list>
+#include <map>
 #include <set>
+#include <string_view>
 #include <utility>
 
 namespace kelto::halvek::ctl {
@@ -154,8 +156,13 @@ void LoadedModel::Describe() {
         answers.sources.push_back(source->facts);
     }
     answers.absentSources = DescribeAbsentSources();
+    std::map<std::string_view, const ProbedHandler*> probes;
+    for (const ProbedHandler* probe : ledger.handlers) {
+        probes[probe->name] = probe;
+    }
     for (const std::string& group : HandlerGroups()) {
-        answers.handlers.push_back(DescribeHandler(group));
+        const auto probe = probes.find(group);
+        answers.handlers.push_back(DescribeHandler(group, probe == probes.end() ? nullptr : probe->second));
     }
     answers.edges = DescribeEdges();
 }
@@ -176,16 +183,15 @@ std::vector<std::string> LoadedModel::HandlerGroups() const {
     return TopGroups(ini, EventMonitor::handlerPrefix);
 }
 
-ModelHandler LoadedModel::DescribeHandler(const std::string& group) const {
+/** @param probe null if the daemon does without the handler */
+ModelHandler LoadedModel::DescribeHandler(const std::string& group, const ProbedHandler* probe) const {
     ModelHandler handler{.group = group, .type = TypeOf(ini, group), .settings = {}, .sourceIds = {}};
     handler.sourceIds = ini.FindGroup(group + "/" + EventMonitor::sourceIdsGroup);
     handler.settings = MergedSettings(ini, group, handler.type);
-    for (const ProbedHandler* probe : ledger.handlers) {
-        if (probe->name == group) {
-            handler.isLoaded = true;
-            handler.isConfigured = probe->CallsItselfConfigured();
-            handler.asksBus = probe->asksBus;
-        }
+    if (probe != nullptr) {
+        handler.isLoaded = true;
+        handler.isConfigured = probe->CallsItselfConfigured();
+        handler.asksBus = probe->asksBus;
     }
     return handler;
 }

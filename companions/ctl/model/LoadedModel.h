@@ -30,7 +30,7 @@ private:
     void Describe();
     std::vector<std::string> HandlerGroups() const;
     std::vector<ModelSource> DescribeAbsentSources() const;
-    ModelHandler DescribeHandler(const std::string& group) const;
+    ModelHandler DescribeHandler(const std::string& group, const ProbedHandler* probe) const;
     std::vector<ModelEdge> DescribeEdges() const;
     std::vector<std::string> PostedIds(const std::string& handler, const std::string& eventId) const;
 
