@@ -23,7 +23,7 @@ pytest_plugins = ["camera_fixtures"]
 pytestmark = pytest.mark.not_under("emulator", reason="each of many daemons and models takes seconds to start there")
 
 CTL = os.environ["HALVEK_CTL"]
-TRIPLES = int(os.environ.get("HALVEK_DRIFT_TRIPLES", "100"))
+TRIPLES = int(os.environ.get("HALVEK_DRIFT_TRIPLES", "200"))
 EVENTS_AT_A_TIME = 4
 RECORD = re.compile(r"[-\dT:]{19}\.\d{3} (?:Warning|Error) [\w.]+: (.*)$", re.S)
 # What the daemon writes at an event, so that it is foretold but not seen at the start.
@@ -285,7 +285,7 @@ def test_what_is_foretold_is_what_happens(tmp_path: Path, bus, camera) -> None:
         max_examples=max(1, -(-TRIPLES // EVENTS_AT_A_TIME)),
         deadline=None,
         database=None,
-        derandomize=TRIPLES <= 100,
+        derandomize=TRIPLES <= 200,
         suppress_health_check=list(HealthCheck),
         print_blob=True,
     )
