@@ -5,6 +5,7 @@
 #include "monitor/EventMonitor.h"
 
 #include <algorithm>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -133,7 +134,14 @@ std::optional<std::string> NearestKey(const std::string& key, const std::vector<
             return one;
         }
     }
-    return Nearest::Find(key, known);
+    if (const std::optional<std::string> nearest = Nearest::Find(key, known)) {
+        return nearest;
+    }
+    std::vector<std::string> withoutUnits;
+    std::transform(known.begin(), known.end(), std::back_inserter(withoutUnits), WithoutUnit);
+    const std::optional<std::string> nearest = Nearest::Find(WithoutUnit(key), withoutUnits);
+    const auto place = nearest ? std::find(withoutUnits.begin(), withoutUnits.end(), *nearest) : withoutUnits.end();
+    return place == withoutUnits.end() ? std::nullopt : std::optional(known[place - withoutUnits.begin()]);
 }
 
 /** The keys that mean something in a group, without patterns. */
@@ -171,6 +179,20 @@ std::optional<std::string> RightGroup(const Examination& examination, const std:
     return patterns.empty() ? std::nullopt : std::optional(patterns.front());
 }
 
+/** The key of a source's or handler's type that somebody may have meant who wrote it one group too high. */
+std::optional<std::string> NearestKeyOfType(const Examination& examination, const ItemName& name,
+                                            const std::string& group, const std::string& key) {
+    const std::string* const type = name.below.empty() ? TypeOf(examination, name.item) : nullptr;
+    const KnownGroup* const known = type == nullptr ? nullptr : KnownNames::Instance().FindGroup(group + "/" + *type);
+    return known == nullptr ? std::nullopt : NearestKey(key, KeysIn(examination, group + "/" + *type, *known));
+}
+
+/** "Events/Source#1" of "Source#1", which is how people call it. */
+std::string SourceId(const std::string& written) {
+    const std::string whole = "Events/" + written;
+    return whole.starts_with(EventMonitor::sourcePrefix) ? whole : written;
+}
+
 void ReportUnknownKey(Examination& examination, const Line& line, const KnownGroup& known) {
     const std::string group(line.group);
     const std::string key(line.key);
@@ -178,10 +200,9 @@ void ReportUnknownKey(Examination& examination, const Line& line, const KnownGro
     const std::optional<ItemName> name = ItemName::Parse(group);
     if (name && !name->IsSource() && name->below.empty() &&
         Nearest::IsEqualButForCase(key, EventMonitor::sourceIdsGroup)) {
-        Finding& finding = examination.AtLine(
-            id, line,
-            "SourceIds is a group of its own: [" + group + "/SourceIds] with a line 0=" + std::string(line.value));
-        finding.fix = "[" + group + "/SourceIds]\n0=" + std::string(line.value);
+        const std::string first = "0=" + SourceId(std::string(line.value));
+        examination.AtLine(id, line, "SourceIds is a group of its own: [" + group + "/SourceIds] with a line " + first)
+            .fix = "[" + group + "/SourceIds]\n" + first;
         return;
     }
     if (const std::optional<std::string> nearest = NearestKey(key, keys)) {
@@ -192,6 +213,13 @@ void ReportUnknownKey(Examination& examination, const Line& line, const KnownGro
     if (const std::optional<std::string> right = RightGroup(examination, group, key)) {
         examination.AtLine(id, line, "nobody reads this key here; it belongs in [" + *right + "]").fix =
             "[" + *right + "]";
+        return;
+    }
+    const std::optional<std::string> below = name ? NearestKeyOfType(examination, *name, group, key) : std::nullopt;
+    if (below) {
+        const std::string typeGroup = "[" + group + "/" + *TypeOf(examination, name->item) + "]";
+        examination.AtLine(id, line, "unknown key; did you mean " + *below + " in " + typeGroup + "?").fix =
+            typeGroup + "\n" + *below;
         return;
     }
     examination.AtLine(id, line,

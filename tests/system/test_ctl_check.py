@@ -200,6 +200,19 @@ def test_the_answer_is_the_same_for_everybody(tmp_path: Path) -> None:
     assert len(answers) == 1
 
 
+@pytest.mark.parametrize(
+    ("mistake", "fix"),
+    [
+        ("source_ids_as_key", "[Events/Handler#1/SourceIds]\n0=Events/Source#1"),
+        ("source_ids_as_key_without_events", "[Events/Handler#1/SourceIds]\n0=Events/Source#1"),
+        ("key_misspelt_in_the_sources_own_group", "[Events/Source#1/Timer]\nInterval.sec"),
+    ],
+)
+def test_the_fix_of_a_key_in_the_wrong_group_is_what_the_daemon_reads(mistake: str, fix: str) -> None:
+    findings = check_json(ROOT / f"tests/ctl/mistakes/{mistake}.ini")["findings"]
+    assert [finding["fix"] for finding in findings if finding["id"] == "HK1010"] == [fix]
+
+
 def test_a_suppression_takes_one_finding_away(tmp_path: Path) -> None:
     path = tmp_path / "allowed.ini"
     for mark in (";", "#", "  ;"):
