@@ -104,7 +104,7 @@ void FolderEventHandler::SaveSnapshot() {
     CopySnapshot(realSource, osa::PathUtils::PathConcat(realDestination, fileName));
 }
 
-/** Deletes files until the snapshot fits below the limit. From 4 GiB on a limit never deletes anything. Meant so. */
+/** Deletes files until the snapshot fits below the limit. By design a limit of 4 GiB or more deletes nothing. */
 void FolderEventHandler::MakeRoom(const std::string& directory, const std::string& source, uint64_t limit) const {
     uint32_t directorySize = GetDirectorySize(directory);
     if (directorySize == 0) {

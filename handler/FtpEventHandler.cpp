@@ -69,7 +69,7 @@ void FtpEventHandler::LookUpSourcePath() {
     }
 }
 
-/** A folder of the server's is looked for on the camera. Meant so. */
+/** By design the folder of the server is looked up on the camera. */
 void FtpEventHandler::ResolveBasePath() {
     basePath = osa::PathUtils::RealPath(basePath);
     if (basePath.empty()) {

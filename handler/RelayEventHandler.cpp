@@ -102,7 +102,7 @@ void RelayEventHandler::DriveRelay() {
                                       relay.offIntervalMs, relay.pulseCount);
     } else {
         bool polarity = false;
-        // The polarity is the call's result, not the polarity that it reports. Meant so.
+        // By design the polarity is the call's result, not the polarity that it reports.
         relay.polarity = relayClient->GetConfiguration(relay.bankName, relay.index, polarity, relay.mode,
                                                        relay.onIntervalMs, relay.offIntervalMs, relay.pulseCount);
         settings.Store(relay);

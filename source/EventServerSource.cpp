@@ -23,8 +23,7 @@ namespace kelto::halvek::source {
 
 namespace {
 
-/** 666 in decimal, 01232 in octal; the umask applies. Meant so: whoever wants others to post makes the pipe beforehand.
- */
+/** By design 666 in decimal, 01232 in octal; the umask applies. To let others post, make the pipe beforehand. */
 constexpr mode_t fifoMode = 666;
 constexpr time_t selectTimeoutSec = 5;
 /** An event that has begun is not torn by a stop, unless it is longer than this. */
