@@ -13,7 +13,7 @@ public:
     /** The text, and a line break. */
     void AddLine(std::string_view line) { text.append(line).push_back('\n'); }
 
-    /** Writes what has been added. Throws Failure if standard output is closed or full. */
+    /** Writes what has been added. Throws Failure if standard output is closed or full, even if nothing was added. */
     void Flush();
 
 private:

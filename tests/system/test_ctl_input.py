@@ -17,6 +17,7 @@ VERBS = [["explain", "Timer"], ["schedule"], ["show"]]
 READERS = [*VERBS, ["check"]]
 SETTINGS: Settings = timer(1, 5) | handler(1, "Events/Source#1")
 MANY = 1000
+CLEAN = Path(__file__).resolve().parents[1] / "ctl/mistakes/clean.ini"
 
 
 def missing(path: Path) -> None:
@@ -95,7 +96,7 @@ def test_settings_that_may_not_be_read_are_3(words: list[str], tmp_path: Path) -
     assert (done.returncode, done.stdout) == (3, b"") and b"Permission denied" in done.stderr
 
 
-@pytest.mark.parametrize("words", [*VERBS, ["--help"], ["--version"]], ids=lambda words: words[0])
+@pytest.mark.parametrize("words", [*READERS, ["--help"], ["--version"]], ids=lambda words: words[0])
 def test_an_answer_that_cannot_be_written_is_3(words: list[str], tmp_path: Path) -> None:
     path = write_store(tmp_path, SETTINGS)
     with open("/dev/full", "wb") as full:
@@ -115,6 +116,16 @@ def test_an_answer_that_cannot_be_written_is_3(words: list[str], tmp_path: Path)
     )
     os.close(writer)
     assert ignored.returncode == 3
+
+
+@pytest.mark.parametrize("words", [[], ["--fail-on", "note"]], ids=["plain", "fail-on"])
+def test_an_answer_without_findings_that_cannot_be_written_is_3(words: list[str]) -> None:
+    words = ["check", *words, CLEAN]
+    assert answer(*words) == ""
+    with open("/dev/full", "wb") as full:
+        told = [ctl(*words, stdout=full), ctl(*words, stdout=None, preexec_fn=lambda: os.close(1))]
+    assert [done.returncode for done in told] == [3, 3]
+    assert all(b"the answer cannot be written: " in done.stderr.splitlines()[-1] for done in told), told
 
 
 def test_closed_descriptors_are_nobodys_files(tmp_path: Path) -> None:
