@@ -15,6 +15,9 @@ struct Utf8Character {
 
     /** Whether a terminal would act on it: C0, DEL and C1. */
     bool IsControl() const { return isValid && (code < 0x20 || (code >= 0x7f && code < 0xa0)); }
+
+    /** Whether Unicode keeps it out of all text for ever: XML does not even take it escaped. */
+    bool IsNoncharacter() const { return isValid && ((code & 0xfffe) == 0xfffe || (code >= 0xfdd0 && code <= 0xfdef)); }
 };
 
 /** Reads the first character of a text that is not empty. Any thread. */

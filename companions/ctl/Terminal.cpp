@@ -46,7 +46,7 @@ std::string Terminal::Escape(std::string_view text) {
     while (!text.empty()) {
         const companion::Utf8Character character = companion::FirstCharacter(text);
         const std::string_view bytes = text.substr(0, character.length);
-        if (!character.isValid || character.IsControl()) {
+        if (!character.isValid || character.IsControl() || character.IsNoncharacter()) {
             AppendBytes(escaped, bytes);
         } else {
             escaped.append(bytes);

@@ -10,8 +10,8 @@ class Terminal {
 public:
     enum class Colour { Red, Yellow, Green, Cyan, Bold, Faint };
 
-    /** The text with control characters, and bytes that are no UTF-8, written as "\x1b": nothing in it steers a
-     * terminal or begins a line of its own. */
+    /** The text with control characters, noncharacters, and bytes that are no UTF-8, written as "\x1b": nothing in it
+     * steers a terminal, begins a line of its own or is more than XML takes. */
     static std::string Escape(std::string_view text);
 
     /** The value of a key as it may be shown: "***" for a password, else escaped. */

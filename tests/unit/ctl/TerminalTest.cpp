@@ -21,6 +21,13 @@ TEST(Terminal, BytesThatAreNoCharactersAreWrittenOut) {
     EXPECT_EQ(Terminal::Escape("\xc0\xaf"), R"(\xc0\xaf)");
 }
 
+TEST(Terminal, CodePointsThatNoTextMayHoldAreWrittenOut) {
+    EXPECT_EQ(Terminal::Escape("a\xef\xbf\xbe\xef\xbf\xbf"), R"(a\xef\xbf\xbe\xef\xbf\xbf)");
+    EXPECT_EQ(Terminal::Escape("\xef\xb7\x90\xf4\x8f\xbf\xbf"), R"(\xef\xb7\x90\xf4\x8f\xbf\xbf)");
+    // The ones beside them.
+    EXPECT_EQ(Terminal::Escape("\xef\xbf\xbd\xef\xb7\x8f"), "\xef\xbf\xbd\xef\xb7\x8f");
+}
+
 TEST(Terminal, AllElseStandsAsItIs) {
     EXPECT_EQ(Terminal::Escape("Tür \\x1b 門"), "Tür \\x1b 門");
     EXPECT_EQ(Terminal::Escape(""), "");
