@@ -83,12 +83,21 @@ std::string DotQuoted(const std::string& text) {
     return quoted + "\"";
 }
 
+/** A label, unlike a name, is read for the entities of HTML. */
+std::string DotLabelText(const std::string& text) {
+    std::string label;
+    for (const char character : text) {
+        label.append(character == '&' ? "&amp;" : std::string(1, character));
+    }
+    return DotQuoted(label);
+}
+
 /** Lines of a label; what they hold is escaped, the breaks between them are not. */
 std::string DotLabel(const std::string& first, const std::string& second) {
-    std::string label = DotQuoted(first);
+    std::string label = DotLabelText(first);
     if (!second.empty()) {
         label.pop_back();
-        label.append("\\n").append(DotQuoted(second).substr(1));
+        label.append("\\n").append(DotLabelText(second).substr(1));
     }
     return label;
 }
@@ -184,7 +193,7 @@ std::string WiringTexts::Dot(const Wiring& wiring) {
                     DotStyle(wiring, handler.group, handler.isLeftOut) + "];\n");
         if (!handler.target.empty()) {
             const std::string target = DotQuoted("target of " + handler.group);
-            text.append("  " + target + " [shape=ellipse, label=" + DotQuoted(handler.target) + "];\n");
+            text.append("  " + target + " [shape=ellipse, label=" + DotLabelText(handler.target) + "];\n");
             text.append("  " + DotQuoted(handler.group) + " -> " + target +
                         (handler.isLeftOut ? " [style=dashed]" : "") + ";\n");
         }
