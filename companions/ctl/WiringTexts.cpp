@@ -72,32 +72,24 @@ std::string HandlerLines(const Wiring& wiring, const WiringHandler& handler, con
     return lines;
 }
 
+/** A name or a label. Dot reads labels for the entities of HTML, and copies those of names into its drawing. */
 std::string DotQuoted(const std::string& text) {
     std::string quoted = "\"";
     for (const char character : Terminal::Escape(text)) {
         if (character == '"' || character == '\\') {
             quoted.push_back('\\');
         }
-        quoted.push_back(character);
+        quoted.append(character == '&' ? "&amp;" : std::string(1, character));
     }
     return quoted + "\"";
 }
 
-/** A label, unlike a name, is read for the entities of HTML. */
-std::string DotLabelText(const std::string& text) {
-    std::string label;
-    for (const char character : text) {
-        label.append(character == '&' ? "&amp;" : std::string(1, character));
-    }
-    return DotQuoted(label);
-}
-
 /** Lines of a label; what they hold is escaped, the breaks between them are not. */
 std::string DotLabel(const std::string& first, const std::string& second) {
-    std::string label = DotLabelText(first);
+    std::string label = DotQuoted(first);
     if (!second.empty()) {
         label.pop_back();
-        label.append("\\n").append(DotLabelText(second).substr(1));
+        label.append("\\n").append(DotQuoted(second).substr(1));
     }
     return label;
 }
@@ -193,7 +185,7 @@ std::string WiringTexts::Dot(const Wiring& wiring) {
                     DotStyle(wiring, handler.group, handler.isLeftOut) + "];\n");
         if (!handler.target.empty()) {
             const std::string target = DotQuoted("target of " + handler.group);
-            text.append("  " + target + " [shape=ellipse, label=" + DotLabelText(handler.target) + "];\n");
+            text.append("  " + target + " [shape=ellipse, label=" + DotQuoted(handler.target) + "];\n");
             text.append("  " + DotQuoted(handler.group) + " -> " + target +
                         (handler.isLeftOut ? " [style=dashed]" : "") + ";\n");
         }
