@@ -10,29 +10,11 @@ namespace kelto::halvek {
 namespace {
 
 constexpr int firstYear = 1900;
-
-char Tens(int number) {
-    return static_cast<char>('0' + number / 10);
-}
-
-char Ones(int number) {
-    return static_cast<char>('0' + number % 10);
-}
+constexpr size_t timeOfDayLength = sizeof("hh:mm:ss") - 1;
 
 // Every event is stamped, and strftime would cost as much as reading the event. No locale is ever set.
-
-/** "%X" */
-std::string FormatTimeOfDay(const tm& local) {
-    return {Tens(local.tm_hour), Ones(local.tm_hour), ':', Tens(local.tm_min), Ones(local.tm_min), ':',
-            Tens(local.tm_sec),  Ones(local.tm_sec)};
-}
-
-/** "%Y-%d-%mT" */
-std::string FormatDate(const tm& local) {
-    const int day = local.tm_mday;
-    const int month = local.tm_mon + 1;
-    return std::to_string(local.tm_year + firstYear)
-        .append({'-', Tens(day), Ones(day), '-', Tens(month), Ones(month), 'T'});
+void AppendTwoDigits(std::string& text, char separator, int number) {
+    text.append({separator, static_cast<char>('0' + number / 10), static_cast<char>('0' + number % 10)});
 }
 
 }  // namespace
@@ -62,10 +44,15 @@ void Event::StampTime() {
     tm local{};
     localtime_r(&now, &local);
 
-    const std::string timeOfDay = FormatTimeOfDay(local);
     // The day stands before the month and the offset is always +00:00: consumers have parsed it so from the beginning.
-    properties["FormattedTime"] = FormatDate(local).append(timeOfDay).append("+00:00");
-    properties["Timestamp"] = timeOfDay;
+    std::string stamp = std::to_string(local.tm_year + firstYear);
+    AppendTwoDigits(stamp, '-', local.tm_mday);
+    AppendTwoDigits(stamp, '-', local.tm_mon + 1);
+    AppendTwoDigits(stamp, 'T', local.tm_hour);
+    AppendTwoDigits(stamp, ':', local.tm_min);
+    AppendTwoDigits(stamp, ':', local.tm_sec);
+    properties["Timestamp"] = stamp.substr(stamp.size() - timeOfDayLength);
+    properties["FormattedTime"] = stamp.append("+00:00");
 }
 
 }  // namespace kelto::halvek
