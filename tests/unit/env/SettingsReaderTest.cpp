@@ -13,7 +13,7 @@ using ::testing::StrEq;
 using ::testing::ThrowsMessage;
 using Group = core::IniFile::Group;
 
-constexpr SettingsKeys keys{
+constexpr SettingsKeys known{
     TextKey{.name = "Word"},
     TextKey{.name = "Path", .absent = "/there"},
     IntegerKey{.name = "Strict", .absent = 3, .lowest = 1, .highest = 5},
@@ -31,51 +31,51 @@ TEST(SettingsReader, SaysWhetherAKeyIsThereEvenIfItsValueIsEmpty) {
 
 TEST(SettingsReader, LeavesATextUntouchedThatIsAbsentAndHasNoDefault) {
     std::string text = "before";
-    EXPECT_FALSE(SettingsReader(Group{}).TryRead(keys.Text("Word"), text));
+    EXPECT_FALSE(SettingsReader(Group{}).TryRead(known.Text("Word"), text));
     EXPECT_EQ(text, "before");
 }
 
 TEST(SettingsReader, TakesAnEmptyTextForOneThatIsThere) {
     const Group group{{"Word", ""}, {"Path", ""}};
     std::string text = "before";
-    EXPECT_TRUE(SettingsReader(group).TryRead(keys.Text("Word"), text));
+    EXPECT_TRUE(SettingsReader(group).TryRead(known.Text("Word"), text));
     EXPECT_EQ(text, "");
     text = "before";
-    EXPECT_TRUE(SettingsReader(group).TryRead(keys.Text("Path"), text));
+    EXPECT_TRUE(SettingsReader(group).TryRead(known.Text("Path"), text));
     EXPECT_EQ(text, "");
 }
 
 TEST(SettingsReader, GivesTheDefaultOfATextThatIsAbsent) {
     std::string text = "before";
-    EXPECT_FALSE(SettingsReader(Group{}).TryRead(keys.Text("Path"), text));
+    EXPECT_FALSE(SettingsReader(Group{}).TryRead(known.Text("Path"), text));
     EXPECT_EQ(text, "/there");
 }
 
 TEST(SettingsReader, GivesTheDefaultOfANumberThatIsAbsent) {
-    EXPECT_EQ(SettingsReader(Group{}).Read(keys.Integer("Strict")), 3);
+    EXPECT_EQ(SettingsReader(Group{}).Read(known.Integer("Strict")), 3);
     int32_t number = 99;
-    EXPECT_FALSE(SettingsReader(Group{}).TryRead(keys.Integer("Lenient"), number));
+    EXPECT_FALSE(SettingsReader(Group{}).TryRead(known.Integer("Lenient"), number));
     EXPECT_EQ(number, 10);
 }
 
 TEST(SettingsReader, RefusesANumberThatIsNone) {
     const Group group{{"Strict", "3x"}};
-    EXPECT_THAT([&] { SettingsReader(group).Read(keys.Integer("Strict")); },
+    EXPECT_THAT([&] { SettingsReader(group).Read(known.Integer("Strict")); },
                 ThrowsMessage<osa::Exception>(StrEq("The value of key Strict is not an integer: 3x")));
 }
 
 TEST(SettingsReader, GivesTheDefaultOfANumberThatIsNoneIfItsKeyWantsThat) {
     const Group group{{"Lenient", "often"}};
     int32_t number = 99;
-    EXPECT_FALSE(SettingsReader(group).TryRead(keys.Integer("Lenient"), number));
+    EXPECT_FALSE(SettingsReader(group).TryRead(known.Integer("Lenient"), number));
     EXPECT_EQ(number, 10);
 }
 
 TEST(SettingsReader, TakesANumberOutOfRangeAsItIs) {
     const Group group{{"Strict", "6"}, {"Lenient", "-2147483648"}};
-    EXPECT_EQ(SettingsReader(group).Read(keys.Integer("Strict")), 6);
+    EXPECT_EQ(SettingsReader(group).Read(known.Integer("Strict")), 6);
     int32_t number = 99;
-    EXPECT_TRUE(SettingsReader(group).TryRead(keys.Integer("Lenient"), number));
+    EXPECT_TRUE(SettingsReader(group).TryRead(known.Integer("Lenient"), number));
     EXPECT_EQ(number, INT32_MIN);
 }
 
@@ -83,32 +83,32 @@ TEST(SettingsReader, GivesTheDefaultOfANumberOutOfRangeIfItsKeyWantsThat) {
     for (const auto& [text, number] :
          {std::pair{"0", 3}, std::pair{"1", 1}, std::pair{"5", 5}, std::pair{"6", 3}, std::pair{"-1", 3}}) {
         const Group group{{"Bound", text}};
-        EXPECT_EQ(SettingsReader(group).Read(keys.Integer("Bound")), number) << text;
+        EXPECT_EQ(SettingsReader(group).Read(known.Integer("Bound")), number) << text;
     }
 }
 
 TEST(SettingsReader, GivesTheDefaultOfABooleanThatIsAbsentOnly) {
-    EXPECT_TRUE(SettingsReader(Group{}).Read(keys.Boolean("Answer")));
-    EXPECT_FALSE(SettingsReader(Group{{"Answer", "off"}}).Read(keys.Boolean("Answer")));
+    EXPECT_TRUE(SettingsReader(Group{}).Read(known.Boolean("Answer")));
+    EXPECT_FALSE(SettingsReader(Group{{"Answer", "off"}}).Read(known.Boolean("Answer")));
     const Group group{{"Answer", "perhaps"}};
-    EXPECT_THAT([&] { SettingsReader(group).Read(keys.Boolean("Answer")); },
+    EXPECT_THAT([&] { SettingsReader(group).Read(known.Boolean("Answer")); },
                 ThrowsMessage<osa::Exception>(StrEq("The value of key Answer is neither true nor false: perhaps")));
 }
 
 TEST(SettingsReader, RefusesToGoOnWithoutABooleanThatIsRequired) {
-    EXPECT_THAT([] { SettingsReader(Group{}).Read(keys.Boolean("Needed")); },
+    EXPECT_THAT([] { SettingsReader(Group{}).Read(known.Boolean("Needed")); },
                 ThrowsMessage<osa::Exception>(StrEq("There is no key Needed")));
 }
 
 TEST(SettingsReader, NamesTheGroupOfARequiredTextThatIsAbsent) {
     core::IniFile ini;
-    EXPECT_THAT([&] { SettingsReader::Read(ini, "Group", keys.Text("Word")); },
+    EXPECT_THAT([&] { SettingsReader::Read(ini, "Group", known.Text("Word")); },
                 ThrowsMessage<osa::Exception>(StrEq("There is no settings group Group")));
     ini.AddGroup("Group");
-    EXPECT_THAT([&] { SettingsReader::Read(ini, "Group", keys.Text("Word")); },
+    EXPECT_THAT([&] { SettingsReader::Read(ini, "Group", known.Text("Word")); },
                 ThrowsMessage<osa::Exception>(StrEq("There is no key Word in settings group Group")));
     ini.AddGroup("Group")["Word"] = "said";
-    EXPECT_EQ(SettingsReader::Read(ini, "Group", keys.Text("Word")), "said");
+    EXPECT_EQ(SettingsReader::Read(ini, "Group", known.Text("Word")), "said");
 }
 
 }  // namespace

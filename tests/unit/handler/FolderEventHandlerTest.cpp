@@ -25,19 +25,11 @@ using ::testing::StrEq;
 using ::testing::ThrowsMessage;
 using Group = core::IniFile::Group;
 
-constexpr const char* noLimit = "Debug halvek: Zero limit size, so limit size functionality skipped";
-constexpr const char* succeeded = "Debug halvek: Copy succeeded";
-constexpr const char* retried = "Debug halvek: Copy failed, trying shorter filename";
-constexpr const char* reallyFailed = "Debug halvek: Copy really failed now";
 constexpr const char* illegal = "Error halvek: FolderEventHandler: Illegal file name or path";
 constexpr const char* unknown = "Error halvek: FolderEventHandler: Error, unknown exception caught";
 
 class FolderEventHandlerTest : public FolderFixture {
 protected:
-    std::string Writing(const std::string& name) const {
-        return "Information halvek: Writing file " + source + " to " + InTarget(name);
-    }
-
     std::string Written(const std::string& name) const { return test::ReadWholeFile(InTarget(name)); }
 
     /** How often the text is in the log, wherever in a line. */

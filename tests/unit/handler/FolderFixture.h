@@ -24,6 +24,11 @@ namespace kelto::halvek::handler {
  */
 class FolderFixture : public ::testing::Test {
 protected:
+    static constexpr const char* noLimit = "Debug halvek: Zero limit size, so limit size functionality skipped";
+    static constexpr const char* succeeded = "Debug halvek: Copy succeeded";
+    static constexpr const char* retried = "Debug halvek: Copy failed, trying shorter filename";
+    static constexpr const char* reallyFailed = "Debug halvek: Copy really failed now";
+
     FolderFixture();
 
     /** Nothing that was put there is gone from the current folder, nothing is new, and no file half-made is left. */
@@ -52,6 +57,11 @@ protected:
     std::string MakeSparse(const std::string& name, int64_t size) const;
 
     std::string InTarget(const std::string& name) const { return target + "/" + name; }
+
+    /** The record of a file that is about to be written. */
+    std::string Writing(const std::string& name) const {
+        return "Information halvek: Writing file " + source + " to " + InTarget(name);
+    }
 
     const test::TempDir folder;
     const std::string target;

@@ -22,13 +22,9 @@ using ::testing::Not;
 
 constexpr int64_t gibibyte = int64_t{1} << 30U;
 
-constexpr const char* noLimit = "Debug halvek: Zero limit size, so limit size functionality skipped";
 constexpr const char* pastLimit = "Debug halvek: Directory past limit, deleting oldest file";
-constexpr const char* succeeded = "Debug halvek: Copy succeeded";
-constexpr const char* retried = "Debug halvek: Copy failed, trying shorter filename";
-constexpr const char* reallyFailed = "Debug halvek: Copy really failed now";
 constexpr const char* cannotCheck = "Error halvek: FolderEventHandler: can't properly check directory size restraints";
-constexpr const char* cannotDelete =
+constexpr const char* cannotDeleteOldest =
     "Error halvek: FolderEventHandler: unable to delete oldest file, permission problem?";
 
 /** Where a long has 32 bits, sizes from 2 GiB on look odd in the log. */
@@ -51,10 +47,6 @@ protected:
         Put("a", 4096, 3000);
         Put("b", 8192, 1000);
         Put("c", 4096, 2000);
-    }
-
-    std::string Writing(const std::string& name) const {
-        return "Information halvek: Writing file " + source + " to " + InTarget(name);
     }
 };
 
@@ -106,7 +98,7 @@ TEST_F(FolderLimit, IsANumberOfBytesOrANumberWithAUnit) {
         Configure({{"LimitSize", text}});
         Act();
         EXPECT_THAT(Lines(), ElementsAre(pastLimit, FileSize(4 * gibibyte - 1000000), DirectorySize(4096),
-                                         LimitSize(bytes), cannotDelete));
+                                         LimitSize(bytes), cannotDeleteOldest));
     }
     EXPECT_THAT(Names(), ElementsAre("sub", "sub/file"));
 }
@@ -139,7 +131,7 @@ TEST_F(FolderLimit, SmallerThanTheSnapshotItEmptiesTheFolderAndFails) {
     EXPECT_THAT(Lines(), ElementsAre(pastLimit, FileSize(5000), DirectorySize(16384), LimitSize(4096), pastLimit,
                                      FileSize(5000), DirectorySize(8192), LimitSize(4096), pastLimit, FileSize(5000),
                                      DirectorySize(4096), LimitSize(4096), pastLimit, FileSize(5000), DirectorySize(0),
-                                     LimitSize(4096), cannotDelete));
+                                     LimitSize(4096), cannotDeleteOldest));
     EXPECT_THAT(Names(), IsEmpty());
 }
 
@@ -213,7 +205,8 @@ TEST_F(FolderLimit, OnAReadOnlyFolderNothingChangesAndLaterEventsAreSaved) {
     card.MakeReadOnly();
     Configure({{"LimitSize", "9k"}});
     Act();
-    EXPECT_THAT(Lines(), ElementsAre(pastLimit, FileSize(5000), DirectorySize(16384), LimitSize(9216), cannotDelete));
+    EXPECT_THAT(Lines(),
+                ElementsAre(pastLimit, FileSize(5000), DirectorySize(16384), LimitSize(9216), cannotDeleteOldest));
     Configure({{"LimitSize", "0"}});
     Act();
     const std::string failure = "Error kelto.osa: Cannot write into " + target + ": Read-only file system";
@@ -234,7 +227,7 @@ TEST_F(FolderLimit, WithoutPermissionToDeleteItIsAnError) {
         const test::Unprivileged unprivileged;
         Act();
     }
-    EXPECT_EQ(Lines().back(), cannotDelete);
+    EXPECT_EQ(Lines().back(), cannotDeleteOldest);
     EXPECT_THAT(Names(), ElementsAre("a", "b", "c"));
 }
 

@@ -34,7 +34,7 @@ public:
 
 using Delegate = MessageDelegate<Listener>;
 
-MsgBusMsg Message(const std::string& name) {
+MsgBusMsg MessageNamed(const std::string& name) {
     return {.name = name, .domain = "domain", .signature = "", .size = 0, .arguments = {}};
 }
 
@@ -57,8 +57,8 @@ TEST(MessageDelegate, CallsTheOperationOfItsObjectWithTheMessage) {
     Listener listener;
     Delegate delegate(&bus, "a", "domain", &listener, &Listener::Hear);
     IMessageHandler& handler = delegate;
-    handler.HandleMessage(Message("first"));
-    handler.HandleMessage(Message("second"));
+    handler.HandleMessage(MessageNamed("first"));
+    handler.HandleMessage(MessageNamed("second"));
     EXPECT_THAT(listener.names, ElementsAre("first", "second"));
 }
 
@@ -66,7 +66,7 @@ TEST(MessageDelegate, LetsAnExceptionThroughToTheBus) {
     NiceMock<MockBus> bus;
     Listener listener;
     Delegate delegate(&bus, "a", "domain", &listener, &Listener::Refuse);
-    EXPECT_THAT([&] { delegate.HandleMessage(Message("no")); }, testing::ThrowsMessage<std::runtime_error>("no"));
+    EXPECT_THAT([&] { delegate.HandleMessage(MessageNamed("no")); }, testing::ThrowsMessage<std::runtime_error>("no"));
 }
 
 TEST(MessageDelegate, CancellingUnsubscribesOnceAndTheDestructorNotAgain) {

@@ -18,10 +18,10 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 /** Subscribes with one allocation failing, the one after so many; says whether it came to that. */
-bool SubscribeFails(MsgBus& bus, const MessageFilter& filter, IMessageHandler& handler, size_t goodOnes) {
+bool SubscribeFails(MsgBus& bus, const MessageFilter& wanted, IMessageHandler& handler, size_t goodOnes) {
     const FailingAllocation failing(goodOnes);
     try {
-        bus.Subscribe(filter, &handler);
+        bus.Subscribe(wanted, &handler);
     } catch (const std::bad_alloc&) {
     }
     return FailingAllocation::HasFailed();

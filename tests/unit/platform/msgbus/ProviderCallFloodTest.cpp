@@ -28,7 +28,7 @@ size_t HeldBytes() {
     return info.uordblks + info.hblkhd;
 }
 
-Strings GetNames() {
+Strings GetNamesInTheFlood() {
     ProviderCall call("Test", "GetNames");
     call.Send();
     return call.ReadStrings();
@@ -49,7 +49,7 @@ protected:
     ProviderCallFlood() {
         service.Answer("GetNames", {Strings{"Remote", "Local"}});
         before = daemon.UniqueNames();
-        GetNames();
+        GetNamesInTheFlood();
         callersName = Newcomer();
     }
 
@@ -72,27 +72,27 @@ protected:
 
 TEST_F(ProviderCallFlood, AFewMessagesThatNobodyAskedForLeaveTheConnectionAsItIs) {
     stranger.Emit(Unasked(callersName, 8));
-    EXPECT_THAT(GetNames(), ElementsAre("Remote", "Local"));
+    EXPECT_THAT(GetNamesInTheFlood(), ElementsAre("Remote", "Local"));
     EXPECT_EQ(Newcomer(), callersName);
 }
 
 TEST_F(ProviderCallFlood, MoreThanAFewHaveItOpenedAnewBeforeTheNextCall) {
     stranger.Emit(Unasked(callersName, 9));
-    EXPECT_THAT(GetNames(), ElementsAre("Remote", "Local"));
+    EXPECT_THAT(GetNamesInTheFlood(), ElementsAre("Remote", "Local"));
     EXPECT_NE(Newcomer(), callersName);
     EXPECT_THAT(service.Calls(), SizeIs(2));
 }
 
 TEST_F(ProviderCallFlood, OneLargeMessageDoesTheSame) {
     stranger.Emit(Unasked(callersName, 1, 5000));
-    EXPECT_THAT(GetNames(), ElementsAre("Remote", "Local"));
+    EXPECT_THAT(GetNamesInTheFlood(), ElementsAre("Remote", "Local"));
     EXPECT_NE(Newcomer(), callersName);
 }
 
 TEST_F(ProviderCallFlood, WhatWasSentToAnIdleConnectionIsNotReadBeforeTheNextCall) {
     stranger.Emit(Unasked(callersName, 20000));
     const auto begin = std::chrono::steady_clock::now();
-    EXPECT_THAT(GetNames(), ElementsAre("Remote", "Local"));
+    EXPECT_THAT(GetNamesInTheFlood(), ElementsAre("Remote", "Local"));
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 1s);
     EXPECT_NE(Newcomer(), callersName);
 }
@@ -101,7 +101,7 @@ TEST_F(ProviderCallFlood, WhatComesWhileACallWaitsIsNotKept) {
     service.Hold();
     std::future<size_t> keptBytes = std::async(std::launch::async, [] {
         const size_t heldBefore = HeldBytes();
-        GetNames();
+        GetNamesInTheFlood();
         return HeldBytes() - std::min(heldBefore, HeldBytes());
     });
     ASSERT_TRUE(service.WaitForCalls(2));

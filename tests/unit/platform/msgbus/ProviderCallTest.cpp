@@ -58,7 +58,7 @@ std::string FailureOf(const std::function<void()>& call) {
     return "no failure";
 }
 
-std::chrono::milliseconds TimeOf(const std::function<void()>& deed) {
+std::chrono::milliseconds DurationOf(const std::function<void()>& deed) {
     const Clock::time_point begin = Clock::now();
     deed();
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
@@ -123,7 +123,7 @@ TEST_F(ProviderCallTest, AnErrorOfTheServiceWithoutATextIsItsName) {
 TEST_F(ProviderCallTest, AServiceThatIsNotThereFailsAtOnce) {
     service.reset();
     std::string failure;
-    EXPECT_LT(TimeOf([&] { failure = FailureOf(GetNames); }), 1s);
+    EXPECT_LT(DurationOf([&] { failure = FailureOf(GetNames); }), 1s);
     EXPECT_THAT(failure, StartsWith("org.freedesktop.DBus.Error.ServiceUnknown: "));
 }
 
@@ -151,7 +151,7 @@ TEST_F(ProviderCallTest, AReplyOfOtherTypesFails) {
 TEST_F(ProviderCallTest, WithoutABusItFailsAtOnceAndThrowsNothingElse) {
     daemon.Kill();
     std::string failure;
-    EXPECT_LT(TimeOf([&] { failure = FailureOf(GetNames); }), 1s);
+    EXPECT_LT(DurationOf([&] { failure = FailureOf(GetNames); }), 1s);
     EXPECT_THAT(failure, StartsWith("Cannot open the message bus: "));
 }
 
@@ -256,7 +256,7 @@ TEST_F(ProviderCallTest, AServiceThatEndsUnderWayFailsTheCall) {
 TEST_F(ProviderCallTest, AServiceThatHangsFailsAfterFiveSecondsAndItsLateReplyIsNobodyElses) {
     service->Hold();
     std::string failure;
-    EXPECT_THAT(TimeOf([&] { failure = FailureOf(GetNames); }), AllOf(Ge(4900ms), Lt(9s)));
+    EXPECT_THAT(DurationOf([&] { failure = FailureOf(GetNames); }), AllOf(Ge(4900ms), Lt(9s)));
     EXPECT_EQ(failure, "org.freedesktop.DBus.Error.Timeout: Connection timed out");
     service->Release();
     service->Answer("GetNames", {Strings{"new"}});
@@ -267,9 +267,9 @@ TEST_F(ProviderCallTest, ACallThatHangsTakesNoLongerThanFiveSecondsTakeOnThisMac
     service->Hold();
     std::vector<std::future<std::chrono::milliseconds>> calls;
     for (int number = 0; number < 3; ++number) {
-        calls.push_back(std::async(std::launch::async, [] { return TimeOf([] { FailureOf(GetNames); }); }));
+        calls.push_back(std::async(std::launch::async, [] { return DurationOf([] { FailureOf(GetNames); }); }));
     }
-    const std::chrono::milliseconds five = TimeOf([] { poll(nullptr, 0, 5000); });
+    const std::chrono::milliseconds five = DurationOf([] { poll(nullptr, 0, 5000); });
     std::chrono::milliseconds quickest = std::chrono::milliseconds::max();
     for (std::future<std::chrono::milliseconds>& call : calls) {
         quickest = std::min(quickest, call.get());
@@ -281,7 +281,7 @@ TEST(ProviderCallConnection, ABusThatAcceptsAndNeverAnswersFailsTheCallAfterFive
     const test::PrivateBus daemon(State::Absent);
     const test::SilentSocket silent(daemon.GetSocketPath());
     std::string failure;
-    EXPECT_THAT(TimeOf([&] { failure = FailureOf(GetNames); }), AllOf(Ge(4900ms), Lt(9s)));
+    EXPECT_THAT(DurationOf([&] { failure = FailureOf(GetNames); }), AllOf(Ge(4900ms), Lt(9s)));
     EXPECT_EQ(failure, "Cannot open the message bus: Connection timed out");
 }
 
@@ -309,7 +309,7 @@ TEST_F(ProviderCallTest, OpeningTheConnectionAndTheCallTakeFiveSecondsTogether) 
     service->Hold();
     daemon.Freeze();
     std::future<std::chrono::milliseconds> time =
-        std::async(std::launch::async, [] { return TimeOf([] { FailureOf(GetNames); }); });
+        std::async(std::launch::async, [] { return DurationOf([] { FailureOf(GetNames); }); });
     EXPECT_EQ(time.wait_for(3s), std::future_status::timeout);
     daemon.Thaw();
     EXPECT_THAT(time.get(), AllOf(Ge(4900ms), Lt(7900ms)));
