@@ -78,7 +78,7 @@ StorePositions::StorePositions(const Store& store) {
 }
 
 void StorePositions::Add(std::string name, std::string text) {
-    files.push_back(std::make_unique<const File>(std::move(name), std::move(text)));
+    files.push_back(std::make_unique<const File>(File{std::move(name), std::move(text)}));
     std::string_view rest = files.back()->text;
     std::string_view group;
     bool hasGroup = false;
