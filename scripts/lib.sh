@@ -119,6 +119,19 @@ test_torture() {
         echo "${0##*/}: the torture failed" >&2
 }
 
+# test_command NAME COMMAND [ARGUMENT]...: a command that counts as one test, in build/NAME.
+test_command() {
+    local name=$1 results=$sourceFolder/build/$1/test-results status=run
+    rm -rf "$results"
+    mkdir -p "$results"
+    "${@:2}" </dev/null 2>&1 | tee "$results/said.txt" || status=fail
+    {
+        printf '<testsuite><testcase name="%s" status="%s"><system-out>' "$name" "$status"
+        sed 's/&/\&amp;/g; s/</\&lt;/g; s/[^[:print:]\t]/?/g' "$results/said.txt"
+        printf '</system-out></testcase></testsuite>\n'
+    } >"$results/ctest.xml"
+}
+
 test_preset() {
     local results=$sourceFolder/build/$1/test-results
     rm -rf "$results"
@@ -130,7 +143,7 @@ test_preset() {
 
 # test_presets PRESET...: builds and tests each, and ends with a count for each and for all of them; the status is 0
 # only if every test ran and passed. "boot" stands for the packages on a machine of their own, which only root can boot,
-# "torture" for the long form of scripts/torture.
+# "torture" for the long form of scripts/torture, "lint" and "fuzz" for these scripts.
 test_presets() {
     local preset
     install_packages
@@ -138,12 +151,15 @@ test_presets() {
         "$sourceFolder/scripts/armhf-sysroot"
     fi
     for preset in "$@"; do
-        if [[ $preset == boot || $preset == torture ]]; then
-            "test_$preset"
-        else
-            build_preset "$preset"
-            test_preset "$preset"
-        fi
+        case $preset in
+            boot | torture) "test_$preset" ;;
+            lint) test_command lint "$sourceFolder/scripts/lint" --quick ;;
+            fuzz) test_command fuzz "$sourceFolder/scripts/fuzz" ;;
+            *)
+                build_preset "$preset"
+                test_preset "$preset"
+                ;;
+        esac
     done
     /usr/bin/python3 -B "$sourceFolder/scripts/test_summary.py" "$sourceFolder/build" "$@"
 }

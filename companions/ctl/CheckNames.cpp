@@ -140,8 +140,11 @@ std::optional<std::string> NearestKey(const std::string& key, const std::vector<
     std::vector<std::string> withoutUnits;
     std::transform(known.begin(), known.end(), std::back_inserter(withoutUnits), WithoutUnit);
     const std::optional<std::string> nearest = Nearest::Find(WithoutUnit(key), withoutUnits);
-    const auto place = nearest ? std::find(withoutUnits.begin(), withoutUnits.end(), *nearest) : withoutUnits.end();
-    return place == withoutUnits.end() ? std::nullopt : std::optional(known[place - withoutUnits.begin()]);
+    if (!nearest) {
+        return std::nullopt;
+    }
+    return *std::next(known.begin(),
+                      std::find(withoutUnits.begin(), withoutUnits.end(), *nearest) - withoutUnits.begin());
 }
 
 /** The keys that mean something in a group, without patterns. */

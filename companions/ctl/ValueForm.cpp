@@ -15,8 +15,6 @@ namespace kelto::halvek::ctl {
 
 namespace {
 
-constexpr std::string_view digits = "0123456789";
-
 std::string_view Trim(std::string_view text) {
     const size_t begin = text.find_first_not_of(" \t");
     return begin == std::string_view::npos ? std::string_view()
