@@ -96,6 +96,7 @@ std::string LocalDay::SpansText(const std::vector<OpenSpan>& spans) const {
 
 std::vector<LocalDay> Calendar::Days(const Date& first, int count) {
     std::vector<LocalDay> days;
+    days.reserve(static_cast<size_t>(std::max(count, 0)));
     for (int i = 0; i < count; ++i) {
         days.emplace_back(first.Plus(i));
     }

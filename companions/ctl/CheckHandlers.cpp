@@ -185,7 +185,7 @@ void CheckSnapshot(Examination& examination, const HandlerView& handler) {
 }
 
 void CheckAttachment(Examination& examination, const HandlerView& handler) {
-    const std::string type = handler.Type();
+    const std::string& type = handler.Type();
     if (!handler.Has("Attachment")) {
         Finding& finding =
             examination.AtGroup("HK3004", handler.MainGroup(), "Attachment=true is missing: this handler is left out");

@@ -134,7 +134,7 @@ std::optional<std::string> NearestKey(const std::string& key, const std::vector<
             return one;
         }
     }
-    if (const std::optional<std::string> nearest = Nearest::Find(key, known)) {
+    if (std::optional<std::string> nearest = Nearest::Find(key, known)) {
         return nearest;
     }
     std::vector<std::string> withoutUnits;

@@ -53,7 +53,7 @@ void CheckLogLevels(Examination& examination) {
                                                        " is no level: the default holds; allowed are Trace, "
                                                        "Debug, Information, Warning and Error");
             finding.fix = Nearest::Find(ValueForm::Bare(value), {"Trace", "Debug", "Information", "Warning", "Error"});
-            finding.foretells = key + " names no log level: " + value;
+            finding.foretells = std::string(key).append(" names no log level: ").append(value);
         }
         const std::string logger = ofOne ? key.substr(prefix.size()) : "";
         if (ofOne && std::find(loggers.begin(), loggers.end(), logger) == loggers.end()) {
@@ -193,8 +193,9 @@ void CheckKeys(Examination& examination, const std::string& group, const std::st
                    [&](const std::string& place, const IntegerKey& key, int32_t number) {
                        ReportOutOfRange(examination, place, key, number);
                    });
+    const std::string below = group + "/" + type;
     for (const SettingsKey& key : KnownNames::KeysOfSource(type)) {
-        check.Check(group + "/" + type, key);
+        check.Check(below, key);
     }
 }
 
