@@ -2,10 +2,11 @@
 
 #include "companions/ctl/Failure.h"
 #include "companions/ctl/HandlerName.h"
-#include "env/SettingsKeys.h"
+#include "env/SettingsReader.h"
 #include "handler/FilterChain.h"
 #include "handler/FolderEventHandler.h"
 #include "handler/RelayEventHandler.h"
+#include "kelto/osa/Exception.h"
 #include "monitor/EventMonitor.h"
 #include "source/AlarmEventSource.h"
 #include "source/EventServerSource.h"
@@ -27,8 +28,13 @@ std::string ValueOf(const Group& settings, const char* key, const std::string& a
     return value == settings.end() ? absent : value->second;
 }
 
+/** As the daemon reads it; what it cannot read stands as it is, and a finding says so. */
 std::string NumberOf(const Group& settings, const IntegerKey& key) {
-    return ValueOf(settings, key.name, std::to_string(key.absent));
+    try {
+        return std::to_string(SettingsReader(settings).Read(key));
+    } catch (const osa::Exception&) {
+        return ValueOf(settings, key.name, std::to_string(key.absent));
+    }
 }
 
 std::string BankOf(const Group& settings) {

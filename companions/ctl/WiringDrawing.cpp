@@ -236,7 +236,7 @@ void WiringDrawing::AddMarks(const std::string& group, double right, double y) {
     constexpr size_t mostShown = 2;
     const std::vector<const WiringMark*> marks = wiring.MarksOf(group);
     for (size_t i = 0; i < marks.size() && i < mostShown; ++i) {
-        const double width = Svg::WidthOf(marks[i]->id, 11) + 6;
+        const double width = Svg::WidthOf(marks[i]->id, Svg::boldFont) + 4;
         right -= width;
         svg.AddText(right, y, "mark " + marks[i]->severity + "-text", marks[i]->id);
     }
