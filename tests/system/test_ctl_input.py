@@ -1,9 +1,9 @@
 """halvekctl and what it cannot read or write to: one message and the right status, never a wrong answer."""
 
 import os
+import resource
 import signal
 import subprocess
-import time
 from collections.abc import Callable
 from pathlib import Path
 
@@ -150,16 +150,22 @@ def test_without_zone_data_no_zone_is_taken_for_utc(words: list[str], tmp_path: 
     assert ctl("--settings", path, "--zone", "UTC", *words, variables=nowhere).returncode == 0
 
 
-@pytest.mark.not_under("emulator", reason="the emulator's own time would be measured")
+def processor_seconds() -> float:
+    """Of the programs that have ended: what else the machine has to do makes no difference."""
+    used = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return used.ru_utime + used.ru_stime
+
+
+@pytest.mark.not_under("sanitizer", "emulator", reason="its own time would be measured")
 def test_a_thousand_handlers_are_no_matter(tmp_path: Path) -> None:
     settings = timer(1, 5)
     for number in range(MANY):
         settings |= handler(number, "Events/Source#1", handler_type="Relay", EnabledTimes=f"{number}-2400")
     path = write_store(tmp_path, settings)
     for words in (["explain", "Timer"], ["show"], ["show", "--as", "svg"]):
-        begin = time.monotonic()
+        begin = processor_seconds()
         assert answer("--settings", path, *words).count("Handler#") >= MANY
-        assert time.monotonic() - begin < 3
+        assert processor_seconds() - begin < 3
 
 
 def test_settings_that_a_writer_never_leaves_alone_are_told(tmp_path: Path) -> None:
