@@ -9,7 +9,7 @@ namespace {
 
 constexpr time_t minute = 60;
 constexpr time_t hour = 3600;
-constexpr time_t year = 366 * 24 * hour;
+constexpr time_t year = hour * 24 * 366;
 
 tm Local(time_t when) {
     tm local{};
