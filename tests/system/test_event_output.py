@@ -181,6 +181,23 @@ def test_a_link_of_the_daemons_own_user_is_followed(launch, output_pipe, tmp_pat
     assert not daemon.log.matching(" Error ")
 
 
+@pytest.mark.not_under("one user", reason="root is the daemon's own user there")
+def test_a_link_of_root_is_followed_by_a_daemon_of_another_user(launch, output_pipe, tmp_path):
+    os.mkfifo(tmp_path / "elsewhere")
+    (PIPE_FOLDER / "a.halvek.any").symlink_to(tmp_path / "elsewhere")
+    descriptor = os.open(tmp_path / "elsewhere", os.O_RDWR | os.O_NONBLOCK)
+    may = "+dac_override"  # root's files are the daemon's to read here
+    prefix = ["setpriv", f"--reuid={FIRST_UID}", f"--inh-caps={may}", f"--ambient-caps={may}", "--"]
+    try:
+        daemon, pipe = launch(SERVER, prefix=prefix), output_pipe()
+        post(block("Door"))
+        pipe.wait_for_event("Door")
+        assert read_block(descriptor).startswith("[Door]\n")
+    finally:
+        os.close(descriptor)
+    assert not daemon.log.matching(" Error ")
+
+
 # Where there is only one user, everything is the daemon's own.
 @pytest.mark.not_under("one user", reason="a link of somebody else takes somebody else")
 @pytest.mark.parametrize("target", ["/run/halvek.pipe", "{folder}/halvek.pid"])

@@ -303,6 +303,16 @@ TEST_F(ExternEventHandlerTest, ALinkOfRootsIsFollowedWhereverItsPathBegins) {
     EXPECT_EQ(log.Lines().back(), done);
 }
 
+TEST_F(ExternEventHandlerTest, FollowingALinkLeavesNoDescriptor) {
+    const test::Fifo pipe(PathOf("pipe"));
+    fs::create_symlink("pipe", PathOf("a.Timer"));
+    FireTimer();
+    const std::vector<int> before = test::OpenDescriptors();
+    FireTimer();
+    EXPECT_EQ(test::OpenDescriptors(), before);
+    EXPECT_EQ(pipe.Read(), std::string(timerBlock) + timerBlock);
+}
+
 TEST_F(ExternEventHandlerTest, ALinkToItselfIsAFailedOpen) {
     fs::create_symlink("a.halvek.any", PathOf("a.halvek.any"));
     FireTimer();
