@@ -261,6 +261,14 @@ TEST(SettingsStore, IsReadAfreshEachTime) {
     EXPECT_THAT(LoadFrom(folder.GetPath()).GetGroups(), IsEmpty());
 }
 
+TEST(SettingsStore, APipeThatServedNothingIsNotOpenedToCompareIt) {
+    const test::TempDir folder;
+    const std::string pipe = folder.PathOf("settings");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const test::EnvironmentVariable store("KELTO_SETTINGS", pipe);
+    EXPECT_FALSE(SettingsStore::Holds({{pipe, ""}}));
+}
+
 TEST(SettingsStore, KeepsNoDescriptor) {
     const test::TempDir folder;
     folder.Write("a.ini", "[g]\n");
