@@ -428,6 +428,25 @@ TEST_F(EventServerSourceTest, AStopGetsThroughWhileALineNeverEnds) {
     EXPECT_EQ(log.Count(droppedAtAStop), 1U);
 }
 
+TEST_F(EventServerSourceTest, AStopInTheMiddleOfAnEventLetsItBeReadToItsEnd) {
+    kelto::core::Logger::SetLevels({.general = kelto::core::LogLevel::Debug, .byLogger = {}});
+    std::string block = "[A]\n";
+    for (int i = 0; i < 500; ++i) {
+        block += "k" + std::to_string(i) + "=" + std::string(90, 'v') + "\n";
+    }
+    block += "last=1\n.\n";
+    for (bool isInTheMiddle = false; !isInTheMiddle;) {
+        fifo.Write(block);
+        source.StartListening();
+        ASSERT_TRUE(test::WaitUntil([&] { return fifo.CountWaiting() < block.size(); }));
+        source.Stop();
+        isInTheMiddle = fifo.CountWaiting() > 0;
+        source.StopListening();
+    }
+    EXPECT_FALSE(log.Has(droppedAtAStop));
+    EXPECT_EQ(handler.Events().back().properties.count("last"), 1U);
+}
+
 TEST_F(EventServerSourceTest, AnEventThatHasBegunBeforeAStopIsReadToItsEnd) {
     test::RecordingHandler stopping([this](Event&) { source.Stop(); });
     source.AddHandler(&stopping);
