@@ -172,10 +172,10 @@ struct UnitText {
 std::map<std::string, std::string> DropIns() {
     std::map<std::string, std::string> paths;
     for (const char* const folder : unitFolders) {
-        const std::string dropIns = std::string(folder) + "/" + unitName + ".d";
+        const std::string dropIns = std::string(folder) + "/" + unitName + ".d/";
         for (const std::string& name : NamesIn(dropIns)) {
             if (name.ends_with(".conf")) {
-                paths.emplace(name, dropIns + "/" + name);
+                paths.emplace(name, dropIns + name);
             }
         }
     }

@@ -35,12 +35,12 @@ std::vector<HandlerView> HandlerView::All(const Examination& examination) {
 }
 
 std::string HandlerView::MainGroup() const {
-    const std::string below = group + "/" + type;
+    std::string below = group + "/" + type;
     return examination.positions.Find(below) ? below : group;
 }
 
 std::string HandlerView::GroupOf(const std::string& key) const {
-    const std::string below = group + "/" + type;
+    std::string below = group + "/" + type;
     if (examination.Value(below, key) != nullptr) {
         return below;
     }

@@ -25,10 +25,10 @@ std::vector<std::string> NamesIn(const std::string& folder) {
 
 bool OpenPipes::IsOpen(const struct stat& pipe) {
     for (const std::string& process : NamesIn("/proc")) {
-        const std::string folder = "/proc/" + process + "/fd";
+        const std::string folder = "/proc/" + process + "/fd/";
         for (const std::string& descriptor : NamesIn(folder)) {
             struct stat theirs {};
-            if (stat((folder + "/" + descriptor).c_str(), &theirs) == 0 && theirs.st_dev == pipe.st_dev &&
+            if (stat((folder + descriptor).c_str(), &theirs) == 0 && theirs.st_dev == pipe.st_dev &&
                 theirs.st_ino == pipe.st_ino) {
                 return true;
             }
