@@ -99,7 +99,7 @@ ScheduleFinder::Borders ScheduleFinder::BordersOf(const core::IniFile::Group& se
     for (const auto& [key, value] : settings) {
         for (const int number : NumbersIn(value)) {
             const int minute = std::min(number % clockHour, minutesPerHour);
-            const auto ofDay = static_cast<size_t>(number / clockHour * minutesPerHour + minute);
+            const auto ofDay = static_cast<size_t>(number / clockHour) * minutesPerHour + static_cast<size_t>(minute);
             if (ofDay < borders.size()) {
                 borders.set(ofDay);
             }

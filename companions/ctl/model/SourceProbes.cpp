@@ -125,6 +125,7 @@ public:
 
     void Configure(const core::IniFile::Group& group) override {
         facts.settings = group;
+        // NOLINTNEXTLINE(bugprone-parent-virtual-call): the server's own makes the pipe.
         EventSource::Configure(group);
     }
 
@@ -143,7 +144,7 @@ public:
         block.Begin();
         block.TakeLine("[" + question.type + "]");
         for (const auto& [key, value] : question.properties) {
-            block.TakeLine(key + "=" + value);
+            block.TakeLine(std::string(key).append("=").append(value));
         }
         if (!block.IsGivenUp() && !block.GetEventType().empty()) {
             FireReceived(block);
