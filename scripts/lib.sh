@@ -141,27 +141,50 @@ test_preset() {
         --output-junit "$results/ctest.xml" </dev/null || echo "${0##*/}: the tests of preset $1 failed" >&2
 }
 
+# build_ahead PRESET: builds it at the lowest priority beside the tests of another one, which leave a third of the
+# processors' time unused. What comes of it is seen when its turn has come.
+build_ahead() {
+    (cd "$sourceFolder" && cmake --preset "$1") </dev/null >/dev/null 2>&1 || return 0
+    setsid nice -n 19 cmake --build "$sourceFolder/build/$1" --parallel "$(nproc)" </dev/null >/dev/null 2>&1 &
+    builtAhead=$!
+}
+
+wait_for_build_ahead() {
+    [[ -z ${builtAhead-} ]] || wait "$builtAhead" || true
+    builtAhead=
+}
+
+end_build_ahead() {
+    [[ -z ${builtAhead-} ]] || kill -- "-$builtAhead" 2>/dev/null || true
+}
+
 # test_presets PRESET...: builds and tests each, and ends with a count for each and for all of them; the status is 0
 # only if every test ran and passed. "boot" stands for the packages on a machine of their own, which only root can boot,
 # "torture" for the long form of scripts/torture, "lint" and "fuzz" for these scripts.
 test_presets() {
     local preset
+    local -a presets=("$@")
     install_packages
     if [[ " $*" == *" armhf"* ]]; then
         "$sourceFolder/scripts/armhf-sysroot"
     fi
+    trap end_build_ahead EXIT
     for preset in "$@"; do
+        shift
         case $preset in
             boot | torture) "test_$preset" ;;
             lint) test_command lint "$sourceFolder/scripts/lint" --quick ;;
             fuzz) test_command fuzz "$sourceFolder/scripts/fuzz" ;;
             *)
+                wait_for_build_ahead
                 build_preset "$preset"
+                # Only the release's tests measure time.
+                [[ $preset == release || ! ${1-} =~ ^(asan|tsan|armhf) ]] || build_ahead "$1"
                 test_preset "$preset"
                 ;;
         esac
     done
-    /usr/bin/python3 -B "$sourceFolder/scripts/test_summary.py" "$sourceFolder/build" "$@"
+    /usr/bin/python3 -B "$sourceFolder/scripts/test_summary.py" "$sourceFolder/build" "${presets[@]}"
 }
 
 # make_fresh_system FOLDER: FOLDER/root becomes a minimal Debian in memory that takes packages for armhf beside its own.

@@ -8,6 +8,8 @@ from ctl import answer, json_answer, write_store
 from dot_reader import Malformed, label_lines, read
 from testing.settings import SERVER, Settings, handler, source, timer
 
+pytestmark = pytest.mark.not_under("emulator", reason="each of many runs takes a second there")
+
 ROOT = Path(__file__).resolve().parents[2]
 EXAMPLES = [*sorted((ROOT / "examples").glob("*.ini")), ROOT / "packaging/settings.ini"]
 SVG = "{http://www.w3.org/2000/svg}"

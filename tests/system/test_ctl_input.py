@@ -13,6 +13,8 @@ from testing.daemon import Daemon
 from testing.settings import Settings, handler, timer
 from testing.users import FIRST_UID
 
+pytestmark = pytest.mark.not_under("emulator", reason="each of many runs takes a second there")
+
 VERBS = [["explain", "Timer"], ["schedule"], ["show"]]
 # What is malformed is a finding to it.
 READERS = [*VERBS, ["check"]]
@@ -158,7 +160,7 @@ def processor_seconds() -> float:
     return used.ru_utime + used.ru_stime
 
 
-@pytest.mark.not_under("sanitizer", "emulator", reason="its own time would be measured")
+@pytest.mark.not_under("sanitizer", reason="its own time would be measured")
 def test_a_thousand_handlers_are_no_matter(tmp_path: Path) -> None:
     settings = timer(1, 5)
     for number in range(MANY):

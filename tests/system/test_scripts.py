@@ -8,6 +8,7 @@ import sys
 from pathlib import Path
 
 import pytest
+from testing.waiting import wait_until
 
 pytestmark = [
     pytest.mark.not_under("sanitizer", reason="it runs no program of ours, and so is the same in every build"),
@@ -108,6 +109,58 @@ def test_a_build_that_fails_shows_the_end_of_what_it_said(tmp_path):
     result = build(tmp_path, status=1)
     assert result.returncode == 1
     assert "--preset\n" in result.stderr and "cannot build the preset release" in result.stderr
+
+
+PROGRAMS = {
+    # What is built ahead takes until the tests have seen it begin; it never ends by itself if they are to be left.
+    "cmake": """case $* in
+        *--build*tsan*) echo "building ahead $$" >>"$RECORD"; [ -z "$FOR_EVER" ] || exec sleep 1000 ;;
+    esac""",
+    "ctest": """case $* in
+        *asan*) until grep -q ahead "$RECORD"; do sleep 0.01; done; [ -z "$FOR_EVER" ] || kill $PPID ;;
+    esac
+    for word; do case $word in *.xml) echo '<testsuite><testcase name="a" status="run"/></testsuite>' >$word; esac; done
+    echo tested >>"$RECORD" """,
+    "dpkg-query": "echo -n installed",
+}
+
+
+@pytest.fixture
+def two_presets(tmp_path):
+    """Builds and tests asan and tsan in a tree of its own, with a compiler and tests that only say when they ran."""
+    (tmp_path / "scripts").mkdir()
+    for name in ("lib.sh", "test", "test_summary.py"):
+        shutil.copy(ROOT / "scripts" / name, tmp_path / "scripts")
+    (tmp_path / "debian").mkdir()
+    shutil.copy(ROOT / "debian/control", tmp_path / "debian")
+    for name in ("asan", "tsan"):
+        (tmp_path / "build" / name).mkdir(parents=True)
+    (tmp_path / "bin").mkdir()
+    for name, body in PROGRAMS.items():
+        (tmp_path / "bin" / name).write_text(f"#!/bin/sh\n{body}\n")
+        (tmp_path / "bin" / name).chmod(0o755)
+    record = tmp_path / "record"
+    record.touch()
+
+    def test_both(**variables: str) -> tuple[int, list[str]]:
+        paths = {"PATH": f"{tmp_path}/bin:{os.environ['PATH']}", "RECORD": str(record)}
+        result = run(tmp_path / "scripts/test", "--preset", "asan", "tsan", env=os.environ | paths | variables)
+        return result.returncode, record.read_text().splitlines()
+
+    return test_both
+
+
+def test_the_next_preset_is_built_beside_the_tests_of_a_sanitizer(two_presets):
+    status, (first, *others) = two_presets(FOR_EVER="")
+    assert status == 0
+    assert first.startswith("building ahead") and others[0] == "tested" and others[-1] == "tested"
+
+
+def test_tests_that_are_ended_leave_no_build_behind(two_presets):
+    status, (first, *_) = two_presets(FOR_EVER="1")
+    assert status == -signal.SIGTERM
+    build = Path("/proc", first.split()[-1])
+    wait_until(lambda: not build.exists(), "the end of the build")
 
 
 def required_packages(*kind: str) -> subprocess.CompletedProcess:
