@@ -13,6 +13,10 @@ bool LooksLikeOption(const std::string& word) {
     return word.size() > 1 && word.front() == '-';
 }
 
+bool IsNumber(const std::string& word) {
+    return !word.empty() && word.find_first_not_of("0123456789") == std::string::npos;
+}
+
 }  // namespace
 
 OptionReader::OptionReader(const std::vector<std::string>& arguments, const std::vector<Option>& known,
@@ -38,6 +42,8 @@ OptionReader::OptionReader(const std::vector<std::string>& arguments, const std:
             values[name];
         } else if (equals != std::string::npos) {
             values[name] = word->substr(equals + 1);
+        } else if (!option->absent.empty() && (std::next(word) == arguments.end() || !IsNumber(*std::next(word)))) {
+            values[name] = option->absent;
         } else if (std::next(word) != arguments.end()) {
             values[name] = *++word;
         } else {

@@ -17,6 +17,8 @@ public:
     struct Option {
         std::string name;
         bool takesValue;
+        /** What counts where the next word is no number; empty if there has to be a value. */
+        std::string absent = {};
     };
 
     /** What becomes of a word that looks like an option and is not listed. */

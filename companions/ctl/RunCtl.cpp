@@ -38,7 +38,7 @@ void TakeClosedDescriptors() {
 std::string Help() {
     std::string text =
         "usage: halvekctl [OPTION...] VERB [...]\n\n"
-        "Tells what the daemon halvek will do with its settings, and why.\n\n";
+        "Tells what the daemon halvek will do with its settings, and what it does.\n\n";
     for (const Verb& verb : Verbs()) {
         std::string name = std::string("  ") + verb.name;
         name.resize(std::max<size_t>(name.size() + 1, 14), ' ');

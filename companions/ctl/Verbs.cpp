@@ -1,6 +1,7 @@
 #include "companions/ctl/Verb.h"
 #include "companions/ctl/VerbCheck.h"
 #include "companions/ctl/VerbExplain.h"
+#include "companions/ctl/VerbPost.h"
 #include "companions/ctl/VerbSchedule.h"
 #include "companions/ctl/VerbShow.h"
 
@@ -9,7 +10,7 @@
 namespace kelto::halvek::ctl {
 
 std::span<const Verb> Verbs() {
-    static const std::array verbs = {verbCheck, verbShow, verbSchedule, verbExplain};
+    static const std::array verbs = {verbCheck, verbShow, verbSchedule, verbExplain, verbPost};
     return verbs;
 }
 

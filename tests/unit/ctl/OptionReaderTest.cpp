@@ -24,6 +24,16 @@ TEST(OptionReader, AValueIsTheNextWordOrStandsBehindAnEqualsSign) {
     EXPECT_THAT(OptionReader({"--value", "--flag"}, known).Value("--value"), Optional(std::string("--flag")));
 }
 
+TEST(OptionReader, WithADefaultOnlyANumberIsTakenForTheValue) {
+    const std::vector<OptionReader::Option> wait = {{"--wait", true, "30"}};
+    EXPECT_THAT(OptionReader({"--wait"}, wait).Value("--wait"), Optional(std::string("30")));
+    EXPECT_THAT(OptionReader({"--wait", "5", "Door"}, wait).Value("--wait"), Optional(std::string("5")));
+    const OptionReader beforeAWord({"--wait", "Door"}, wait);
+    EXPECT_THAT(beforeAWord.Value("--wait"), Optional(std::string("30")));
+    EXPECT_THAT(beforeAWord.Words(), ElementsAre("Door"));
+    EXPECT_THAT(OptionReader({"--wait=soon"}, wait).Value("--wait"), Optional(std::string("soon")));
+}
+
 TEST(OptionReader, OfSeveralValuesTheLastCounts) {
     EXPECT_THAT(OptionReader({"--value=one", "--value", "two"}, known).Value("--value"), Optional(std::string("two")));
 }
