@@ -1,5 +1,6 @@
 #include "camera/VirtualCamera.h"
 
+#include "camera/runtime/EventLoop.h"
 #include "camera/runtime/Output.h"
 #include "camera/runtime/Refusal.h"
 
@@ -32,6 +33,11 @@ const sd_bus_vtable VirtualCamera::methods[] = {
                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_ARGS("SetFault", SD_BUS_ARGS("s", provider, "s", kind), SD_BUS_NO_RESULT,
                             OnCall<&VirtualCamera::SetFault>, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_ARGS(
+        "GetState", SD_BUS_NO_ARGS,
+        SD_BUS_RESULT("a(sibbiiiiii)", relays, "(ddtiai)", head, "(bb)", recording, "a(ss)", faults),
+        OnCall<&VirtualCamera::GetState>, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_SIGNAL_WITH_ARGS("Said", SD_BUS_ARGS("t", time, "s", text), 0),
     SD_BUS_VTABLE_END,
 };
 
@@ -45,7 +51,8 @@ VirtualCamera::VirtualCamera(Bus& systemBus, EventLoop& eventLoop)
       presets(context, head),
       tour(context, head),
       recordingInformation(context),
-      providers{&alarms, &relays, &presets, &tour, &motionState, &recordingInformation} {}
+      providers{&alarms, &relays, &presets, &tour, &motionState, &recordingInformation},
+      lines([this](const char* line) { TellLine(line); }) {}
 
 void VirtualCamera::TakeNames() {
     for (const Provider* const provider : providers) {
@@ -53,6 +60,12 @@ void VirtualCamera::TakeNames() {
     }
     // Last, so that whoever sees this one can use all others.
     bus.TakeName(GetBusName());
+}
+
+void VirtualCamera::TellLine(const char* line) {
+    // Standard output has it in any case: a bus that is gone ends us, and text that is no UTF-8 cannot go over one.
+    static_cast<void>(
+        sd_bus_emit_signal(bus.Get(), GetPath().c_str(), GetBusName().c_str(), "Said", "ts", EventLoop::Now(), line));
 }
 
 void VirtualCamera::SetAlarm(Arguments& arguments, Results&) {
@@ -107,6 +120,35 @@ void VirtualCamera::SetFault(Arguments& arguments, Results&) {
         known += (known.empty() ? "" : ", ") + provider->GetName();
     }
     throw Refusal("UnknownProvider", "There is no provider \"" + wanted + "\", only " + known);
+}
+
+void VirtualCamera::GetState(Arguments&, Results& results) {
+    sd_bus_message* const reply = results.GetMessage();
+    relays.AppendState(reply);
+    AppendHead(reply);
+    recordingInformation.AppendState(reply);
+    AppendFaults(reply);
+}
+
+void VirtualCamera::AppendHead(sd_bus_message* reply) const {
+    Check(sd_bus_message_open_container(reply, 'r', "ddtiai"), "Cannot answer");
+    Check(sd_bus_message_append(reply, "ddti", head.GetPosition(), head.GetTarget(), head.GetTimeToTarget(),
+                                head.GetIdleState()),
+          "Cannot answer");
+    Check(sd_bus_message_open_container(reply, 'a', "i"), "Cannot answer");
+    for (const int preset : head.GetRoute()) {
+        Check(sd_bus_message_append(reply, "i", preset), "Cannot answer");
+    }
+    Check(sd_bus_message_close_container(reply), "Cannot answer");
+    Check(sd_bus_message_close_container(reply), "Cannot answer");
+}
+
+void VirtualCamera::AppendFaults(sd_bus_message* reply) const {
+    Check(sd_bus_message_open_container(reply, 'a', "(ss)"), "Cannot answer");
+    for (const Provider* const provider : providers) {
+        Check(sd_bus_message_append(reply, "(ss)", provider->GetName().c_str(), provider->GetFault()), "Cannot answer");
+    }
+    Check(sd_bus_message_close_container(reply), "Cannot answer");
 }
 
 }  // namespace kelto::vcam

@@ -2,6 +2,7 @@
 
 #include "camera/bus/Service.h"
 #include "camera/device/Head.h"
+#include "camera/runtime/Output.h"
 #include "camera/service/ActionLog.h"
 #include "camera/service/AlarmV3.h"
 #include "camera/service/MotionState.h"
@@ -32,6 +33,11 @@ private:
     void GetActions(Arguments& arguments, Results& results);
     void ClearActions(Arguments& arguments, Results& results);
     void SetFault(Arguments& arguments, Results& results);
+    void GetState(Arguments& arguments, Results& results);
+
+    void TellLine(const char* line);
+    void AppendHead(sd_bus_message* reply) const;
+    void AppendFaults(sd_bus_message* reply) const;
 
     static const sd_bus_vtable methods[];
     ActionLog actions;
@@ -44,6 +50,7 @@ private:
     Tour tour;
     RecordingInformation recordingInformation;
     const std::array<Provider*, 6> providers;
+    const LineListener lines;
 };
 
 }  // namespace kelto::vcam

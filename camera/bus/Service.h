@@ -28,6 +28,7 @@ public:
 
     const std::string& GetName() const { return name; }
     const std::string& GetBusName() const { return busName; }
+    const std::string& GetPath() const { return path; }
 
     /** libsystemd's way into a member function. */
     template <auto method>

@@ -90,6 +90,11 @@ double Head::GetPosition() const {
     return from + (to - from) * part;
 }
 
+uint64_t Head::GetTimeToTarget() const {
+    const uint64_t now = EventLoop::Now();
+    return now >= end ? 0 : end - now;
+}
+
 void Head::Travel(std::deque<int> stops, double speed) {
     const bool wasAtRest = route.empty();
     route = std::move(stops);

@@ -37,6 +37,12 @@ public:
 
     /** Where it is now, in degrees. */
     double GetPosition() const;
+    /** Where the move under way ends, or has ended, in degrees. */
+    double GetTarget() const { return to; }
+    /** How long that move still takes, in microseconds; 0 at rest and at a stop of a tour. */
+    uint64_t GetTimeToTarget() const;
+    /** The presets that are still to be reached; empty at rest. */
+    const std::deque<int>& GetRoute() const { return route; }
 
 private:
     void Travel(std::deque<int> stops, double speed);

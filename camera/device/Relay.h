@@ -20,6 +20,11 @@ public:
     /** The pulses under way keep the times that they have begun with. Throws Refusal if a value makes no sense. */
     void SetConfiguration(const RelayConfiguration& wanted);
 
+    bool IsOn() const { return on; }
+    /** The number of the pulse under way, from 1, and of how many it is one; both are 0 if there is none. */
+    int32_t GetPulse() const { return IsPulsing() ? pulse : 0; }
+    int32_t GetPulses() const { return IsPulsing() ? pulses.pulseCount : 0; }
+
     /** 0 off, 1 on, 2 toggle, 3 pulse; ends the pulses under way. Throws Refusal for any other mode. */
     void Activate(int32_t mode);
 
@@ -29,6 +34,7 @@ private:
     void BeginPulse();
     void EndPulse();
     std::string PulseInWords() const;
+    bool IsPulsing() const { return timer.IsStarted(); }
 
     const std::string name;
     Timer timer;

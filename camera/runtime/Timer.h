@@ -26,6 +26,8 @@ public:
      */
     void StartAt(uint64_t when, Callback function);
     void Cancel();
+    /** Whether the function is still to be called. */
+    bool IsStarted() const { return callback != nullptr; }
 
 private:
     struct Unref {

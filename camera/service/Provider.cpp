@@ -31,6 +31,20 @@ void Provider::SetFault(const std::string& kind) {
     Say("fault of %s: %s", GetName().c_str(), kind.c_str());
 }
 
+const char* Provider::GetFault() const {
+    switch (fault) {
+        case Fault::Error:
+            return "error";
+        case Fault::Slow:
+            return "slow";
+        case Fault::Hang:
+            return "hang";
+        case Fault::None:
+            break;
+    }
+    return "none";
+}
+
 void Provider::Take(sd_bus_message* call, Method method) {
     actions.Add(GetName() + "." + sd_bus_message_get_member(call), Arguments::AsText(call));
     switch (fault) {

@@ -20,6 +20,8 @@ public:
 
     /** "none", "error", "slow" or "hang", for calls that come from now on. Throws Refusal. */
     void SetFault(const std::string& kind);
+    /** The same word. */
+    const char* GetFault() const;
 
 protected:
     void Take(sd_bus_message* call, Method method) override;

@@ -1,5 +1,6 @@
 #include "camera/service/RecordingInformation.h"
 
+#include "camera/runtime/Failure.h"
 #include "camera/runtime/Output.h"
 
 namespace kelto::vcam {
@@ -18,6 +19,10 @@ void RecordingInformation::SetRecording(bool first, bool second) {
     a = first;
     b = second;
     Say("recording %s (%d, %d)", a || b ? "on" : "off", static_cast<int>(a), static_cast<int>(b));
+}
+
+void RecordingInformation::AppendState(sd_bus_message* reply) const {
+    Check(sd_bus_message_append(reply, "(bb)", static_cast<int>(a), static_cast<int>(b)), "Cannot answer");
 }
 
 void RecordingInformation::GetSummary(Arguments&, Results& results) {

@@ -12,6 +12,9 @@ public:
     /** The first two numbers of the summary; nothing is being recorded while both are false. */
     void SetRecording(bool first, bool second);
 
+    /** Adds those two, as the method GetState tells them. */
+    void AppendState(sd_bus_message* reply) const;
+
 private:
     void GetSummary(Arguments& arguments, Results& results);
 

@@ -1,5 +1,7 @@
 #include "camera/service/RelayV3.h"
 
+#include "camera/runtime/Failure.h"
+
 namespace kelto::vcam {
 
 namespace {
@@ -33,6 +35,21 @@ RelayV3::RelayV3(const ProviderContext& context) : BankProvider(context, "RelayV
             relays.push_back(std::make_unique<Relay>(loop, std::string(bank) + ":" + std::to_string(index)));
         }
     }
+}
+
+void RelayV3::AppendState(sd_bus_message* reply) const {
+    Check(sd_bus_message_open_container(reply, 'a', "(sibbiiiiii)"), "Cannot answer");
+    for (size_t position = 0; position < relays.size(); ++position) {
+        const char* const bank = bankNames[position / relaysPerBank];
+        const int32_t index = static_cast<int32_t>(position % relaysPerBank);
+        const Relay& relay = *relays[position];
+        const RelayConfiguration& configuration = relay.GetConfiguration();
+        Check(sd_bus_message_append(reply, "(sibbiiiiii)", bank, index, static_cast<int>(relay.IsOn()),
+                                    static_cast<int>(configuration.polarity), configuration.mode, configuration.onMs,
+                                    configuration.offMs, configuration.pulseCount, relay.GetPulse(), relay.GetPulses()),
+              "Cannot answer");
+    }
+    Check(sd_bus_message_close_container(reply), "Cannot answer");
 }
 
 void RelayV3::GetConfiguration(Arguments& arguments, Results& results) {

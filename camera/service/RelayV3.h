@@ -13,6 +13,9 @@ class RelayV3 : public BankProvider {
 public:
     RelayV3(const ProviderContext& context);
 
+    /** Adds the state of every relay, as the method GetState tells it. */
+    void AppendState(sd_bus_message* reply) const;
+
 private:
     void GetConfiguration(Arguments& arguments, Results& results);
     void SetConfiguration(Arguments& arguments, Results& results);
