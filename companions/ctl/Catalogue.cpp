@@ -318,6 +318,10 @@ constexpr std::array catalogue = {
                    "The high bound does not belong to the range, so that events of the last minute of the day are "
                    "dropped. Write 2400.",
                    nullptr},
+    CatalogueEntry{"HK4012", warning, "day that is named twice",
+                   "T is Tuesday and S is Saturday, however often they stand there: Thursday is R and Sunday is U. "
+                   "MTWTF is written MTWRF.",
+                   nullptr},
 
     // --- this machine
     CatalogueEntry{"HK5001", warning, "event pipe is no pipe, or of another mode",

@@ -87,7 +87,8 @@ bool IsOfPostedType(const Examination& examination, const ItemName& name) {
     const std::string* const type = TypeOf(examination, name.item);
     const std::vector<std::string> types =
         name.IsSource() ? KnownNames::SourceTypeNames() : KnownNames::HandlerTypeNames();
-    return type != nullptr && *type == name.below && std::find(types.begin(), types.end(), *type) == types.end();
+    return !name.below.empty() && type != nullptr && *type == name.below &&
+           std::find(types.begin(), types.end(), *type) == types.end();
 }
 
 void CheckGroupName(Examination& examination, const std::string& group) {

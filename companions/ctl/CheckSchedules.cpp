@@ -145,6 +145,12 @@ void CheckDays(Examination& examination, const HandlerView& handler) {
         Finding& finding = examination.AtValue("HK4009", group, days,
                                                Quoted(value) + " is read as " + read + "; allowed are U M T W R F S");
         finding.fix = MendedDays(value);
+    } else if (IsNamedTwice(value, 'T', 'R')) {
+        examination.AtValue("HK4012", group, days, "T is Tuesday, which stands here twice; Thursday is R").fix =
+            MendedDays(value);
+    } else if (IsNamedTwice(value, 'S', 'U')) {
+        examination.AtValue("HK4012", group, days, "S is Saturday, which stands here twice; Sunday is U").fix =
+            MendedDays(value);
     }
 }
 

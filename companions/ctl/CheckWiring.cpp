@@ -10,6 +10,7 @@
 #include "monitor/EventMonitor.h"
 
 #include <algorithm>
+#include <cctype>
 #include <list>
 #include <map>
 #include <optional>
@@ -41,13 +42,28 @@ std::vector<std::string> Nameable(const Examination& examination) {
     return names;
 }
 
+/** What a name comes down to for somebody who is not sure of its signs: "eventssource1". */
+std::string LettersAndDigits(const std::string& name) {
+    std::string plain;
+    for (const unsigned char c : name) {
+        if (std::isalnum(c) != 0) {
+            plain += static_cast<char>(std::tolower(c));
+        }
+    }
+    return plain;
+}
+
 /** The name that was meant by an id that is none. */
 std::optional<std::string> NearestId(const Examination& examination, const std::string& id) {
     const std::vector<std::string> names = Nameable(examination);
     const std::string bare = ValueForm::Bare(id);
-    for (const std::string& candidate : {bare, "Events/" + bare, "Events/Source#" + bare}) {
-        if (std::find(names.begin(), names.end(), candidate) != names.end()) {
-            return candidate;
+    for (const std::string& candidate :
+         {bare, "Events/" + bare, "Events/Source#" + bare, bare.substr(0, bare.rfind('/'))}) {
+        const auto meant = std::find_if(names.begin(), names.end(), [&](const std::string& name) {
+            return LettersAndDigits(name) == LettersAndDigits(candidate);
+        });
+        if (meant != names.end()) {
+            return *meant;
         }
     }
     // A digit makes another name, so that the nearest one is not likely to be meant.

@@ -57,7 +57,8 @@ void AddLine(Answer& answer, const StorePositions::Line& line, unsigned column) 
     const size_t before = BytesOf(line.text, column - 1);
     const std::string width(WidthOf(Shown(line.text.substr(0, before))), ' ');
     if (width.size() < longest) {
-        answer.AddLine("    " + Shown(Secret::Masked(line.text)).substr(0, longest));
+        const std::string shown = Shown(Secret::Masked(line.text));
+        answer.AddLine("    " + shown.substr(0, BytesOf(shown, longest)));
         answer.AddLine("    " + width + Terminal::Coloured(Terminal::Colour::Green, "^"));
     }
 }

@@ -1,5 +1,7 @@
 #include "companions/ctl/Secret.h"
 
+#include "companions/ctl/Nearest.h"
+
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -30,6 +32,13 @@ size_t EndOfWord(std::string_view text) {
     return end;
 }
 
+bool IsMisspelt(std::string_view key) {
+    constexpr std::string_view blanks = " \t[";
+    const size_t begin = std::min(key.find_first_not_of(blanks), key.size());
+    key = key.substr(begin, key.find_last_not_of(blanks) + 1 - begin);
+    return Nearest::Find(key, {"Password"}).has_value();
+}
+
 }  // namespace
 
 bool Secret::IsName(std::string_view key) {
@@ -39,13 +48,15 @@ bool Secret::IsName(std::string_view key) {
 std::string Secret::Masked(std::string_view line) {
     const size_t equals = line.find('=');
     const size_t end = EndOfWord(line);
-    if (end == std::string::npos || line.empty() || line.front() == '[' || line.front() == '#' || line.front() == ';') {
+    const bool isHeader = line.starts_with('[') && line.find(']') != std::string_view::npos;
+    if (isHeader || line.starts_with('#') || line.starts_with(';')) {
         return std::string(line);
     }
-    if (equals != std::string_view::npos && end <= equals) {
+    if (equals != std::string_view::npos && (end <= equals || IsMisspelt(line.substr(0, equals)))) {
         return std::string(line.substr(0, equals + 1)) + "***";
     }
-    return equals != std::string_view::npos ? std::string(line) : std::string(line.substr(0, end)) + "***";
+    const bool isMalformed = equals == std::string_view::npos && end != std::string::npos;
+    return isMalformed ? std::string(line.substr(0, end)) + "***" : std::string(line);
 }
 
 }  // namespace kelto::halvek::ctl

@@ -22,15 +22,17 @@ constexpr const char* withoutZone = "UTC";
 struct Origin {
     std::string name;
     Environment environment;
+    /** Then what it does not have is known too: the caller's own variables do not count. */
+    bool isRunning;
 };
 
 /** Empty when the machine says nothing of a daemon, so that it is a desk. */
 std::optional<Origin> DaemonsOrigin() {
     if (std::optional<RunningDaemon> daemon = RunningDaemon::Find()) {
-        return Origin{"daemon " + std::to_string(daemon->pid), std::move(daemon->environment)};
+        return Origin{"daemon " + std::to_string(daemon->pid), std::move(daemon->environment), true};
     }
     if (std::optional<Environment> unit = UnitEnvironment()) {
-        return Origin{"unit", std::move(*unit)};
+        return Origin{"unit", std::move(*unit), false};
     }
     return std::nullopt;
 }
@@ -56,6 +58,9 @@ StoreLocation StoreLocation::Find(const Invocation& invocation, ZoneFrom zoneFro
                 daemon ? FindVariable(daemon->environment, variable) : std::optional<std::string>()) {
             origin = daemon->name;
             return value;
+        }
+        if (daemon && daemon->isRunning) {
+            return std::optional<std::string>();
         }
         origin = "environment";
         return OwnVariable(variable);

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <optional>
 #include <set>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -17,6 +16,7 @@ using Kind = StorePositions::Kind;
 using Line = StorePositions::Line;
 
 constexpr std::string_view mark = "halvekctl:";
+constexpr std::string_view separators = " \t\r,";
 constexpr std::string_view reasonMark = "--";
 
 /** The words behind "halvekctl:" of a comment; nothing for any other line. */
@@ -24,14 +24,17 @@ std::optional<std::vector<std::string>> WordsOf(const Line& line) {
     if (line.kind != Kind::Comment) {
         return std::nullopt;
     }
-    std::istringstream text(std::string(line.text.substr(line.keyByte + 1)));
-    std::string word;
-    if (!(text >> word) || word != mark) {
+    std::string_view text = line.text.substr(line.keyByte + 1);
+    text.remove_prefix(std::min(text.find_first_not_of(separators), text.size()));
+    if (!text.starts_with(mark)) {
         return std::nullopt;
     }
+    text.remove_prefix(mark.size());
     std::vector<std::string> words;
-    while (text >> word) {
-        words.push_back(word);
+    while (text.find_first_not_of(separators) != std::string_view::npos) {
+        text.remove_prefix(text.find_first_not_of(separators));
+        words.emplace_back(text.substr(0, text.find_first_of(separators)));
+        text.remove_prefix(words.back().size());
     }
     return words;
 }
@@ -40,8 +43,18 @@ struct Suppression {
     const Line* comment;
     const Line* target;
     std::vector<std::string> ids;
-    bool isUsed = false;
+    /** Whether it stands above all groups of its file, so that it may allow what is said of the file too. */
+    bool isOnTop;
+    std::set<std::string> used = {};
 };
+
+/** Whether no group begins before a line in its file. */
+bool IsOnTop(const StorePositions& positions, const Line& comment) {
+    const auto& lines = positions.AllLines();
+    return std::none_of(lines.begin(), lines.end(), [&](const Line& line) {
+        return line.kind == Kind::Header && line.file == comment.file && line.number < comment.number;
+    });
+}
 
 /** The line that a comment stands above, with further comments and blank lines between at most; null without one. */
 const Line* TargetOf(const StorePositions& positions, size_t comment) {
@@ -77,7 +90,10 @@ std::vector<Suppression> Read(Examination& examination) {
         if (!words || (!words->empty() && words->front() == "posted" && words->size() > 1)) {
             continue;
         }
-        Suppression suppression{.comment = &lines[at], .target = TargetOf(examination.positions, at), .ids = {}};
+        Suppression suppression{.comment = &lines[at],
+                                .target = TargetOf(examination.positions, at),
+                                .ids = {},
+                                .isOnTop = IsOnTop(examination.positions, lines[at])};
         const char* wrong = "it says neither \"allow\" nor \"posted\"";
         if (!words->empty() && words->front() == "allow") {
             wrong = ReadAllow(*words, suppression.ids);
@@ -101,7 +117,10 @@ bool Covers(const Suppression& suppression, const Finding& finding, const StoreP
     const bool isOnLine =
         finding.position.line == target.number && finding.position.file == positions.FileName(target.file);
     const bool isInGroup = finding.group == target.group && (target.kind == Kind::Header || finding.key == target.key);
-    return isListed && (isOnLine || isInGroup);
+    // It is about something that stands nowhere, an event server for instance.
+    const bool isOfFile = suppression.isOnTop && finding.position.file == positions.FileName(target.file) &&
+                          (finding.group.empty() || !positions.Find(finding.group));
+    return isListed && (isOnLine || isInGroup || isOfFile);
 }
 
 /** The types that are listed as posted by others. */
@@ -110,10 +129,7 @@ std::set<std::string> PostedTypes(const StorePositions& positions) {
     for (const Line& line : positions.AllLines()) {
         const std::optional<std::vector<std::string>> words = WordsOf(line);
         if (words && !words->empty() && words->front() == "posted") {
-            for (std::string word : *words) {
-                std::erase(word, ',');
-                types.insert(word);
-            }
+            types.insert(words->begin(), words->end());
         }
     }
     types.erase("posted");
@@ -126,9 +142,9 @@ bool IsListed(const Examination& examination, const Finding& finding, const std:
     return finding.entry->id == std::string_view("HK2008") && type != nullptr && posted.count(*type) != 0;
 }
 
-/** Whether only the machine, its zone or its camera could show the finding. */
-bool NeedsMachine(const std::string& id) {
-    return id.starts_with("HK5") || id == "HK4006" || id == "HK6002";
+/** Whether the finding may be there on another machine, in its zone, with its camera or modes of files. */
+bool MayBeElsewhere(const std::string& id, bool here) {
+    return id == "HK6002" || (!here && (id.starts_with("HK5") || id == "HK4006"));
 }
 
 }  // namespace
@@ -142,18 +158,19 @@ size_t Suppressions::Apply(Examination& examination, bool here) {
         bool isAllowed = IsListed(examination, finding, posted);
         for (Suppression& suppression : suppressions) {
             if (Covers(suppression, finding, examination.positions)) {
-                suppression.isUsed = isAllowed = true;
+                suppression.used.insert(finding.entry->id);
+                isAllowed = true;
             }
         }
         return isAllowed;
     });
     const size_t taken = before - findings.size();
     for (const Suppression& suppression : suppressions) {
-        const bool mayBeUnseen =
-            !examination.model || (!here && std::any_of(suppression.ids.begin(), suppression.ids.end(), NeedsMachine));
-        if (!suppression.isUsed && !mayBeUnseen) {
-            examination.AtLine("HK1090", *suppression.comment,
-                               "there is nothing to allow any more: " + suppression.ids.front() + " is not found here");
+        for (const std::string& id : suppression.ids) {
+            if (suppression.used.count(id) == 0 && examination.model && !MayBeElsewhere(id, here)) {
+                examination.AtLine("HK1090", *suppression.comment,
+                                   "there is nothing to allow any more: " + id + " is not found here");
+            }
         }
     }
     return taken;

@@ -19,6 +19,7 @@ constexpr int32_t endOfDay = 2400;
 constexpr int32_t hour = 100;
 constexpr int32_t minutesOfHour = 60;
 constexpr std::string_view dayLetters = "UMTWRFS";
+constexpr std::string_view dayLettersInLowerCase = "umtwrfs";
 
 std::optional<Bounds> ParseBounds(const std::string& text) {
     const std::vector<std::string> bounds = StringUtil::Split(text, '-');
@@ -52,11 +53,11 @@ std::optional<int32_t> MendedBound(std::string text) {
             (!rest.empty() && !StringUtil::TryParse(rest, minutes))) {
             return std::nullopt;
         }
-    } else if (StringUtil::TryParse(text, hours) && hours > 24) {
+    } else if (!StringUtil::TryParse(text, hours)) {
+        return std::nullopt;
+    } else if (hours > 24) {
         minutes = hours % hour;
         hours /= hour;
-    } else if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
-        return std::nullopt;
     }
     if (added != 0 && hours < 12) {
         hours += added;
@@ -96,7 +97,8 @@ std::optional<size_t> DayOf(std::string_view word) {
     constexpr std::array<std::string_view, 7> names = {"sunday",   "monday", "tuesday", "wednesday",
                                                        "thursday", "friday", "saturday"};
     if (word.size() < 2) {
-        return std::nullopt;
+        const size_t letter = dayLettersInLowerCase.find(word);
+        return word.empty() || letter == std::string_view::npos ? std::nullopt : std::optional(letter);
     }
     for (size_t day = 0; day < names.size(); ++day) {
         if (names[day].starts_with(word) || (day == 4 && (word == "thurs" || word == "thur"))) {
@@ -122,7 +124,22 @@ bool AddDays(const std::string& words, std::string& letters) {
     }
 }
 
+/** "MTWTF": the second T, or one of two S, is meant for the day that has another letter. */
+std::string WithEachDayOnce(std::string letters) {
+    if (IsNamedTwice(letters, 'T', 'R')) {
+        letters[letters.rfind('T')] = 'R';
+    }
+    if (IsNamedTwice(letters, 'S', 'U')) {
+        letters[letters.starts_with("SM") ? 0 : letters.rfind('S')] = 'U';
+    }
+    return letters;
+}
+
 }  // namespace
+
+bool IsNamedTwice(std::string_view letters, char day, char other) {
+    return letters.find(day) != letters.rfind(day) && letters.find(other) == std::string_view::npos;
+}
 
 TimeRanges::TimeRanges(const std::string& value) {
     size_t at = 0;
@@ -157,11 +174,13 @@ std::optional<std::string> TimeRanges::Mended() const {
         if (WithoutBlanks(range.text).empty()) {
             continue;
         }
-        const std::optional<std::string> mended = MendedRange(ValueForm::Bare(range.text));
-        if (!mended) {
-            return std::nullopt;
+        for (const std::string& piece : StringUtil::Split(ValueForm::Bare(range.text), ';')) {
+            const std::optional<std::string> mended = MendedRange(piece);
+            if (!mended) {
+                return std::nullopt;
+            }
+            value += (value.empty() ? "" : ",") + *mended;
         }
-        value += (value.empty() ? "" : ",") + *mended;
     }
     return value.empty() ? std::nullopt : std::optional(value);
 }
@@ -173,7 +192,7 @@ std::optional<std::string> MendedDays(std::string_view value) {
     std::transform(upper.begin(), upper.end(), upper.begin(), [](unsigned char c) { return std::toupper(c); });
     std::erase_if(upper, [](char c) { return c == ' ' || c == ','; });
     if (!upper.empty() && upper.find_first_not_of(dayLetters) == std::string::npos) {
-        return upper;
+        return WithEachDayOnce(upper);
     }
     std::replace_if(
         text.begin(), text.end(), [](char c) { return c == ';' || c == ' ' || c == '|'; }, ',');

@@ -44,6 +44,9 @@ private:
     std::vector<Range> ranges;
 };
 
+/** Whether the letter of a day stands there twice and another day's, which begins with it in English, does not. */
+bool IsNamedTwice(std::string_view letters, char day, char other);
+
 /** The letters of days that somebody means by "Mon-Fri", "mtwrf" or the like; nothing if that cannot be said. */
 std::optional<std::string> MendedDays(std::string_view value);
 

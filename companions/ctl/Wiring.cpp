@@ -100,7 +100,7 @@ std::string RemarkOn(const ModelAnswers& model, const std::string& group) {
         return {};
     }
     // What goes wrong in a load is told behind where it went wrong, which is known here.
-    const std::string& text = record->text;
+    const std::string text = record->text.substr(std::min(record->text.find_first_not_of('\t'), record->text.size()));
     const size_t end = text.find(": ");
     return text.find("Error Load") == std::string::npos || end == std::string::npos ? text : text.substr(end + 2);
 }

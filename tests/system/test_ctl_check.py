@@ -134,6 +134,8 @@ def test_the_answer_has_the_fields_of_its_format() -> None:
     [
         ("range_over_midnight", "2200-2400,0-600"), ("range_with_colons", "800-1700"), ("interval_with_unit", "60"),
         ("hours_without_minutes", "2200-2400"), ("days_by_name", "MTWRF"), ("days_in_lower_case", "MTWRF"),
+        ("days_with_two_tuesdays", "MTWRF"), ("days_with_two_saturdays", "MTWRFSU"),
+        ("id_with_other_signs", "Events/Source#1"), ("range_with_semicolon", "800-1200,1300-1730"),
         ("comma_at_the_end", "800-1700"), ("range_with_blank_behind_comma", "800-1200,1300-1730"),
         ("limit_with_mb", "10M"), ("limit_with_blank", "10M"), ("limit_fraction", "1536M"), ("limit_of_4g", "4095M"),
         ("id_without_events", "Events/Source#1"), ("key_without_unit", "Interval.sec"), ("dwell_with_unit", "300"),
@@ -225,6 +227,28 @@ def test_a_suppression_takes_one_finding_away(tmp_path: Path) -> None:
         assert check_json(path)["counts"]["suppressed"] == 1
         path.write_text(ERROR.read_text().replace("[Events/Handler#1]", allowed + "[Events/Handler#1]"))
         assert sorted(f["id"] for f in check_json(path)["findings"]) == ["HK1090", "HK2001"]
+
+
+@pytest.mark.parametrize("comment", ["#halvekctl:allow HK2001 -- test", "; halvekctl: allow HK2001,HK2001 -- test"])
+def test_a_suppression_is_read_as_people_write_it(comment: str, tmp_path: Path) -> None:
+    path = tmp_path / "allowed.ini"
+    path.write_text(ERROR.read_text().replace("Interval.sec", f"{comment}\nInterval.sec"))
+    assert check_json(path)["findings"] == []
+
+
+def test_each_id_of_a_suppression_must_be_found() -> None:
+    (finding,) = check_json(ROOT / "tests/ctl/mistakes/suppression_of_two_ids_one_stale.ini")["findings"]
+    assert finding["id"] == "HK1090" and "HK4003" in finding["text"]
+
+
+def test_above_all_groups_a_suppression_allows_what_stands_nowhere(tmp_path: Path) -> None:
+    path = tmp_path / "allowed.ini"
+    text = (ROOT / "tests/ctl/mistakes/no_server.ini").read_text()
+    allowed = "; halvekctl: allow HK2012 -- nobody posts\n"
+    path.write_text(allowed + text)
+    assert (check_json(path)["findings"], check_json(path)["counts"]["suppressed"]) == ([], 1)
+    path.write_text(text.replace("[Events/Handler#1]", allowed + "[Events/Handler#1]"))
+    assert [f["id"] for f in check_json(path)["findings"]] == ["HK2012", "HK1090"]
 
 
 def test_control_characters_and_passwords_stay_inside(tmp_path: Path) -> None:

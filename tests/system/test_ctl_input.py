@@ -226,6 +226,13 @@ class TestWhichSettings:
         where = f"daemon {daemon.pid}"
         assert line == f"halvekctl: settings {daemon.settings_file} ({where}), zone Asia/Tokyo ({where})"
 
+    def test_what_a_running_daemon_was_not_given_it_does_not_have(self, launch: Callable[..., Daemon]) -> None:
+        """The caller's own zone makes no difference to it."""
+        settings = SETTINGS | {"Applications/halvek/Server": {"Type": "Pipe"}}
+        daemon = launch(settings, environment={"TZ": ""})
+        line = self.first_line("show", TZ="Asia/Tokyo")
+        assert line == f"halvekctl: settings {daemon.settings_file} (daemon {daemon.pid}), zone of this machine"
+
     def test_then_the_callers_environment(self, tmp_path: Path) -> None:
         line = self.first_line("show", KELTO_SETTINGS=str(tmp_path), TZ="Asia/Tokyo")
         assert line == f"halvekctl: settings {tmp_path} (environment), zone Asia/Tokyo (environment)"

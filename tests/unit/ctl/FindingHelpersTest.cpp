@@ -68,6 +68,9 @@ TEST(Secret, AValueBehindTheNameOfASecretIsMasked) {
     EXPECT_EQ(Secret::Masked("Password: s3cret"), "Password***");
     EXPECT_EQ(Secret::Masked("Subject=no secret here"), "Subject=no secret here");
     EXPECT_EQ(Secret::Masked(""), "");
+    EXPECT_EQ(Secret::Masked("Pasword=s3cret"), "Pasword=***") << "what is misspelt is a secret all the same";
+    EXPECT_EQ(Secret::Masked("[Password=s3cret"), "[Password=***");
+    EXPECT_EQ(Secret::Masked("[Password]"), "[Password]");
 }
 
 TEST(Sha256, ItIsThatOfTheTextsOneBehindTheOther) {
