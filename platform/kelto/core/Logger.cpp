@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace kelto::core {
@@ -70,7 +71,8 @@ private:
     }
 
     Logger& Add(const char* name) {
-        loggers.emplace_back(new Logger(name, LevelOf(name), newest.load(std::memory_order_relaxed)));
+        std::unique_ptr<Logger> logger(new Logger(name, LevelOf(name), newest.load(std::memory_order_relaxed)));
+        loggers.push_back(std::move(logger));
         newest.store(loggers.back().get(), std::memory_order_release);
         return *loggers.back();
     }
