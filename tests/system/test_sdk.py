@@ -42,7 +42,7 @@ class Sdk:
 
     def configure(self) -> None:
         # Without a build type nothing is optimised: how fast the compiler is counts more here than the program.
-        options = ("-DHALVEK_PLATFORM=sdk", "-DBUILD_TESTING=OFF", "-DHALVEK_WERROR=ON")
+        options = ("-DHALVEK_PLATFORM=sdk", "-DHALVEK_STATIC_CXX=ON", "-DBUILD_TESTING=OFF", "-DHALVEK_WERROR=ON")
         places = ("-S", self.tree, "-B", self.build, f"-DCMAKE_PREFIX_PATH={self.prefix}")
         run("cmake", "-G", "Ninja", *places, *options)
 
@@ -102,6 +102,11 @@ def headers_of_the_daemon() -> set[str]:
     return {header for path in files for header in pattern.findall(path.read_text())}
 
 
+def libraries(program: Path) -> set[str]:
+    headers = subprocess.run(["objdump", "-p", program], capture_output=True, text=True, check=True).stdout
+    return set(re.findall(r"NEEDED +([^.\s]+)", headers))
+
+
 def test_a_daemon_built_against_the_installed_platform_starts_and_passes_an_event_on(
     daemon_on_open_platform: Path,
     monkeypatch: pytest.MonkeyPatch,
@@ -113,6 +118,11 @@ def test_a_daemon_built_against_the_installed_platform_starts_and_passes_an_even
     launch(SERVER)
     post(block("DoorBell", button="2"))
     assert unstamped([consumer.wait_for_event("DoorBell")]) == [("DoorBell", {"button": "2", "eventId": "DoorBell"})]
+
+
+def test_a_daemon_with_the_cxx_library_in_it_needs_none_on_the_camera(daemon_on_open_platform: Path) -> None:
+    assert {"libstdc++", "libgcc_s"}.isdisjoint(libraries(daemon_on_open_platform))
+    assert {"libstdc++", "libgcc_s"} < libraries(Path(daemon_module.PROGRAM))
 
 
 def test_the_smallest_set_runs_the_timer_the_pipes_and_a_relay(
