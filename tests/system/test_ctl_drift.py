@@ -8,13 +8,14 @@ import os
 import re
 import subprocess
 from collections import Counter
+from collections.abc import Callable
 from datetime import datetime, timezone
 from pathlib import Path
 
 import pytest
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
-from testing.camera import LOCAL
+from testing.camera import ALERT, LOCAL
 from testing.daemon import CONFIGURED, Daemon
 from testing.pipes import DEFAULT_INPUT, PIPE_FOLDER, OutputPipe, block, post
 from testing.waiting import NotSeen, wait_until
@@ -48,11 +49,18 @@ def one_of(*values: str) -> st.SearchStrategy:
     return st.sampled_from(values)
 
 
+def mostly(usual: st.SearchStrategy, odd: st.SearchStrategy, share: int = 7) -> st.SearchStrategy:
+    """What is odd is drawn once in so many times: most is right, so that something acts."""
+    # The library likes the ends of a range best, and what it draws is simplest at 0.
+    return st.integers(0, 2 * share).flatmap(lambda drawn: odd if drawn in (share, share + 1) else usual)
+
+
 clock = st.integers(0, 23).flatmap(lambda hour: st.integers(0, 59).map(lambda minute: str(hour * 100 + minute)))
+long_range = one_of("0-2400", "0-1200", "1200-2400", "600-2200", "0-1759")
 time_range = st.tuples(clock | one_of("2400", "0"), clock | one_of("2400", "0")).map("-".join)
 odd_range = one_of("8:00-17:00", "always", "800", "", " 800-1700", "22-24", "-5-10", "800-1700-1900", "0x1-0x2")
-times = st.lists(st.one_of(time_range, time_range, time_range, odd_range), min_size=1, max_size=3).map(",".join)
-days = one_of("MTWRF", "US", "UMTWRFS", "mtwrf", "Mon-Fri", "xyz", "", "M,W,F")
+times = st.lists(mostly(long_range | time_range, odd_range), min_size=1, max_size=3).map(",".join)
+days = mostly(one_of("MTWRF", "US", "UMTWRFS", "UMTWR", "WRFS"), one_of("mtwrf", "Mon-Fri", "xyz", "", "M,W,F"))
 number = one_of("0", "1", "2", "-1", "4", "60s", "abc", "", "1.5", "99999999999", '"1"', "+1", "007")
 boolean = one_of("true", "FALSE", "yes", "0", "ja", "", "y")
 
@@ -62,59 +70,57 @@ def keys_of(**strategies: st.SearchStrategy) -> st.SearchStrategy:
     return st.fixed_dictionaries({}, optional={name.replace("__", "."): value for name, value in strategies.items()})
 
 
-# Most of what is drawn is right, so that something acts; the weights are what makes the verdicts come up.
-SOURCE_TYPES = (
-    "Door",
-    "Door",
-    "Door",
-    "Alarm",
-    "Alarm",
-    "Alarm",
-    "Bell",
-    "MotionDetection",
-    "2",
-    "System",
-    "alarm",
-    "",
+SOURCE_TYPES = mostly(
+    one_of("Door", "Door", "Alarm", "Alarm", "Timer", "Park", "Analytics", "Bell"),
+    one_of("MotionDetection", "2", "System", "alarm", "MsgBus", ""),
+    5,
 )
-HANDLER_TYPES = ("Relay",) * 5 + ("Preset",) * 4 + ("Tour",) * 4 + ("Folder", "Ftp", "Email", "relay", "Webhook")
+HANDLER_TYPES = mostly(
+    one_of("Relay", "Relay", "Preset", "Tour"), one_of("Folder", "Ftp", "Email", "relay", "Webhook"), 8
+)
 SOURCE_NAMES = ("1", "2", "10", "1-a")
-OTHER_IDS = ("Applications/halvek/Server", "Applications/halvek/MsgBus", "Source#1", "Events/Nothing")
+OTHER_IDS = one_of("Applications/halvek/Server", "Applications/halvek/MsgBus", "Source#1", "Events/Nothing")
+
+
+def keys_of_source(kind: str) -> st.SearchStrategy:
+    if kind == "Alarm":
+        return st.fixed_dictionaries({"BankName": st.just(LOCAL), "Index": mostly(st.just("1"), one_of("0", "two"))})
+    # It fires at the start, and not again: a reload or a day would have to come.
+    if kind == "Timer":
+        return st.fixed_dictionaries({"Interval.sec": one_of("86400", "3600", "-1", "99999999")})
+    return st.fixed_dictionaries({"DwellTime.sec": st.just("0")} if kind == "Park" else {})
 
 
 @st.composite
 def sources(draw) -> dict[str, dict[str, str]]:
     groups = {}
     for name in SOURCE_NAMES[: draw(st.integers(2, 4))]:
-        kind = draw(one_of(*SOURCE_TYPES))
+        kind = draw(SOURCE_TYPES)
         group = f"Events/Source#{name}"
         groups[group] = {"Type": kind} if kind else {}
-        if kind == "Alarm":
-            groups[group + "/Alarm"] = {"BankName": LOCAL, "Index": draw(one_of("1", "1", "1", "0", "two", "-1"))}
+        keys = draw(keys_of_source(kind))
+        if keys:
+            groups[f"{group}/{kind}"] = keys
     return groups
 
 
 @st.composite
-def handlers(draw) -> dict[str, dict[str, str]]:
+def handlers(draw, source_groups: list[str]) -> dict[str, dict[str, str]]:
     groups = {}
-    ids = one_of(*(f"Events/Source#{name}" for name in SOURCE_NAMES * 3), *OTHER_IDS)
+    ids = mostly(one_of(*source_groups), OTHER_IDS)
     for number_of_it in ("1", "2", "3", "1-b")[: draw(st.integers(2, 4))]:
         group = f"Events/Handler#{number_of_it}"
         mark = number_of_it[0] if len(number_of_it) == 1 else "4"
-        kind = draw(one_of(*HANDLER_TYPES))
-        filters = draw(st.sampled_from([0, 0, 1, 1, 2, 3]))
+        kind = draw(HANDLER_TYPES)
+        filters = draw(st.sampled_from([0, 0, 0, 0, 1, 1, 2, 3]))
         groups[group] = {"Type": kind}
         if filters & 1:
             groups[group]["EnabledTimes"] = draw(times)
         if filters & 2:
             groups[group]["EnabledDays"] = draw(days)
         quiet = kind in ("Folder", "Ftp", "Email")
-        wanted = (
-            [f"Events/Quiet#{mark}"]
-            if quiet
-            else [draw(ids) for _ in range(draw(st.sampled_from([2, 3, 1, 4, 2, 3, 0])))]
-        )
-        if wanted:
+        wanted = [f"Events/Quiet#{mark}"] if quiet else draw(st.lists(ids, min_size=3, max_size=5))
+        if draw(mostly(st.just(True), st.just(False), 15)):
             groups[group + "/SourceIds"] = {str(key): value for key, value in enumerate(wanted)}
         groups[group + "/" + kind] = draw(own_keys(kind, mark))
     return groups
@@ -123,11 +129,12 @@ def handlers(draw) -> dict[str, dict[str, str]]:
 def own_keys(kind: str, mark: str) -> st.SearchStrategy:
     """What makes the handler known on the camera by its mark, and what may be wrong with it."""
     if kind == "Relay":
-        odd = keys_of(Mode=number, Polarity=boolean, OnInterval__msec=number, PulseCount=number)
-        index = st.sampled_from([str(int(mark) - 1)] * 4 + ["-1", "one"])
+        odd = mostly(st.just({}), keys_of(Mode=number, Polarity=boolean, OnInterval__msec=number, PulseCount=number))
+        index = mostly(st.just(str(int(mark) - 1)), one_of("-1", "one"), 10)
         return st.tuples(odd, index).map(lambda drawn: drawn[0] | {"BankName": LOCAL, "Index": drawn[1]})
     if kind in ("Preset", "Tour"):
-        return st.sampled_from([{"Id": mark if kind == "Preset" else str(min(3, int(mark)))}] * 4 + [{}, {"Id": ""}])
+        usual = {"Id": mark if kind == "Preset" else str(min(3, int(mark)))}
+        return mostly(st.just(usual), st.sampled_from([{}, {"Id": ""}]), 10)
     common = keys_of(Attachment=boolean, DestName=one_of("x.jpg", ""), DestinationPath=one_of("/media/sd", ""))
     if kind == "Ftp":
         return common.map(lambda keys: {key: value for key, value in keys.items() if key != "DestinationPath"})
@@ -137,35 +144,48 @@ def own_keys(kind: str, mark: str) -> st.SearchStrategy:
 
 
 @st.composite
-def stores(draw) -> str:
+def stores(draw) -> dict[str, dict[str, str]]:
     groups = {}
-    server = draw(st.sampled_from(["Pipe"] * 6 + ["pipe", None, None]))
+    server = draw(mostly(st.just("Pipe"), one_of("pipe", None)))
     if server is not None:
         groups["Applications/halvek/Server"] = {"Type": server}
-    snapshot = draw(st.sampled_from([{"SnapshotPath": "/tmp/s.jpg"}] * 3 + [{}, {"SnapshotPath": ""}, None]))
+    snapshot = draw(mostly(st.just({"SnapshotPath": "/tmp/s.jpg"}), st.sampled_from([{}, {"SnapshotPath": ""}, None])))
     if snapshot is not None:
         groups["Video/Quickview"] = snapshot
     level = draw(st.sampled_from([None] * 4 + ["Verbose", "Debug"]))
     if level is not None:
         groups["Applications/halvek"] = {"LogLevel": level}
-    groups |= draw(sources()) | draw(handlers()) | {f"Events/Quiet#{mark}": {"Type": "Quiet"} for mark in "1234"}
+    own = draw(sources())
+    names = [group for group in own if group.count("/") == 1]
+    return groups | own | draw(handlers(names)) | {f"Events/Quiet#{mark}": {"Type": "Quiet"} for mark in "1234"}
+
+
+EVENTS = {
+    "Door": [("Door", {})],
+    "Bell": [("Bell", {"button": "front"})],
+    "Alarm": [("Alarm", {"alarmIndex": "1"})] * 3 + [("Alarm", {"alarmIndex": "0"}), ("Alarm", {})],
+    "Park": [("Park", {})],
+    "Analytics": [("AnalyticsAlert", {})],
+    "MsgBus": [("AnalyticsAlert", {})],
+    "MotionDetection": [("MotionDetection", {})],
+    "2": [("MotionDetection", {"region": "2"}), ("2", {})],
+    "System": [("System", {})],
+}
+ALL_EVENTS = [event for of_type in EVENTS.values() for event in of_type]
+
+
+@st.composite
+def stores_and_events(draw) -> tuple[str, list[tuple[str, dict]]]:
+    groups = draw(stores())
+    types = [keys.get("Type", "") for group, keys in groups.items() if re.fullmatch(r"Events/Source#[^/]*", group)]
+    heard = [event for kind in types for event in EVENTS.get(kind, [])] or ALL_EVENTS
+    fired = st.lists(mostly(st.sampled_from(heard), st.sampled_from(ALL_EVENTS), 6), min_size=4, max_size=4)
     lines = []
     for group, keys in groups.items():
         lines += [f"[{group}]", *(f"{key}={value}" for key, value in keys.items()), ""]
-    return "\n".join(lines)
+    return "\n".join(lines), draw(fired)
 
 
-INPUT = ("Alarm", {"alarmIndex": "1"})
-OTHER_EVENTS = [
-    ("Bell", {"button": "front"}),
-    ("MotionDetection", {}),
-    ("MotionDetection", {"region": "2"}),
-    ("Alarm", {}),
-    ("Alarm", {"alarmIndex": "0"}),
-    ("System", {}),
-    ("2", {}),
-]
-events = st.sampled_from([("Door", {})] * 3 + [INPUT] * 3 + OTHER_EVENTS)
 # Around the days on which clocks change, and any other. A minute begins, so that it lasts while the event is fired.
 moments = st.one_of(
     st.sampled_from([datetime(2026, 3, 29, 0, 30), datetime(2026, 10, 25, 0, 30), datetime(2026, 4, 4, 14, 59)]),
@@ -233,33 +253,77 @@ class Rig:
         self.daemon = Daemon(folder, text, environment=bus.environment | faked(moment, zone), level="Debug")
         self.daemon.wait_until_ready()
         self.daemon.log.wait_for(CONFIGURED)
-        self.alarms = sum("AlarmEventSource started" in line for line in self.daemon.log.items)
-        self.has_server = "EventServerSource started" in "\n".join(self.daemon.log.items)
+        self.alarms = self.started("Alarm")
+        self.has_server = self.started("EventServer") > 0
+
+    def started(self, kind: str) -> int:
+        return sum(bool(re.search(f"{kind}(Event)?Source started$", line)) for line in self.daemon.log.items)
+
+    def has_ended(self, kind: str) -> bool:
+        return any(f"{kind}EventSource: DONE" in line for line in self.daemon.log.items)
+
+    def wait_for_first_events(self) -> None:
+        """Timers fire at once, and so do sources that wait for the head if it is at rest."""
+        timers, parks = self.started("Timer"), self.started("Park")
+
+        def is_done() -> bool:
+            log = "\n".join(self.daemon.log.items)
+            at_rest = len(re.findall("ParkEventSource: (fired|DONE)$", log, re.M))
+            return len(re.findall("halvek: next tick: ", log)) >= timers and at_rest >= parks
+
+        wait_until(is_done, "all timers have fired, and the head is at rest")
 
     def fire(self, event: tuple[str, dict]) -> None:
         """Returns when all sources are through with it."""
         kind, properties = event
         if "alarmIndex" in properties:
             self.change_alarm(int(properties["alarmIndex"]), True)
+        elif kind == "Park":
+            self.let_the_head_rest()
+        elif kind == "AnalyticsAlert":
+            self.raise_alert()
         elif self.has_server:
             before = len(self.daemon.log.items)
             post(block(kind, **properties) + block("End"))
             # Handlers of all posted events act on this one as they did on the other.
             self.daemon.log.wait_for("EventServerSource: Received event: End$", after=before)
 
-    def change_alarm(self, index: int, active: bool) -> None:
-        before, passed_on = len(self.daemon.log.items), len(self.pipe.of_type("Alarm"))
-        self.camera.set_alarm(LOCAL, index, active)
-        change = f"Received state change for alarm {LOCAL}:{index} -> {int(active)}$"
+    def wait_until_through(self, cause: Callable[[], None], kind: str, sources: int, heard: str, firing: str) -> None:
+        """Causes events; so many sources hear of it, and what they fire is passed on, or fails."""
+        before, passed_on = len(self.daemon.log.items), len(self.pipe.of_type(kind))
+        cause()
 
         def is_done() -> bool:
             new = "\n".join(self.daemon.log.items[before:])
-            heard = len(re.findall(change, new, re.M))
             failed = len(re.findall("EventHandler: not configured$", new, re.M))
-            through = len(self.pipe.of_type("Alarm")) - passed_on + failed
-            return heard == self.alarms and through == len(re.findall("halvek: firing$", new, re.M))
+            through = len(self.pipe.of_type(kind)) - passed_on + failed
+            return len(re.findall(heard, new, re.M)) == sources and through == len(re.findall(firing, new, re.M))
 
-        wait_until(is_done, "all alarm sources are through")
+        wait_until(is_done, f"all sources of {kind} are through")
+
+    def change_alarm(self, index: int, active: bool) -> None:
+        change = f"Received state change for alarm {LOCAL}:{index} -> {int(active)}$"
+        self.wait_until_through(
+            lambda: self.camera.set_alarm(LOCAL, index, active), "Alarm", self.alarms, change, "halvek: firing$"
+        )
+
+    def raise_alert(self) -> None:
+        heard = "Received AnalyticsAlert$"
+        sources = self.started("(Analytics|MsgBus)")
+        self.wait_until_through(lambda: self.camera.raise_alert(*ALERT), "AnalyticsAlert", sources, heard, heard)
+
+    def let_the_head_rest(self) -> None:
+        before = len(self.daemon.log.items)
+        for state in (1, 0):
+            self.camera.set_idle_state(state)
+        ended = sum("ParkEventSource: DONE" in line for line in self.daemon.log.items)
+
+        def is_done() -> bool:
+            new = self.daemon.log.items[before:]
+            through = sum(bool(re.search("ParkEventSource: fired$", line)) for line in new)
+            return through + ended >= self.started("Park")
+
+        wait_until(is_done, "all sources that wait for the head are through")
 
     def close(self) -> None:
         try:
@@ -277,6 +341,61 @@ def settled(rig: Rig, wanted: set) -> set:
     return acted(rig.camera)
 
 
+class Comparison:
+    """Triples of one store, each held against what explain says of it."""
+
+    def __init__(self, rig: Rig, seen: Counter[str]) -> None:
+        self.rig, self.seen = rig, seen
+        self.store, self.zone = rig.daemon.settings_file, rig.zone
+        # What a handler does to the head brings such events about.
+        self.by_the_head = expected(self.explain("Park", {}), rig.text) if rig.started("Park") else set()
+
+    def explain(self, kind: str, properties: dict[str, str]) -> dict:
+        at = self.rig.moment.strftime("%Y-%m-%dT%H:%MZ")
+        words = [kind, *(f"{key}={value}" for key, value in properties.items()), "--at", at]
+        return ask("--settings", str(self.store), "--zone", self.zone, "explain", *words)
+
+    def count(self, answer: dict) -> None:
+        self.seen["triples"] += 1
+        self.seen["triples that act"] += any(row["acts"] for row in answer["rows"])
+        self.seen.update(row["verdict"] for row in answer["rows"])
+        self.seen.update(f"{row['type']} acts" for row in answer["rows"] if row["acts"])
+        self.seen["rows"] += len(answer["rows"])
+
+    def hold_at_start(self) -> None:
+        started = [kind for kind in ("Timer", "Park") if self.rig.started(kind)]
+        wanted = set()
+        for kind in started:
+            answer = self.explain(kind, {})
+            wanted |= expected(answer, self.rig.text)
+            self.count(answer)
+            self.seen[kind] += 1
+        if started:
+            self.rig.wait_for_first_events()
+        assert settled(self.rig, wanted) == wanted, started
+
+    def hold(self, event: tuple[str, dict]) -> None:
+        if event[0] == "Park" and self.rig.has_ended("Park"):
+            return  # a source that waits for the head ends where a handler fails, and explain tells of its first event
+        answer = self.explain(*event)
+        self.count(answer)
+        self.seen[event[0]] += 1
+        wanted = expected(answer, self.rig.text)
+        self.rig.camera.clear_actions()
+        self.rig.fire(event)
+        assert settled(self.rig, wanted) - (self.by_the_head - wanted) == wanted, (event, answer["rows"])
+        if "alarmIndex" in event[1]:
+            self.rig.change_alarm(int(event[1]["alarmIndex"]), False)
+
+
+def without_endless_timers(text: str, folder: Path) -> str:
+    """A timer whose handler fails never sleeps, and would keep a processor busy."""
+    store = folder / "timers.ini"
+    store.write_text(text)
+    failing = any(row["verdict"] == "not-configured" for row in ask("--settings", str(store), "explain", "Timer")["rows"])
+    return text.replace("Type=Timer", "Type=Bell") if failing else text
+
+
 def test_what_is_foretold_is_what_happens(tmp_path: Path, bus, camera) -> None:
     count = iter(range(1_000_000))
     seen: Counter[str] = Counter()
@@ -289,30 +408,19 @@ def test_what_is_foretold_is_what_happens(tmp_path: Path, bus, camera) -> None:
         suppress_health_check=list(HealthCheck),
         print_blob=True,
     )
-    @given(
-        stores(),
-        st.lists(events, min_size=EVENTS_AT_A_TIME, max_size=EVENTS_AT_A_TIME),
-        moments,
-        st.sampled_from(ZONES),
-    )
-    def holds(text: str, fired: list, moment: datetime, zone: str) -> None:
+    @given(stores_and_events(), moments, st.sampled_from(ZONES))
+    def holds(drawn: tuple[str, list], moment: datetime, zone: str) -> None:
+        text = without_endless_timers(drawn[0], tmp_path)
         pipe = OutputPipe("all.halvek.any")
+        camera.set_idle_state(0)
+        camera.clear_actions()
         rig = Rig(tmp_path / str(next(count)), bus, camera, text, moment, zone, pipe)
         try:
-            store = rig.daemon.settings_file
-            assert_foretold(records(rig.daemon), store)
-            for event in fired:
-                words = [f"{key}={value}" for key, value in event[1].items()]
-                at = moment.strftime("%Y-%m-%dT%H:%MZ")
-                answer = ask("--settings", str(store), "--zone", zone, "explain", event[0], *words, "--at", at)
-                wanted = expected(answer, text)
-                seen.update(row["verdict"] for row in answer["rows"])
-                seen["triples"] += 1
-                camera.clear_actions()
-                rig.fire(event)
-                assert settled(rig, wanted) == wanted, (event, answer["rows"])
-                if "alarmIndex" in event[1]:
-                    rig.change_alarm(int(event[1]["alarmIndex"]), False)
+            comparison = Comparison(rig, seen)
+            comparison.hold_at_start()
+            assert_foretold(records(rig.daemon), rig.daemon.settings_file)
+            for event in drawn[1]:
+                comparison.hold(event)
         finally:
             rig.close()
             pipe.close()
@@ -323,8 +431,13 @@ def test_what_is_foretold_is_what_happens(tmp_path: Path, bus, camera) -> None:
     # The comparison is worth something only if much of what there is comes up.
     print(dict(seen))
     assert seen["triples"] >= TRIPLES
-    for verdict in ("acts", "out-of-time", "out-of-day", "other-type", "left-out", "not-wired", "no-event-pipe"):
-        assert seen[verdict] > 0, verdict
+    assert seen["acts"] * 3 >= seen["rows"] and seen["triples that act"] * 3 >= seen["triples"]
+    for wanted in (
+        *("acts", "out-of-time", "out-of-day", "other-type", "left-out", "not-wired", "no-event-pipe"),
+        *("not-configured", "behind-failing", "unreadable-range"),
+        *("Timer", "Park", "Alarm", "AnalyticsAlert", "Door", "Relay acts", "Preset acts", "Tour acts"),
+    ):
+        assert seen[wanted] > 0, wanted
 
 
 def test_a_rule_of_the_comparison_can_fail(tmp_path: Path) -> None:
