@@ -392,7 +392,9 @@ def without_endless_timers(text: str, folder: Path) -> str:
     """A timer whose handler fails never sleeps, and would keep a processor busy."""
     store = folder / "timers.ini"
     store.write_text(text)
-    failing = any(row["verdict"] == "not-configured" for row in ask("--settings", str(store), "explain", "Timer")["rows"])
+    failing = any(
+        row["verdict"] == "not-configured" for row in ask("--settings", str(store), "explain", "Timer")["rows"]
+    )
     return text.replace("Type=Timer", "Type=Bell") if failing else text
 
 
