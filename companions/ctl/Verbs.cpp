@@ -4,13 +4,14 @@
 #include "companions/ctl/VerbPost.h"
 #include "companions/ctl/VerbSchedule.h"
 #include "companions/ctl/VerbShow.h"
+#include "companions/ctl/VerbWatch.h"
 
 #include <array>
 
 namespace kelto::halvek::ctl {
 
 std::span<const Verb> Verbs() {
-    static const std::array verbs = {verbCheck, verbShow, verbSchedule, verbExplain, verbPost};
+    static const std::array verbs = {verbCheck, verbShow, verbSchedule, verbExplain, verbPost, verbWatch};
     return verbs;
 }
 
