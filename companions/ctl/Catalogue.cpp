@@ -17,6 +17,7 @@ constexpr const char* refused = "Error reloading, invalid configuration: %s";
 constexpr const char* leftOutSource = "\tError LoadSources: %s";
 constexpr const char* leftOutHandler = "Error LoadHandlers: %s";
 constexpr const char* noServer = "\tError LoadServers: %s";
+constexpr const char* noPipe = "Thread EventServerSource ended by an exception: Unable to open FIFO for reading";
 constexpr const char* illegalRange = "FilterChain: Illegal time range setting, not filtering";
 constexpr const char* notConfigured = "EventHandler: not configured";
 
@@ -162,7 +163,7 @@ constexpr std::array catalogue = {
     CatalogueEntry{"HK2017", error, "path that is no event pipe's",
                    "An empty path can neither be made nor opened, so nothing can be posted. A path that does not begin "
                    "with \"/\" depends on the folder that the daemon was started in.",
-                   nullptr},
+                   noPipe},
 
     // --- handlers
     CatalogueEntry{"HK3001", error, "handler without Type", "The handler is left out.", leftOutHandler},
@@ -256,10 +257,11 @@ constexpr std::array catalogue = {
     CatalogueEntry{"HK3025", error, "mail without recipient", "Every mail fails, and only esmtp says so.", nullptr},
     CatalogueEntry{"HK3026", note, "mail without sender",
                    "What becomes of a mail without From is up to esmtp and the server.", nullptr},
-    CatalogueEntry{"HK3027", warning, "what is no address",
-                   "The mail goes without it, with a Warning each time. Addresses are separated by commas or "
-                   "semicolons.",
-                   "Not an address, the mail goes without it: %s"},
+    CatalogueEntry{
+        "HK3027", warning, "what is no address",
+        "The mail goes without it, with a Warning each time; or to a user of the mail server, where there is "
+        "no \"@\". Addresses are separated by commas or semicolons.",
+        "Not an address, the mail goes without it: %s"},
     CatalogueEntry{"HK3028", warning, "Extern handler in the settings",
                    "One that passes all events on is always there. This one passes them on a second time.", nullptr},
     CatalogueEntry{"HK3029", note, "key in both groups of a handler",

@@ -21,6 +21,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -395,48 +396,79 @@ void CheckMessage(Examination& examination, const HandlerView& handler) {
     }
 }
 
-std::vector<std::string> AddressesOf(const std::string& list) {
-    std::vector<std::string> addresses;
-    std::string address;
+std::vector<std::string> AddressesOf(const std::string& list, std::string_view separators) {
+    std::vector<std::string> addresses(1);
     bool isQuoted = false;
-    for (const char letter : list + ",") {
+    for (const char letter : list) {
         isQuoted = isQuoted != (letter == '"');
-        if ((letter == ',' || letter == ';') && !isQuoted) {
-            address.erase(0, address.find_first_not_of(" \t"));
-            address.erase(address.find_last_not_of(" \t") + 1);
-            if (!address.empty()) {
-                addresses.push_back(address);
-            }
-            address.clear();
+        if (separators.find(letter) != std::string_view::npos && !isQuoted) {
+            addresses.emplace_back();
         } else {
-            address += letter;
+            addresses.back() += letter;
         }
     }
+    for (std::string& address : addresses) {
+        address.erase(0, address.find_first_not_of(" \t"));
+        address.erase(address.find_last_not_of(" \t") + 1);
+    }
+    std::erase(addresses, "");
     return addresses;
 }
 
-void CheckAddresses(Examination& examination, const HandlerView& handler, const char* key) {
-    for (const std::string& address : AddressesOf(handler.Value(key))) {
-        const size_t at = address.find('@');
-        if (at == std::string::npos || at == 0 || at + 1 == address.size()) {
-            examination.AtValue("HK3027", handler.GroupOf(key), key,
-                                Quoted(address) +
-                                    " is no address, and the mail goes "
-                                    "without it");
-        }
+/** "guard@example.org" of "Guard <guard@example.org>". */
+std::string WithoutName(const std::string& address) {
+    const size_t open = address.rfind('<');
+    return open == std::string::npos || !address.ends_with('>') ? address
+                                                                : address.substr(open + 1, address.size() - open - 2);
+}
+
+bool IsRefused(const std::string& address) {
+    const std::string bare = WithoutName(address);
+    const bool isWhole = !bare.empty() && bare.front() != '@' && bare.back() != '@';
+    return !isWhole || (bare.find(' ') != std::string::npos && bare.front() != '"');
+}
+
+void CheckAddress(Examination& examination, const HandlerView& handler, const char* key, const std::string& address,
+                  bool isRefused) {
+    const auto signs = std::count(address.begin(), address.end(), '@');
+    if (isRefused) {
+        const std::string record = "Not an address, the mail goes without it: " + address;
+        examination
+            .AtValue("HK3027", handler.GroupOf(key), key,
+                     Quoted(address) + " is no address, and the mail goes without it")
+            .foretells = AtEachEvent(handler, record.c_str());
+    } else if (signs == 0) {
+        examination.AtValue("HK3027", handler.GroupOf(key), key,
+                            Quoted(address) + " has no \"@\": it is a user of the mail server, if there is one");
+    } else if (signs > 1) {
+        examination.AtValue("HK3027", handler.GroupOf(key), key, Quoted(address) + " is cut at the second \"@\"");
+    }
+}
+
+void CheckRecipients(Examination& examination, const HandlerView& handler) {
+    for (const std::string& address : AddressesOf(handler.Value("To"), ",;")) {
+        CheckAddress(examination, handler, "To", address, IsRefused(address));
+    }
+}
+
+/** There is one sender. */
+void CheckSender(Examination& examination, const HandlerView& handler) {
+    const std::string sender = handler.Value("From");
+    if (!sender.empty()) {
+        CheckAddress(examination, handler, "From", sender, AddressesOf(sender, ",").size() > 1 || IsRefused(sender));
     }
 }
 
 void CheckMail(Examination& examination, const HandlerView& handler) {
-    if (AddressesOf(handler.Value("To")).empty()) {
+    if (AddressesOf(handler.Value("To"), ",;").empty()) {
         examination.AtValue("HK3025", handler.GroupOf("To"), "To", "without a To the mail goes to nobody");
     }
     if (handler.Value("From").empty()) {
         examination.AtValue("HK3026", handler.GroupOf("From"), "From",
                             "without a From it is up to esmtp and the server what becomes of the mail");
     }
-    CheckAddresses(examination, handler, "To");
-    CheckAddresses(examination, handler, "From");
+    CheckRecipients(examination, handler);
+    CheckSender(examination, handler);
     CheckMessage(examination, handler);
 }
 

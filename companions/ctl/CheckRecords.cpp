@@ -18,8 +18,8 @@ using Record = std::pair<std::string, std::string>;
 
 /** Of findings whose record the daemon writes at an event, or before it loads anything. */
 bool IsBesideLoading(const Finding& finding) {
-    constexpr std::array<std::string_view, 11> ids = {"HK1001", "HK1003", "HK1004", "HK3005", "HK3006", "HK3013",
-                                                      "HK3020", "HK3027", "HK4001", "HK4005", "HK5007"};
+    constexpr std::array<std::string_view, 12> ids = {"HK1001", "HK1003", "HK1004", "HK2017", "HK3005", "HK3006",
+                                                      "HK3013", "HK3020", "HK3027", "HK4001", "HK4005", "HK5007"};
     return std::find(ids.begin(), ids.end(), finding.entry->id) != ids.end();
 }
 

@@ -75,7 +75,8 @@ void CheckPath(Examination& examination, const std::string& group) {
         return;
     }
     if (path->empty()) {
-        examination.AtValue("HK2017", group, "Path", "an empty path: there is no event pipe, so nobody can post");
+        examination.AtValue("HK2017", group, "Path", "an empty path: there is no event pipe, so nobody can post")
+            .foretells = "Thread EventServerSource ended by an exception: Unable to open FIFO for reading";
     } else if (path->front() != '/') {
         Finding& finding = examination.AtValue(
             "HK2017", group, "Path", Quoted(*path) + " is looked up from the folder that the daemon was started in");

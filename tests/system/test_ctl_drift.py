@@ -33,6 +33,7 @@ AT_EVENTS = (
     "EventHandler: not configured",
     "FolderEventHandler: Illegal file name or path",
     "FtpEventHandler: Illegal filename",
+    "Not an address, the mail goes without it: ",
 )
 # What the machine, the bus or a wrong address cause, and settings do not.
 NOT_OF_SETTINGS = ("The service manager cannot be told", "There is no message bus")
@@ -440,6 +441,38 @@ def test_what_is_foretold_is_what_happens(tmp_path: Path, bus, camera) -> None:
         *("Timer", "Park", "Alarm", "AnalyticsAlert", "Door", "Relay acts", "Preset acts", "Tour acts"),
     ):
         assert seen[wanted] > 0, wanted
+
+
+ADDRESSES = (
+    *("guard", "@x", "x@", "<>", "a b", "c d@e", "a@b@c", "guard@x.org guard@y.org", "Guard <guard>", "Guard <@x>"),
+    *("a@x.org; Guard <g@y.org>", '"A, B" <a@x.org>, b@x.org', "a@x.org,,b@x.org", '"unclosed <a@x.org>', "Gu <a b@x>"),
+)
+
+
+@pytest.mark.parametrize("key", ["To", "From"])
+def test_what_is_no_address_to_the_daemon_is_none_to_the_check(key: str, tmp_path: Path) -> None:
+    """One handler each, so that each mail tells of its own."""
+    program = tmp_path / "bin/esmtp"
+    program.parent.mkdir()
+    program.write_text(f"#!/bin/sh\ncat > {tmp_path}/mail.$$\nmv {tmp_path}/mail.$$ {tmp_path}/mailed.$$\n")
+    program.chmod(0o755)
+    groups = {"Applications/halvek/Server": {"Type": "Pipe"}, "Events/Source#1": {"Type": "Timer"}}
+    groups["Events/Source#1/Timer"] = {"Interval.sec": "3600"}
+    for number, address in enumerate(ADDRESSES):
+        groups[f"Events/Handler#{number}/SourceIds"] = {"0": "Events/Source#1"}
+        groups[f"Events/Handler#{number}"] = {"Type": "Email"}
+        groups[f"Events/Handler#{number}/Email"] = {"To": "a@x.org", "From": "b@x.org", key: address}
+    daemon = Daemon(tmp_path, groups, environment={"PATH": f"{program.parent}:{os.environ['PATH']}"})
+    try:
+        daemon.wait_until_ready()
+        wait_until(lambda: len(list(tmp_path.glob("mailed.*"))) == len(ADDRESSES), "all mails")
+        refused = {text for text in records(daemon) if text.startswith("Not an address")}
+        assert daemon.stop() == 0
+    finally:
+        daemon.close()
+    found = ask("check", str(daemon.settings_file))["findings"]
+    assert {finding["foretells"] for finding in found if finding["id"] == "HK3027"} - {None} == refused
+    assert all(finding["id"] in ("HK3027", "HK3026") for finding in found), found
 
 
 def test_a_rule_of_the_comparison_can_fail(tmp_path: Path) -> None:
