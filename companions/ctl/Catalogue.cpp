@@ -186,7 +186,7 @@ constexpr std::array catalogue = {
                    "FolderEventHandler: Illegal file name or path"},
     CatalogueEntry{"HK3007", warning, "Message is not base64",
                    "The text of a mail is written in base64, as \"base64 -w0\" makes it. Characters outside of base64 "
-                   "are skipped, and the rest becomes garbage.",
+                   "are skipped, and the rest becomes garbage. A word such as Doorbell is taken for base64 too.",
                    nullptr},
     CatalogueEntry{
         "HK3008", warning, "mail whose text becomes too long",

@@ -1,3 +1,4 @@
+#include "companions/common/Utf8.h"
 #include "companions/ctl/HandlerSteps.h"
 #include "companions/ctl/LongestTime.h"
 #include "util/base64.h"
@@ -44,13 +45,29 @@ std::string Decoded(const std::string& text) {
     return decoded.substr(0, decoded.find('\0'));
 }
 
+/** Whether most of it can be read, and nothing steers a terminal: a word that is taken for base64 is no such text. */
+bool IsText(const std::string& text) {
+    constexpr size_t share = 4;
+    size_t odd = 0;
+    for (std::string_view rest = text; !rest.empty();) {
+        const companion::Utf8Character character = companion::FirstCharacter(rest);
+        if (character.IsControl() && rest.front() != '\n' && rest.front() != '\r' && rest.front() != '\t') {
+            return false;
+        }
+        odd += character.isValid ? 0 : 1;
+        rest.remove_prefix(character.length);
+    }
+    return odd * share < text.size();
+}
+
 void CheckMessage(Examination& examination, const HandlerView& handler) {
     const std::string message = handler.Value("Message");
     const std::string group = handler.GroupOf("Message");
     if (message.empty()) {
         return;
     }
-    if (!IsBase64(message)) {
+    const std::string text = Decoded(message);
+    if (!IsText(text)) {
         Finding& finding =
             examination.AtValue("HK3007", group, "Message",
                                 "this is not base64, so that the mail's text becomes garbage; base64 -w0 "
@@ -58,7 +75,12 @@ void CheckMessage(Examination& examination, const HandlerView& handler) {
         finding.fix = Encoded(message);
         return;
     }
-    const std::string text = Decoded(message);
+    if (!IsBase64(message)) {
+        Finding& finding =
+            examination.AtValue("HK3007", group, "Message", "not quite base64, but read as " + Quoted(text));
+        finding.severity = Severity::Note;
+        finding.fix = Encoded(text);
+    }
     const std::string expanded = LongestTime::Expanded(text);
     if (expanded.size() > longestBody) {
         examination.AtValue("HK3008", group, "Message",

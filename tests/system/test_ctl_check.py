@@ -135,6 +135,7 @@ def test_the_answer_has_the_fields_of_its_format() -> None:
         ("range_over_midnight", "2200-2400,0-600"), ("range_with_colons", "800-1700"), ("interval_with_unit", "60"),
         ("hours_without_minutes", "2200-2400"), ("days_by_name", "MTWRF"), ("days_in_lower_case", "MTWRF"),
         ("days_with_two_tuesdays", "MTWRF"), ("days_with_two_saturdays", "MTWRFSU"),
+        ("message_is_a_word", "RG9vcmJlbGw="), ("message_without_padding", "SGVsbG8="),
         ("id_with_other_signs", "Events/Source#1"), ("range_with_semicolon", "800-1200,1300-1730"),
         ("comma_at_the_end", "800-1700"), ("range_with_blank_behind_comma", "800-1200,1300-1730"),
         ("limit_with_mb", "10M"), ("limit_with_blank", "10M"), ("limit_fraction", "1536M"), ("limit_of_4g", "4095M"),
