@@ -4,6 +4,7 @@
 #include "companions/ctl/VerbPost.h"
 #include "companions/ctl/VerbSchedule.h"
 #include "companions/ctl/VerbShow.h"
+#include "companions/ctl/VerbStatus.h"
 #include "companions/ctl/VerbWatch.h"
 
 #include <array>
@@ -11,7 +12,7 @@
 namespace kelto::halvek::ctl {
 
 std::span<const Verb> Verbs() {
-    static const std::array verbs = {verbCheck, verbShow, verbSchedule, verbExplain, verbPost, verbWatch};
+    static const std::array verbs = {verbCheck, verbShow, verbSchedule, verbExplain, verbPost, verbWatch, verbStatus};
     return verbs;
 }
 

@@ -261,7 +261,9 @@ def test_an_interrupt_ends_it_as_ever(tmp_path: Path) -> None:
     os.close(writer)
 
 
-@pytest.mark.parametrize("words", [[], ["check"], ["post"], ["watch"], *([verb[0]] for verb in VERBS)], ids=str)
+@pytest.mark.parametrize(
+    "words", [[], ["check"], ["post"], ["watch"], ["status"], *([verb[0]] for verb in VERBS)], ids=str
+)
 def test_help_fits_a_screen(words: list[str]) -> None:
     text = answer(*words, "--help")
     assert len(text.splitlines()) <= 50 and max(map(len, text.splitlines())) <= 120
