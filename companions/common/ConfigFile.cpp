@@ -52,7 +52,19 @@ ConfigPlace PlaceOf(std::string_view line, unsigned number, std::string_view par
     throw std::system_error(error, std::generic_category(), path);
 }
 
-std::string ReadFile(const std::string& path) {
+}  // namespace
+
+const ConfigEntry* ConfigGroup::Find(std::string_view key) const {
+    const auto found =
+        std::find_if(entries.rbegin(), entries.rend(), [&](const auto& entry) { return entry.key == key; });
+    return found == entries.rend() ? nullptr : &*found;
+}
+
+ConfigFile ConfigFile::Load(const std::string& path) {
+    return {path, ReadText(path)};
+}
+
+std::string ConfigFile::ReadText(const std::string& path) {
     // Not to wait for a writer, if it is a pipe.
     const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
@@ -64,7 +76,7 @@ std::string ReadFile(const std::string& path) {
     }
     std::string text;
     std::array<char, 4096> piece{};
-    while (text.size() <= ConfigFile::largestFile) {
+    while (text.size() <= largestFile) {
         const ssize_t length = read(file.Get(), piece.data(), piece.size());
         if (length == 0) {
             return text;
@@ -75,18 +87,6 @@ std::string ReadFile(const std::string& path) {
         text.append(piece.data(), static_cast<size_t>(std::max<ssize_t>(length, 0)));
     }
     Fail(EFBIG, path);
-}
-
-}  // namespace
-
-const ConfigEntry* ConfigGroup::Find(std::string_view key) const {
-    const auto found =
-        std::find_if(entries.rbegin(), entries.rend(), [&](const auto& entry) { return entry.key == key; });
-    return found == entries.rend() ? nullptr : &*found;
-}
-
-ConfigFile ConfigFile::Load(const std::string& path) {
-    return {path, ReadFile(path)};
 }
 
 ConfigFile::ConfigFile(std::string filePath, std::string_view text) : path(std::move(filePath)) {

@@ -61,6 +61,9 @@ public:
     /** @param path what it is called in messages, too @throws std::system_error that names it, if it cannot be read */
     static ConfigFile Load(const std::string& path);
 
+    /** The text of a file that is no larger than largestFile. @throws std::system_error that names it, else */
+    static std::string ReadText(const std::string& path);
+
     ConfigFile(std::string path, std::string_view text);
 
     const std::string& Path() const { return path; }

@@ -1,6 +1,6 @@
 #include "companions/ctl/Terminal.h"
 
-#include "companions/common/Utf8.h"
+#include "companions/common/Printable.h"
 
 #include <strings.h>
 #include <unistd.h>
@@ -10,15 +10,6 @@
 namespace kelto::halvek::ctl {
 
 namespace {
-
-constexpr std::string_view digits = "0123456789abcdef";
-
-void AppendBytes(std::string& text, std::string_view bytes) {
-    for (const char character : bytes) {
-        const auto byte = static_cast<unsigned char>(character);
-        text.append("\\x").append(1, digits[byte / 16]).append(1, digits[byte % 16]);
-    }
-}
 
 const char* Code(Terminal::Colour colour) {
     switch (colour) {
@@ -41,19 +32,7 @@ const char* Code(Terminal::Colour colour) {
 }  // namespace
 
 std::string Terminal::Escape(std::string_view text) {
-    std::string escaped;
-    escaped.reserve(text.size());
-    while (!text.empty()) {
-        const companion::Utf8Character character = companion::FirstCharacter(text);
-        const std::string_view bytes = text.substr(0, character.length);
-        if (!character.isValid || character.IsControl() || character.IsNoncharacter()) {
-            AppendBytes(escaped, bytes);
-        } else {
-            escaped.append(bytes);
-        }
-        text.remove_prefix(bytes.size());
-    }
-    return escaped;
+    return companion::Printable(text);
 }
 
 std::string Terminal::ShownValue(std::string_view key, std::string_view value) {
