@@ -16,7 +16,15 @@ from testing.settings import SERVER
 from testing.waiting import wait_until
 
 ROOT = Path(__file__).resolve().parents[2]
-PAGES = ("halvek.8", "halvek-settings.5", "halvek-events.5", "kelto-vcam.1", "halvekctl.1", "halvekctl-checks.7")
+PAGES = (
+    "halvek.8",
+    "halvek-settings.5",
+    "halvek-events.5",
+    "kelto-vcam.1",
+    "halvekctl.1",
+    "halvekctl-checks.7",
+    "halvek-rules.1",
+)
 
 # Functions whose callers hand them a part of an exception's text: which argument, and what it becomes.
 TEXT_HELPERS = {"CheckBusResult": (1, "{}: %s"), "ThrowSystemError": (0, "Cannot {} %s: %s")}
@@ -435,7 +443,10 @@ def test_a_page_is_well_formed(page):
 
 @pytest.mark.parametrize("page", PAGES)
 def test_a_page_is_installed_with_its_program(page):
-    rules = "".join((ROOT / folder / "CMakeLists.txt").read_text() for folder in ("app", "camera", "companions/ctl"))
+    rules = "".join(
+        (ROOT / folder / "CMakeLists.txt").read_text()
+        for folder in ("app", "camera", "companions/ctl", "companions/rules")
+    )
     assert re.search(rf"docs/{re.escape(page)}\b", rules), f"no install rule names docs/{page}"
 
 

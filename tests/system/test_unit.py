@@ -16,6 +16,9 @@ ROOT = Path(__file__).resolve().parents[2]
 PACKAGING = ROOT / "packaging"
 DAEMON = Path(os.environ["HALVEK_DAEMON"])
 UNITS = {"halvek": "/usr/sbin/halvek", "kelto-vcam": "/usr/bin/kelto-vcam"}
+# Services beside the daemon: the packages bring users for them, and no folders.
+COMPANIONS = {"halvek-rules": "/usr/bin/halvek-rules"}
+PROGRAMS = UNITS | COMPANIONS
 WORST_EXPOSURE = 20  # tenths
 
 # Entries of an access control list, as the kernel keeps them
@@ -82,8 +85,10 @@ def installed_unit(tmp_path):
 
     def write(unit: str, *more: str) -> Path:
         text = (PACKAGING / f"{unit}.service").read_text()
-        assert text.count(f"ExecStart={UNITS[unit]}\n") == 1
-        text = text.replace(f"ExecStart={UNITS[unit]}\n", f"ExecStart={DAEMON}\n" + "".join(more))
+        assert text.count(f"ExecStart={PROGRAMS[unit]}\n") == 1
+        text = text.replace(f"ExecStart={PROGRAMS[unit]}\n", f"ExecStart={DAEMON}\n" + "".join(more))
+        # What a reload or a stop runs has to be there too.
+        text = text.replace(f"{PROGRAMS[unit]} ", f"{DAEMON} ")
         (tmp_path / f"{unit}.service").write_text(text)
         return tmp_path / f"{unit}.service"
 
@@ -95,7 +100,7 @@ def verify(unit: Path) -> str:
     return run("systemd-analyze", "verify", "--man=no", unit).stderr
 
 
-@pytest.mark.parametrize("unit", UNITS)
+@pytest.mark.parametrize("unit", PROGRAMS)
 def test_systemd_has_nothing_to_say_about_the_unit(installed_unit, unit):
     assert verify(installed_unit(unit)) == ""
 
@@ -104,11 +109,12 @@ def test_a_setting_that_systemd_does_not_know_would_be_seen(installed_unit):
     assert "Unknown key 'RestartSeconds'" in verify(installed_unit("halvek", "RestartSeconds=1\n"))
 
 
-def test_the_sandbox_is_as_tight_as_it_shall_be(installed_unit):
-    unit = installed_unit("halvek")
+@pytest.mark.parametrize("name", ["halvek", *COMPANIONS])
+def test_the_sandbox_is_as_tight_as_it_shall_be(installed_unit, name):
+    unit = installed_unit(name)
     result = run("systemd-analyze", "security", "--offline=true", f"--threshold={WORST_EXPOSURE}", unit)
     assert result.returncode == 0, result.stdout
-    exposure = re.search(r"Overall exposure level for halvek\.service: (\d+\.\d)", result.stdout)
+    exposure = re.search(r"Overall exposure level for " + re.escape(name) + r"\.service: (\d+\.\d)", result.stdout)
     assert float(exposure[1]) <= WORST_EXPOSURE / 10
 
 
@@ -122,10 +128,11 @@ def test_the_unit_does_without(key):
     assert key not in settings("halvek")["Service"], FORBIDDEN[key]
 
 
-def test_every_setting_has_its_reason_above_it():
+@pytest.mark.parametrize("name", ["halvek", *COMPANIONS])
+def test_every_setting_has_its_reason_above_it(name):
     """Its own comment, or that of a run of settings that it belongs to; a blank line or a comment ends a run."""
     for section in ("[Unit]", "[Service]"):
-        text = (PACKAGING / "halvek.service").read_text().split(section)[1].split("\n[")[0]
+        text = (PACKAGING / f"{name}.service").read_text().split(section)[1].split("\n[")[0]
         explained = section == "[Unit]"  # what the unit is needs no reason
         for line in text.strip().splitlines():
             explained = line.startswith("#") or (explained and line != "")
@@ -149,7 +156,7 @@ def root(tmp_path) -> Path:
     """A system with nothing in it but the accounts."""
     root = tmp_path / "root"
     (root / "etc").mkdir(parents=True)
-    for unit in UNITS:
+    for unit in PROGRAMS:
         result = run("systemd-sysusers", f"--root={root}", PACKAGING / f"{unit}.sysusers")
         assert result.returncode == 0, result.stderr
     return root
@@ -157,7 +164,7 @@ def root(tmp_path) -> Path:
 
 def test_the_users_are_made(root):
     users, groups = accounts(root)
-    for user in UNITS:
+    for user in PROGRAMS:
         _, password, uid, gid, _, home, shell = users[user]
         assert (password, home, shell) == ("x", "/nonexistent", "/usr/sbin/nologin")
         assert 0 < int(uid) < 1000 and groups[user][2] == gid
