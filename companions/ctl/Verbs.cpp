@@ -2,6 +2,7 @@
 #include "companions/ctl/VerbCheck.h"
 #include "companions/ctl/VerbExplain.h"
 #include "companions/ctl/VerbPost.h"
+#include "companions/ctl/VerbReload.h"
 #include "companions/ctl/VerbSchedule.h"
 #include "companions/ctl/VerbShow.h"
 #include "companions/ctl/VerbStatus.h"
@@ -12,7 +13,8 @@
 namespace kelto::halvek::ctl {
 
 std::span<const Verb> Verbs() {
-    static const std::array verbs = {verbCheck, verbShow, verbSchedule, verbExplain, verbPost, verbWatch, verbStatus};
+    static const std::array verbs = {verbCheck, verbShow,  verbSchedule, verbExplain,
+                                     verbPost,  verbWatch, verbStatus,   verbReload};
     return verbs;
 }
 
