@@ -132,7 +132,9 @@ class Browser:
 
     def resize(self, width: int, height: int) -> None:
         """The window's inside, whatever the least width of a window is."""
-        self.command("Emulation.setDeviceMetricsOverride", width=width, height=height, deviceScaleFactor=1, mobile=False)
+        self.command(
+            "Emulation.setDeviceMetricsOverride", width=width, height=height, deviceScaleFactor=1, mobile=False
+        )
 
     def command(self, name: str, **parameters: Any) -> Any:
         """Of the browser's own protocol."""
