@@ -9,8 +9,9 @@ foreach(file IN LISTS FILES)
   math(EXPR length "${length} / 2")
   string(REGEX REPLACE "([0-9a-f][0-9a-f])" "\\\\x\\1" content "${content}")
   # In pieces: no compiler has to take a text of any length.
-  string(REGEX REPLACE "((\\\\x..)(\\\\x..)?(\\\\x..)?(\\\\x..)?(\\\\x..)?(\\\\x..)?(\\\\x..)?(\\\\x..)?)" "\"\\1\"\n" content
-    "${content}")
+  set(byte "\\\\x..")
+  string(REGEX REPLACE "(${byte}(${byte})?(${byte})?(${byte})?(${byte})?(${byte})?(${byte})?(${byte})?)" "\"\\1\"\n"
+    content "${content}")
   string(APPEND text "inline constexpr std::string_view ${name}(\n${content}, ${length});\n")
 endforeach()
 string(APPEND text "}  // namespace kelto::page::embedded\n")

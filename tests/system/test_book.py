@@ -21,6 +21,7 @@ PAGES = (
     "halvek-settings.5",
     "halvek-events.5",
     "kelto-vcam.1",
+    "kelto-vcam-page.1",
     "halvekctl.1",
     "halvekctl-checks.7",
     "halvek-rules.1",
@@ -443,10 +444,8 @@ def test_a_page_is_well_formed(page):
 
 @pytest.mark.parametrize("page", PAGES)
 def test_a_page_is_installed_with_its_program(page):
-    rules = "".join(
-        (ROOT / folder / "CMakeLists.txt").read_text()
-        for folder in ("app", "camera", "companions/ctl", "companions/rules")
-    )
+    folders = (ROOT / "app", ROOT / "camera", *(ROOT / "companions").iterdir())
+    rules = "".join((folder / "CMakeLists.txt").read_text() for folder in folders if folder.is_dir())
     assert re.search(rf"docs/{re.escape(page)}\b", rules), f"no install rule names docs/{page}"
 
 

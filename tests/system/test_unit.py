@@ -2,6 +2,7 @@
 
 import os
 import re
+import shutil
 import stat
 import struct
 import subprocess
@@ -17,7 +18,7 @@ PACKAGING = ROOT / "packaging"
 DAEMON = Path(os.environ["HALVEK_DAEMON"])
 UNITS = {"halvek": "/usr/sbin/halvek", "kelto-vcam": "/usr/bin/kelto-vcam"}
 # Services beside the daemon: the packages bring users for them, and no folders.
-COMPANIONS = {"halvek-rules": "/usr/bin/halvek-rules"}
+COMPANIONS = {"halvek-rules": "/usr/bin/halvek-rules", "kelto-vcam-page": "/usr/bin/kelto-vcam-page"}
 PROGRAMS = UNITS | COMPANIONS
 WORST_EXPOSURE = 20  # tenths
 
@@ -90,6 +91,8 @@ def installed_unit(tmp_path):
         # What a reload or a stop runs has to be there too.
         text = text.replace(f"{PROGRAMS[unit]} ", f"{DAEMON} ")
         (tmp_path / f"{unit}.service").write_text(text)
+        for socket in PACKAGING.glob(f"{unit}.socket"):
+            shutil.copy(socket, tmp_path)
         return tmp_path / f"{unit}.service"
 
     return write
@@ -103,6 +106,11 @@ def verify(unit: Path) -> str:
 @pytest.mark.parametrize("unit", PROGRAMS)
 def test_systemd_has_nothing_to_say_about_the_unit(installed_unit, unit):
     assert verify(installed_unit(unit)) == ""
+
+
+def test_the_page_has_no_network_of_its_own():
+    service = settings("kelto-vcam-page")["Service"]
+    assert service["PrivateNetwork"] == ["yes"] and service["RestrictAddressFamilies"] == ["AF_UNIX"]
 
 
 def test_a_setting_that_systemd_does_not_know_would_be_seen(installed_unit):
