@@ -6,6 +6,7 @@
 #include "companions/ctl/VerbSchedule.h"
 #include "companions/ctl/VerbShow.h"
 #include "companions/ctl/VerbStatus.h"
+#include "companions/ctl/VerbTry.h"
 #include "companions/ctl/VerbWatch.h"
 
 #include <array>
@@ -13,8 +14,8 @@
 namespace kelto::halvek::ctl {
 
 std::span<const Verb> Verbs() {
-    static const std::array verbs = {verbCheck, verbShow,  verbSchedule, verbExplain,
-                                     verbPost,  verbWatch, verbStatus,   verbReload};
+    static const std::array verbs = {verbCheck, verbShow,   verbSchedule, verbExplain, verbPost,
+                                     verbWatch, verbStatus, verbReload,   verbTry};
     return verbs;
 }
 

@@ -262,7 +262,9 @@ def test_an_interrupt_ends_it_as_ever(tmp_path: Path) -> None:
 
 
 @pytest.mark.parametrize(
-    "words", [[], ["check"], ["post"], ["watch"], ["status"], ["reload"], *([verb[0]] for verb in VERBS)], ids=str
+    "words",
+    [[], ["check"], ["post"], ["watch"], ["status"], ["reload"], ["try"], *([verb[0]] for verb in VERBS)],
+    ids=str,
 )
 def test_help_fits_a_screen(words: list[str]) -> None:
     text = answer(*words, "--help")
