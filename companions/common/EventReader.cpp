@@ -29,17 +29,11 @@ void EventReader::Take(std::string_view bytes, Milliseconds now) {
             KeepUnfinishedLine(bytes);
             break;
         }
-        if (unfinishedLine.empty() && !isLineTooLong) {
+        if (unfinishedLine.empty() && end <= largestBlock) {
             TakeLine(bytes.substr(0, end));
         } else {
             KeepUnfinishedLine(bytes.substr(0, end));
-            event.isCut = event.isCut || (isOpen && isLineTooLong);
-            const bool isWhole = !isLineTooLong;
-            isLineTooLong = false;
-            const std::string line = std::exchange(unfinishedLine, {});
-            if (isWhole) {
-                TakeLine(line);
-            }
+            TakeUnfinishedLine();
         }
         bytes.remove_prefix(end + 1);
     }
@@ -79,6 +73,18 @@ void EventReader::TakeLine(std::string_view line) {
         if (const size_t equals = line.find('='); equals != std::string_view::npos) {
             TakeProperty(line, equals);
         }
+    }
+}
+
+void EventReader::TakeUnfinishedLine() {
+    const std::string line = std::exchange(unfinishedLine, {});
+    if (!std::exchange(isLineTooLong, false)) {
+        TakeLine(line);
+    } else if (line.starts_with('[')) {
+        // A header all the same, of a block that is too large before it has begun.
+        CloseBlock(false);
+    } else {
+        HasRoomFor(line);
     }
 }
 

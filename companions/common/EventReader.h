@@ -61,6 +61,7 @@ public:
 
 private:
     void TakeLine(std::string_view line);
+    void TakeUnfinishedLine();
     void TakeHeader(std::string_view line);
     void TakeProperty(std::string_view line, size_t equals);
     void KeepUnfinishedLine(std::string_view rest);

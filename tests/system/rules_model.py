@@ -86,12 +86,15 @@ class Model:
         target = self.now + delay
         while (due := self.first_due()) and due[0] < target:
             self.now = due[0]
-            self.fire_unless(due[2])
-            self.take_waiting()
+            self.fire_all_due()
         self.now = target
         if event is not None:
             self.waiting.append(event)
         self.take_waiting()
+        self.fire_all_due()
+
+    def fire_all_due(self) -> None:
+        """What comes of it comes back behind all of it."""
         while (due := self.first_due()) and due[0] <= self.now:
             self.fire_unless(due[2])
         self.take_waiting()

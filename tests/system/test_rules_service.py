@@ -1,5 +1,6 @@
 """The service of the rules beside a real daemon: what it hears, posts and drops, and that it never harms the daemon."""
 
+import contextlib
 import os
 import re
 import signal
@@ -316,3 +317,55 @@ def test_it_takes_less_than_two_mebibytes_more_than_a_bare_process(daemon, hears
     finally:
         bare.kill()
         bare.communicate()
+
+
+KINDS = (
+    [],
+    ["HoldOff.sec=1"],
+    ["Count=3", "Within.sec=60"],
+    ["Then=B", "Within.sec=10"],
+    ["Unless=B", "After.sec=60"],
+)
+
+
+def fifty_rules() -> str:
+    lines = ("When=Alarm", "Same=alarmBank", "Set.x=${alarmIndex}")
+    return "".join(
+        rule(f"r{number}", *lines, *KINDS[number % len(KINDS)], f"Where.alarmIndex={number}|>100", f"Post=P{number}")
+        for number in range(50)
+    )
+
+
+def processor_seconds(pid: int) -> float:
+    fields = Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def test_twenty_thousand_events_a_second_with_fifty_rules_leave_half_a_core_and_cost_no_memory(serve):
+    """HALVEK_RULES_EVENTS says how many there are; the memory of ten million is looked at by hand."""
+    os.mkfifo(DEFAULT_INPUT)
+    sink = os.open(DEFAULT_INPUT, os.O_RDWR | os.O_NONBLOCK)
+    service = serve(fifty_rules())
+    text = "".join(
+        block("Alarm", Timestamp="14:05:09", alarmBank="Local", alarmIndex=number % 60, alarmState=number % 2)
+        for number in range(2000)
+    ).encode()
+    pipe = os.open(PIPE, os.O_WRONLY)
+    sent, used_before, before = 0, 0, processor_seconds(service.pid)
+    wanted = int(os.environ.get("HALVEK_RULES_EVENTS", "40000"))
+    while sent < wanted:
+        rest = memoryview(text)
+        while rest:
+            rest = rest[os.write(pipe, rest) :]
+        sent += 2000
+        with contextlib.suppress(BlockingIOError):
+            os.read(sink, 1 << 20)
+        if sent == 20000:
+            used_before = own_kib(service.pid)
+    service.wait_until_read()
+    os.close(pipe)
+    assert processor_seconds(service.pid) - before < sent / 20000 / 2
+    assert own_kib(service.pid) - used_before < 128
+    service.reload(fifty_rules(), "the rules are read anew")
+    wait_until(lambda: f" {sent} events" in service.status(), "it has taken them all")
+    os.close(sink)

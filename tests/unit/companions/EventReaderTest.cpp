@@ -166,9 +166,22 @@ TEST_F(EventReaderTest, ALineWithoutEndTakesNoMoreThanABlock) {
     }
     Take("\ny=1\n.\n[B]\n.\n");
     ASSERT_THAT(Types(), ElementsAre("A", "B"));
-    EXPECT_THAT(events[0].properties, ElementsAre(Pair("y", "1")));
+    EXPECT_THAT(events[0].properties, IsEmpty());
     EXPECT_TRUE(events[0].isCut);
     EXPECT_FALSE(events[1].isCut);
+}
+
+TEST_F(EventReaderTest, AHeaderThatIsTooLongEndsABlockAndBeginsNone) {
+    const std::string header = "[" + std::string(70000, 'h') + "]\n";
+    Take("[A]\n" + header + "x=1\n.\n");
+    Take("[B]\n");
+    for (const char character : header) {
+        Take(std::string(1, character));
+    }
+    Take("x=1\n.\n[C]\n.\n");
+    ASSERT_THAT(Types(), ElementsAre("A", "B", "C"));
+    EXPECT_THAT(events[0].properties, IsEmpty());
+    EXPECT_THAT(events[1].properties, IsEmpty());
 }
 
 TEST_F(EventReaderTest, ALeftOverGivesStaleEventsAndNoTornOnes) {
