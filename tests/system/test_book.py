@@ -25,6 +25,7 @@ PAGES = (
     "halvekctl.1",
     "halvekctl-checks.7",
     "halvek-rules.1",
+    "halvek-mqtt.1",
 )
 
 # Functions whose callers hand them a part of an exception's text: which argument, and what it becomes.

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "companions/mqtt/ExitStatus.h"
+#include "companions/mqtt/Invocation.h"
+
+#include <string>
+
+namespace kelto::halvek::mqtt {
+
+/** What the verbs say. Each fills in the answer, text or JSON, and throws what has kept it from doing so. */
+class Answers {
+public:
+    static ExitStatus Check(const Invocation& invocation, std::string& answer);
+    static ExitStatus PrintDiscovery(const Invocation& invocation, std::string& answer);
+    static ExitStatus Status(const Invocation& invocation, std::string& answer);
+};
+
+}  // namespace kelto::halvek::mqtt

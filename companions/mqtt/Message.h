@@ -1,0 +1,28 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+namespace kelto::halvek::mqtt {
+
+/** Something to be published. A plain value. */
+struct Message {
+    std::string topic;
+    std::string payload;
+    int qos = 1;
+    bool isRetained = false;
+    /** JSON, and said to be so where the protocol has a word for it. */
+    bool isJson = false;
+    /** How long the broker keeps it for those who are away, where the protocol has a word for it. */
+    std::optional<std::chrono::seconds> expiry;
+};
+
+/** Something that was published by somebody else. */
+struct ReceivedMessage {
+    std::string topic;
+    std::string payload;
+    bool isRetained = false;
+};
+
+}  // namespace kelto::halvek::mqtt

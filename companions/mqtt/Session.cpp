@@ -1,0 +1,350 @@
+#include "companions/mqtt/Session.h"
+
+#include "companions/mqtt/Log.h"
+#include "companions/mqtt/Payloads.h"
+#include "companions/mqtt/Uptime.h"
+
+#include <mqtt_protocol.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace kelto::halvek::mqtt {
+
+namespace {
+
+constexpr Session::Milliseconds forEver{3600000};
+/** States that an earlier run has left at the broker, and the like: more of them are not looked after. */
+constexpr size_t longestGreeting = 1000;
+/** From here on a broker's word is a refusal. */
+constexpr int firstRefusal = 128;
+
+Message State(std::string topic, std::string payload, bool isJson = false) {
+    return {std::move(topic), std::move(payload), 1, true, isJson, std::nullopt};
+}
+
+}  // namespace
+
+Session::Session(const Surroundings& surroundings, Protocol protocol, uint64_t connectionNumber)
+    : around(surroundings),
+      topics(around.settings.prefix, around.settings.id),
+      number(connectionNumber),
+      ownInfo(State(topics.Info(), Payloads::Info(around.identity), true)),
+      connection(around.settings, protocol, State(topics.Status(), Payloads::offline), *this),
+      isFirst(!around.memory.hasTold) {}
+
+Session::~Session() {
+    around.queue.SetConnection(0);
+}
+
+Session::End Session::Run(const std::function<void()>& accepted) {
+    connection.Open();
+    WaitForWelcome();
+    accepted();
+    around.queue.SetConnection(number);
+    Open();
+    std::optional<Milliseconds> flushUntil;
+    while (!isConflict) {
+        if (around.orders.IsAny() && !flushUntil) {
+            flushUntil = Uptime() + flushTime;
+        }
+        const bool isBusy = inFlight || SendNext();
+        if (flushUntil && (!isBusy || Uptime() > *flushUntil)) {
+            SayGoodbye();
+            return around.orders.stop ? End::Stopped : End::Reloaded;
+        }
+        Turn(UntilNextDeed());
+        FinishInFlight();
+    }
+    // The topics are the other one's now: our last will would overwrite its state.
+    connection.Close();
+    return End::Conflict;
+}
+
+void Session::WaitForWelcome() {
+    const Milliseconds deadline = Uptime() + patience;
+    while (!acceptedAt) {
+        if (!refusal.empty()) {
+            throw ConnectionError("The broker refuses the connection: " + refusal);
+        }
+        if (around.orders.IsAny()) {
+            throw ConnectionError("Stopped while connecting");
+        }
+        if (Uptime() > deadline) {
+            throw ConnectionError("The broker does not answer");
+        }
+        Turn(deadline - Uptime());
+    }
+}
+
+void Session::Open() {
+    // Another one with our id tells who it is in the same place.
+    connection.Subscribe(topics.Info(), 0);
+    // What an earlier run has left there; it is cleared, since nobody knows what has happened since.
+    connection.Subscribe(topics.AlarmFilter(), 0);
+    QueueGreeting();
+}
+
+void Session::QueueGreeting() {
+    greeting.push_back(State(topics.Status(), Payloads::online));
+    greeting.push_back(ownInfo);
+    QueueAlarms();
+}
+
+void Session::QueueAlarms() {
+    for (const AlarmState& alarm : around.queue.Alarms()) {
+        const std::optional<std::string> topic = topics.Alarm(alarm.name.first, alarm.name.second);
+        if (topic) {
+            greeting.push_back(AlarmMessage(*topic, alarm.isOn));
+        }
+        around.queue.MarkAlarmTold(alarm.name, alarm.version);
+    }
+    for (const AlarmName& name : around.facts.alarms) {
+        const std::optional<std::string> topic = topics.Alarm(name.first, name.second);
+        if (topic && !around.queue.KnowsAlarm(name)) {
+            greeting.push_back(State(*topic, ""));
+        }
+    }
+}
+
+void Session::Turn(Milliseconds most) {
+    connection.Turn(around.wake.Descriptor(), most);
+    around.wake.Clear();
+}
+
+bool Session::SendNext() {
+    if (!greeting.empty()) {
+        const Message message = std::move(greeting.front());
+        greeting.pop_front();
+        const bool isInfo = message.topic == ownInfo.topic;
+        Send(message,
+             [this, isInfo](bool isTaken) { around.memory.hasTold = around.memory.hasTold || (isInfo && isTaken); });
+        return true;
+    }
+    if (!isGreetingDone) {
+        isGreetingDone = true;
+        connection.Unsubscribe(topics.AlarmFilter());
+    }
+    return SendCounters() || SendOverdueAlarm() || SendEvent();
+}
+
+bool Session::SendCounters() {
+    SessionMemory& memory = around.memory;
+    const Counters counters = around.queue.Count();
+    const bool isNew = !memory.hasToldCounters || counters != memory.toldCounters;
+    if (!isNew || (memory.hasToldCounters && Uptime() < memory.toldCountersAt + countersPause)) {
+        return false;
+    }
+    memory.hasToldCounters = true;
+    memory.toldCounters = counters;
+    memory.toldCountersAt = Uptime();
+    Send({topics.Stats(), Payloads::Stats(counters), 0, true, true, std::nullopt}, [](bool) {});
+    return true;
+}
+
+bool Session::SendOverdueAlarm() {
+    const std::optional<AlarmState> alarm = around.queue.OverdueAlarm();
+    if (!alarm) {
+        return false;
+    }
+    around.queue.MarkAlarmTold(alarm->name, alarm->version);
+    const std::optional<std::string> topic = topics.Alarm(alarm->name.first, alarm->name.second);
+    if (topic) {
+        Send(AlarmMessage(*topic, alarm->isOn), [](bool) {});
+    }
+    return topic.has_value();
+}
+
+bool Session::SendEvent() {
+    SessionMemory& memory = around.memory;
+    if (memory.current && memory.currentStep == 0 && around.queue.IsTooOld(*memory.current, Uptime())) {
+        around.queue.CountTooOld(*memory.current);
+        memory.current.reset();
+    }
+    while (!memory.current || !SendStep()) {
+        memory.current = around.queue.Pop(Uptime());
+        memory.currentStep = 0;
+        memory.currentLosses = 0;
+        // One that comes in between is seen at once.
+        if (!memory.current && around.queue.WaitForEvent()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool Session::SendStep() {
+    SessionMemory& memory = around.memory;
+    const std::vector<Message> steps = StepsOf(*memory.current);
+    if (memory.currentStep >= steps.size()) {
+        EndOfEvent();
+        return false;
+    }
+    const bool isEvent = memory.currentStep == 0;
+    Send(steps[memory.currentStep], [this, isEvent](bool isTaken) {
+        ++around.memory.currentStep;
+        if (isEvent && isTaken) {
+            around.queue.CountSent();
+        } else if (isEvent) {
+            around.queue.CountRefused(*around.memory.current);
+        }
+    });
+    inFlight->isEvent = isEvent;
+    return true;
+}
+
+std::vector<Message> Session::StepsOf(const QueuedEvent& event) {
+    std::vector<Message> steps;
+    const std::optional<std::string> topic = topics.Event(event.event.type);
+    if (!topic) {
+        if (around.memory.currentStep == 0) {
+            around.queue.CountTooLong(event);
+        }
+        return steps;
+    }
+    steps.push_back(EventMessage(event, *topic));
+    const std::optional<AlarmName> alarm = AlarmStates::NameIn(event.event);
+    if (alarm && event.alarmVersion > 0 && around.queue.IsAlarmNews(*alarm, event.alarmVersion)) {
+        if (const std::optional<std::string> state = topics.Alarm(alarm->first, alarm->second)) {
+            steps.push_back(AlarmMessage(*state, *event.event.Find("alarmState") == "1"));
+        }
+    }
+    return steps;
+}
+
+Message Session::EventMessage(const QueuedEvent& event, const std::string& topic) const {
+    const Milliseconds queued = Uptime() - event.receivedAt;
+    Message message{topic, "", 1, false, true, std::nullopt};
+    message.payload = Payloads::Event(event, around.identity, queued, event.connection != number);
+    const auto left = around.settings.maxAge - std::chrono::duration_cast<std::chrono::seconds>(queued);
+    message.expiry = std::max(left, std::chrono::seconds(1));
+    return message;
+}
+
+Message Session::AlarmMessage(const std::string& topic, bool isOn) const {
+    return State(topic, Payloads::Alarm(isOn));
+}
+
+void Session::EndOfEvent() {
+    SessionMemory& memory = around.memory;
+    if (const std::optional<AlarmName> alarm = AlarmStates::NameIn(memory.current->event)) {
+        around.queue.MarkAlarmTold(*alarm, memory.current->alarmVersion);
+    }
+    memory.current.reset();
+}
+
+void Session::Send(const Message& message, std::function<void(bool isTaken)> after) {
+    sentEarly = 0;
+    inFlight.emplace();
+    inFlight->topic = message.topic;
+    inFlight->sentAt = Uptime();
+    inFlight->after = std::move(after);
+    try {
+        inFlight->number = connection.Publish(message);
+        inFlight->isDone = sentEarly == inFlight->number;
+    } catch (const ConnectionError& error) {
+        if (error.GetKind() != ConnectionError::Kind::UnfitMessage) {
+            throw;
+        }
+        Log::Warning("The broker would not take a message to " + message.topic + ": " + error.what());
+        inFlight->isDone = true;
+        inFlight->reason = firstRefusal;
+    }
+}
+
+void Session::FinishInFlight() {
+    if (!inFlight) {
+        return;
+    }
+    if (!inFlight->isDone) {
+        if (Uptime() > inFlight->sentAt + patience) {
+            throw ConnectionError("The broker does not acknowledge " + inFlight->topic);
+        }
+        return;
+    }
+    const InFlight done = *std::exchange(inFlight, std::nullopt);
+    done.after(done.reason < firstRefusal);
+}
+
+bool Session::IsEventSuspected() const {
+    return inFlight && inFlight->isEvent && !inFlight->isDone && Uptime() < inFlight->sentAt + suspicion;
+}
+
+void Session::SayGoodbye() {
+    const Milliseconds deadline = Uptime() + flushTime;
+    Send(State(topics.Status(), Payloads::offline), [](bool) {});
+    while (inFlight && !inFlight->isDone && Uptime() < deadline) {
+        Turn(deadline - Uptime());
+    }
+    connection.Close();
+}
+
+void Session::OnConnected(int reason, const std::string& text) {
+    if (reason == 0) {
+        acceptedAt = Uptime();
+        return;
+    }
+    isProtocolRefused = reason == CONNACK_REFUSED_PROTOCOL_VERSION || reason == MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION;
+    refusal = text;
+}
+
+void Session::OnPublished(int messageNumber, int reason) {
+    if (!inFlight || inFlight->number != messageNumber) {
+        sentEarly = messageNumber;
+        return;
+    }
+    inFlight->isDone = true;
+    inFlight->reason = reason;
+    if (reason >= firstRefusal) {
+        Log::Warning("The broker refuses a message to " + inFlight->topic + ": reason " + std::to_string(reason));
+    }
+}
+
+void Session::OnMessage(const ReceivedMessage& message) {
+    if (message.topic == topics.Info()) {
+        TakeInfo(message);
+    } else if (topics.IsAlarm(message.topic)) {
+        TakeAlarm(message);
+    }
+}
+
+void Session::TakeInfo(const ReceivedMessage& message) {
+    const std::optional<Identity> other = Payloads::ReadInfo(message.payload);
+    if (!other || (other->boot == around.identity.boot && other->since == around.identity.since)) {
+        return;
+    }
+    std::optional<Identity>& predecessor = around.memory.predecessor;
+    if (message.isRetained && isFirst) {
+        predecessor = other;
+        return;
+    }
+    // A broker that has lost its memory may come back with what was there before us.
+    const bool isPredecessor = predecessor && predecessor->boot == other->boot && predecessor->since == other->since;
+    isConflict = isConflict || !message.isRetained || !isPredecessor;
+}
+
+void Session::TakeAlarm(const ReceivedMessage& message) {
+    if (!message.isRetained || message.payload.empty() || greeting.size() >= longestGreeting) {
+        return;
+    }
+    const std::vector<AlarmState> known = around.queue.Alarms();
+    const bool isKnown = std::any_of(known.begin(), known.end(), [&](const AlarmState& alarm) {
+        return topics.Alarm(alarm.name.first, alarm.name.second) == message.topic;
+    });
+    if (!isKnown) {
+        greeting.push_back(State(message.topic, ""));
+    }
+}
+
+Session::Milliseconds Session::UntilNextDeed() const {
+    const Milliseconds now = Uptime();
+    if (inFlight) {
+        return inFlight->isDone ? Milliseconds(0) : inFlight->sentAt + patience - now + Milliseconds(1);
+    }
+    if (around.queue.Count() != around.memory.toldCounters) {
+        return around.memory.toldCountersAt + countersPause - now;
+    }
+    return forEver;
+}
+
+}  // namespace kelto::halvek::mqtt
