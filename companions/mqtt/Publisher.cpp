@@ -29,7 +29,10 @@ Publisher::Publisher(Settings first, CameraFacts firstFacts, const Identity& own
       wake(ownWake),
       settings(std::move(first)),
       facts(std::move(firstFacts)),
-      backOff(shortestBackOff, longestBackOff) {}
+      gate(companion::EventPipe::defaultPath),
+      backOff(shortestBackOff, longestBackOff) {
+    gate.SetLists(settings.post, settings.postRegions);
+}
 
 void Publisher::Start() {
     thread = std::thread([this] {
@@ -73,6 +76,7 @@ void Publisher::TakeNewSettings() {
     }
     std::tie(settings, facts) = *std::exchange(newSettings, std::nullopt);
     queue.SetLimits(settings.queue, settings.maxAge);
+    gate.SetLists(settings.post, settings.postRegions);
     memory.hasTold = false;
     memory.predecessor.reset();
     protocol = Protocol::Version5;
@@ -95,7 +99,7 @@ void Publisher::RunOnce() {
     Show(BridgeState::Kind::Connecting);
     std::optional<Session> session;
     try {
-        session.emplace(Session::Surroundings{settings, identity, facts, queue, memory, orders, wake}, protocol,
+        session.emplace(Session::Surroundings{settings, identity, facts, queue, gate, memory, orders, wake}, protocol,
                         ++connections);
         const Session::End end = session->Run([this] {
             problem.clear();

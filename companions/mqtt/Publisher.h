@@ -96,6 +96,7 @@ private:
     // The thread's own.
     Settings settings;
     CameraFacts facts;
+    PostGate gate;
     SessionMemory memory;
     companion::BackOff backOff;
     Protocol protocol = Protocol::Version5;

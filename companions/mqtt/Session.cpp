@@ -16,6 +16,8 @@ namespace {
 constexpr Session::Milliseconds forEver{3600000};
 /** States that an earlier run has left at the broker, and the like: more of them are not looked after. */
 constexpr size_t longestGreeting = 1000;
+/** Somebody who posts faster than the answers go out does not read them. */
+constexpr size_t mostPostResults = 64;
 /** From here on a broker's word is a refusal. */
 constexpr int firstRefusal = 128;
 
@@ -82,6 +84,9 @@ void Session::Open() {
     connection.Subscribe(topics.Info(), 0);
     // What an earlier run has left there; it is cleared, since nobody knows what has happened since.
     connection.Subscribe(topics.AlarmFilter(), 0);
+    if (!around.settings.post.empty()) {
+        connection.Subscribe(topics.PostFilter(), 1, true);
+    }
     QueueGreeting();
 }
 
@@ -125,7 +130,17 @@ bool Session::SendNext() {
         isGreetingDone = true;
         connection.Unsubscribe(topics.AlarmFilter());
     }
-    return SendCounters() || SendOverdueAlarm() || SendEvent();
+    return SendPostResult() || SendCounters() || SendOverdueAlarm() || SendEvent() || SendPostResult();
+}
+
+bool Session::SendPostResult() {
+    wasPostResult = !postResults.empty() && !wasPostResult;
+    if (wasPostResult) {
+        const Message message = std::move(postResults.front());
+        postResults.pop_front();
+        Send(message, [](bool) {});
+    }
+    return wasPostResult;
 }
 
 bool Session::SendCounters() {
@@ -305,6 +320,8 @@ void Session::OnMessage(const ReceivedMessage& message) {
         TakeInfo(message);
     } else if (topics.IsAlarm(message.topic)) {
         TakeAlarm(message);
+    } else if (const std::optional<std::string_view> level = topics.PostedLevel(message.topic)) {
+        TakePost(*level, message);
     }
 }
 
@@ -333,6 +350,17 @@ void Session::TakeAlarm(const ReceivedMessage& message) {
     });
     if (!isKnown) {
         greeting.push_back(State(message.topic, ""));
+    }
+}
+
+void Session::TakePost(std::string_view level, const ReceivedMessage& message) {
+    const std::string_view result = around.gate.Take(level, message.payload, message.isRetained, Uptime());
+    if (result != "posted") {
+        around.queue.CountRefusedPost();
+    }
+    const std::string payload = Payloads::PostResult(++around.memory.posts, result);
+    if (postResults.size() < mostPostResults) {
+        postResults.push_back({topics.PostResult(), payload, 0, false, true, std::nullopt});
     }
 }
 

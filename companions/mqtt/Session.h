@@ -4,6 +4,7 @@
 #include "companions/mqtt/Connection.h"
 #include "companions/mqtt/EventQueue.h"
 #include "companions/mqtt/Identity.h"
+#include "companions/mqtt/PostGate.h"
 #include "companions/mqtt/Settings.h"
 #include "companions/mqtt/Topics.h"
 #include "companions/mqtt/Wake.h"
@@ -15,6 +16,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kelto::halvek::mqtt {
@@ -32,6 +34,9 @@ struct SessionMemory {
     bool hasTold = false;
     /** Whose info was there before ours: an earlier run of this program, most likely. */
     std::optional<Identity> predecessor;
+
+    /** How many posts have been answered. */
+    uint64_t posts = 0;
 
     Counters toldCounters;
     bool hasToldCounters = false;
@@ -71,6 +76,7 @@ public:
         const Identity& identity;
         const CameraFacts& facts;
         EventQueue& queue;
+        PostGate& gate;
         SessionMemory& memory;
         SessionOrders& orders;
         Wake& wake;
@@ -112,6 +118,7 @@ private:
     void Turn(Milliseconds most);
     void FinishInFlight();
     bool SendNext();
+    bool SendPostResult();
     bool SendCounters();
     bool SendOverdueAlarm();
     bool SendEvent();
@@ -124,6 +131,7 @@ private:
     void SayGoodbye();
     void TakeInfo(const ReceivedMessage& message);
     void TakeAlarm(const ReceivedMessage& message);
+    void TakePost(std::string_view level, const ReceivedMessage& message);
     Milliseconds UntilNextDeed() const;
 
     // Constant after construction.
@@ -145,6 +153,10 @@ private:
     std::optional<InFlight> inFlight;
     /** What is said at the beginning, and other short messages of our own. */
     std::deque<Message> greeting;
+    /** Answers to posts. */
+    std::deque<Message> postResults;
+    /** An event's turn comes between two answers, however many there are. */
+    bool wasPostResult = false;
 };
 
 }  // namespace kelto::halvek::mqtt
