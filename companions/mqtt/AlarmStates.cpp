@@ -11,12 +11,13 @@ std::optional<AlarmName> AlarmStates::NameIn(const companion::ReceivedEvent& eve
     return isAlarm ? std::optional(AlarmName(*bank, *index)) : std::nullopt;
 }
 
-uint64_t AlarmStates::Take(const AlarmName& name, bool isOn) {
+uint64_t AlarmStates::Take(const AlarmName& name, bool isOn, int64_t time) {
     if (alarms.size() >= mostAlarms && !Knows(name)) {
         return 0;
     }
     Alarm& alarm = alarms[name];
     alarm.isOn = isOn;
+    alarm.time = time;
     alarm.version = ++lastVersion;
     alarm.isOverdue = false;
     return alarm.version;
@@ -25,7 +26,7 @@ uint64_t AlarmStates::Take(const AlarmName& name, bool isOn) {
 std::optional<AlarmState> AlarmStates::Overdue() const {
     for (const auto& [name, alarm] : alarms) {
         if (alarm.isOverdue && alarm.toldVersion < alarm.version) {
-            return AlarmState{name, alarm.isOn, alarm.version};
+            return AlarmState{name, alarm.isOn, alarm.version, alarm.time};
         }
     }
     return std::nullopt;
@@ -51,7 +52,7 @@ void AlarmStates::MarkTold(const AlarmName& name, uint64_t version) {
 std::vector<AlarmState> AlarmStates::All() const {
     std::vector<AlarmState> states;
     for (const auto& [name, alarm] : alarms) {
-        states.push_back({name, alarm.isOn, alarm.version});
+        states.push_back({name, alarm.isOn, alarm.version, alarm.time});
     }
     return states;
 }

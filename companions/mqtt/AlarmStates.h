@@ -20,6 +20,8 @@ struct AlarmState {
     bool isOn = false;
     /** Which change it was, see AlarmStates. */
     uint64_t version = 0;
+    /** When that was read: milliseconds since 1970, in UTC. */
+    int64_t time = 0;
 };
 
 /**
@@ -37,7 +39,7 @@ public:
     static std::optional<AlarmName> NameIn(const companion::ReceivedEvent& event);
 
     /** Notes the state that an alarm's event tells. Returns the version; 0 if there is no room for another alarm. */
-    uint64_t Take(const AlarmName& name, bool isOn);
+    uint64_t Take(const AlarmName& name, bool isOn, int64_t time);
 
     /** A state that the broker has not been told, and that no event in the queue will tell it: see MarkOverdue. */
     std::optional<AlarmState> Overdue() const;
@@ -60,6 +62,7 @@ private:
         bool isOn = false;
         uint64_t version = 0;
         uint64_t toldVersion = 0;
+        int64_t time = 0;
         bool isOverdue = false;
     };
 

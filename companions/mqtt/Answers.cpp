@@ -1,7 +1,9 @@
 #include "companions/mqtt/Answers.h"
 
 #include "companions/common/Json.h"
+#include "companions/mqtt/CameraSettings.h"
 #include "companions/mqtt/Configuration.h"
+#include "companions/mqtt/Discovery.h"
 #include "companions/mqtt/MachineId.h"
 #include "companions/mqtt/PlainText.h"
 #include "companions/mqtt/StatusFile.h"
@@ -91,8 +93,17 @@ ExitStatus Answers::Check(const Invocation& invocation, std::string& answer) {
     return configuration.HasErrors() ? exitNo : exitYes;
 }
 
-ExitStatus Answers::PrintDiscovery(const Invocation&, std::string&) {
-    throw std::runtime_error("there is no description of the camera yet");
+ExitStatus Answers::PrintDiscovery(const Invocation& invocation, std::string& answer) {
+    const Configuration configuration = Configuration::Load(invocation.config, Configuration::Secrets::WantedIfThere);
+    if (configuration.HasErrors()) {
+        answer = FindingsAsText(configuration);
+        return exitNo;
+    }
+    CameraFacts facts = CameraSettings::Read(CameraSettings::Path());
+    facts.types.insert(configuration.settings.types.begin(), configuration.settings.types.end());
+    facts.types.insert(configuration.settings.post.begin(), configuration.settings.post.end());
+    answer = Discovery::Payload(configuration.settings, facts) + "\n";
+    return exitYes;
 }
 
 ExitStatus Answers::Status(const Invocation& invocation, std::string& answer) {

@@ -23,7 +23,7 @@ void EventQueue::Push(QueuedEvent event) {
     // What an earlier process left tells how an alarm was, not how it is.
     if (const std::optional<AlarmName> alarm = AlarmStates::NameIn(event.event); alarm && !event.event.isStale) {
         seenVersion += alarms.Knows(*alarm) ? 0 : 1;
-        event.alarmVersion = alarms.Take(*alarm, *event.event.Find("alarmState") == "1");
+        event.alarmVersion = alarms.Take(*alarm, *event.event.Find("alarmState") == "1", event.time);
     }
     DropOld(event.receivedAt);
     bytes += event.Size();

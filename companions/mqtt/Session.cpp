@@ -1,5 +1,7 @@
 #include "companions/mqtt/Session.h"
 
+#include "companions/common/BackOff.h"
+#include "companions/mqtt/Discovery.h"
 #include "companions/mqtt/Log.h"
 #include "companions/mqtt/Payloads.h"
 #include "companions/mqtt/Uptime.h"
@@ -20,6 +22,7 @@ constexpr size_t longestGreeting = 1000;
 constexpr size_t mostPostResults = 64;
 /** From here on a broker's word is a refusal. */
 constexpr int firstRefusal = 128;
+constexpr const char* homeAutomation = "homeassistant/status";
 
 Message State(std::string topic, std::string payload, bool isJson = false) {
     return {std::move(topic), std::move(payload), 1, true, isJson, std::nullopt};
@@ -30,6 +33,7 @@ Message State(std::string topic, std::string payload, bool isJson = false) {
 Session::Session(const Surroundings& surroundings, Protocol protocol, uint64_t connectionNumber)
     : around(surroundings),
       topics(around.settings.prefix, around.settings.id),
+      onvif(around.settings.onvif.empty() ? std::nullopt : std::optional<OnvifTopics>(around.settings.onvif)),
       number(connectionNumber),
       ownInfo(State(topics.Info(), Payloads::Info(around.identity), true)),
       connection(around.settings, protocol, State(topics.Status(), Payloads::offline), *this),
@@ -84,6 +88,10 @@ void Session::Open() {
     connection.Subscribe(topics.Info(), 0);
     // What an earlier run has left there; it is cleared, since nobody knows what has happened since.
     connection.Subscribe(topics.AlarmFilter(), 0);
+    if (around.settings.hasDiscovery) {
+        connection.Subscribe(homeAutomation, 0);
+        connection.Subscribe(topics.Discovery(), 0);
+    }
     if (!around.settings.post.empty()) {
         connection.Subscribe(topics.PostFilter(), 1, true);
     }
@@ -98,18 +106,78 @@ void Session::QueueGreeting() {
 
 void Session::QueueAlarms() {
     for (const AlarmState& alarm : around.queue.Alarms()) {
-        const std::optional<std::string> topic = topics.Alarm(alarm.name.first, alarm.name.second);
-        if (topic) {
-            greeting.push_back(AlarmMessage(*topic, alarm.isOn));
-        }
-        around.queue.MarkAlarmTold(alarm.name, alarm.version);
+        QueueAlarm(alarm);
     }
     for (const AlarmName& name : around.facts.alarms) {
-        const std::optional<std::string> topic = topics.Alarm(name.first, name.second);
-        if (topic && !around.queue.KnowsAlarm(name)) {
-            greeting.push_back(State(*topic, ""));
+        if (!around.queue.KnowsAlarm(name)) {
+            QueueAlarmRemoval(name);
         }
     }
+}
+
+void Session::QueueAlarm(const AlarmState& alarm) {
+    around.queue.MarkAlarmTold(alarm.name, alarm.version);
+    if (std::optional<std::string> topic = topics.Alarm(alarm.name.first, alarm.name.second)) {
+        greeting.push_back(State(std::move(*topic), Payloads::Alarm(alarm.isOn)));
+    }
+    if (std::optional<Message> message =
+            onvif ? onvif->AlarmMessage(alarm.name, alarm.isOn, alarm.time) : std::nullopt) {
+        greeting.push_back(std::move(*message));
+    }
+}
+
+void Session::QueueAlarmRemoval(const AlarmName& name) {
+    if (std::optional<std::string> topic = topics.Alarm(name.first, name.second)) {
+        greeting.push_back(State(std::move(*topic), ""));
+    }
+    if (std::optional<Message> message = onvif ? onvif->AlarmRemoval(name) : std::nullopt) {
+        greeting.push_back(std::move(*message));
+    }
+}
+
+void Session::QueueDescription() {
+    std::set<std::string>& described = around.memory.described;
+    describedVersion = around.queue.SeenVersion();
+    describedAt = Uptime();
+    if (!around.settings.hasDiscovery) {
+        if (!described.empty()) {
+            greeting.push_back(State(topics.Discovery(), ""));
+        }
+        described.clear();
+        return;
+    }
+    const CameraFacts facts = KnownFacts();
+    const std::set<std::string> components = Discovery::Components(around.settings, facts);
+    std::set<std::string> removed = std::exchange(described, components);
+    // Where the settings cannot be read, what an earlier run has seen may come again.
+    if (!around.facts.types.empty()) {
+        removed.merge(leftDescribed);
+    }
+    leftDescribed.clear();
+    std::erase_if(removed, [&](const std::string& name) { return components.count(name) != 0; });
+    if (!removed.empty()) {
+        greeting.push_back(State(topics.Discovery(), Discovery::Payload(around.settings, facts, removed), true));
+    }
+    greeting.push_back(State(topics.Discovery(), Discovery::Payload(around.settings, facts), true));
+}
+
+bool Session::IsDescriptionDue() const {
+    if (!describedAt) {
+        return true;
+    }
+    return around.settings.hasDiscovery && describedVersion != around.queue.SeenVersion() &&
+           Uptime() >= *describedAt + descriptionPause;
+}
+
+CameraFacts Session::KnownFacts() const {
+    CameraFacts facts = around.facts;
+    facts.types.merge(around.queue.SeenTypes());
+    facts.types.insert(around.settings.types.begin(), around.settings.types.end());
+    facts.types.insert(around.settings.post.begin(), around.settings.post.end());
+    for (const AlarmState& alarm : around.queue.Alarms()) {
+        facts.alarms.insert(alarm.name);
+    }
+    return facts;
 }
 
 void Session::Turn(Milliseconds most) {
@@ -118,19 +186,39 @@ void Session::Turn(Milliseconds most) {
 }
 
 bool Session::SendNext() {
-    if (!greeting.empty()) {
-        const Message message = std::move(greeting.front());
-        greeting.pop_front();
-        const bool isInfo = message.topic == ownInfo.topic;
-        Send(message,
-             [this, isInfo](bool isTaken) { around.memory.hasTold = around.memory.hasTold || (isInfo && isTaken); });
+    if (repeatAt && Uptime() >= *repeatAt) {
+        repeatAt.reset();
+        describedAt.reset();
+        QueueGreeting();
+    }
+    if (SendGreeting()) {
         return true;
+    }
+    // By now what an earlier run has left has come.
+    if (IsDescriptionDue()) {
+        QueueDescription();
     }
     if (!isGreetingDone) {
         isGreetingDone = true;
         connection.Unsubscribe(topics.AlarmFilter());
+        if (around.settings.hasDiscovery) {
+            connection.Unsubscribe(topics.Discovery());
+        }
     }
-    return SendPostResult() || SendCounters() || SendOverdueAlarm() || SendEvent() || SendPostResult();
+    return SendGreeting() || SendPostResult() || SendCounters() || SendOverdueAlarm() || SendEvent() ||
+           SendPostResult();
+}
+
+bool Session::SendGreeting() {
+    if (greeting.empty()) {
+        return false;
+    }
+    const Message message = std::move(greeting.front());
+    greeting.pop_front();
+    const bool isInfo = message.topic == ownInfo.topic;
+    Send(message,
+         [this, isInfo](bool isTaken) { around.memory.hasTold = around.memory.hasTold || (isInfo && isTaken); });
+    return true;
 }
 
 bool Session::SendPostResult() {
@@ -162,12 +250,8 @@ bool Session::SendOverdueAlarm() {
     if (!alarm) {
         return false;
     }
-    around.queue.MarkAlarmTold(alarm->name, alarm->version);
-    const std::optional<std::string> topic = topics.Alarm(alarm->name.first, alarm->name.second);
-    if (topic) {
-        Send(AlarmMessage(*topic, alarm->isOn), [](bool) {});
-    }
-    return topic.has_value();
+    QueueAlarm(*alarm);
+    return SendGreeting();
 }
 
 bool Session::SendEvent() {
@@ -219,9 +303,15 @@ std::vector<Message> Session::StepsOf(const QueuedEvent& event) {
     }
     steps.push_back(EventMessage(event, *topic));
     const std::optional<AlarmName> alarm = AlarmStates::NameIn(event.event);
-    if (alarm && event.alarmVersion > 0 && around.queue.IsAlarmNews(*alarm, event.alarmVersion)) {
+    const bool isNews = alarm && event.alarmVersion > 0 && around.queue.IsAlarmNews(*alarm, event.alarmVersion);
+    if (isNews) {
         if (const std::optional<std::string> state = topics.Alarm(alarm->first, alarm->second)) {
-            steps.push_back(AlarmMessage(*state, *event.event.Find("alarmState") == "1"));
+            steps.push_back(State(*state, Payloads::Alarm(*event.event.Find("alarmState") == "1")));
+        }
+    }
+    if (onvif && (isNews || !alarm)) {
+        if (std::optional<Message> message = onvif->MessageOf(event)) {
+            steps.push_back(std::move(*message));
         }
     }
     return steps;
@@ -234,10 +324,6 @@ Message Session::EventMessage(const QueuedEvent& event, const std::string& topic
     const auto left = around.settings.maxAge - std::chrono::duration_cast<std::chrono::seconds>(queued);
     message.expiry = std::max(left, std::chrono::seconds(1));
     return message;
-}
-
-Message Session::AlarmMessage(const std::string& topic, bool isOn) const {
-    return State(topic, Payloads::Alarm(isOn));
 }
 
 void Session::EndOfEvent() {
@@ -320,6 +406,10 @@ void Session::OnMessage(const ReceivedMessage& message) {
         TakeInfo(message);
     } else if (topics.IsAlarm(message.topic)) {
         TakeAlarm(message);
+    } else if (message.topic == topics.Discovery()) {
+        TakeDescription(message);
+    } else if (message.topic == homeAutomation) {
+        TakeHomeAutomation(message);
     } else if (const std::optional<std::string_view> level = topics.PostedLevel(message.topic)) {
         TakePost(*level, message);
     }
@@ -353,6 +443,18 @@ void Session::TakeAlarm(const ReceivedMessage& message) {
     }
 }
 
+void Session::TakeDescription(const ReceivedMessage& message) {
+    if (message.isRetained) {
+        leftDescribed = Discovery::ComponentsIn(message.payload);
+    }
+}
+
+void Session::TakeHomeAutomation(const ReceivedMessage& message) {
+    if (!message.isRetained && message.payload == "online") {
+        repeatAt = Uptime() + companion::BackOff(repeatSpread, repeatSpread).Next();
+    }
+}
+
 void Session::TakePost(std::string_view level, const ReceivedMessage& message) {
     const std::string_view result = around.gate.Take(level, message.payload, message.isRetained, Uptime());
     if (result != "posted") {
@@ -369,10 +471,17 @@ Session::Milliseconds Session::UntilNextDeed() const {
     if (inFlight) {
         return inFlight->isDone ? Milliseconds(0) : inFlight->sentAt + patience - now + Milliseconds(1);
     }
+    Milliseconds rest = forEver;
     if (around.queue.Count() != around.memory.toldCounters) {
-        return around.memory.toldCountersAt + countersPause - now;
+        rest = std::min(rest, around.memory.toldCountersAt + countersPause - now);
     }
-    return forEver;
+    if (repeatAt) {
+        rest = std::min(rest, *repeatAt - now);
+    }
+    if (describedAt && around.settings.hasDiscovery && describedVersion != around.queue.SeenVersion()) {
+        rest = std::min(rest, *describedAt + descriptionPause - now);
+    }
+    return rest;
 }
 
 }  // namespace kelto::halvek::mqtt

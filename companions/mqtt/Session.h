@@ -4,6 +4,7 @@
 #include "companions/mqtt/Connection.h"
 #include "companions/mqtt/EventQueue.h"
 #include "companions/mqtt/Identity.h"
+#include "companions/mqtt/OnvifTopics.h"
 #include "companions/mqtt/PostGate.h"
 #include "companions/mqtt/Settings.h"
 #include "companions/mqtt/Topics.h"
@@ -15,6 +16,7 @@
 #include <deque>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -34,6 +36,9 @@ struct SessionMemory {
     bool hasTold = false;
     /** Whose info was there before ours: an earlier run of this program, most likely. */
     std::optional<Identity> predecessor;
+
+    /** The components of the description that home automation was given. */
+    std::set<std::string> described;
 
     /** How many posts have been answered. */
     uint64_t posts = 0;
@@ -63,6 +68,10 @@ public:
     static constexpr Milliseconds patience{30000};
     /** How long an orderly end may take for what is still queued, and for saying goodbye. */
     static constexpr Milliseconds flushTime{2000};
+    /** Home automation that has just started gets everything again, within this time: many cameras have heard it. */
+    static constexpr Milliseconds repeatSpread{10000};
+    /** Between two descriptions of the camera. */
+    static constexpr Milliseconds descriptionPause{5000};
     /** Between two messages with the counters. */
     static constexpr Milliseconds countersPause{60000};
     /** A connection that is lost that soon after an event was sent may have been lost because of it. */
@@ -115,9 +124,15 @@ private:
     void Open();
     void QueueGreeting();
     void QueueAlarms();
+    void QueueAlarm(const AlarmState& alarm);
+    void QueueAlarmRemoval(const AlarmName& name);
+    void QueueDescription();
+    bool IsDescriptionDue() const;
+    CameraFacts KnownFacts() const;
     void Turn(Milliseconds most);
     void FinishInFlight();
     bool SendNext();
+    bool SendGreeting();
     bool SendPostResult();
     bool SendCounters();
     bool SendOverdueAlarm();
@@ -125,18 +140,20 @@ private:
     bool SendStep();
     std::vector<Message> StepsOf(const QueuedEvent& event);
     Message EventMessage(const QueuedEvent& event, const std::string& topic) const;
-    Message AlarmMessage(const std::string& topic, bool isOn) const;
     void EndOfEvent();
     void Send(const Message& message, std::function<void(bool isTaken)> after);
     void SayGoodbye();
     void TakeInfo(const ReceivedMessage& message);
     void TakeAlarm(const ReceivedMessage& message);
+    void TakeDescription(const ReceivedMessage& message);
+    void TakeHomeAutomation(const ReceivedMessage& message);
     void TakePost(std::string_view level, const ReceivedMessage& message);
     Milliseconds UntilNextDeed() const;
 
     // Constant after construction.
     Surroundings around;
     Topics topics;
+    std::optional<OnvifTopics> onvif;
     uint64_t number;
     Message ownInfo;
 
@@ -153,6 +170,12 @@ private:
     std::optional<InFlight> inFlight;
     /** What is said at the beginning, and other short messages of our own. */
     std::deque<Message> greeting;
+    /** Components of a description that an earlier run has left at the broker. */
+    std::set<std::string> leftDescribed;
+    uint64_t describedVersion = 0;
+    std::optional<Milliseconds> describedAt;
+    /** When everything is said once more. */
+    std::optional<Milliseconds> repeatAt;
     /** Answers to posts. */
     std::deque<Message> postResults;
     /** An event's turn comes between two answers, however many there are. */

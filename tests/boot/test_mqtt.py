@@ -57,6 +57,10 @@ def running(service: None, broker: Broker) -> Iterator[None]:
     run("systemctl", "stop", UNIT)
 
 
+def told() -> dict:
+    return json.loads(run("halvek-mqtt", "status", "--format", "json"))
+
+
 @pytest.fixture
 def subscriber(broker: Broker) -> Iterator[Subscriber]:
     heard = Subscriber()
@@ -74,8 +78,8 @@ def test_an_event_goes_out_with_the_secret_that_systemd_hands_over(running: None
     event = subscriber.wait_for_message("halvek/cam1/event/Doorbell").json()
     assert event["props"]["button"] == "front"
     assert show("StatusText", UNIT).startswith("Connected to mqtt://127.0.0.1")
-    told = json.loads(run("halvek-mqtt", "status", "--format", "json"))
-    assert told["state"] == "connected" and told["counters"]["sent"] >= 1
+    wait_until(lambda: told()["counters"]["sent"] >= 1, "it is counted")
+    assert told()["state"] == "connected"
     assert event["clock"] in ("synced", "unsynced")
 
 

@@ -55,7 +55,8 @@ TEST(MqttSettingsTest, WithoutAnIdItIsMadeFromTheMachines) {
 
 TEST(MqttSettingsTest, AllKeysAreRead) {
     const ReadSettings read = Read(
-        "Broker=mqtts://b\nId=cam_1-x\nPrefix=site/a\nUser=u\nSecret=broker\nDiscovery=homeassistant\nTypes=Door, Alarm\n"
+        "Broker=mqtts://b\nId=cam_1-x\nPrefix=site/a\nUser=u\nSecret=broker\n"
+        "Discovery=homeassistant\nTypes=Door, Alarm\n"
         "Queue=10\nMaxAge=60\nPost=Doorbell,Gate\nPostRegions=2,3\nOnvif=onvif\nSnapshot=off\n");
     EXPECT_THAT(read.findings, IsEmpty());
     const Settings& settings = read.settings;
