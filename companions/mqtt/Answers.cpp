@@ -1,11 +1,11 @@
 #include "companions/mqtt/Answers.h"
 
 #include "companions/common/Json.h"
+#include "companions/common/Printable.h"
 #include "companions/mqtt/CameraSettings.h"
 #include "companions/mqtt/Configuration.h"
 #include "companions/mqtt/Discovery.h"
 #include "companions/mqtt/MachineId.h"
-#include "companions/mqtt/PlainText.h"
 #include "companions/mqtt/StatusFile.h"
 
 #include <nlohmann/json.hpp>
@@ -32,9 +32,9 @@ void AddOwnWarnings(Configuration& configuration) {
 std::string FindingsAsText(const Configuration& configuration) {
     std::string text;
     for (const Finding& finding : configuration.findings) {
-        text += PlainText::Escape(configuration.Text(finding)) + "\n";
+        text += companion::Printable(configuration.Text(finding)) + "\n";
     }
-    return text.empty() ? "Nothing is wrong with " + PlainText::Escape(configuration.path) + "\n" : text;
+    return text.empty() ? "Nothing is wrong with " + companion::Printable(configuration.path) + "\n" : text;
 }
 
 std::string FindingsAsJson(const Configuration& configuration) {
@@ -118,7 +118,7 @@ ExitStatus Answers::Status(const Invocation& invocation, std::string& answer) {
         const std::string text = StatusAsText(json);
         for (size_t begin = 0; begin < text.size();) {
             const size_t end = text.find('\n', begin);
-            answer += PlainText::Escape(text.substr(begin, end - begin)) + "\n";
+            answer += companion::Printable(text.substr(begin, end - begin)) + "\n";
             begin = end + 1;
         }
     }

@@ -1,19 +1,34 @@
 #include "companions/mqtt/Log.h"
 
-#include "companions/mqtt/PlainText.h"
+#include "companions/common/ServiceLog.h"
 
-#include <unistd.h>
-
-#include <cstdlib>
-#include <string>
+#include <mutex>
 
 namespace kelto::halvek::mqtt {
 
-void Log::Write(char priority, std::string_view level, std::string_view text) {
-    static const bool isJournal = getenv("JOURNAL_STREAM") != nullptr;
-    std::string line = isJournal ? std::string{'<', priority, '>'} : std::string(level) + " halvek-mqtt: ";
-    line.append(PlainText::Escape(text)).push_back('\n');
-    static_cast<void>(!write(STDERR_FILENO, line.data(), line.size()));
+using companion::ServiceLog;
+
+namespace {
+
+void Write(ServiceLog::Level level, std::string_view text) {
+    static std::mutex mutex;
+    static ServiceLog log("halvek-mqtt");
+    const std::lock_guard lock(mutex);
+    log.Write(level, text);
+}
+
+}  // namespace
+
+void Log::Error(std::string_view text) {
+    Write(ServiceLog::Level::Error, text);
+}
+
+void Log::Warning(std::string_view text) {
+    Write(ServiceLog::Level::Warning, text);
+}
+
+void Log::Information(std::string_view text) {
+    Write(ServiceLog::Level::Information, text);
 }
 
 }  // namespace kelto::halvek::mqtt

@@ -1,14 +1,13 @@
 #include "companions/mqtt/RunMqtt.h"
 
+#include "companions/common/Printable.h"
+#include "companions/common/ServiceManager.h"
 #include "companions/mqtt/Answers.h"
 #include "companions/mqtt/Configuration.h"
 #include "companions/mqtt/ExitStatus.h"
 #include "companions/mqtt/Invocation.h"
 #include "companions/mqtt/Log.h"
-#include "companions/mqtt/PlainText.h"
 #include "companions/mqtt/Service.h"
-
-#include <systemd/sd-daemon.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -40,7 +39,7 @@ constexpr const char* help =
     "78 the configuration is wrong.\n";
 
 void Complain(const std::string& text) {
-    const std::string line = "halvek-mqtt: " + PlainText::Escape(text) + "\n";
+    const std::string line = "halvek-mqtt: " + companion::Printable(text) + "\n";
     static_cast<void>(std::fputs(line.c_str(), stderr));
 }
 
@@ -57,7 +56,7 @@ ExitStatus Serve(const Invocation& invocation) {
         (finding.isError ? Log::Error : Log::Warning)(configuration->Text(finding));
     }
     if (configuration->HasErrors()) {
-        sd_notify(0, "STATUS=The configuration is wrong");
+        companion::ServiceManager::Tell("STATUS=The configuration is wrong");
         return exitConfig;
     }
     try {

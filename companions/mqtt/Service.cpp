@@ -2,6 +2,7 @@
 
 #include "companions/common/ClockState.h"
 #include "companions/common/Json.h"
+#include "companions/common/ServiceManager.h"
 #include "companions/mqtt/CameraSettings.h"
 #include "companions/mqtt/Log.h"
 #include "companions/mqtt/Payloads.h"
@@ -81,7 +82,7 @@ void Service::Run() {
     publisher.emplace(configuration.settings, CameraSettings::Read(CameraSettings::Path()), identity, queue, board,
                       publisherWake);
     publisher->Start();
-    sd_notify(0, "READY=1");
+    companion::ServiceManager::Tell("READY=1");
     while (!isStopping) {
         std::array<pollfd, 3> polled{
             {{pipe->Descriptor(), POLLIN, 0}, {signals.Get(), POLLIN, 0}, {boardWake.Descriptor(), POLLIN, 0}}};
@@ -157,7 +158,7 @@ void Service::Reload() {
 void Service::Tick() {
     const Milliseconds now = Uptime();
     if (watchdog && now >= nextWatchdog) {
-        sd_notify(0, "WATCHDOG=1");
+        companion::ServiceManager::Tell("WATCHDOG=1");
         nextWatchdog = now + *watchdog;
     }
     if (mayHaveChanged && now >= nextShowing) {
@@ -168,7 +169,7 @@ void Service::Tick() {
 
 void Service::ShowStatus() {
     if (const std::string text = StatusText(); text != shownText) {
-        sd_notify(0, ("STATUS=" + text).c_str());
+        companion::ServiceManager::Tell("STATUS=" + text);
         shownText = text;
     }
     const std::string json = StatusJson();
@@ -236,7 +237,7 @@ std::chrono::milliseconds Service::UntilNextTick() const {
 }
 
 void Service::Stop() {
-    sd_notify(0, "STOPPING=1");
+    companion::ServiceManager::Tell("STOPPING=1");
     // From here on nothing more comes: the daemon does not open a pipe that is gone.
     ReadPipe();
     pipe.reset();

@@ -198,7 +198,7 @@ def test_a_reload_takes_up_what_is_new(bridge, subscriber):
 def test_a_reload_of_a_mistake_keeps_what_was_and_says_where_it_is(bridge, subscriber):
     bridge.config.write_text(configuration(Id="cam9", Queue="many"))
     bridge.process.send_signal(signal.SIGHUP)
-    bridge.log.wait_for(r"Error .*mqtt\.conf:4:7: error: Queue is a whole number")
+    bridge.log.wait_for(r"mqtt\.conf:4:7: error: Queue is a whole number")
     bridge.log.wait_for("going on with the old one")
     feed(block("Door"))
     subscriber.wait_for_message(f"{BASE}/event/Door")
