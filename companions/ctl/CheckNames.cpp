@@ -281,7 +281,7 @@ void CheckEmptyStore(Examination& examination) {
         const Store& store = examination.store;
         const std::string what =
             store.files.empty() ? "the folder holds no file *.ini" : "there is no group of the daemon's in the store";
-        examination.At("HK1022", {store.files.empty() ? store.path : store.files.front().path, 1, 1}, what);
+        examination.At("HK1022", StorePositions::BeginOf(store), what);
     }
 }
 

@@ -2,7 +2,7 @@
 #include "companions/ctl/Examination.h"
 #include "companions/ctl/HandlerView.h"
 #include "companions/ctl/KnownNames.h"
-#include "kelto/core/ControlCharacters.h"
+#include "companions/ctl/model/RecordFile.h"
 
 #include <algorithm>
 #include <array>
@@ -21,15 +21,6 @@ bool IsBesideLoading(const Finding& finding) {
     constexpr std::array<std::string_view, 12> ids = {"HK1001", "HK1003", "HK1004", "HK2017", "HK3005", "HK3006",
                                                       "HK3013", "HK3020", "HK3027", "HK4001", "HK4005", "HK5007"};
     return std::find(ids.begin(), ids.end(), finding.entry->id) != ids.end();
-}
-
-/** The text without what a record escapes. */
-std::string AsInRecords(const std::string& text) {
-    const std::string_view trimmed = core::ControlCharacters::TrimLineBreaks(text);
-    std::string escaped(trimmed);
-    escaped.resize(core::ControlCharacters::EscapedLength(trimmed));
-    core::ControlCharacters::Escape(escaped.data(), trimmed.size(), escaped.size());
-    return escaped;
 }
 
 /** The source, handler or server to which a group belongs. */
@@ -54,6 +45,9 @@ void ReportUnforetold(Examination& examination, const ModelRecord& record) {
 }  // namespace
 
 void CheckRecords(Examination& examination) {
+    if (!RecordFile::IsReadable()) {
+        return;
+    }
     std::set<Record> reported;
     if (examination.model) {
         for (const ModelRecord& record : examination.model->records) {
@@ -65,7 +59,7 @@ void CheckRecords(Examination& examination) {
         if (!finding.foretells) {
             continue;
         }
-        finding.foretells = AsInRecords(*finding.foretells);
+        finding.foretells = RecordFile::Escaped(*finding.foretells);
         if ((IsBesideLoading(finding) && (examination.model || finding.entry->id < std::string("HK1010")))) {
             continue;
         }

@@ -5,7 +5,6 @@
 #include "companions/ctl/Failure.h"
 #include "companions/ctl/MachineCheck.h"
 #include "companions/ctl/Suppressions.h"
-#include "kelto/settings/SettingsStore.h"
 
 #include <algorithm>
 #include <map>
@@ -27,7 +26,7 @@ std::unique_ptr<const Store> ReadWithModel(const std::string& path, const ModelQ
         if (examination->positions.FirstMalformed() == nullptr) {
             examination->model = AskModel(questions);
         }
-        if (settings::SettingsStore::Holds(store->files)) {
+        if (store->Holds()) {
             return store;
         }
     }

@@ -1,9 +1,9 @@
 #include "companions/ctl/Environment.h"
 
+#include "companions/common/ReadToEnd.h"
+#include "companions/common/UniqueFd.h"
 #include "kelto/core/StringUtil.h"
 #include "kelto/osa/FileUtils.h"
-#include "kelto/osa/ReadToEnd.h"
-#include "kelto/osa/UniqueFd.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -31,11 +31,11 @@ constexpr size_t mostBytes = size_t{1} << 20U;
 
 /** False for what cannot be read, is no plain file or too large. */
 bool ReadFile(const std::string& path, std::string& text) {
-    const osa::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const companion::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
     text.clear();
-    return file.IsValid() && fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode) &&
-           osa::ReadToEnd(file.Get(), text, mostBytes) == 0;
+    return file.IsOpen() && fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode) &&
+           companion::ReadToEnd(file.Get(), text, mostBytes) == 0;
 }
 
 std::vector<std::string> NamesIn(const std::string& folder) {

@@ -17,7 +17,7 @@ constexpr const TextKey& pathKey = source::EventServerSource::keys.Text("Path");
 std::string Read(const std::string& store) {
     const std::string group = std::string(EventMonitor::serverGroup) + "/Pipe";
     try {
-        const core::IniFile settings = settings::SettingsStore::Parse(Store::Read(store).files);
+        const core::IniFile settings = Store::Read(store).Parse();
         std::string path = pathKey.absent;
         core::IniFile::TryGetValueFromGroup(settings.FindGroup(group), pathKey.name, path);
         return path;

@@ -67,7 +67,7 @@ Position Examination::PlaceOf(const std::string& group) const {
             return positions.KeyPosition(line);
         }
     }
-    return {store.files.empty() ? store.path : store.files.front().path, 1, 1};
+    return StorePositions::BeginOf(store);
 }
 
 const std::string* Examination::Value(const std::string& group, const std::string& key) const {

@@ -1,11 +1,11 @@
 #include "companions/ctl/Expectations.h"
 
+#include "companions/common/ReadToEnd.h"
+#include "companions/common/UniqueFd.h"
 #include "companions/ctl/Failure.h"
 #include "companions/ctl/HandlerName.h"
 #include "companions/ctl/LocalTime.h"
 #include "kelto/core/StringUtil.h"
-#include "kelto/osa/ReadToEnd.h"
-#include "kelto/osa/UniqueFd.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -25,16 +25,16 @@ constexpr size_t mostBytes = size_t{1} << 20U;
 constexpr const char* arrow = "=>";
 
 std::string ReadText(const std::string& path) {
-    const osa::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const companion::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
-    if (!file.IsValid() || fstat(file.Get(), &status) != 0) {
+    if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
         throw Failure("cannot read " + path + ": " + std::strerror(errno));
     }
     if (!S_ISREG(status.st_mode)) {
         throw Failure("cannot read " + path + ": it is no file");
     }
     std::string text;
-    if (const int error = osa::ReadToEnd(file.Get(), text, mostBytes); error != 0) {
+    if (const int error = companion::ReadToEnd(file.Get(), text, mostBytes); error != 0) {
         throw Failure("cannot read " + path + ": " + std::strerror(error));
     }
     return text;

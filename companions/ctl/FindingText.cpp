@@ -1,6 +1,7 @@
 #include "companions/ctl/FindingText.h"
 
 #include "companions/common/Utf8.h"
+#include "companions/ctl/JsonAnswer.h"
 #include "companions/ctl/Secret.h"
 #include "companions/ctl/Terminal.h"
 
@@ -63,6 +64,17 @@ void AddLine(Answer& answer, const StorePositions::Line& line, unsigned column) 
     }
 }
 
+/** As compilers name it; where there are no files, by group and key. */
+std::string PlaceOf(const Finding& finding) {
+    const Position& position = finding.position;
+    if (!position.IsInAFile()) {
+        const std::string key = finding.key.empty() ? "" : " " + finding.key;
+        return Terminal::Escape((finding.group.empty() ? "settings" : "[" + finding.group + "]") + key);
+    }
+    return Terminal::Escape(position.file) + ":" + std::to_string(position.line) + ":" +
+           std::to_string(position.column);
+}
+
 void AddFix(Answer& answer, std::string_view fix) {
     const char* before = "    fix: ";
     while (!fix.empty()) {
@@ -82,8 +94,7 @@ void AddOptional(companion::Json& json, const char* key, const std::optional<std
 
 void FindingText::Add(Answer& answer, const Examination& examination, const Finding& finding) {
     const Position& position = finding.position;
-    answer.AddLine(Terminal::Escape(position.file) + ":" + std::to_string(position.line) + ":" +
-                   std::to_string(position.column) + ": " +
+    answer.AddLine(PlaceOf(finding) + ": " +
                    Terminal::Coloured(ColourOf(finding.severity), SeverityName(finding.severity)) + ": " +
                    Terminal::Escape(finding.text) + " [" + finding.entry->id + "]");
     if (isatty(STDOUT_FILENO) != 1) {
@@ -101,9 +112,9 @@ void FindingText::Add(companion::Json& json, const Finding& finding) {
     json.BeginObject();
     json.Key("id").String(finding.entry->id);
     json.Key("severity").String(SeverityName(finding.severity));
-    json.Key("file").String(finding.position.file);
-    json.Key("line").Number(finding.position.line);
-    json.Key("column").Number(finding.position.column);
+    JsonAnswer::AddPlace(json, finding.position);
+    json.Key("column");
+    finding.position.IsInAFile() ? json.Number(finding.position.column) : json.Null();
     json.Key("group").String(finding.group);
     json.Key("key").String(finding.key);
     json.Key("text").String(finding.text);

@@ -24,10 +24,11 @@ void JsonAnswer::Begin(companion::Json& json, const char* verb, const StoreLocat
 }
 
 void JsonAnswer::AddPlace(companion::Json& json, const std::optional<Position>& place) {
+    const bool isInAFile = place && place->IsInAFile();
     json.Key("file");
-    place ? json.String(place->file) : json.Null();
+    isInAFile ? json.String(place->file) : json.Null();
     json.Key("line");
-    place ? json.Number(place->line) : json.Null();
+    isInAFile ? json.Number(place->line) : json.Null();
 }
 
 }  // namespace kelto::halvek::ctl

@@ -3,11 +3,13 @@
 #include "companions/ctl/Failure.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/FileUtils.h"
+#include "kelto/settings/SettingsStore.h"
 
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace kelto::halvek::ctl {
 
@@ -45,6 +47,15 @@ size_t CheckFolder(const std::string& path) {
     return bytes;
 }
 
+std::vector<settings::SettingsStore::File> AsOfThePlatform(const std::vector<Store::File>& files) {
+    std::vector<settings::SettingsStore::File> copies;
+    copies.reserve(files.size());
+    for (const Store::File& file : files) {
+        copies.push_back({file.path, file.text});
+    }
+    return copies;
+}
+
 }  // namespace
 
 Store Store::Read(const std::string& path) {
@@ -57,10 +68,22 @@ Store Store::Read(const std::string& path) {
         if ((isFolder ? CheckFolder(path) : CheckFile(path, status)) > mostBytes) {
             Refuse(path, "more than " + std::to_string(mostBytes >> 20U) + " MiB");
         }
-        return {path, settings::SettingsStore::Read()};
+        Store store{.path = path, .files = {}};
+        for (settings::SettingsStore::File& file : settings::SettingsStore::Read()) {
+            store.files.push_back({std::move(file.path), std::move(file.text)});
+        }
+        return store;
     } catch (const osa::Exception& exception) {
         throw Failure(exception.what());
     }
+}
+
+core::IniFile Store::Parse() const {
+    return settings::SettingsStore::Parse(AsOfThePlatform(files));
+}
+
+bool Store::Holds() const {
+    return settings::SettingsStore::Holds(AsOfThePlatform(files));
 }
 
 }  // namespace kelto::halvek::ctl

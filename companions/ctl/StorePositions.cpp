@@ -72,8 +72,48 @@ void Read(Line& line, bool hasGroup) {
 }  // namespace
 
 StorePositions::StorePositions(const Store& store) {
+    if (store.fetched) {
+        Add(*store.fetched);
+        return;
+    }
     for (const Store::File& file : store.files) {
         Add(file.path, file.text);
+    }
+}
+
+Position StorePositions::BeginOf(const Store& store) {
+    if (store.fetched) {
+        return {};
+    }
+    return {store.files.empty() ? store.path : store.files.front().path, 1, 1};
+}
+
+void StorePositions::Add(const core::IniFile& fetched) {
+    std::string all;
+    for (const auto& [name, values] : fetched.GetGroups()) {
+        all.append(name);
+        for (const auto& [key, value] : values) {
+            all.append(key).append(value);
+        }
+    }
+    files.push_back(std::make_unique<const File>(File{"", std::move(all)}));
+    std::string_view rest = files.back()->text;
+    const auto take = [&](size_t length) {
+        const std::string_view taken = rest.substr(0, length);
+        rest.remove_prefix(length);
+        return taken;
+    };
+    for (const auto& [name, values] : fetched.GetGroups()) {
+        Line header{.kind = Kind::Header, .file = 0, .number = 0};
+        header.group = header.text = take(name.size());
+        Take(header);
+        for (const auto& [key, value] : values) {
+            Line entry{.kind = Kind::Entry, .file = 0, .number = 0};
+            entry.group = header.group;
+            entry.key = take(key.size());
+            entry.value = entry.text = take(value.size());
+            Take(entry);
+        }
     }
 }
 
@@ -144,6 +184,9 @@ const StorePositions::Lines& StorePositions::Headers(std::string_view group) con
 }
 
 Position StorePositions::PositionOf(const Line& line, size_t byte) const {
+    if (line.number == 0) {
+        return {};
+    }
     unsigned column = 1;
     std::string_view before = line.text.substr(0, byte);
     while (!before.empty()) {

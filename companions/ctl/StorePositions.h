@@ -17,10 +17,13 @@ namespace kelto::halvek::ctl {
 /** A place in the settings as people name it. */
 struct Position {
     std::string file;
-    /** From 1. */
+    /** From 1; 0 where the settings are no files. */
     unsigned line = 0;
-    /** In characters, from 1; a byte that is no UTF-8 counts as one. */
+    /** In characters, from 1; a byte that is no UTF-8 counts as one. 0 as the line. */
     unsigned column = 0;
+
+    /** Whether it can be named; without a file there are the group and the key. */
+    bool IsInAFile() const { return line != 0; }
 
     bool operator==(const Position&) const = default;
 };
@@ -52,7 +55,7 @@ public:
     struct Line {
         Kind kind;
         uint32_t file;
-        /** From 1. */
+        /** From 1; 0 where the settings are no files. */
         uint32_t number;
         uint32_t keyByte = 0;
         uint32_t valueByte = 0;
@@ -71,6 +74,9 @@ public:
     explicit StorePositions(const Store& store);
     StorePositions(StorePositions&&) = default;
     StorePositions& operator=(StorePositions&&) = default;
+
+    /** Where a store begins. */
+    static Position BeginOf(const Store& store);
 
     /** Takes a further file. @param name what its positions call it */
     void Add(std::string name, std::string text);
@@ -116,6 +122,8 @@ private:
         std::map<std::string_view, Lines> entries;
     };
 
+    /** Takes groups that stand in no file, in the order of their names. */
+    void Add(const core::IniFile& fetched);
     void Take(const Line& line);
     const Line* Holding(std::string_view group, std::string_view key) const;
 

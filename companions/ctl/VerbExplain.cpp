@@ -29,7 +29,7 @@ bool AnyActs(const std::vector<ModelVerdict>& verdicts) {
 
 /** A place as compilers name it; empty without one. */
 std::string PlaceText(const std::optional<Position>& place) {
-    return place ? Terminal::Escape(place->file) + ":" + std::to_string(place->line) : "";
+    return place && place->IsInAFile() ? Terminal::Escape(place->file) + ":" + std::to_string(place->line) : "";
 }
 
 Terminal::Colour ColourOf(Verdict verdict) {

@@ -3,11 +3,11 @@
 #include "companions/common/EventPipe.h"
 #include "companions/common/PostRefusal.h"
 #include "companions/common/PostedEvent.h"
+#include "companions/common/ReadToEnd.h"
 #include "companions/ctl/EventPipeSetting.h"
 #include "companions/ctl/Failure.h"
 #include "companions/ctl/JsonAnswer.h"
 #include "companions/ctl/OptionReader.h"
-#include "kelto/osa/ReadToEnd.h"
 
 #include <unistd.h>
 
@@ -42,7 +42,7 @@ using Clock = std::chrono::steady_clock;
 
 std::string ReadInput() {
     std::string text;
-    if (const int error = osa::ReadToEnd(STDIN_FILENO, text, mostInput); error != 0) {
+    if (const int error = companion::ReadToEnd(STDIN_FILENO, text, mostInput); error != 0) {
         throw Failure(std::string("cannot read standard input: ") + std::strerror(error));
     }
     return text;

@@ -1,6 +1,6 @@
 #include "companions/ctl/Zone.h"
 
-#include "kelto/osa/UniqueFd.h"
+#include "companions/common/UniqueFd.h"
 
 #include <fcntl.h>
 #include <regex.h>
@@ -38,10 +38,10 @@ bool IsRule(const std::string& name) {
 }
 
 bool IsZoneFile(const std::string& path) {
-    const osa::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const companion::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
     std::array<char, magic.size()> begin{};
-    return file.IsValid() && fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode) &&
+    return file.IsOpen() && fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode) &&
            read(file.Get(), begin.data(), begin.size()) == static_cast<ssize_t>(begin.size()) &&
            std::string_view(begin.data(), begin.size()) == magic;
 }

@@ -1,5 +1,6 @@
 """The daemon built against an installed camera platform instead of the one in its own tree."""
 
+import json
 import os
 import re
 import shutil
@@ -11,7 +12,7 @@ import pytest
 from testing import daemon as daemon_module
 from testing.daemon import Daemon
 from testing.pipes import OutputPipe, block, post, unstamped
-from testing.settings import SERVER, handler, source, timer
+from testing.settings import SERVER, handler, ini_text, source, timer
 
 pytestmark = [
     pytest.mark.not_under("debug", "sanitizer", reason="it builds another daemon, as the release has it"),
@@ -50,6 +51,10 @@ class Sdk:
         run("cmake", "--build", self.build, "--parallel", os.cpu_count(), "--target", "halvek")
         return Path(shutil.copy(self.build / "bin/halvek", program))
 
+    def build_ctl(self) -> Path:
+        run("cmake", "--build", self.build, "--parallel", os.cpu_count(), "--target", "halvekctl")
+        return self.build / "bin/halvekctl"
+
     def headers(self) -> set[str]:
         folder = self.prefix / "include"
         return {str(path.relative_to(folder)) for path in folder.rglob("*.h")}
@@ -85,6 +90,11 @@ def daemon_of_small_camera(sdk: Sdk, daemon_on_open_platform: Path) -> Path:
     for file in SMALL_CAMERA.glob("*.cpp"):
         sdk.replace_library(file)
     return sdk.build_daemon(sdk.build / "halvek-small")
+
+
+@pytest.fixture(scope="module")
+def ctl_of_small_camera(sdk: Sdk, daemon_of_small_camera: Path) -> Path:
+    return sdk.build_ctl()
 
 
 def headers_in_the_book() -> set[str]:
@@ -149,6 +159,31 @@ def test_what_needs_a_service_that_the_small_camera_lacks_is_skipped(
     assert daemon.log.matching("Error LoadSources: This camera has no alarm inputs$")
     assert daemon.log.matching("Error LoadHandlers: This camera has no tours$")
     assert len(daemon.log.matching("TimerEventSource started")) == 1
+
+
+def test_halvekctl_tells_of_settings_that_are_no_files(ctl_of_small_camera: Path, tmp_path: Path) -> None:
+    """By group and key: what such a camera's settings come from has no lines."""
+    store = tmp_path / "settings.ini"
+    groups = SERVER | timer(1, "60s") | handler(1, "Events/Source#1", handler_type="Relay", EnabledTimes="2200-600")
+    store.write_text(ini_text(groups | {"Event/Source#2": {"Type": "Timer"}}))
+
+    def tell(*words: str, status: int) -> str:
+        told = subprocess.run([ctl_of_small_camera, "--settings", store, *words], capture_output=True, text=True)
+        assert told.returncode == status, told
+        assert "this camera hands its settings out: they have no files and no lines" in told.stderr
+        return told.stdout
+
+    answer = json.loads(tell("--format", "json", "check", status=1))
+    found = {(f["id"], f["group"], f["key"], f["file"], f["line"], f["column"]) for f in answer["findings"]}
+    assert ("HK4002", "Events/Handler#1", "EnabledTimes", None, None, None) in found
+    assert ("HK2003", "Events/Source#1/Timer", "Interval.sec", None, None, None) in found
+    assert ("HK1010", "Event/Source#2", "", None, None, None) in found
+    text = tell("check", status=1)
+    assert "[Events/Handler#1] EnabledTimes: error: 2200-600 never matches" in text
+    shown = json.loads(tell("show", "--as", "json", status=0))
+    assert [(edge["from"], edge["to"]) for edge in shown["edges"]] == [("Events/Source#1", "Events/Handler#1")]
+    (row,) = json.loads(tell("--format", "json", "explain", "Timer", status=1))["rows"]
+    assert (row["verdict"], row["file"], row["line"]) == ("out-of-time", None, None)
 
 
 def test_the_book_lists_every_platform_header_that_the_daemon_includes() -> None:

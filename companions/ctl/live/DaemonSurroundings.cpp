@@ -1,10 +1,10 @@
 #include "companions/ctl/live/DaemonSurroundings.h"
 
+#include "companions/common/UniqueFd.h"
 #include "companions/ctl/Failure.h"
 #include "companions/ctl/live/DaemonProcess.h"
 #include "companions/ctl/live/Proc.h"
 #include "kelto/core/StringUtil.h"
-#include "kelto/osa/UniqueFd.h"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -73,8 +73,8 @@ bool DaemonSurroundings::MayEnter() {
 
 void DaemonSurroundings::Enter(const DaemonProcess& daemon) {
     const std::string status = Proc::Read(Proc::Path(daemon.pid, "status")).value_or("");
-    const osa::UniqueFd mounts(open(Proc::Path(daemon.pid, "ns/mnt").c_str(), O_RDONLY | O_CLOEXEC));
-    if (!daemon.environment || status.empty() || !mounts.IsValid()) {
+    const companion::UniqueFd mounts(open(Proc::Path(daemon.pid, "ns/mnt").c_str(), O_RDONLY | O_CLOEXEC));
+    if (!daemon.environment || status.empty() || !mounts.IsOpen()) {
         throw Failure("the daemon's surroundings are hidden");
     }
     Check(setns(mounts.Get(), CLONE_NEWNS), "view of the file system");

@@ -1,8 +1,8 @@
 #include "companions/ctl/live/Proc.h"
 
+#include "companions/common/ReadToEnd.h"
+#include "companions/common/UniqueFd.h"
 #include "kelto/core/StringUtil.h"
-#include "kelto/osa/ReadToEnd.h"
-#include "kelto/osa/UniqueFd.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -50,9 +50,9 @@ std::vector<int> Proc::Processes() {
 }
 
 std::optional<std::string> Proc::Read(const std::string& path) {
-    const osa::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const companion::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     std::string text;
-    if (!file.IsValid() || osa::ReadToEnd(file.Get(), text, mostBytes) != 0) {
+    if (!file.IsOpen() || companion::ReadToEnd(file.Get(), text, mostBytes) != 0) {
         return std::nullopt;
     }
     return text;

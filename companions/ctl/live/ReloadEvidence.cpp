@@ -1,8 +1,8 @@
 #include "companions/ctl/live/ReloadEvidence.h"
 
+#include "companions/common/UniqueFd.h"
 #include "companions/ctl/live/DaemonProcess.h"
 #include "companions/ctl/live/Proc.h"
-#include "kelto/osa/UniqueFd.h"
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -119,9 +119,9 @@ bool ReloadEvidence::HasCommands() const {
         if (isStandard || !Proc::Link(path).starts_with("pipe:")) {
             continue;
         }
-        const osa::UniqueFd pipe(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        const companion::UniqueFd pipe(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
         int waiting = 0;
-        if (pipe.IsValid() && ioctl(pipe.Get(), FIONREAD, &waiting) == 0 && waiting > 0) {
+        if (pipe.IsOpen() && ioctl(pipe.Get(), FIONREAD, &waiting) == 0 && waiting > 0) {
             return true;
         }
     }

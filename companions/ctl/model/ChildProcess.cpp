@@ -1,7 +1,7 @@
 #include "companions/ctl/model/ChildProcess.h"
 
+#include "companions/common/UniqueFd.h"
 #include "companions/ctl/Failure.h"
-#include "kelto/osa/UniqueFd.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -132,13 +132,13 @@ std::string HowItEnded(int status) {
 }  // namespace
 
 std::string ChildProcess::Run(const Task& task, const Limits& limits) {
-    const osa::UniqueFd records(memfd_create("records", MFD_CLOEXEC));
+    const companion::UniqueFd records(memfd_create("records", MFD_CLOEXEC));
     std::array<int, 2> ends{};
-    if (!records.IsValid() || pipe2(ends.data(), O_CLOEXEC) != 0) {
+    if (!records.IsOpen() || pipe2(ends.data(), O_CLOEXEC) != 0) {
         ThrowErrno("the model of the daemon cannot be started");
     }
-    const osa::UniqueFd answerEnd(ends[0]);
-    osa::UniqueFd childEnd(ends[1]);
+    const companion::UniqueFd answerEnd(ends[0]);
+    companion::UniqueFd childEnd(ends[1]);
     const pid_t parent = getpid();
     const pid_t child = fork();
     if (child == 0) {
@@ -147,7 +147,7 @@ std::string ChildProcess::Run(const Task& task, const Limits& limits) {
     if (child < 0) {
         ThrowErrno("the model of the daemon cannot be started");
     }
-    childEnd.Close();
+    childEnd.Reset();
     std::string answer;
     const bool inTime = ReadAnswer(answerEnd.Get(), limits.waitMs, answer);
     if (!inTime) {

@@ -4,7 +4,6 @@
 #include "companions/ctl/model/RecordFile.h"
 #include "companions/ctl/model/ScheduleFinder.h"
 #include "handler/FilterChain.h"
-#include "kelto/core/ControlCharacters.h"
 #include "kelto/core/Logger.h"
 #include "kelto/settings/KeltoSettingsClient.h"
 #include "kelto/settings/LogManager.h"
@@ -26,13 +25,6 @@ const std::string typeKey = EventMonitor::typeKeys.Text("Type").name;
 
 void SetLevel(core::LogLevel level) {
     core::Logger::SetLevels({.general = level, .byLogger = {}});
-}
-
-std::string EscapedAsInRecords(const std::string& text) {
-    std::string escaped = text;
-    escaped.resize(core::ControlCharacters::EscapedLength(text));
-    core::ControlCharacters::Escape(escaped.data(), text.size(), escaped.size());
-    return escaped;
 }
 
 /** As the monitor merges them. */
@@ -139,7 +131,7 @@ void LoadedModel::Load() {
 void LoadedModel::NoteRecords(off_t begin, const char* group) {
     std::map<std::string, std::string> escaped;
     for (const auto& [name, values] : ini.GetGroups()) {
-        std::string inRecord = EscapedAsInRecords(name);
+        std::string inRecord = RecordFile::Escaped(name);
         if (inRecord != name) {
             escaped.emplace(std::move(inRecord), name);
         }

@@ -1,5 +1,7 @@
 #include "companions/ctl/model/RecordFile.h"
 
+#include "kelto/core/ControlCharacters.h"
+
 #include <unistd.h>
 
 #include <array>
@@ -39,6 +41,18 @@ std::optional<std::string> Announced(const ModelRecord& record) {
 }
 
 }  // namespace
+
+bool RecordFile::IsReadable() {
+    return true;
+}
+
+std::string RecordFile::Escaped(std::string_view text) {
+    const std::string_view trimmed = core::ControlCharacters::TrimLineBreaks(text);
+    std::string escaped(trimmed);
+    escaped.resize(core::ControlCharacters::EscapedLength(trimmed));
+    core::ControlCharacters::Escape(escaped.data(), trimmed.size(), escaped.size());
+    return escaped;
+}
 
 off_t RecordFile::End() {
     return lseek(STDERR_FILENO, 0, SEEK_CUR);

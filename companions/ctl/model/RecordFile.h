@@ -13,6 +13,12 @@ namespace kelto::halvek::ctl {
 /** The records on standard error, which ChildProcess has made a file. */
 class RecordFile {
 public:
+    /** Whether the platform writes records in a form that is known here; else nothing is known of them. */
+    static bool IsReadable();
+
+    /** A text as it stands in a record. */
+    static std::string Escaped(std::string_view text);
+
     /** Where the next record begins. */
     static off_t End();
 
