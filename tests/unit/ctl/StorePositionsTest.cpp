@@ -53,6 +53,20 @@ TEST(StorePositions, ColumnsCountCharactersAndEachByteThatIsNone) {
     EXPECT_EQ(PositionsOf("[g]\n\xff\xfe=x\n").FindValue("g", "\xff\xfe")->column, 4U);
 }
 
+TEST(StorePositions, WhatStandsInNoFileHasGroupsAndKeysAndNoLines) {
+    core::IniFile fetched;
+    fetched.AddGroup("g")["key"] = "two\nlines";
+    fetched.AddGroup("h");
+    const Store store{.path = "", .files = {}, .fetched = fetched};
+    const StorePositions positions(store);
+    EXPECT_EQ(positions.AllLines().size(), 3U);
+    EXPECT_EQ(positions.Entries("g", "key").back()->value, "two\nlines");
+    EXPECT_FALSE(positions.FindValue("g", "key").value().IsInAFile());
+    EXPECT_FALSE(positions.Find("h").value().IsInAFile());
+    EXPECT_EQ(positions.Find("i"), std::nullopt);
+    EXPECT_FALSE(StorePositions::BeginOf(store).IsInAFile());
+}
+
 TEST(StorePositions, WhatIsNotThereHasNoPlace) {
     const StorePositions positions = PositionsOf("[g]\nkey=v\n");
     EXPECT_EQ(positions.Find("h"), std::nullopt);
