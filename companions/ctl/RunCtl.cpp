@@ -1,6 +1,7 @@
 #include "companions/ctl/RunCtl.h"
 
 #include "companions/ctl/Failure.h"
+#include "companions/ctl/Nearest.h"
 #include "companions/ctl/Terminal.h"
 #include "companions/ctl/Verb.h"
 
@@ -9,7 +10,9 @@
 
 #include <algorithm>
 #include <exception>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace kelto::halvek::ctl {
 
@@ -53,12 +56,26 @@ std::string HelpOf(const Verb& verb) {
            "\n\n" + verb.help + "\n" + shared;
 }
 
+std::string WhatIsNoVerb(const std::string& word) {
+    if (word.empty()) {
+        return "a verb is missing.";
+    }
+    if (word.front() == '-') {
+        return "unknown option " + word.substr(0, word.find('=')) + ".";
+    }
+    std::vector<std::string> names;
+    for (const Verb& verb : Verbs()) {
+        names.emplace_back(verb.name);
+    }
+    const std::optional<std::string> nearest = Nearest::Find(word, names);
+    return "there is no verb " + word + (nearest ? "; did you mean " + *nearest + "?" : ".");
+}
+
 const Verb& FindVerb(const std::string& name) {
     const std::span<const Verb> verbs = Verbs();
     const auto found = std::find_if(verbs.begin(), verbs.end(), [&](const Verb& verb) { return name == verb.name; });
     if (found == verbs.end()) {
-        throw UsageError(name.empty() ? "a verb is missing, see halvekctl --help"
-                                      : "there is no verb " + name + ", see halvekctl --help");
+        throw UsageError(WhatIsNoVerb(name) + " See halvekctl --help");
     }
     return *found;
 }

@@ -1,5 +1,6 @@
 #include "companions/ctl/VerbExplain.h"
 
+#include "companions/ctl/EventHint.h"
 #include "companions/ctl/Expectations.h"
 #include "companions/ctl/Failure.h"
 #include "companions/ctl/HandlerName.h"
@@ -161,7 +162,13 @@ ExitStatus ExplainEvent(const Invocation& invocation, const StoreLocation& locat
         explanation.AddJson(json);
         answer.AddLine(json.EndObject().Text());
     }
-    return AnyActs(model.events.front().handlers) ? exitYes : exitNo;
+    if (AnyActs(model.events.front().handlers)) {
+        return exitYes;
+    }
+    if (const std::optional<std::string> hint = EventHint::For(event, model)) {
+        Terminal::Complain(*hint);
+    }
+    return exitNo;
 }
 
 /** One handler that an expectation names. */

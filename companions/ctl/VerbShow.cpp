@@ -42,7 +42,7 @@ ExitStatus RunShow(const Invocation& invocation, Answer& answer) {
     const OptionReader options(invocation.words, {{"--as", true}, {"--only", true}});
     const Look look = ParseLook(invocation, options);
     if (!options.Words().empty()) {
-        throw UsageError("show takes no word " + options.Words().front());
+        throw UsageError("show takes no word " + options.Words().front() + "; settings are named by --settings");
     }
     const StoreLocation location = StoreLocation::Use(invocation);
     const WeekStrip week;

@@ -307,6 +307,27 @@ def test_colours_are_for_terminals_only(tmp_path: Path) -> None:
         assert done.returncode == 0 and (b"\x1b[" in text) == is_coloured
 
 
+@pytest.mark.parametrize(
+    ("words", "hint"),
+    [
+        (["alarm"], "did you mean Alarm?"),
+        (["Timr"], "did you mean Timer?"),
+        (["Source#2"], "Source#2 is a source; its events are called Alarm"),
+        (["Alarm"], "those of the camera's inputs have it"),
+        (["Nonsense"], "waits for Nonsense; it knows Alarm, AnalyticsAlert, Doorbell, Timer"),
+        (["Alarm", "alarmIndex=7"], None),
+    ],
+)
+def test_an_event_on_which_nobody_acts_comes_with_what_may_have_been_meant(
+    words: list[str], hint: str | None, tmp_path: Path
+) -> None:
+    groups = SERVER | timer(1, 5) | source(2, "Alarm", BankName="Local", Index=2) | source(3, "Doorbell")
+    settings = groups | handler(1, *(f"Events/Source#{number}" for number in (1, 2, 3)))
+    done = ctl("--settings", write_store(tmp_path, settings), "explain", *words)
+    told = done.stderr.decode().splitlines()[1:]
+    assert done.returncode == 1 and len(told) == (hint is not None) and all(line.endswith(hint) for line in told), told
+
+
 def test_json_and_text_tell_the_same(tmp_path: Path) -> None:
     settings = timer(1, 5) | handler(1, "Events/Source#1", EnabledDays="U") | handler(2, "Events/Source#1")
     store = write_store(tmp_path, settings)

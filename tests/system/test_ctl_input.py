@@ -280,5 +280,14 @@ def test_a_wrong_command_line_is_2(words: list[str]) -> None:
     assert (done.returncode, done.stdout) == (2, b"") and done.stderr.startswith(b"halvekctl: ")
 
 
+@pytest.mark.parametrize(
+    ("word", "told"),
+    [("cehck", "did you mean check?"), ("--setings=x", "unknown option --setings."), ("nonsense", "no verb nonsense.")],
+)
+def test_a_wrong_word_comes_with_what_may_have_been_meant(word: str, told: str) -> None:
+    done = ctl(word, "show")
+    assert done.returncode == 2 and told in done.stderr.decode(), done
+
+
 def test_version_is_one_line() -> None:
     assert answer("--version").startswith("halvekctl ") and answer("--version").count("\n") == 1
