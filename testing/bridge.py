@@ -95,8 +95,8 @@ class Bridge:
 
     def processor_seconds(self) -> float:
         """What it has used so far."""
-        fields = Path(f"/proc/{self.pid}/stat").read_text().rpartition(")")[2].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+        tasks = Path(f"/proc/{self.pid}/task").iterdir()
+        return sum(int((task / "schedstat").read_text().split()[0]) for task in tasks) / 1e9
 
     def descriptors(self) -> int:
         return len(os.listdir(f"/proc/{self.pid}/fd"))

@@ -70,16 +70,27 @@ Session::End Session::Run(const std::function<void()>& accepted) {
 void Session::WaitForWelcome() {
     const Milliseconds deadline = Uptime() + patience;
     while (!acceptedAt) {
-        if (!refusal.empty()) {
-            throw ConnectionError("The broker refuses the connection: " + refusal);
-        }
         if (around.orders.IsAny()) {
             throw ConnectionError("Stopped while connecting");
         }
         if (Uptime() > deadline) {
             throw ConnectionError("The broker does not answer");
         }
-        Turn(deadline - Uptime());
+        TurnUntilRefused(deadline - Uptime());
+    }
+}
+
+void Session::TurnUntilRefused(Milliseconds most) {
+    try {
+        Turn(most);
+    } catch (const ConnectionError&) {
+        // The library only says that the connection is over.
+        if (refusal.empty()) {
+            throw;
+        }
+    }
+    if (!refusal.empty()) {
+        throw ConnectionError("The broker refuses the connection: " + refusal);
     }
 }
 

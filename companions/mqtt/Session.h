@@ -121,6 +121,7 @@ private:
     void OnMessage(const ReceivedMessage& message) override;
 
     void WaitForWelcome();
+    void TurnUntilRefused(Milliseconds most);
     void Open();
     void QueueGreeting();
     void QueueAlarms();
