@@ -59,7 +59,7 @@ void CheckRecords(Examination& examination) {
         if (!finding.foretells) {
             continue;
         }
-        finding.foretells = RecordFile::Escaped(*finding.foretells);
+        finding.foretells = RecordFile::AsRecord(*finding.foretells);
         if ((IsBesideLoading(finding) && (examination.model || finding.entry->id < std::string("HK1010")))) {
             continue;
         }

@@ -130,10 +130,14 @@ void LoadedModel::Load() {
 
 void LoadedModel::NoteRecords(off_t begin, const char* group) {
     std::map<std::string, std::string> escaped;
-    for (const auto& [name, values] : ini.GetGroups()) {
-        std::string inRecord = RecordFile::Escaped(name);
-        if (inRecord != name) {
-            escaped.emplace(std::move(inRecord), name);
+    for (const auto& [whole, values] : ini.GetGroups()) {
+        // What is announced may have groups below it only.
+        for (size_t end = whole.size(); end != std::string::npos && end > 0; end = whole.rfind('/', end - 1)) {
+            const std::string name = whole.substr(0, end);
+            std::string inRecord = RecordFile::Escaped(name);
+            if (inRecord != name) {
+                escaped.emplace(std::move(inRecord), name);
+            }
         }
     }
     for (ModelRecord& record : RecordFile::Parse(RecordFile::ReadFrom(begin), group, escaped)) {

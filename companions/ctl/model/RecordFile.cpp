@@ -47,11 +47,14 @@ bool RecordFile::IsReadable() {
 }
 
 std::string RecordFile::Escaped(std::string_view text) {
-    const std::string_view trimmed = core::ControlCharacters::TrimLineBreaks(text);
-    std::string escaped(trimmed);
-    escaped.resize(core::ControlCharacters::EscapedLength(trimmed));
-    core::ControlCharacters::Escape(escaped.data(), trimmed.size(), escaped.size());
+    std::string escaped(text);
+    escaped.resize(core::ControlCharacters::EscapedLength(text));
+    core::ControlCharacters::Escape(escaped.data(), text.size(), escaped.size());
     return escaped;
+}
+
+std::string RecordFile::AsRecord(std::string_view text) {
+    return Escaped(core::ControlCharacters::TrimLineBreaks(text));
 }
 
 off_t RecordFile::End() {

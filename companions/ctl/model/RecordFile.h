@@ -16,8 +16,11 @@ public:
     /** Whether the platform writes records in a form that is known here; else nothing is known of them. */
     static bool IsReadable();
 
-    /** A text as it stands in a record. */
+    /** A part of a text as it stands in a record. */
     static std::string Escaped(std::string_view text);
+
+    /** A whole text as it stands in a record, which has no line break at its end. */
+    static std::string AsRecord(std::string_view text);
 
     /** Where the next record begins. */
     static off_t End();
