@@ -47,7 +47,7 @@ struct CameraBus::Pending {
 };
 
 CameraBus::CameraBus(EventLoop& eventLoop, Listener cameraListener)
-    : loop(eventLoop), listener(std::move(cameraListener)), retry(eventLoop) {
+    : loop(eventLoop), listener(std::move(cameraListener)), retry(eventLoop), settling(eventLoop) {
     TryToConnect();
 }
 
@@ -140,6 +140,7 @@ void CameraBus::Match(const char* rule, sd_bus_message_handler_t handler) {
 
 void CameraBus::Disconnect() {
     SetOwner("");
+    Settle();
     while (!calls.empty()) {
         const Callback told = std::move(calls.front().callback);
         calls.pop_front();
@@ -166,10 +167,12 @@ int CameraBus::OnOwnerChanged(sd_bus_message* message, void* self, sd_bus_error*
 }
 
 int CameraBus::OnOwner(sd_bus_message* answer, void* self, sd_bus_error*) {
+    CameraBus& camera = *static_cast<CameraBus*>(self);
     const char* newOwner = nullptr;
     if (sd_bus_message_is_method_error(answer, nullptr) == 0 && sd_bus_message_read(answer, "s", &newOwner) >= 0) {
-        static_cast<CameraBus*>(self)->SetOwner(newOwner);
+        camera.SetOwner(newOwner);
     }
+    camera.Settle();
     return 0;
 }
 
@@ -177,6 +180,13 @@ void CameraBus::SetOwner(const std::string& newOwner) {
     if (newOwner != owner) {
         owner = newOwner;
         listener.camera(IsThere());
+    }
+}
+
+void CameraBus::Settle() {
+    if (!std::exchange(isSettled, true)) {
+        // From the loop: whoever is told may not be made yet.
+        settling.StartAt(EventLoop::Now(), listener.settled);
     }
 }
 

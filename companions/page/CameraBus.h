@@ -26,6 +26,8 @@ class CameraBus {
 public:
     /** What is told without having been asked for. None of these may throw. */
     struct Listener {
+        /** Once: signals are listened to, and whether there is a camera has been told; or there is no bus yet. */
+        std::function<void()> settled;
         std::function<void(bool isThere)> camera;
         std::function<void(uint64_t time, const std::string& line)> said;
         std::function<void(const std::string& bank, int32_t index, bool active)> alarm;
@@ -68,12 +70,15 @@ private:
     void Disconnect();
     void Match(const char* rule, sd_bus_message_handler_t handler);
     void SetOwner(const std::string& newOwner);
+    void Settle();
     bool IsFromCamera(sd_bus_message* message) const;
     int Send(const std::string& service, const std::string& method, const Arguments& arguments, Pending& pending);
 
     vcam::EventLoop& loop;
     const Listener listener;
     vcam::Timer retry;
+    vcam::Timer settling;
+    bool isSettled = false;
     std::string owner;  ///< the camera's connection, empty while it is away
     std::list<Pending> calls;
     vcam::BusPtr bus;

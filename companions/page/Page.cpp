@@ -19,7 +19,7 @@ using companion::Json;
 using vcam::EventLoop;
 
 constexpr size_t mostRecent = 100;
-constexpr uint64_t stateInterval = 25'000;   // microseconds
+constexpr uint64_t stateInterval = 10'000;   // microseconds
 constexpr uint64_t watchInterval = 250'000;  // between two looks at the picture
 
 /** Greater than every id that an earlier life of this program has given, however fast it was. */
@@ -65,7 +65,8 @@ void WritePlaces(Json& json) {
 
 }  // namespace
 
-Page::Page(EventLoop& eventLoop, int socket, const Options& options, const std::string& token)
+Page::Page(EventLoop& eventLoop, int socket, const Options& options, const std::string& token,
+           std::function<void()> ready)
     : ring(FirstId()),
       gate(options.hosts, token),
       assets(token),
@@ -73,7 +74,8 @@ Page::Page(EventLoop& eventLoop, int socket, const Options& options, const std::
       stateTimer(eventLoop),
       watchTimer(eventLoop),
       camera(eventLoop,
-             {.camera = [this](bool isThere) { OnCamera(isThere); },
+             {.settled = std::move(ready),
+              .camera = [this](bool isThere) { OnCamera(isThere); },
               .said = [this](uint64_t time, const std::string& line) { OnSaid(time, line); },
               .alarm = [this](const std::string& bank, int32_t index, bool active) { OnAlarm(bank, index, active); }}),
       follower(eventLoop, camera, [this](const auto& told, size_t leftOut) { OnActions(told, leftOut); }),

@@ -13,6 +13,7 @@
 #include "companions/page/PictureFile.h"
 
 #include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -27,14 +28,16 @@ class Options;
 /**
  * The page: who asks for what, and what the camera, the monitor and the browsers tell each other by it.
  *
- * The camera's state is asked for when the camera has said something, at most every 25 ms, and is told to the browsers
+ * The camera's state is asked for when the camera has said something, at most every 10 ms, and is told to the browsers
  * if it has changed. While nobody looks, nothing is asked for. One thread.
  */
 class Page {
 public:
     /** @param socket listens for browsers
-     *  @param token  what a page has to know to change anything */
-    Page(vcam::EventLoop& eventLoop, int socket, const Options& options, const std::string& token);
+     *  @param token  what a page has to know to change anything
+     *  @param ready  called once, when browsers are answered and the camera is heard, if there is one */
+    Page(vcam::EventLoop& eventLoop, int socket, const Options& options, const std::string& token,
+         std::function<void()> ready);
 
     /** Why events are not shown; empty if they are. */
     const std::string& EventProblem() const { return feed.Problem(); }

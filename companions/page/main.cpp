@@ -28,19 +28,22 @@ void WarnOfStrangers(const ListeningSocket& socket) {
     }
 }
 
+void Announce(const ListeningSocket& socket) {
+    std::printf("%s\n", socket.Url().c_str());
+    std::fflush(stdout);
+    sd_notify(0, "READY=1");
+}
+
 int Serve(const Options& options) {
     kelto::vcam::EventLoop loop;
     // A browser that goes while it is written to is an error of that write, and no more.
     std::signal(SIGPIPE, SIG_IGN);
     const ListeningSocket socket(options.address, options.port);
     WarnOfStrangers(socket);
-    const Page page(loop, socket.Get(), options, kelto::page::MakeToken());
+    const Page page(loop, socket.Get(), options, kelto::page::MakeToken(), [&socket] { Announce(socket); });
     if (!page.EventProblem().empty()) {
         std::fprintf(stderr, "kelto-vcam-page: no events are shown: %s\n", page.EventProblem().c_str());
     }
-    std::printf("%s\n", socket.Url().c_str());
-    std::fflush(stdout);
-    sd_notify(0, "READY=1");
     return loop.Run();
 }
 

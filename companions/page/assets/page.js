@@ -2,7 +2,8 @@
 // led to. Whatever comes from outside is set as text, never as markup.
 "use strict";
 
-const token = document.querySelector('meta[name="halvek-token"]').content;
+const tokenOf = (page) => page.querySelector('meta[name="halvek-token"]').content;
+let token = tokenOf(document);
 const mostRows = 200;
 const boxSeconds = 5;
 const retryMilliseconds = 1000;
@@ -385,11 +386,19 @@ function closeStream() {
 
 function startAgainLater() {
   closeStream();
-  retry = setTimeout(start, retryMilliseconds);
+  retry = setTimeout(startAgain, retryMilliseconds);
 }
 
-function startAgain() {
+/** After a gap. The server may be another one, whose token is in its own page. */
+async function startAgain() {
   closeStream();
+  try {
+    const page = await (await fetch("/")).text();
+    token = tokenOf(new DOMParser().parseFromString(page, "text/html"));
+  } catch {
+    startAgainLater();
+    return;
+  }
   start();
 }
 
