@@ -439,6 +439,30 @@ TEST_F(EmailEventHandlerTest, ASnapshotThatIsNotThereIsOneWarningAndTheMailGoesW
     EXPECT_THAT(log.Lines(), SizeIs(5));
 }
 
+TEST_F(EmailEventHandlerTest, ConfiguredAnewWithoutAnAttachmentItSendsNoneThoughItKnowsThePath) {
+    const std::string picture = folder.Write("img2.jpg", "foo");
+    SetSnapshotPath(picture);
+    Configure({{"To", "a@x"}, {"Message", Base64("text")}, {"Attachment", "true"}});
+    Configure({{"To", "a@x"}, {"Message", Base64("text")}, {"Attachment", "false"}});
+    Act();
+    EXPECT_THAT(log.Lines(),
+                ElementsAre("Information halvek: Sending email to a@x", "Debug halvek: _attach: 0 \t path: " + picture,
+                            StartsWith("Debug halvek: Message size: ")));
+    const MailText mail = TakeMail();
+    EXPECT_EQ(TextOf(mail), "text");
+    EXPECT_THAT(mail.Parts(), IsEmpty());
+}
+
+TEST_F(EmailEventHandlerTest, WhereTheSettingsWereRefusedBeforeTheLookUpTheMailGoesWithoutAWarning) {
+    SetSnapshotPath(folder.Write("img2.jpg", "foo"));
+    EXPECT_THROW(Configure({{"To", "a@x"}, {"Attachment", "true"}, {"RawEventData", "perhaps"}}), osa::Exception);
+    Act();
+    EXPECT_THAT(log.Lines(),
+                ElementsAre("Information halvek: Sending email to a@x",
+                            "Debug halvek: _attach: 1 \t path: ", StartsWith("Debug halvek: Message size: ")));
+    EXPECT_THAT(TakeMail().Parts(), IsEmpty());
+}
+
 TEST_F(EmailEventHandlerTest, TheBrokenPipeSignalStaysBlockedOnTheActingThreadOnly) {
     Configure({{"To", "a@x"}});
     std::thread([this] {
