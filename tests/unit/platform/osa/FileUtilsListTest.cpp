@@ -1,13 +1,16 @@
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/FileUtils.h"
+#include "kelto/osa/UniqueFd.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/Unprivileged.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <filesystem>
 
@@ -56,6 +59,18 @@ TEST(ListFiles, GivesEverythingButTheTwoDotNames) {
 
 TEST(ListFiles, AnEmptyFolderGivesAnEmptyList) {
     EXPECT_THAT(List(test::TempDir().GetPath()), IsEmpty());
+}
+
+TEST(ListFiles, AFailureBeforeItIsNotTakenForOneOfItsOwn) {
+    const test::TempDir folder;
+    const std::string removed = folder.PathOf("removed");
+    ASSERT_EQ(mkdir(removed.c_str(), 0700), 0);
+    const UniqueFd held(open(removed.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_TRUE(std::filesystem::remove(removed));
+    // A folder that has been removed has no names at all, not even the two dot names.
+    const std::string path = "/proc/self/fd/" + std::to_string(held.Get());
+    errno = EMLINK;
+    EXPECT_THAT(List(path), IsEmpty());
 }
 
 TEST(ListFiles, AFolderThatDoesNotExistGivesAnEmptyList) {
