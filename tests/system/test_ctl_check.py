@@ -237,6 +237,16 @@ def test_a_suppression_is_read_as_people_write_it(comment: str, tmp_path: Path) 
     assert check_json(path)["findings"] == []
 
 
+def test_an_id_that_is_not_there_tells_how_many_are_lost_behind_it() -> None:
+    texts = [
+        next(f["text"] for f in check_json(ROOT / f"tests/ctl/mistakes/{name}.ini")["findings"] if f["id"] == "HK3003")
+        for name in ("dangling_id", "ids_behind_a_missing_one_lost")
+    ]
+    assert texts == [
+        f"there is no group [Events/Source#7]{behind}" for behind in ("", "; the 1 named behind it are lost too")
+    ]
+
+
 def test_each_id_of_a_suppression_must_be_found() -> None:
     (finding,) = check_json(ROOT / "tests/ctl/mistakes/suppression_of_two_ids_one_stale.ini")["findings"]
     assert finding["id"] == "HK1090" and "HK4003" in finding["text"]

@@ -26,6 +26,7 @@ pytestmark = pytest.mark.not_under("emulator", reason="each of many daemons and 
 CTL = os.environ["HALVEK_CTL"]
 TRIPLES = int(os.environ.get("HALVEK_DRIFT_TRIPLES", "200"))
 EVENTS_AT_A_TIME = 4
+NOBODYS_INPUT = 2
 RECORD = re.compile(r"[-\dT:]{19}\.\d{3} (?:Warning|Error) [\w.]+: (.*)$", re.S)
 # What the daemon writes at an event, so that it is foretold but not seen at the start.
 AT_EVENTS = (
@@ -303,10 +304,21 @@ class Rig:
         wait_until(is_done, f"all sources of {kind} are through")
 
     def change_alarm(self, index: int, active: bool) -> None:
-        change = f"Received state change for alarm {LOCAL}:{index} -> {int(active)}$"
-        self.wait_until_through(
-            lambda: self.camera.set_alarm(LOCAL, index, active), "Alarm", self.alarms, change, "halvek: firing$"
-        )
+        """A change of an input that nobody has comes behind: what hears of it is through with this one."""
+
+        def change() -> None:
+            before = len(self.daemon.log.items)
+            self.camera.set_alarm(LOCAL, index, active)
+            self.camera.set_alarm(LOCAL, NOBODYS_INPUT, active)
+            heard = f"Received state change for alarm {LOCAL}:{NOBODYS_INPUT} -> {int(active)}$"
+
+            def have_heard() -> bool:
+                return len(re.findall(heard, "\n".join(self.daemon.log.items[before:]), re.M)) == self.alarms
+
+            wait_until(have_heard, "all alarm sources have heard of both inputs")
+
+        change_of_it = f"Received state change for alarm {LOCAL}:{index} -> {int(active)}$"
+        self.wait_until_through(change, "Alarm", self.alarms, change_of_it, "halvek: firing$")
 
     def raise_alert(self) -> None:
         heard = "Received AnalyticsAlert$"
