@@ -1,0 +1,118 @@
+"""What scripts/mqtt-faults runs: numbered events through a broker that fails at random."""
+
+import argparse
+import collections
+import json
+import os
+import random
+import sys
+import tempfile
+import threading
+import time
+from pathlib import Path
+
+from testing.fake_broker import PUBLISH, Client, FakeBroker, until_the_end
+from testing.fleet import FleetBridge
+from testing.waiting import NotSeen, wait_until
+
+EVENTS_A_SECOND = 20
+INPUTS = 4
+
+
+class UnreliableBroker:
+    """Remembers every event that reaches it, and fails at random moments: before an answer, behind it, or silently."""
+
+    def __init__(self, seed: int) -> None:
+        self.ids: list[int] = []
+        self.numbers: collections.Counter = collections.Counter()
+        self.states: dict[str, str] = {}
+        self.faults: collections.Counter = collections.Counter()
+        self.is_reliable = False
+        self._random = random.Random(seed)
+        self._lock = threading.Lock()
+        self.broker = FakeBroker(self._serve)
+
+    def _serve(self, client: Client) -> None:
+        for received in until_the_end(client):
+            fault = self._draw()
+            if fault == "closes before":
+                return
+            if received.kind == PUBLISH:
+                self._remember(*client.published(received))
+            if fault == "closes behind":
+                return
+            if fault == "is slow":
+                time.sleep(3)
+            elif fault == "is silent":
+                time.sleep(8)
+                return
+            client.answer(received)
+
+    def _draw(self) -> str:
+        with self._lock:
+            if self.is_reliable or self._random.random() > 0.004:
+                return ""
+            fault = self._random.choice(["closes before", "closes behind", "is slow", "is silent"])
+            self.faults[fault] += 1
+            return fault
+
+    def _remember(self, topic: str, payload: bytes) -> None:
+        with self._lock:
+            if "/event/" in topic:
+                event = json.loads(payload)
+                self.ids.append(int(event["id"].partition("-")[2]))
+                self.numbers[int(event["props"]["number"])] += 1
+            elif "/alarm/" in topic:
+                self.states[topic.rpartition("/")[2]] = payload.decode()
+
+    def repeated_backwards(self) -> int:
+        """Events that came behind a younger one, but for repetitions of the one before."""
+        return sum(earlier > later for earlier, later in zip(self.ids, self.ids[1:]))
+
+
+def run(minutes: float, seed: int, folder: Path) -> bool:
+    unreliable = UnreliableBroker(seed)
+    text = f"[Mqtt]\nBroker=mqtt://127.0.0.1:{unreliable.broker.port}\nId=cam1\n"
+    bridge = FleetBridge(os.environ["HALVEK_MQTT"], folder, "cam1", text)
+    bridge.wait_until_ready()
+    draw = random.Random(seed)
+    states: dict[str, str] = {}
+    begin = time.monotonic()
+    while time.monotonic() < begin + minutes * 60:
+        index, state = str(draw.randrange(INPUTS)), draw.choice(["0", "1"])
+        states[index] = "ON" if state == "1" else "OFF"
+        bridge.feed_alarm(index, state)
+        time.sleep(max(0.0, begin + bridge.fed / EVENTS_A_SECOND - time.monotonic()))
+    unreliable.is_reliable = True
+    wait_until(lambda: bridge.settled(), "everything is sent or counted", patience=700)
+    wait_until(lambda: unreliable.states == states, "the states are right", patience=60)
+    told = bridge.status()["counters"]
+    arrived, twice = len(unreliable.numbers), sum(unreliable.numbers.values()) - len(unreliable.numbers)
+    dropped = bridge.fed - told["sent"]
+    connects = len(unreliable.broker.connects)
+    print(f"{minutes:g} minutes, seed {seed}; faults: {dict(unreliable.faults)}; {connects} connects")
+    print(f"{bridge.fed:,} events fed, {arrived:,} arrived, {twice} of them again, {dropped} counted as dropped")
+    print(f"{unreliable.repeated_backwards()} out of order; the states at the end are right")
+    lost = bridge.fed - arrived - dropped
+    used = sum(int((task / "schedstat").read_text().split()[0]) for task in bridge.tasks()) / 1e9
+    print(f"{max(lost, 0)} lost; {used / (time.monotonic() - begin):.2%} of a processor")
+    bridge.close()
+    unreliable.broker.close()
+    return lost <= 0 and unreliable.repeated_backwards() == 0
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--minutes", type=float, default=10)
+    parser.add_argument("--seed", type=int, default=1)
+    options = parser.parse_args()
+    with tempfile.TemporaryDirectory() as folder:
+        try:
+            return 0 if run(options.minutes, options.seed, Path(folder)) else 1
+        except NotSeen as error:
+            print(f"mqtt-faults: {error}", file=sys.stderr)
+            return 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
