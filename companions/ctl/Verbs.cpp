@@ -1,6 +1,7 @@
 #include "companions/ctl/Verb.h"
 #include "companions/ctl/VerbCheck.h"
 #include "companions/ctl/VerbExplain.h"
+#include "companions/ctl/VerbGuard.h"
 #include "companions/ctl/VerbPost.h"
 #include "companions/ctl/VerbReload.h"
 #include "companions/ctl/VerbSchedule.h"
@@ -15,7 +16,7 @@ namespace kelto::halvek::ctl {
 
 std::span<const Verb> Verbs() {
     static const std::array verbs = {verbCheck, verbShow,   verbSchedule, verbExplain, verbPost,
-                                     verbWatch, verbStatus, verbReload,   verbTry};
+                                     verbWatch, verbStatus, verbReload,   verbTry,     verbGuard};
     return verbs;
 }
 

@@ -1,7 +1,9 @@
 """The package that has the service check its settings: told at a start, refused at a reload, gone without a trace."""
 
+import os
 import re
 import subprocess
+import time
 from collections.abc import Iterator
 from pathlib import Path
 
@@ -15,11 +17,13 @@ from machine import (
     configure,
     is_active,
     main_pid,
+    post,
     run,
     show,
     write_settings,
 )
 from testing.settings import Settings, handler, timer
+from testing.waiting import wait_until
 
 (PACKAGE,) = Path("/srv/companions").glob("halvekctl_*.deb")
 NAME = "halvekctl"
@@ -104,6 +108,78 @@ def test_an_empty_file_of_the_administrator_switches_the_check_off(running: None
         own.unlink()
         if is_first:
             own.parent.rmdir()
+        run("systemctl", "daemon-reload")
+
+
+@pytest.fixture
+def unread_pipe() -> Iterator[Path]:
+    """Somebody has it open and does not read it. It stands behind the consumer's in byte order."""
+    path = Path("/run/halvek/unread.halvek.any")
+    os.mkfifo(path)
+    path.chmod(0o660)
+    descriptor = os.open(path, os.O_RDWR | os.O_NONBLOCK)
+    yield path
+    os.close(descriptor)
+    path.unlink()
+
+
+def use_up_descriptors(consumer: Consumer) -> None:
+    """A thousand events a second, until nothing comes out any more."""
+    quiet = CLEAN | {"Applications/halvek": {"LogLevel": "Error"}}
+    write_settings({name: keys for name, keys in quiet.items() if "Source#" not in name})
+    run("systemctl", "restart", UNIT)
+    descriptors = Path(f"/proc/{main_pid()}/fd")
+
+    def is_mute() -> bool:
+        begin = time.monotonic()
+        for _ in range(100):
+            post("Flood", text="x" * 200)
+        time.sleep(max(0.0, begin + 0.1 - time.monotonic()))
+        return len(list(descriptors.iterdir())) >= 1022
+
+    wait_until(is_mute, "the descriptors are used up", patience=60)
+
+
+def test_after_an_unread_pipe_has_cost_all_descriptors_events_come_out_again(
+    running: None, consumer: Consumer, unread_pipe: Path
+):
+    run("systemctl", "is-active", "halvekctl-guard.timer")
+    use_up_descriptors(consumer)
+    journal = Journal("halvekctl-guard.service")
+    pid, seen, begin = main_pid(), len(consumer.items), time.monotonic()
+    wait_until(lambda: main_pid() not in (0, pid), "the guard has restarted it", patience=90)
+    wait_until(is_active, "the service is up again")
+    post("Again", number=1)
+    consumer.wait_for_event("Again", after=seen)
+    assert time.monotonic() - begin < 90
+    journal.wait_for("it is restarted")
+    (line,) = journal.matching("it is restarted")
+    assert re.search(rf"of 1024 descriptors .* lost to {unread_pipe}, which {os.getpid()} \(.*\) has open", line), line
+
+
+def test_what_is_posted_while_the_guard_restarts_the_service_is_not_lost(
+    running: None, consumer: Consumer, unread_pipe: Path
+):
+    use_up_descriptors(consumer)
+    slow = Path("/run/systemd/system/halvek.service.d/slow.conf")
+    slow.parent.mkdir(parents=True, exist_ok=True)
+    slow.write_text("[Service]\nExecStartPre=/bin/sleep 2\n")
+    run("systemctl", "daemon-reload")
+    try:
+        pid = main_pid()
+        guard = subprocess.Popen(["systemctl", "start", "halvekctl-guard.service"])
+        wait_until(lambda: main_pid() != pid, "the old one has ended")
+        posted = 0
+        while show("ActiveState") != "active":
+            for _ in range(20):
+                post("Meanwhile", number=posted)
+                posted += 1
+        assert guard.wait(60) == 0 and posted > 100
+        consumer.wait_for_event("Meanwhile", count=posted)
+        numbers = [int(event.properties["number"]) for event in consumer.of_type("Meanwhile")]
+        assert numbers == list(range(posted))
+    finally:
+        slow.unlink()
         run("systemctl", "daemon-reload")
 
 
