@@ -21,13 +21,14 @@ namespace kelto::halvek::ctl {
 namespace {
 
 constexpr const char* help =
-    "Looks once whether the daemon is about to have no descriptors left. Each reload and each failed write to an output\n"
-    "pipe costs it one, and without any it lives on and tells nobody anything. Then it is restarted in good order, with\n"
-    "the event pipe held open, so that what is posted meanwhile waits; and it is told which pipe was the cause, and who\n"
-    "has it open. That happens at most four times in an hour. A timer of the package asks once a minute.\n"
+    "Looks once whether the daemon is about to have no descriptors left. Each reload and each failed write to an\n"
+    "output pipe costs it one, and without any it lives on and tells nobody anything. Then it is restarted in good\n"
+    "order, with the event pipe held open, so that what is posted meanwhile waits; and it is told which pipe was the\n"
+    "cause, and who has it open. That happens at most four times in an hour. A timer of the package asks once a\n"
+    "minute.\n"
     "  --percent N  from so many percent of the descriptors on (90)\n"
-    "Status: 0 if nothing had to be done, or it was restarted; 1 if it has been four times already; 3 without a daemon,\n"
-    "or if it could not be done.\n";
+    "Status: 0 if nothing had to be done, or it was restarted; 1 if it has been four times already; 3 without a\n"
+    "daemon, or if it could not be done.\n";
 
 constexpr int32_t defaultPercent = 90;
 /** A stop waits for calls and commands: see TimeoutStopSec of the service. */

@@ -26,7 +26,8 @@ constexpr const char* help =
     "  --event TYPE  the event, with its properties behind the handler (that of its first source)\n"
     "  --at TIME     when, for the handler's times (now)\n"
     "Root acts as the daemon does: with its view of the file system, its environment, groups and user. Its filter of\n"
-    "system calls and the networks that it may use are not the same. Others, and root without a daemon, act as they are.\n"
+    "system calls and the networks that it may use are not the same. Others, and root without a daemon, act as they\n"
+    "are.\n"
     "Status: 0 if it would act and nothing is missing, or has acted well; else 1.\n";
 
 /** What the first of a handler's sources fires, where that can be told. */

@@ -3,7 +3,9 @@
 #include "companions/ctl/VerbExplain.h"
 #include "companions/ctl/VerbGuard.h"
 #include "companions/ctl/VerbPost.h"
+#include "companions/ctl/VerbRecord.h"
 #include "companions/ctl/VerbReload.h"
+#include "companions/ctl/VerbReplay.h"
 #include "companions/ctl/VerbSchedule.h"
 #include "companions/ctl/VerbShow.h"
 #include "companions/ctl/VerbStatus.h"
@@ -15,8 +17,8 @@
 namespace kelto::halvek::ctl {
 
 std::span<const Verb> Verbs() {
-    static const std::array verbs = {verbCheck, verbShow,   verbSchedule, verbExplain, verbPost,
-                                     verbWatch, verbStatus, verbReload,   verbTry,     verbGuard};
+    static const std::array verbs = {verbCheck,  verbShow,   verbSchedule, verbExplain, verbPost,   verbWatch,
+                                     verbStatus, verbReload, verbTry,      verbGuard,   verbRecord, verbReplay};
     return verbs;
 }
 

@@ -263,7 +263,19 @@ def test_an_interrupt_ends_it_as_ever(tmp_path: Path) -> None:
 
 @pytest.mark.parametrize(
     "words",
-    [[], ["check"], ["post"], ["watch"], ["status"], ["reload"], ["try"], ["guard"], *([verb[0]] for verb in VERBS)],
+    [
+        [],
+        ["check"],
+        ["post"],
+        ["watch"],
+        ["status"],
+        ["reload"],
+        ["try"],
+        ["guard"],
+        ["record"],
+        ["replay"],
+        *([verb[0]] for verb in VERBS),
+    ],
     ids=str,
 )
 def test_help_fits_a_screen(words: list[str]) -> None:

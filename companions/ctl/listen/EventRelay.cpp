@@ -91,6 +91,10 @@ std::string_view EventRelay::Read() {
     return {buffer.data(), count < 0 ? 0 : static_cast<size_t>(count)};
 }
 
+void EventRelay::StopReading() {
+    shutdown(socket.Get(), SHUT_WR);
+}
+
 bool EventRelay::Finish() {
     if (child < 0) {
         return true;

@@ -59,6 +59,9 @@ public:
     /** Readable when Read has something. */
     int Descriptor() const { return socket.Get(); }
 
+    /** Has it read the pipe empty once more and remove it. What it hands on then is followed by the end. */
+    void StopReading();
+
     /** Has the relay end, and waits for that. True if it ended in good order, because of Job::count or because of this.
      */
     bool Finish();

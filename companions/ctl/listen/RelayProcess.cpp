@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -42,6 +43,18 @@ ReadTime TimeOfNow() {
     return {.milliseconds = ClockState::Now(), .isSynced = ClockState::IsSynced()};
 }
 
+/**
+ * The pipe must not fill because the machine is busy: for that a third of a second is enough. It never has more to do
+ * than the daemon has just done, so nobody starves. Only root may ask for it.
+ */
+void ComeFirst() {
+    sched_param first{};
+    first.sched_priority = sched_get_priority_min(SCHED_RR);
+    if (sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &first) != 0) {
+        setpriority(PRIO_PROCESS, 0, priority);
+    }
+}
+
 void DetachStandardStreams() {
     const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
@@ -76,6 +89,9 @@ public:
                 return;
             }
             EmptyPipe();
+            if (isLast) {
+                TakeTheRest();
+            }
             HandOn();
         }
     }
@@ -84,12 +100,14 @@ private:
     /** False when it is time to end. */
     bool Wait() {
         constexpr short whenToSend = POLLOUT;
-        std::array<pollfd, 3> waited{{{pipe ? pipe->Descriptor() : -1, POLLIN, 0},
-                                      {socket, outgoing.empty() ? short{0} : whenToSend, 0},
-                                      {signalFd, POLLIN, 0}}};
+        std::array<pollfd, 3> waited{
+            {{pipe ? pipe->Descriptor() : -1, POLLIN, 0},
+             {socket, static_cast<short>((outgoing.empty() ? 0 : whenToSend) | (pipe ? POLLRDHUP : 0)), 0},
+             {signalFd, POLLIN, 0}}};
         if (poll(waited.data(), waited.size(), Patience()) < 0 && errno != EINTR) {
             throw std::runtime_error("poll");
         }
+        isLast = isLast || (waited[1].revents & POLLRDHUP) != 0;
         return (waited[1].revents & (POLLHUP | POLLERR)) == 0 && waited[2].revents == 0;
     }
 
@@ -109,9 +127,18 @@ private:
         }
     }
 
+    /** The caller wants no more than what is there. */
+    void TakeTheRest() {
+        pipe.reset();
+        while (!backlog.IsEmpty() && !IsDone()) {
+            backlog.TakeSome(Now());
+        }
+        TellDropped();
+    }
+
     /** Until the caller takes no more, or there is no more. The pipe comes first all the time. */
     void HandOn() {
-        while (SendOutgoing() && pipe) {
+        while (SendOutgoing() && pipe && !isLast) {
             if (backlog.IsEmpty()) {
                 backlog.CloseOverdue(TimeOfNow(), Now());
                 TellDropped();
@@ -124,7 +151,7 @@ private:
     }
 
     void TakeEvent(const companion::ReceivedEvent& event, const ReadTime& time) {
-        if (!pipe) {
+        if (IsDone()) {
             return;
         }
         const std::string line = job.line(event, time);
@@ -133,10 +160,13 @@ private:
         }
         TellDropped();
         outgoing.append(line);
-        if (++taken == job.count) {
+        ++taken;
+        if (IsDone()) {
             pipe.reset();
         }
     }
+
+    bool IsDone() const { return job.count != 0 && taken == job.count; }
 
     void TellDropped() {
         if (dropped > 0) {
@@ -168,6 +198,7 @@ private:
     std::string outgoing;
     uint64_t taken = 0;
     uint64_t dropped = 0;
+    bool isLast = false;
 };
 
 }  // namespace
@@ -177,8 +208,7 @@ void RelayProcess::Run(const EventRelay::Job& job, pid_t caller, companion::Uniq
     try {
         setsid();
         prctl(PR_SET_NAME, name);
-        // Root comes before others: the pipe must not fill because the machine is busy. Others may not ask for that.
-        setpriority(PRIO_PROCESS, 0, priority);
+        ComeFirst();
         const companion::UniqueFd signals = HoldSignals();
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         DetachStandardStreams();
