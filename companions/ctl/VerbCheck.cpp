@@ -229,6 +229,8 @@ ExitStatus RunCheck(const Invocation& invocation, Answer& answer) {
     } else {
         AddText(all, answer);
     }
+    // On a terminal the sum stands below what it is made of.
+    answer.Flush();
     TellCounts(all);
     return StatusOf(all, failOn);
 }

@@ -166,6 +166,7 @@ ExitStatus ExplainEvent(const Invocation& invocation, const StoreLocation& locat
         return exitYes;
     }
     if (const std::optional<std::string> hint = EventHint::For(event, model)) {
+        answer.Flush();
         Terminal::Complain(*hint);
     }
     return exitNo;

@@ -110,6 +110,14 @@ def test_a_wrong_command_line_is_2() -> None:
         assert (answer.returncode, answer.stdout) == (2, b""), words
 
 
+def test_on_a_terminal_the_counts_stand_below_the_findings() -> None:
+    both = subprocess.run(
+        [CTL, "check", ERROR], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False, timeout=60
+    )
+    lines = both.stdout.decode().splitlines()
+    assert "[HK2001]" in lines[-2] and lines[-1] == "halvekctl: 1 error, 0 warnings, 0 notes"
+
+
 def test_each_file_is_checked_by_itself() -> None:
     answer = check_json(ERROR, WARNING)
     assert [(Path(f["file"]).name, f["id"]) for f in answer["findings"]] == [
