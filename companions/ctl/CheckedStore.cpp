@@ -79,7 +79,7 @@ CheckedStore CheckedStore::Check(const std::string& path, const CheckOptions& op
     CheckedStore checked;
     checked.store = ReadWithModel(path, options.questions, checked.examination);
     RunChecks(*checked.examination, options);
-    checked.suppressed = Suppressions::Apply(*checked.examination, options.here);
+    checked.suppressed = Suppressions::Apply(*checked.examination, options.here, options.rules);
     Sort(*checked.examination);
     return checked;
 }

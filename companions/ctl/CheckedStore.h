@@ -1,6 +1,7 @@
 #pragma once
 
 #include "companions/ctl/Examination.h"
+#include "companions/ctl/PostingRules.h"
 
 #include <array>
 #include <cstddef>
@@ -16,6 +17,8 @@ struct CheckOptions {
     bool here = false;
     /** By which the clock is put forward; empty if that is not to be looked at. */
     std::string zone = {};
+    /** What posts events, and hears them, besides the daemon. */
+    PostingRules rules = {};
     /** What the model is to be asked besides. */
     ModelQuestions questions = {};
 };

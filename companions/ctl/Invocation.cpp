@@ -8,7 +8,8 @@ namespace kelto::halvek::ctl {
 namespace {
 
 const std::vector<OptionReader::Option> sharedOptions = {
-    {"--settings", true}, {"--format", true}, {"--zone", true}, {"--help", false}, {"-h", false}, {"--version", false},
+    {"--settings", true}, {"--format", true}, {"--zone", true},     {"--rules", true},
+    {"--help", false},    {"-h", false},      {"--version", false},
 };
 
 Format ParseFormat(const std::string& name) {
@@ -28,12 +29,16 @@ Invocation Invocation::Parse(const std::vector<std::string>& arguments) {
     Invocation invocation;
     invocation.settings = reader.Value("--settings");
     invocation.zone = reader.Value("--zone");
+    invocation.rules = reader.Value("--rules");
     invocation.format = ParseFormat(reader.Value("--format").value_or("text"));
     invocation.wantsHelp = reader.Has("--help") || reader.Has("-h");
     invocation.wantsVersion = reader.Has("--version");
     invocation.words = reader.Words();
     if (invocation.settings && invocation.settings->empty()) {
         throw UsageError("--settings wants a path");
+    }
+    if (invocation.rules && invocation.rules->empty()) {
+        throw UsageError("--rules wants a path");
     }
     if (!invocation.words.empty()) {
         invocation.verb = invocation.words.front();

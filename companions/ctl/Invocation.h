@@ -12,6 +12,8 @@ enum class Format { Text, Json };
 struct Invocation {
     std::optional<std::string> settings;
     std::optional<std::string> zone;
+    /** The file of rules that is looked at instead of the installed one. */
+    std::optional<std::string> rules;
     Format format = Format::Text;
     bool wantsHelp = false;
     bool wantsVersion = false;

@@ -23,6 +23,7 @@ constexpr const char* shared =
     "  --settings PATH     the settings: an ini file, or a folder of them\n"
     "  --format text|json  how to answer (text)\n"
     "  --zone ZONE         the camera's time zone, Europe/Berlin for instance\n"
+    "  --rules PATH        the rules of halvek-rules (/etc/halvek-rules/rules.conf)\n"
     "  --help              what there is to say of a verb\n"
     "  --version           the version\n";
 

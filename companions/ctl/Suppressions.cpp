@@ -142,6 +142,13 @@ bool IsListed(const Examination& examination, const Finding& finding, const std:
     return finding.entry->id == std::string_view("HK2008") && type != nullptr && posted.count(*type) != 0;
 }
 
+/** Whether it says that no handler names a source that a rule hears. */
+bool IsHeard(const Examination& examination, const Finding& finding, const std::set<std::string>& heard) {
+    const std::string* const type = examination.Value(finding.group, "Type");
+    return finding.entry->id == std::string_view("HK2010") && type != nullptr &&
+           heard.count(*type == "Analytics" ? "AnalyticsAlert" : *type) != 0;
+}
+
 /** Whether the finding may be there on another machine, in its zone, with its camera or modes of files. */
 bool MayBeElsewhere(const std::string& id, bool here) {
     return id == "HK6002" || (!here && (id.starts_with("HK5") || id == "HK4006"));
@@ -149,13 +156,15 @@ bool MayBeElsewhere(const std::string& id, bool here) {
 
 }  // namespace
 
-size_t Suppressions::Apply(Examination& examination, bool here) {
+size_t Suppressions::Apply(Examination& examination, bool here, const PostingRules& rules) {
     std::vector<Suppression> suppressions = Read(examination);
     std::deque<Finding>& findings = examination.Findings();
     const size_t before = findings.size();
-    const std::set<std::string> posted = PostedTypes(examination.positions);
+    std::set<std::string> posted = PostedTypes(examination.positions);
+    posted.merge(rules.PostedTypes());
+    const std::set<std::string> heard = rules.HeardTypes();
     std::erase_if(findings, [&](const Finding& finding) {
-        bool isAllowed = IsListed(examination, finding, posted);
+        bool isAllowed = IsListed(examination, finding, posted) || IsHeard(examination, finding, heard);
         for (Suppression& suppression : suppressions) {
             if (Covers(suppression, finding, examination.positions)) {
                 suppression.used.insert(finding.entry->id);

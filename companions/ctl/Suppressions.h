@@ -1,6 +1,7 @@
 #pragma once
 
 #include "companions/ctl/Examination.h"
+#include "companions/ctl/PostingRules.h"
 
 #include <cstddef>
 
@@ -16,9 +17,10 @@ public:
      * Takes away what is allowed, and adds what is wrong with the comments themselves.
      *
      * @param here whether what only the machine can show was looked for
+     * @param rules what they post is known to be posted, and what they hear is named by somebody
      * @return how many findings were taken away
      */
-    static size_t Apply(Examination& examination, bool here);
+    static size_t Apply(Examination& examination, bool here, const PostingRules& rules);
 };
 
 }  // namespace kelto::halvek::ctl

@@ -6,6 +6,7 @@
 #include "companions/ctl/FindingText.h"
 #include "companions/ctl/JsonAnswer.h"
 #include "companions/ctl/OptionReader.h"
+#include "companions/ctl/PostingRules.h"
 #include "companions/ctl/Sha256.h"
 #include "companions/ctl/StoreLocation.h"
 #include "companions/ctl/Terminal.h"
@@ -24,7 +25,7 @@ namespace {
 
 constexpr const char* help =
     "Without FILE it checks the daemon's settings; each FILE, or folder of files, by itself. Nothing is changed, and\n"
-    "the answer is the same for every user and on every machine, but for --here.\n"
+    "the answer is the same for every user and on every machine, but for --here and for what rules post.\n"
     "  --here            looks at this machine and its camera too\n"
     "  --fail-on LEVEL   what status 1 is for: error, warning, note or never (error)\n"
     "  --explain ID      what a finding means\n"
@@ -110,8 +111,10 @@ Checked CheckOne(Invocation invocation, const std::optional<std::string>& file, 
     }
     const auto zoneFrom = here ? StoreLocation::ZoneFrom::Anywhere : StoreLocation::ZoneFrom::CommandLine;
     Checked checked{StoreLocation::Use(invocation, zoneFrom), {}};
-    const CheckOptions options{
-        .here = here, .zone = checked.location.GetZone().value_or(here ? "this machine's zone" : ""), .questions = {}};
+    const CheckOptions options{.here = here,
+                               .zone = checked.location.GetZone().value_or(here ? "this machine's zone" : ""),
+                               .rules = PostingRules::Read(invocation.rules),
+                               .questions = {}};
     checked.result = CheckedStore::Check(checked.location.GetPath(), options);
     return checked;
 }

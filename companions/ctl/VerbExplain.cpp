@@ -7,6 +7,7 @@
 #include "companions/ctl/JsonAnswer.h"
 #include "companions/ctl/LocalTime.h"
 #include "companions/ctl/OptionReader.h"
+#include "companions/ctl/PostingRules.h"
 #include "companions/ctl/Terminal.h"
 #include "companions/ctl/VerdictReason.h"
 
@@ -52,6 +53,33 @@ Terminal::Colour ColourOf(Verdict verdict) {
 std::string Padded(std::string text, size_t width) {
     text.resize(std::max(width, text.size()), ' ');
     return text;
+}
+
+/** What rules make of the event, which the daemon then gets as one of its own. */
+void AddRulesAsText(const std::vector<PostingRule>& rules, Answer& answer) {
+    for (const PostingRule& posting : rules) {
+        const bool isCertain = posting.rule.kind == companion::rules::Rule::Kind::Each;
+        answer.AddLine("  The rule " + Terminal::Escape(posting.rule.name) + " (" + PlaceText(posting.place) + ") " +
+                       (isCertain ? "posts " : "may post ") + Terminal::Escape(posting.rule.post) +
+                       " for it: see halvekctl explain " + Terminal::Escape(posting.rule.post));
+    }
+}
+
+void AddRulesAsJson(const std::vector<PostingRule>& rules, companion::Json& json) {
+    json.Key("rules").BeginArray();
+    for (const PostingRule& posting : rules) {
+        json.BeginObject().Key("name").String(posting.rule.name).Key("kind").String(posting.Kind());
+        json.Key("post").String(posting.rule.post);
+        JsonAnswer::AddPlace(json, posting.place);
+        json.EndObject();
+    }
+    json.EndArray();
+}
+
+std::vector<PostingRule> RulesFor(const Invocation& invocation, const EventQuestion& event) {
+    std::vector<PostingRule> rules = PostingRules::Read(invocation.rules).all;
+    std::erase_if(rules, [&](const PostingRule& posting) { return !posting.Concerns(event); });
+    return rules;
 }
 
 /** One event and what becomes of it. */
@@ -154,12 +182,15 @@ ExitStatus ExplainEvent(const Invocation& invocation, const StoreLocation& locat
     const ModelAnswers model = AskModel({.events = {event}, .schedules = {}, .scheduleOf = {}});
     const StorePositions positions(store);
     const Explanation explanation(model, positions, event, model.events.front());
+    const std::vector<PostingRule> rules = RulesFor(invocation, event);
     if (invocation.format == Format::Text) {
         explanation.AddText(answer);
+        AddRulesAsText(rules, answer);
     } else {
         companion::Json json;
         JsonAnswer::Begin(json, "explain", location);
         explanation.AddJson(json);
+        AddRulesAsJson(rules, json);
         answer.AddLine(json.EndObject().Text());
     }
     if (AnyActs(model.events.front().handlers)) {

@@ -47,10 +47,13 @@ ExitStatus RunShow(const Invocation& invocation, Answer& answer) {
     const StoreLocation location = StoreLocation::Use(invocation);
     const WeekStrip week;
     const ModelQuestions questions{.events = {}, .schedules = {week.Question()}, .scheduleOf = {}};
-    const CheckedStore checked = CheckedStore::Check(
-        location.GetPath(), {.here = false, .zone = invocation.zone.value_or(""), .questions = questions});
+    const PostingRules rules = PostingRules::Read(invocation.rules);
+    const CheckOptions checkOptions{
+        .here = false, .zone = invocation.zone.value_or(""), .rules = rules, .questions = questions};
+    const CheckedStore checked = CheckedStore::Check(location.GetPath(), checkOptions);
     // Of malformed settings it tells what the daemon refuses them for.
     Wiring wiring = Wiring::Of(checked.examination->model ? *checked.examination->model : AskModel(questions));
+    wiring.AddRules(rules);
     wiring.Mark(checked.examination->Findings());
     if (const std::optional<std::string> only = options.Value("--only")) {
         wiring.KeepOnly(*only);

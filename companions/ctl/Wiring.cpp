@@ -189,7 +189,57 @@ void AddLostEdges(const ModelHandler& handler, std::vector<WiringEdge>& edges) {
     }
 }
 
+/** The type of the events that come from a source; empty for one that gives none of a type of its own. */
+std::string EventTypeOf(const WiringSource& source) {
+    if (source.isLeftOut || source.group == EventMonitor::serverGroup) {
+        return {};
+    }
+    return source.type == "MsgBus" || source.type == "Analytics" ? "AnalyticsAlert" : source.type;
+}
+
+WiringRule RuleOf(const PostingRule& posting, const std::vector<WiringSource>& sources) {
+    WiringRule shown{.name = posting.rule.name,
+                     .kind = posting.Kind(),
+                     .when = posting.rule.when.type,
+                     .second = posting.rule.second.type,
+                     .post = posting.rule.post,
+                     .place = posting.place};
+    for (const WiringSource& source : sources) {
+        const std::string type = EventTypeOf(source);
+        if (!type.empty() && (type == shown.when || type == shown.second)) {
+            shown.from.push_back(source.group);
+        }
+        if (source.isPosted && type == shown.post) {
+            shown.to.push_back(source.group);
+        }
+    }
+    return shown;
+}
+
 }  // namespace
+
+std::string WiringRule::Text() const {
+    if (kind == "then" || kind == "unless") {
+        return when + " " + kind + " " + second + " => " + post;
+    }
+    return when + (kind == "count" ? ", counted" : "") + " => " + post;
+}
+
+void Wiring::AddRules(const PostingRules& postingRules) {
+    for (const PostingRule& posting : postingRules.all) {
+        rules.push_back(RuleOf(posting, sources));
+        for (const PostingRule& other : postingRules.all) {
+            if (other.rule.post == posting.rule.when.type || other.rule.post == posting.rule.second.type) {
+                rules.back().fromRules.push_back(other.rule.name);
+            }
+        }
+        for (WiringSource& source : sources) {
+            if (source.isPosted && source.type == posting.rule.post) {
+                source.detail.append(source.detail == "posted" ? " by the rule " : ", ").append(posting.rule.name);
+            }
+        }
+    }
+}
 
 Wiring Wiring::Of(const ModelAnswers& model) {
     Wiring wiring;
@@ -236,6 +286,12 @@ void Wiring::KeepOnly(const std::string& name) {
     }
     std::erase_if(sources, [&](const WiringSource& source) { return kept.count(source.group) == 0; });
     std::erase_if(handlers, [&](const WiringHandler& handler) { return kept.count(handler.group) == 0; });
+    std::erase_if(rules, [&](WiringRule& rule) {
+        for (std::vector<std::string>* const groups : {&rule.from, &rule.to}) {
+            std::erase_if(*groups, [&](const std::string& one) { return kept.count(one) == 0; });
+        }
+        return rule.from.empty() && rule.to.empty();
+    });
 }
 
 void Wiring::Mark(const std::deque<Finding>& findings) {

@@ -2,6 +2,7 @@
 
 #include "companions/ctl/Finding.h"
 #include "companions/ctl/Model.h"
+#include "companions/ctl/PostingRules.h"
 
 #include <deque>
 #include <string>
@@ -53,6 +54,26 @@ struct WiringEdge {
     int32_t order = 0;
 };
 
+/** A rule of halvek-rules: it posts an event at others. */
+struct WiringRule {
+    std::string name;
+    /** "each", "count", "then" or "unless". */
+    std::string kind;
+    /** The types of the events that it looks at; the second is that of Then and Unless, else empty. */
+    std::string when;
+    std::string second;
+    std::string post;
+    Position place;
+    /** The groups of the sources that it hears, and of those that its events come out of. */
+    std::vector<std::string> from = {};
+    std::vector<std::string> to = {};
+    /** The rules whose events it hears. */
+    std::vector<std::string> fromRules = {};
+
+    /** "Alarm => DoorOpened". */
+    std::string Text() const;
+};
+
 /** Sources, handlers and what leads from the ones to the others, for all the ways to show it. */
 struct Wiring {
     std::vector<WiringSource> sources;
@@ -61,9 +82,13 @@ struct Wiring {
     /** The types of the handlers that get every event behind all others. */
     std::vector<std::string> alwaysOn;
     std::vector<WiringMark> marks;
+    std::vector<WiringRule> rules;
 
     /** @param model with one schedule of all handlers */
     static Wiring Of(const ModelAnswers& model);
+
+    /** Draws in what leads from events to others. */
+    void AddRules(const PostingRules& postingRules);
 
     /** Marks the groups that the findings are about. */
     void Mark(const std::deque<Finding>& findings);

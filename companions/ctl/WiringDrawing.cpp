@@ -189,6 +189,25 @@ void WiringDrawing::AddEdges() {
             AddEdge(*edges[place], place, edges.size());
         }
     }
+    for (size_t place = 0; place < wiring.rules.size(); ++place) {
+        AddRule(wiring.rules[place], place);
+    }
+}
+
+/** From the events that a rule hears to those that it posts, in the margin before them. */
+void WiringDrawing::AddRule(const WiringRule& rule, size_t place) {
+    const double x = sourceLeft - 6 - static_cast<double>(place % 3) * 5;
+    for (const std::string& from : rule.from) {
+        for (const std::string& to : rule.to) {
+            const double top = sourceTop.at(from) + sourceHeight / 2;
+            const double end = sourceTop.at(to) + sourceHeight / 2;
+            svg.BeginGroup("item", "rule " + rule.name + ": " + rule.Text());
+            svg.AddLine(sourceLeft, top, x, top, "edge");
+            svg.AddLine(x, top, x, end, "edge");
+            svg.AddEdge(x, end, sourceLeft - 1, end, "edge");
+            svg.EndGroup();
+        }
+    }
 }
 
 /** Those that end at one handler end below each other, each with its number at its end. */

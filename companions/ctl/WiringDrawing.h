@@ -27,6 +27,7 @@ private:
     void AddWeek(const WiringHandler& handler, double x, double y);
     void AddEdges();
     void AddEdge(const WiringEdge& edge, size_t place, size_t count);
+    void AddRule(const WiringRule& rule, size_t place);
     void AddAlwaysOn();
     void AddLegend();
     void AddMarks(const std::string& group, double right, double y);

@@ -138,6 +138,59 @@ void AddHandler(const Wiring& wiring, const WiringHandler& handler, const WeekSt
     json.EndObject();
 }
 
+std::string RuleLine(const WiringRule& rule) {
+    std::string line = "rule " + Terminal::Escape(rule.name) + "  " + Terminal::Escape(rule.Text());
+    for (const std::string& group : rule.to) {
+        line.append(&group == &rule.to.front() ? "  -> " : ", ").append(ShortAndEscaped(group));
+    }
+    return line + "\n";
+}
+
+std::string DotRuleName(const std::string& rule) {
+    return DotQuoted("rule " + rule);
+}
+
+std::string DotRule(const Wiring& wiring, const WiringRule& rule) {
+    std::string text =
+        "  " + DotRuleName(rule.name) + " [shape=hexagon, label=" + DotLabel(rule.name, rule.Text()) + "];\n";
+    for (const std::string& group : rule.from) {
+        text.append("  " + DotQuoted(group) + " -> " + DotRuleName(rule.name) + ";\n");
+    }
+    for (const std::string& other : rule.fromRules) {
+        const bool isShown =
+            std::any_of(wiring.rules.begin(), wiring.rules.end(), [&](const auto& one) { return one.name == other; });
+        text.append(isShown ? "  " + DotRuleName(other) + " -> " + DotRuleName(rule.name) + ";\n" : "");
+    }
+    for (const std::string& group : rule.to) {
+        text.append("  " + DotRuleName(rule.name) + " -> " + DotQuoted(group) + ";\n");
+    }
+    return text;
+}
+
+void AddList(companion::Json& json, const char* key, const std::vector<std::string>& names) {
+    json.Key(key).BeginArray();
+    for (const std::string& name : names) {
+        json.String(name);
+    }
+    json.EndArray();
+}
+
+void AddRule(const WiringRule& rule, companion::Json& json) {
+    json.BeginObject();
+    json.Key("name").String(rule.name);
+    json.Key("kind").String(rule.kind);
+    json.Key("when").String(rule.when);
+    json.Key("second");
+    rule.second.empty() ? json.Null() : json.String(rule.second);
+    json.Key("post").String(rule.post);
+    json.Key("file").String(rule.place.file);
+    json.Key("line").Number(rule.place.line);
+    AddList(json, "from", rule.from);
+    AddList(json, "from_rules", rule.fromRules);
+    AddList(json, "to", rule.to);
+    json.EndObject();
+}
+
 void AddEdges(const Wiring& wiring, bool lost, const char* key, companion::Json& json) {
     json.Key(key).BeginArray();
     for (const WiringEdge& edge : wiring.edges) {
@@ -161,6 +214,10 @@ std::string WiringTexts::Plain(const Wiring& wiring, const WeekStrip& week) {
         for (const WiringEdge* edge : wiring.EdgesFrom(source.group)) {
             text.append(EdgeLine(wiring, *edge));
         }
+    }
+    text.append(wiring.rules.empty() ? "" : "\n");
+    for (const WiringRule& rule : wiring.rules) {
+        text.append(RuleLine(rule));
     }
     text.append("\n");
     for (const WiringHandler& handler : wiring.handlers) {
@@ -195,6 +252,9 @@ std::string WiringTexts::Dot(const Wiring& wiring) {
         text.append(edge.order == 0 ? " [style=dashed]" : " [label=\"" + std::to_string(edge.order) + "\"]");
         text.append(";\n");
     }
+    for (const WiringRule& rule : wiring.rules) {
+        text.append(DotRule(wiring, rule));
+    }
     return text + "}\n";
 }
 
@@ -211,9 +271,10 @@ void WiringTexts::AddJson(const Wiring& wiring, const WeekStrip& week, companion
     json.EndArray();
     AddEdges(wiring, false, "edges", json);
     AddEdges(wiring, true, "lost_edges", json);
-    json.Key("always_on").BeginArray();
-    for (const std::string& type : wiring.alwaysOn) {
-        json.String(type);
+    AddList(json, "always_on", wiring.alwaysOn);
+    json.Key("rules").BeginArray();
+    for (const WiringRule& rule : wiring.rules) {
+        AddRule(rule, json);
     }
     json.EndArray();
 }

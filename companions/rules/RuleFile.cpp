@@ -26,6 +26,7 @@ RuleFile::RuleFile(const ConfigFile& file) {
             continue;
         }
         rules.push_back(RuleReader(group, findings).Read());
+        places.push_back(group.place);
         if (!names.insert(rules.back().name).second) {
             findings.push_back({"HK8004", group.place, "there is a rule " + rules.back().name + " already"});
         }

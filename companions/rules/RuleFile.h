@@ -17,6 +17,8 @@ struct RuleFile {
 
     /** In the order of the file. */
     std::vector<Rule> rules;
+    /** Where each of them begins. */
+    std::vector<ConfigPlace> places;
     /** In the order of the file. */
     std::vector<RuleFinding> findings;
 };
