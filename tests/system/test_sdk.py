@@ -189,3 +189,13 @@ def test_halvekctl_tells_of_settings_that_are_no_files(ctl_of_small_camera: Path
 def test_the_book_lists_every_platform_header_that_the_daemon_includes() -> None:
     assert headers_of_the_daemon() <= headers_in_the_book()
     assert all((SOURCES / "platform" / header).is_file() for header in headers_in_the_book())
+
+
+def test_halvekctl_includes_of_the_platform_what_the_book_lists() -> None:
+    """But for the three files that another platform has its own of."""
+    folder = SOURCES / "companions/ctl"
+    replaced = {folder / name for name in ("CameraCheck.cpp", "Store.cpp", "model/RecordFile.cpp")}
+    assert {path.name for path in (folder / "sdk").glob("*.cpp")} == {path.name for path in replaced}
+    pattern = re.compile(r'^#include "((?:kelto|vassa|util)/[\w/]+\.h)"', re.MULTILINE)
+    files = {path for path in folder.rglob("*") if path.suffix in (".h", ".cpp")} - replaced
+    assert {header for path in files for header in pattern.findall(path.read_text())} <= headers_in_the_book()

@@ -1,9 +1,9 @@
 #include "companions/ctl/live/RestartLog.h"
 
+#include "companions/common/UniqueFd.h"
 #include "companions/ctl/Failure.h"
 #include "companions/ctl/live/Proc.h"
 #include "kelto/core/StringUtil.h"
-#include "kelto/osa/UniqueFd.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -49,8 +49,8 @@ void RestartLog::Add() {
     // The service's manager makes it; by hand nobody has.
     mkdir(path.substr(0, path.rfind('/')).c_str(), 0755);
     const std::string newPath = path + ".new";
-    const osa::UniqueFd file(open(newPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644));
-    if (!file.IsValid() || write(file.Get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+    const companion::UniqueFd file(open(newPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644));
+    if (!file.IsOpen() || write(file.Get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
         std::rename(newPath.c_str(), path.c_str()) != 0) {
         throw Failure("cannot write " + path + ": " + std::strerror(errno));
     }

@@ -1,9 +1,9 @@
 #include "companions/ctl/recording/Recording.h"
 
+#include "companions/common/ReadToEnd.h"
+#include "companions/common/UniqueFd.h"
 #include "companions/ctl/Failure.h"
 #include "kelto/core/StringUtil.h"
-#include "kelto/osa/ReadToEnd.h"
-#include "kelto/osa/UniqueFd.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -25,16 +25,16 @@ constexpr int64_t togetherMs = 500;
 constexpr std::array ownKeys = {"FormattedTime", "Timestamp", "eventType", "eventId"};
 
 std::string ReadFile(const std::string& path) {
-    const osa::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const companion::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
-    if (!file.IsValid() || fstat(file.Get(), &status) != 0) {
+    if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
         throw Failure("cannot read " + path + ": " + std::strerror(errno));
     }
     if (!S_ISREG(status.st_mode)) {
         throw Failure("cannot read " + path + ": it is no file");
     }
     std::string text;
-    if (const int error = osa::ReadToEnd(file.Get(), text, mostBytes); error != 0) {
+    if (const int error = companion::ReadToEnd(file.Get(), text, mostBytes); error != 0) {
         throw Failure("cannot read " + path + ": " + std::strerror(error));
     }
     return text;
