@@ -1,0 +1,139 @@
+#pragma once
+
+#include "companions/outbox/ItemHeader.h"
+#include "companions/outbox/Settings.h"
+#include "companions/outbox/SpoolFolder.h"
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <string>
+
+namespace kelto::halvek::outbox {
+
+/** There is no room for an item, and none can be made. */
+class QueueFull : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/** An item as the service knows it. */
+struct Item {
+    enum class State {
+        /** Accepted, but the one who brought it has not yet heard so. */
+        Unheard,
+        Queued,
+        Sending,
+        /** It was sent, and nobody knows whether it has arrived. */
+        Uncertain,
+    };
+
+    SpoolFolder::File file;
+    bool isOnFlash = false;
+    State state = State::Queued;
+    /** The target's name. */
+    std::string target;
+    /** Not to be tried before, by Uptime. */
+    int64_t notBefore = 0;
+    unsigned attempts = 0;
+    /** Whether this was its last try for certain. */
+    bool wasUncertain = false;
+    /** Recipients that have it, or never will. */
+    std::set<std::string> settledRecipients;
+    std::string lastError;
+
+    bool IsMail() const { return file.header.kind == ItemHeader::Kind::Mail; }
+};
+
+/**
+ * All items, in RAM and on flash, in the order in which they came. It keeps the bounds, and counts what becomes of each
+ * item under exactly one name. One thread at a time.
+ */
+class Queue {
+public:
+    enum class Fate { Delivered, Failed, Expired, Dropped, Uncertain };
+
+    struct Counts {
+        uint64_t delivered = 0;
+        uint64_t failed = 0;
+        uint64_t expired = 0;
+        uint64_t dropped = 0;
+        uint64_t uncertain = 0;
+    };
+
+    using Items = std::map<uint64_t, Item>;
+
+    /** The settings must outlive it; they may change. */
+    Queue(std::string ramFolder, std::string flashFolder, const Settings& current);
+
+    /** Takes over what is there from before. */
+    void Open();
+
+    /**
+     * Accepts an item that is not heard of yet. Others go if there is no room.
+     *
+     * @param size what the payload seems to have, in bytes
+     * @throws QueueFull
+     * @throws std::system_error if it can be written nowhere
+     */
+    Item& Accept(const ItemHeader& header, int payload, uint64_t size);
+
+    /** It ends under that name. */
+    void Finish(uint64_t id, Fate fate, const std::string& reason = {});
+    /** It was never accepted. */
+    void Forget(uint64_t id);
+
+    /** An item whose first try has failed, or will not be soon. It stays in RAM if it has to. */
+    void KeepSafe(Item& item);
+    /** Before an orderly end. */
+    void KeepAllSafe();
+
+    /** Ends those that are too old. Returns when the next one will be, by Uptime; INT64_MAX for none. */
+    int64_t ExpireOld();
+
+    Item* Find(uint64_t id);
+    Items& All() { return items; }
+    const Items& All() const { return items; }
+    const Counts& GetCounts() const { return counts; }
+    /** How many were accepted and have not ended. */
+    size_t Waiting() const;
+    uint64_t Bytes() const { return ramBytes + flashBytes; }
+    uint64_t FlashBytes() const { return flashBytes; }
+
+    companion::UniqueFd OpenPayload(const Item& item) const;
+
+private:
+    SpoolFolder& FolderOf(const Item& item) { return item.isOnFlash ? flash : ram; }
+    void Take(SpoolFolder& folder, bool isOnFlash);
+    void MakeRoom(uint64_t size);
+    bool DropOldest(bool onFlashOnly, uint64_t except);
+    bool MayWriteFlash(uint64_t size);
+    SpoolFolder::File WriteSomewhere(Item& item, uint64_t id, const ItemHeader& header, int payload);
+    bool MoveToFlash(Item& item, bool isBounded);
+    void Remove(Items::iterator item);
+    void ReadCounts();
+    void WriteCounts() const;
+    void TellFlashTrouble(const std::string& text);
+    int64_t AgeLeft(const Item& item, int64_t now) const;
+
+    // Constant after construction.
+    const Settings& settings;
+    SpoolFolder ram;
+    SpoolFolder flash;
+    std::string countsPath;
+    std::string boot;
+
+    bool hasFlash = false;
+    bool hasFlashTrouble = false;
+    Items items;
+    Counts counts;
+    uint64_t ramBytes = 0;
+    uint64_t flashBytes = 0;
+    uint64_t nextId = 1;
+    /** What was written to flash since then, by Uptime. */
+    int64_t dayBegin = 0;
+    uint64_t dayBytes = 0;
+};
+
+}  // namespace kelto::halvek::outbox

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "companions/outbox/Courier.h"
+#include "companions/outbox/TargetState.h"
+
+#include <map>
+#include <memory>
+#include <string>
+
+namespace kelto::halvek::outbox {
+
+/** What the service knows of a target. */
+struct TargetEntry {
+    TargetState state;
+    /** Where it is; mails go where the sender's identity says, so they have none. */
+    Server server;
+    bool makesFolders = false;
+    bool renames = true;
+    /** It has refused to rename once. */
+    bool hasRefusedRename = false;
+    /** Held by a person. */
+    bool isHeld = false;
+    std::unique_ptr<Courier> courier;
+};
+
+using Targets = std::map<std::string, TargetEntry>;
+
+}  // namespace kelto::halvek::outbox
