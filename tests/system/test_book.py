@@ -26,6 +26,8 @@ PAGES = (
     "halvekctl-checks.7",
     "halvek-rules.1",
     "halvek-mqtt.1",
+    "halvek-outbox.8",
+    "outbox.conf.5",
 )
 
 # Functions whose callers hand them a part of an exception's text: which argument, and what it becomes.

@@ -18,7 +18,11 @@ PACKAGING = ROOT / "packaging"
 DAEMON = Path(os.environ["HALVEK_DAEMON"])
 UNITS = {"halvek": "/usr/sbin/halvek", "kelto-vcam": "/usr/bin/kelto-vcam"}
 # Services beside the daemon: the packages bring users for them, and no folders.
-COMPANIONS = {"halvek-rules": "/usr/bin/halvek-rules", "kelto-vcam-page": "/usr/bin/kelto-vcam-page"}
+COMPANIONS = {
+    "halvek-outbox": "/usr/bin/halvek-outbox serve",
+    "halvek-rules": "/usr/bin/halvek-rules",
+    "kelto-vcam-page": "/usr/bin/kelto-vcam-page",
+}
 PROGRAMS = UNITS | COMPANIONS
 WORST_EXPOSURE = 20  # tenths
 
