@@ -154,8 +154,8 @@ std::string Answers::StatusText() const {
                 "\n";
     }
     text += "queued " + std::to_string(service.queue.Waiting()) + ", delivered " + std::to_string(counts.delivered) +
-            ", failed " + std::to_string(counts.failed) + ", expired " + std::to_string(counts.expired) +
-            ", dropped " + std::to_string(counts.dropped) + ", uncertain " + std::to_string(counts.uncertain) + "\n";
+            ", failed " + std::to_string(counts.failed) + ", expired " + std::to_string(counts.expired) + ", dropped " +
+            std::to_string(counts.dropped) + ", uncertain " + std::to_string(counts.uncertain) + "\n";
     return text + std::to_string(service.queue.Bytes()) + " bytes, " + std::to_string(service.queue.FlashBytes()) +
            " of them on flash\n";
 }
@@ -221,8 +221,8 @@ Answers::Reply Answers::Show(const std::string& argument) {
                        std::to_string(item->file.payloadSize) + "\nkept in   " + (item->isOnFlash ? "flash" : "RAM") +
                        "\nattempts  " + std::to_string(item->attempts) + "\n";
     text += item->IsMail() ? "from      " + Clean(header.sender) + "\nto        " + Clean(NameOf(*item)) + "\n"
-                           : "host      " + Clean(header.host) + "\nuser      " + Clean(header.user) +
-                                 "\nfile      " + Clean(header.remote) + "\n";
+                           : "host      " + Clean(header.host) + "\nuser      " + Clean(header.user) + "\nfile      " +
+                                 Clean(header.remote) + "\n";
     return {exitYes, text + (item->lastError.empty() ? "" : "error     " + Clean(item->lastError) + "\n")};
 }
 

@@ -301,8 +301,8 @@ bool Attempt::TakeReply(std::string_view line) {
 size_t Attempt::Read(char* buffer, size_t size, size_t count, void* self) {
     auto& attempt = *static_cast<Attempt*>(self);
     const size_t wanted = std::min<uint64_t>(size * count, attempt.order.size - attempt.position);
-    const ssize_t got = pread(attempt.order.file->Get(), buffer, wanted,
-                              static_cast<off_t>(attempt.order.offset + attempt.position));
+    const ssize_t got =
+        pread(attempt.order.file->Get(), buffer, wanted, static_cast<off_t>(attempt.order.offset + attempt.position));
     if (got < 0 || (got == 0 && wanted > 0)) {
         return CURL_READFUNC_ABORT;
     }

@@ -53,8 +53,7 @@ bool Connection::Receive() {
 uid_t Connection::Peer() const {
     ucred peer{};
     socklen_t size = sizeof(peer);
-    return getsockopt(connection.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.uid
-                                                                                    : static_cast<uid_t>(-1);
+    return getsockopt(connection.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.uid : static_cast<uid_t>(-1);
 }
 
 void Connection::Answer(std::string_view answer) {

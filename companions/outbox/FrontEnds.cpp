@@ -15,8 +15,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <stdexcept>
 

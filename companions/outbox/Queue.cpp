@@ -158,8 +158,8 @@ bool Queue::DropOldest(bool onFlashOnly, uint64_t except) {
     for (const bool isMail : {false, true}) {
         const auto found = std::find_if(items.begin(), items.end(), [&](const auto& entry) {
             const Item& item = entry.second;
-            return item.IsMail() == isMail && item.state != Item::State::Sending && item.state != Item::State::Unheard &&
-                   (item.isOnFlash || !onFlashOnly) && entry.first != except;
+            return item.IsMail() == isMail && item.state != Item::State::Sending &&
+                   item.state != Item::State::Unheard && (item.isOnFlash || !onFlashOnly) && entry.first != except;
         });
         if (found != items.end()) {
             Finish(found->first, Fate::Dropped, "there was no room for newer ones");

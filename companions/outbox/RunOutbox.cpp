@@ -54,8 +54,8 @@ struct Verb {
     size_t fewestWords;
     size_t mostWords;
 };
-constexpr Verb verbs[] = {{"list", 0, 0},    {"show", 1, 1},  {"status", 0, 0}, {"flush", 0, 1}, {"drop", 1, 1},
-                          {"hold", 0, 1},    {"release", 0, 1}, {"check", 0, 0},  {"trust", 1, 1}, {"serve", 0, 0}};
+constexpr Verb verbs[] = {{"list", 0, 0}, {"show", 1, 1},    {"status", 0, 0}, {"flush", 0, 1}, {"drop", 1, 1},
+                          {"hold", 0, 1}, {"release", 0, 1}, {"check", 0, 0},  {"trust", 1, 1}, {"serve", 0, 0}};
 
 struct CommandLine {
     bool isJson = false;

@@ -15,8 +15,8 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <systemd/sd-daemon.h>
 #include <sysexits.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -538,8 +538,8 @@ void Service::RetireIdle() {
             target.courier->Retire();
             retired.push_back(std::move(target.courier));
         }
-        const bool isKept = wanted.contains(name) || target.courier || target.isHeld ||
-                            target.state.GetKind() != TargetState::Kind::Ok;
+        const bool isKept =
+            wanted.contains(name) || target.courier || target.isHeld || target.state.GetKind() != TargetState::Kind::Ok;
         entry = isKept ? std::next(entry) : targets.erase(entry);
     }
     std::erase_if(retired, [](const auto& courier) { return courier->HasEnded(); });

@@ -82,7 +82,8 @@ private:
 
     static Problem ReadSize(uint64_t& size, const std::string& value) {
         const size_t unit = value.find_first_not_of("0123456789");
-        static const std::map<std::string, int64_t> units = {{"", 1}, {"K", 1 << 10U}, {"M", 1 << 20U}, {"G", 1 << 30U}};
+        static const std::map<std::string, int64_t> units = {
+            {"", 1}, {"K", 1 << 10U}, {"M", 1 << 20U}, {"G", 1 << 30U}};
         const auto factor = units.find(unit == std::string::npos ? "" : value.substr(unit));
         const auto number = FieldText::Number(value.substr(0, unit), INT32_MAX);
         if (factor == units.end() || !number || *number == 0) {
@@ -94,8 +95,8 @@ private:
 
     static Problem ReadAge(int64_t& milliseconds, const std::string& value) {
         const size_t unit = value.find_first_not_of("0123456789");
-        static const std::map<std::string, int64_t> units = {{"", 1},      {"s", 1},       {"m", 60},
-                                                             {"min", 60},  {"h", 3'600},   {"d", 86'400}};
+        static const std::map<std::string, int64_t> units = {{"", 1},     {"s", 1},     {"m", 60},
+                                                             {"min", 60}, {"h", 3'600}, {"d", 86'400}};
         const auto factor = units.find(unit == std::string::npos ? "" : value.substr(unit));
         const auto number = FieldText::Number(value.substr(0, unit), INT32_MAX);
         if (factor == units.end() || !number || *number == 0) {
