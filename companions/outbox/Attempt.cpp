@@ -27,6 +27,7 @@ constexpr long stalledRate = 100;
 constexpr std::array<std::string_view, 25> commands = {
     "USER", "PASS", "ACCT", "AUTH", "PBSZ", "PROT", "PWD",  "CWD",  "MKD",      "TYPE", "EPSV", "PASV", "STOR",
     "SIZE", "RNFR", "RNTO", "DELE", "EHLO", "HELO", "MAIL", "RCPT", "STARTTLS", "DATA", "EPRT", "PORT"};
+constexpr std::string_view farewell = "QUIT";
 constexpr std::string_view mailText = ".";
 constexpr int startMail = 354;
 constexpr int sizeTold = 213;
@@ -263,12 +264,14 @@ void Attempt::Add(List& list, const std::string& line) {
 
 void Attempt::TakeCommand(std::string_view line) {
     const std::string_view word = line.substr(0, std::min(line.find_first_of(" \r\n"), line.size()));
-    evidence.reply = 0;
-    evidence.replyText.clear();
+    // What is said to the farewell is said of nothing.
+    isLeaving = word == farewell;
     if (std::find(commands.begin(), commands.end(), word) == commands.end()) {
         return;
     }
     evidence.command = word;
+    evidence.reply = 0;
+    evidence.replyText.clear();
     if (word == "RCPT" && evidence.recipients.size() < order.recipients.size()) {
         evidence.recipients.push_back({order.recipients[evidence.recipients.size()], 0, {}});
     }
@@ -278,7 +281,7 @@ bool Attempt::TakeReply(std::string_view line) {
     const std::string_view text = WithoutLineEnd(line);
     const auto code = FieldText::Number(text.substr(0, 3), 599);
     // The others are lines of an answer that goes on.
-    if (text.size() < 3 || !code || (text.size() > 3 && text[3] != ' ')) {
+    if (isLeaving || text.size() < 3 || !code || (text.size() > 3 && text[3] != ' ')) {
         return true;
     }
     evidence.reply = static_cast<int>(*code);

@@ -53,6 +53,7 @@ private:
     const std::atomic<bool>& cancelled;
     Evidence evidence;
     uint64_t position = 0;
+    bool isLeaving = false;
     List before{nullptr, curl_slist_free_all};
     List after{nullptr, curl_slist_free_all};
     List addresses{nullptr, curl_slist_free_all};

@@ -56,7 +56,7 @@ def test_a_picture_of_the_daemon_is_delivered(running: None, ftp: FtpServer):
     post("Door")
     wait_until(lambda: (ftp.folder / "shot.jpg").exists(), "the picture arrives")
     assert ftp.content("/shot.jpg") == b"picture"
-    assert processes_of(NAME) == ["/usr/bin/halvek-outbox"]
+    assert processes_of(NAME) == ["/usr/bin/halvek-outbox serve"]
 
 
 def test_a_picture_survives_an_outage_and_a_restart(running: None, ftp: FtpServer):

@@ -241,7 +241,7 @@ def owner_after_boot(root: Path, **lines: str) -> tuple[int, int, tuple[int, int
     installed = root / "usr/lib/tmpfiles.d"
     installed.mkdir(parents=True)
     renamed = re.findall(
-        r"install\(FILES (\S+\.tmpfiles) .* RENAME (\S+)\)", (PACKAGING / "CMakeLists.txt").read_text()
+        r"install\(FILES (\S+\.tmpfiles) COMPONENT daemon .* RENAME (\S+)\)", (PACKAGING / "CMakeLists.txt").read_text()
     )
     own = {"halvek.conf": "halvek.tmpfiles"} | {name: file for file, name in renamed if "$" not in name}
     assert len(own) == 2
