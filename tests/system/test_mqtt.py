@@ -149,6 +149,7 @@ def test_it_ends_at_once_without_a_broker(start_bridge, number):
 
 def test_the_broker_says_that_it_is_gone_when_it_is_killed(bridge, subscriber):
     bridge.process.kill()
+    bridge.wait_for_exit()
     subscriber.wait_for_message(f"{BASE}/status", "offline")
 
 
