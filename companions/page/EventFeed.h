@@ -36,10 +36,10 @@ public:
 
 private:
     struct Unref {
-        void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
+        void operator()(sd_event_source* added) const { sd_event_source_disable_unref(added); }
     };
 
-    static int OnReadable(sd_event_source* source, int descriptor, uint32_t events, void* self);
+    static int OnReadable(sd_event_source*, int descriptor, uint32_t events, void* self);
     void Read();
     void AwaitEnd();
 

@@ -25,10 +25,10 @@ using vcam::Failure;
 constexpr unsigned patience = 25;
 constexpr uint64_t commentInterval = 10'000'000;  // microseconds
 constexpr unsigned mostConnections = 128;
-constexpr size_t streamBlock = 16 * 1024;
+constexpr size_t streamBlock = 16'384;
 // A body that is refused is read to its end all the same, as far as this: a browser whose connection is cut while it
 // still sends does not read the refusal.
-constexpr size_t mostReceived = 1024 * 1024;
+constexpr size_t mostReceived = 1'048'576;
 
 constexpr const char* policy =
     "default-src 'none'; img-src 'self'; script-src 'self'; style-src 'self'; connect-src 'self'; frame-ancestors "

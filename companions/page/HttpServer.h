@@ -83,10 +83,10 @@ private:
     friend class HttpExchange;
     struct Stream;
     struct StopDaemon {
-        void operator()(MHD_Daemon* daemon) const { MHD_stop_daemon(daemon); }
+        void operator()(MHD_Daemon* started) const { MHD_stop_daemon(started); }
     };
     struct Unref {
-        void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
+        void operator()(sd_event_source* added) const { sd_event_source_disable_unref(added); }
     };
 
     static MHD_Result OnRequest(void* self, MHD_Connection* connection, const char* url, const char* method,
@@ -94,7 +94,7 @@ private:
     static void OnCompleted(void* self, MHD_Connection* connection, void** state, MHD_RequestTerminationCode code);
     static ssize_t OnRead(void* stream, uint64_t position, char* buffer, size_t size);
     static void OnStreamEnd(void* stream);
-    static int OnReady(sd_event_source* source, int descriptor, uint32_t events, void* self);
+    static int OnReady(sd_event_source*, int descriptor, uint32_t events, void* self);
 
     MHD_Result Take(HttpExchange& exchange, const char* data, size_t* size);
     MHD_Result Proceed(HttpExchangePtr& exchange);

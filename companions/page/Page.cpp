@@ -53,7 +53,7 @@ std::string ListOf(const std::deque<std::string>& items) {
 
 void WritePlaces(Json& json) {
     json.Key("presets").BeginArray();
-    for (int preset = 1; preset <= 10; ++preset) {
+    for (int64_t preset = 1; preset <= 10; ++preset) {
         json.BeginObject().Key("id").String(std::to_string(preset)).Key("position").Number(preset * 10).EndObject();
     }
     json.EndArray().Key("tours").BeginArray();

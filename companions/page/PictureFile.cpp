@@ -17,7 +17,7 @@ namespace {
 
 using companion::UniqueFd;
 
-constexpr off_t largest = 16 * 1024 * 1024;
+constexpr off_t largest = 16'777'216;
 
 std::string TagOf(const struct stat& status) {
     std::array<char, 80> text{};

@@ -38,7 +38,8 @@ bool ReadHead(sd_bus_message* answer, CameraView& view) {
     while (sd_bus_message_read(answer, "i", &preset) > 0) {
         view.route.push_back(preset);
     }
-    return sd_bus_message_exit_container(answer) >= 0 && sd_bus_message_exit_container(answer) >= 0;
+    const int result = sd_bus_message_exit_container(answer);
+    return result >= 0 && sd_bus_message_exit_container(answer) >= 0;
 }
 
 bool ReadRecording(sd_bus_message* answer, CameraView& view) {
