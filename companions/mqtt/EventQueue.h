@@ -30,7 +30,7 @@ public:
     using Milliseconds = std::chrono::milliseconds;
 
     /** In bytes of types, keys and values. */
-    static constexpr size_t mostBytes = 256 * 1024;
+    static constexpr size_t mostBytes = size_t{256} * 1024;
     /** Types that were seen are remembered for the description of the camera, up to so many. */
     static constexpr size_t mostTypes = 64;
 
