@@ -163,6 +163,8 @@ def test_without_a_daemon_posts_are_dropped_with_one_record_an_episode(daemon, h
                 pipe.write(block("A", x=number))
     service.log.wait_for("events are dropped: nobody reads ")
     service.wait_until_read()
+    # It hears a signal when it has done with what it has read.
+    service.reload(ECHO, "the rules are read anew")
     with open(DEFAULT_INPUT, "r+b", buffering=0) as reader:
         os.set_blocking(reader.fileno(), False)
         with open(PIPE, "w") as pipe:
