@@ -15,4 +15,8 @@ bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
     return true;
 }
 
+bool StaysFalse(const std::function<bool()>& condition, std::chrono::milliseconds time) {
+    return !WaitUntil(condition, time);
+}
+
 }  // namespace kelto::test

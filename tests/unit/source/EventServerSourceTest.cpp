@@ -496,7 +496,7 @@ TEST_F(EventServerSourceTest, AttachingUnderAnIdWaitsForADeliveryInProgress) {
         source.AddHandler(&late, "A");
         attached = true;
     });
-    EXPECT_FALSE(test::WaitUntil([&] { return attached.load(); }, 100ms));
+    EXPECT_TRUE(test::StaysFalse([&] { return attached.load(); }, 100ms));
     release.set_value();
     wiring.join();
     source.StopListening();

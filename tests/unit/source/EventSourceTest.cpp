@@ -151,7 +151,7 @@ TEST_F(EventSourceTest, AttachingWaitsForADeliveryInProgress) {
         source.AddHandler(&second);
         attached = true;
     });
-    EXPECT_FALSE(test::WaitUntil([&] { return attached.load(); }, longEnoughToHappen));
+    EXPECT_TRUE(test::StaysFalse([&] { return attached.load(); }, longEnoughToHappen));
     release.set_value();
     delivery.join();
     wiring.join();

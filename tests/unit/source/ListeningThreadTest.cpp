@@ -43,7 +43,7 @@ TEST(ListeningThread, StartingWaitsUntilTheBodyHasOpenedTheLatch) {
         thread.Start("body", body);
         started = true;
     });
-    EXPECT_FALSE(test::WaitUntil([&] { return started.load(); }, longEnoughToHappen));
+    EXPECT_TRUE(test::StaysFalse([&] { return started.load(); }, longEnoughToHappen));
     ready.set_value();
     EXPECT_TRUE(test::WaitUntil([&] { return started.load(); }));
     starter.join();
