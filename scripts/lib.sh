@@ -174,7 +174,7 @@ test_presets() {
         case $preset in
             boot | torture) "test_$preset" ;;
             lint) test_command lint "$sourceFolder/scripts/lint" --quick ;;
-            fuzz) test_command fuzz "$sourceFolder/scripts/fuzz" ;;
+            fuzz) test_command fuzz "$sourceFolder/scripts/fuzz" --daemon ;;
             *)
                 wait_for_build_ahead
                 build_preset "$preset"

@@ -12,8 +12,9 @@ from testing.users import HAS_USERS
 
 
 # What a build may be, as tests/system/CMakeLists.txt names it in HALVEK_BUILD: "debug" is every type but Release, and
-# "emulator" stands for another processor. "one user" is no build: an ordinary user has no others to try anything as.
-KINDS = {"debug", "sanitizer", "thread sanitizer", "emulator", "one user"}
+# "emulator" stands for another processor. Two are no builds: "one user", since an ordinary user has no others to try
+# anything as, and "suite", which is everything that is not run with HALVEK_TEST_BY_HAND=1.
+KINDS = {"debug", "sanitizer", "thread sanitizer", "emulator", "one user", "suite"}
 
 
 def pytest_configure() -> None:
@@ -33,6 +34,7 @@ def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item
     build = set(filter(None, os.environ.get("HALVEK_BUILD", "").split(",")))
     assert build <= KINDS
     build |= set() if HAS_USERS else {"one user"}
+    build |= set() if os.environ.get("HALVEK_TEST_BY_HAND") else {"suite"}
     left_out = [item for item in items if is_left_out(item, build)]
     config.hook.pytest_deselected(items=left_out)
     items[:] = [item for item in items if item not in left_out]

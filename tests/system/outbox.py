@@ -114,8 +114,8 @@ class Outbox:
         assert before and len(number) == 16, result
         return number
 
-    def wait_for(self, **counts: int) -> None:
-        wait_until(lambda: counts.items() <= self.counts().items(), f"{counts}, log: {self.log.read_text()}")
+    def wait_for(self, patience: float = PATIENCE, **counts: int) -> None:
+        wait_until(lambda: counts.items() <= self.counts().items(), f"{counts}, log: {self.log.read_text()}", patience)
 
     def item(self, number: str) -> dict:
         return self.answer("show", number)["item"]

@@ -30,8 +30,10 @@ HOSTILE = "a\x1b]0;x\x07\x9b2J\x7f"
 
 class Watcher:
     def __init__(self, *words: str, **options) -> None:
+        streams = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE}
+        # A process group of its own, as a shell gives it one: no other stops at SIGTSTP where nobody has a terminal.
         self.process = subprocess.Popen(
-            [PROGRAM, *words], **{"env": environment(), "stdout": subprocess.PIPE, "stderr": subprocess.PIPE} | options
+            [PROGRAM, *words], **{"env": environment(), "process_group": 0} | streams | options
         )
         self.first_line = self.process.stderr.readline().decode()
         found = re.fullmatch(r"halvekctl: reading (\S+)\n", self.first_line)

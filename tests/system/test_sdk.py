@@ -161,6 +161,7 @@ def test_what_needs_a_service_that_the_small_camera_lacks_is_skipped(
     assert len(daemon.log.matching("TimerEventSource started")) == 1
 
 
+@pytest.mark.not_under("suite", reason="more is compiled for it than for all other tests together")
 def test_halvekctl_tells_of_settings_that_are_no_files(ctl_of_small_camera: Path, tmp_path: Path) -> None:
     """By group and key: what such a camera's settings come from has no lines."""
     store = tmp_path / "settings.ini"

@@ -27,14 +27,18 @@ bool GetsLogger(const std::string& name, size_t goodAllocations) {
 
 // So many loggers that room for them has to be made several times. A sanitizer tells of what is lost by itself.
 TEST(LoggerMemory, ALoggerForWhichThereIsNoRoomLeavesNothingBehind) {
+    constexpr size_t repetitions = 100;
+    // What is given back may stay with the thread for a while, and counts as used; what is lost is more, each time.
+    constexpr size_t kept = repetitions * 16;
     size_t failures = 0;
     for (int number = 0; number < 64; ++number) {
         const std::string name = "a logger whose name needs memory " + std::to_string(number);
         for (size_t goodAllocations = 0; !GetsLogger(name, goodAllocations); ++goodAllocations) {
-            // What has been given back once stays with the thread, and counts as used.
             const size_t used = UsedMemory();
-            EXPECT_FALSE(GetsLogger(name, goodAllocations));
-            EXPECT_EQ(UsedMemory(), used) << number << ", " << goodAllocations;
+            for (size_t repetition = 0; repetition < repetitions; ++repetition) {
+                EXPECT_FALSE(GetsLogger(name, goodAllocations));
+            }
+            EXPECT_LT(UsedMemory(), used + kept) << number << ", " << goodAllocations;
             ++failures;
         }
     }
