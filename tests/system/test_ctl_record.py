@@ -26,9 +26,7 @@ def record() -> Iterator[Callable[..., subprocess.Popen]]:
     def start(*words: object, **options) -> subprocess.Popen:
         command = [PROGRAM, "record", *map(str, words)]
         # A process group of its own, as a shell gives it one: no other stops at SIGTSTP where nobody has a terminal.
-        started.append(
-            subprocess.Popen(command, env=environment(), stderr=subprocess.PIPE, process_group=0, **options)
-        )
+        started.append(subprocess.Popen(command, env=environment(), stderr=subprocess.PIPE, process_group=0, **options))
         assert b"reading" in started[-1].stderr.readline()
         return started[-1]
 
