@@ -3,6 +3,7 @@
 import fcntl
 import os
 import re
+import shutil
 import subprocess
 from collections.abc import Callable
 from pathlib import Path
@@ -47,6 +48,15 @@ def full_pipe():
 def test_without_a_daemon_it_is_3():
     done = ctl("status")
     assert (done.returncode, done.stdout) == (3, b"") and b"there is no daemon" in done.stderr
+
+
+@pytest.mark.not_under("one user", reason="there is nobody else")
+def test_one_that_has_ended_is_no_daemon(tmp_path):
+    program = shutil.copy("/bin/true", tmp_path / "halvek")
+    with subprocess.Popen([program]) as ended:
+        wait_until(lambda: Path(f"/proc/{ended.pid}/cmdline").read_bytes() == b"", "the end of a process")
+        done = ctl("status", preexec_fn=become(NOBODY), cwd="/")
+    assert (done.returncode, done.stdout) == (3, b""), done
 
 
 def test_a_word_is_2():
@@ -114,6 +124,7 @@ def test_an_event_pipe_that_nothing_reads_any_more_shows_in_what_waits(launch):
     assert "nothing listens" in answer("status") and "9 bytes waiting" in answer("status")
 
 
+@pytest.mark.not_under("one user", reason="whether others read a pipe is not shown to him")
 def test_output_pipes_stand_in_byte_order_with_their_readers_and_what_waits(launch, full_pipe, output_pipe):
     launch(SETTINGS)
     for name in ("b.Timer", "B.Timer"):

@@ -66,13 +66,18 @@ private:
     bool isPipesOwner = false;
 };
 
+/** One that has ended, and for whose status nobody has asked yet, still has its name, but no command line. */
+bool HasEnded(int pid) {
+    return Proc::Read(Proc::Path(pid, "cmdline")).value_or("").empty();
+}
+
 int FindPid() {
     if (const std::optional<RunningDaemon> known = RunningDaemon::Find()) {
         return known->pid;
     }
     std::optional<Candidate> best;
     for (const int pid : Proc::Processes()) {
-        if (Proc::Name(pid) == daemonName && !Proc::Names(Proc::Path(pid, "fd"))) {
+        if (Proc::Name(pid) == daemonName && !Proc::Names(Proc::Path(pid, "fd")) && !HasEnded(pid)) {
             const Candidate candidate(pid);
             if (!best || candidate.IsBetterThan(*best)) {
                 best = candidate;
