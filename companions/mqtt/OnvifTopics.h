@@ -10,8 +10,8 @@
 namespace kelto::halvek::mqtt {
 
 /**
- * The same events once more, with the topics and payloads of the ONVIF Core specification for MQTT: properties, such as
- * the state of an alarm input, are kept by the broker, and all else is not. A plain value.
+ * The same events once more, with the topics and payloads that ONVIF has for MQTT: properties, such as the state of an
+ * alarm input, are kept by the broker, and all else is not. A plain value.
  */
 class OnvifTopics {
 public:
