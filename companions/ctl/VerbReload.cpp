@@ -124,11 +124,12 @@ private:
         while (true) {
             ReadRecords(0);
             const Verdict verdict = IsRefusedByRecord() ? Verdict::Refused : evidence.Look();
-            if (verdict != Verdict::NotYet) {
-                return verdict;
-            }
+            // First: one that ends changes as much as one that takes new settings.
             if (evidence.HasEnded()) {
                 throw Failure("the daemon has ended");
+            }
+            if (verdict != Verdict::NotYet) {
+                return verdict;
             }
             if (Clock::now() > deadline) {
                 throw Failure("the daemon has not said in time whether it took the settings");
