@@ -1,19 +1,15 @@
 #include "companions/ctl/Expectations.h"
 
-#include "companions/common/ReadToEnd.h"
-#include "companions/common/UniqueFd.h"
 #include "companions/ctl/Failure.h"
 #include "companions/ctl/HandlerName.h"
 #include "companions/ctl/LocalTime.h"
+#include "companions/ctl/PlainFile.h"
 #include "kelto/core/StringUtil.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <cstring>
 #include <string_view>
 
@@ -23,22 +19,6 @@ namespace {
 
 constexpr size_t mostBytes = size_t{1} << 20U;
 constexpr const char* arrow = "=>";
-
-std::string ReadText(const std::string& path) {
-    const companion::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat status {};
-    if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
-        throw Failure("cannot read " + path + ": " + std::strerror(errno));
-    }
-    if (!S_ISREG(status.st_mode)) {
-        throw Failure("cannot read " + path + ": it is no file");
-    }
-    std::string text;
-    if (const int error = companion::ReadToEnd(file.Get(), text, mostBytes); error != 0) {
-        throw Failure("cannot read " + path + ": " + std::strerror(error));
-    }
-    return text;
-}
 
 std::vector<std::string> WordsOf(std::string_view line) {
     std::vector<std::string> words;
@@ -111,7 +91,7 @@ EventQuestion ParseEvent(const std::vector<std::string>& words, int64_t time) {
 std::vector<Expectation> Expectation::ReadAll(const std::string& path, int64_t defaultTime) {
     std::vector<Expectation> expectations;
     unsigned number = 0;
-    for (const std::string& line : core::StringUtil::Split(ReadText(path), '\n')) {
+    for (const std::string& line : core::StringUtil::Split(ReadPlainFile(path, mostBytes), '\n')) {
         ++number;
         const std::vector<std::string> words = WordsOf(line);
         if (words.empty() || words.front().front() == '#' || words.front().front() == ';') {

@@ -1,18 +1,11 @@
 #include "companions/ctl/recording/Recording.h"
 
-#include "companions/common/ReadToEnd.h"
-#include "companions/common/UniqueFd.h"
 #include "companions/ctl/Failure.h"
+#include "companions/ctl/PlainFile.h"
 #include "kelto/core/StringUtil.h"
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
 
 namespace kelto::halvek::ctl {
 
@@ -23,22 +16,6 @@ constexpr size_t mostBytes = size_t{2048} << 20U;
 constexpr int64_t togetherMs = 500;
 /** What the daemon adds to an event by itself. */
 constexpr std::array ownKeys = {"FormattedTime", "Timestamp", "eventType", "eventId"};
-
-std::string ReadFile(const std::string& path) {
-    const companion::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat status {};
-    if (!file.IsOpen() || fstat(file.Get(), &status) != 0) {
-        throw Failure("cannot read " + path + ": " + std::strerror(errno));
-    }
-    if (!S_ISREG(status.st_mode)) {
-        throw Failure("cannot read " + path + ": it is no file");
-    }
-    std::string text;
-    if (const int error = companion::ReadToEnd(file.Get(), text, mostBytes); error != 0) {
-        throw Failure("cannot read " + path + ": " + std::strerror(error));
-    }
-    return text;
-}
 
 /** An alarm that two sources were set up for comes twice. */
 bool IsRepeated(const std::vector<RecordedInput>& inputs, const RecordedInput& input) {
@@ -76,7 +53,8 @@ void Take(RecordedInput input, Recording& recording) {
 Recording Recording::Read(const std::string& path) {
     Recording recording;
     const std::string older = path + ".1";
-    const std::string text = (access(older.c_str(), F_OK) == 0 ? ReadFile(older) : "") + ReadFile(path);
+    const std::string text =
+        (access(older.c_str(), F_OK) == 0 ? ReadPlainFile(older, mostBytes) : "") + ReadPlainFile(path, mostBytes);
     for (const std::string& line : core::StringUtil::Split(text, '\n')) {
         if (std::optional<RecordedInput> input = RecordedInput::Parse(line)) {
             Take(std::move(*input), recording);
