@@ -204,6 +204,7 @@ def test_ctrl_z_at_a_terminal_stops_what_is_shown_and_not_the_reading(launch):
     # A job of its own, as an interactive shell makes them: the terminal stops nobody whose session it leads.
     job = f"import os,sys\npid = os.posix_spawn({PROGRAM!r}, ['halvekctl', 'watch'], os.environ, setpgroup=0)\n"
     job += "import signal; signal.signal(signal.SIGTTOU, signal.SIG_IGN); os.tcsetpgrp(0, pid)\n"
+    job += "print('in front', flush=True)\n"
     job += "print('stopped', os.WIFSTOPPED(os.waitpid(pid, os.WUNTRACED)[1]), flush=True)\nsignal.pause()\n"
     pid, terminal = pty.fork()
     if pid == 0:
@@ -211,6 +212,7 @@ def test_ctrl_z_at_a_terminal_stops_what_is_shown_and_not_the_reading(launch):
     try:
         screen = Lines(os.dup(terminal), "terminal")
         screen.wait_for("reading ")
+        screen.wait_for("in front")
         os.write(terminal, b"\x1a")
         screen.wait_for("stopped True")
         flood(MANY)
