@@ -77,7 +77,7 @@ constexpr std::array catalogue = {
                    nullptr},
     CatalogueEntry{"HK1020", note, "key overridden by a later file",
                    "Files are read in byte order of their names, and a later one wins key by key. This value does not "
-                   "hold.",
+                   "hold. Files that agree on a value are in order.",
                    nullptr},
     CatalogueEntry{"HK1021", note, "file that the store ignores",
                    "Of a folder the store reads the files whose names end in .ini, in lower case, and begin with no "

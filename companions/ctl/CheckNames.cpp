@@ -253,11 +253,14 @@ void CheckKeyNames(Examination& examination, const Line& line) {
     }
 }
 
-/** Above the last line that sets a key stand those that do not hold. */
+/** Above the last line that sets a key stand those that do not hold, unless files agree. */
 void CheckOverridden(Examination& examination, const Line& line) {
     const StorePositions& positions = examination.positions;
     const Line& holding = *positions.Entries(line.group, line.key).back();
     if (&holding == &line) {
+        return;
+    }
+    if (holding.file != line.file && holding.value == line.value) {
         return;
     }
     if (holding.file != line.file) {

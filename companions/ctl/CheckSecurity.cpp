@@ -37,7 +37,7 @@ bool LogsSettings(const Examination& examination) {
     return level.value_or(core::LogLevel::Information) <= core::LogLevel::Information;
 }
 
-void CheckPassword(Examination& examination, const Line& line, bool& levelIsTold) {
+void CheckPassword(Examination& examination, const Line& line) {
     const auto report = [&](const char* id, const std::string& text) {
         examination.AtLine(id, line, text).position = examination.positions.ValuePosition(line);
     };
@@ -45,11 +45,10 @@ void CheckPassword(Examination& examination, const Line& line, bool& levelIsTold
     if (IsReadableByAll(examination.positions.FileName(line.file))) {
         report("HK6002", "everybody on the camera may read this file, and the password in it");
     }
-    if (LogsSettings(examination) && !levelIsTold) {
+    if (LogsSettings(examination)) {
         report("HK6003",
                "the password is logged at every configuration; LogLevel=Warning in [Applications/halvek] "
                "keeps it out");
-        levelIsTold = true;
     }
 }
 
@@ -99,13 +98,12 @@ void CheckSecret(Examination& examination, const Line& line) {
 }  // namespace
 
 void CheckSecurity(Examination& examination) {
-    bool levelIsTold = false;
     for (const Line& line : examination.positions.AllLines()) {
         if (line.kind != StorePositions::Kind::Entry) {
             continue;
         }
         if (IsUploadsPassword(line) && !line.value.empty()) {
-            CheckPassword(examination, line, levelIsTold);
+            CheckPassword(examination, line);
         }
         CheckSecret(examination, line);
         if (IsText(line)) {

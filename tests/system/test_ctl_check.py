@@ -3,6 +3,7 @@
 import json
 import os
 import re
+import shutil
 import subprocess
 from pathlib import Path
 
@@ -164,6 +165,15 @@ def test_the_examples_are_clean() -> None:
     for path in [*sorted((ROOT / "examples").glob("*.ini")), ROOT / "packaging/settings.ini"]:
         answer = run("check", "--fail-on", "note", path)
         assert (answer.returncode, answer.stdout) == (0, b""), path
+
+
+def test_recipes_can_stand_side_by_side_in_one_folder(tmp_path: Path) -> None:
+    """Whatever two of them say alike, and each of the passwords, is in order as it is in each of them alone."""
+    for path in (ROOT / "examples").glob("*.ini"):
+        if path.name != "demo.ini":
+            shutil.copy(path, tmp_path)
+    answer = run("check", "--fail-on", "note", tmp_path)
+    assert (answer.returncode, answer.stdout) == (0, b"")
 
 
 def test_of_a_folder_the_files_are_read_as_the_store_reads_them(tmp_path: Path) -> None:
