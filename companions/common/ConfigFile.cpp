@@ -1,14 +1,13 @@
 #include "companions/common/ConfigFile.h"
 
+#include "companions/common/ReadToEnd.h"
 #include "companions/common/UniqueFd.h"
 #include "companions/common/Utf8.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <system_error>
 #include <utility>
@@ -75,18 +74,10 @@ std::string ConfigFile::ReadText(const std::string& path) {
         Fail(S_ISDIR(status.st_mode) ? EISDIR : EINVAL, path);
     }
     std::string text;
-    std::array<char, 4096> piece{};
-    while (text.size() <= largestFile) {
-        const ssize_t length = read(file.Get(), piece.data(), piece.size());
-        if (length == 0) {
-            return text;
-        }
-        if (length < 0 && errno != EINTR) {
-            Fail(errno, path);
-        }
-        text.append(piece.data(), static_cast<size_t>(std::max<ssize_t>(length, 0)));
+    if (const int error = ReadToEnd(file.Get(), text, largestFile); error != 0) {
+        Fail(error, path);
     }
-    Fail(EFBIG, path);
+    return text;
 }
 
 ConfigFile::ConfigFile(std::string filePath, std::string_view text) : path(std::move(filePath)) {
