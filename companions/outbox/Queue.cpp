@@ -11,8 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fstream>
-#include <sstream>
+#include <set>
 #include <system_error>
 #include <utility>
 
@@ -23,7 +22,8 @@ using companion::ClockState;
 namespace {
 
 constexpr size_t mostItems = 500;
-constexpr int64_t day = 24 * 3'600'000;
+/** A number above it was made up by somebody else. */
+constexpr uint64_t highestUsed = INT64_MAX;
 
 std::string ThisBoot() {
     try {
@@ -40,50 +40,17 @@ uint64_t RandomStart() {
     return (uint64_t{random} << 24U) + 1;
 }
 
-const char* WordOf(Queue::Fate fate) {
-    switch (fate) {
-        case Queue::Fate::Delivered:
-            return "delivered";
-        case Queue::Fate::Failed:
-            return "failed";
-        case Queue::Fate::Expired:
-            return "expired";
-        case Queue::Fate::Dropped:
-            return "dropped";
-        case Queue::Fate::Uncertain:
-            return "uncertain";
-    }
-    return "";
-}
-
-uint64_t& CountOf(Queue::Counts& counts, Queue::Fate fate) {
-    switch (fate) {
-        case Queue::Fate::Delivered:
-            return counts.delivered;
-        case Queue::Fate::Failed:
-            return counts.failed;
-        case Queue::Fate::Expired:
-            return counts.expired;
-        case Queue::Fate::Uncertain:
-            return counts.uncertain;
-        default:
-            return counts.dropped;
-    }
-}
-
-constexpr Queue::Fate fates[] = {Queue::Fate::Delivered, Queue::Fate::Failed, Queue::Fate::Expired,
-                                 Queue::Fate::Dropped, Queue::Fate::Uncertain};
-
 }  // namespace
 
 Queue::Queue(std::string ramFolder, std::string flashFolder, const Settings& current)
     : settings(current),
       ram(ramFolder, SpoolFolder::Medium::Ram),
       flash(std::move(flashFolder), SpoolFolder::Medium::Flash),
-      countsPath(ramFolder + "/counts"),
-      boot(ThisBoot()) {}
+      boot(ThisBoot()),
+      ledger(ramFolder + "/counts") {}
 
 void Queue::Open() {
+    ledger.Open();
     Take(ram, false);
     try {
         Take(flash, true);
@@ -91,18 +58,26 @@ void Queue::Open() {
     } catch (const std::system_error& failure) {
         TellFlashTrouble(failure.what());
     }
-    const uint64_t highest = std::max(ram.HighestId(), flash.HighestId());
-    nextId = highest == 0 ? RandomStart() : highest + 1;
-    ReadCounts();
+    const uint64_t highest = std::max({ram.HighestId(), flash.HighestId(), ledger.HighestId()});
+    nextId = highest == 0 || highest > highestUsed ? RandomStart() : highest + 1;
+    for (const uint64_t id : std::set(ledger.Ended())) {
+        if (RemoveFiles(id)) {
+            ledger.Gone(id);
+        }
+    }
 }
 
 void Queue::Take(SpoolFolder& folder, bool isOnFlash) {
     SpoolFolder::Found found = folder.Open();
     for (const std::string& name : found.damaged) {
         Log::Error("Damaged, and set aside in " + folder.Path() + "/bad: " + name);
+        CountDamaged(folder, name);
     }
     for (SpoolFolder::File& file : found.files) {
         const uint64_t id = file.id;
+        if (ledger.HasEnded(id)) {
+            continue;
+        }
         if (items.contains(id)) {
             // A copy that was just being made when the service ended.
             ram.Remove(id);
@@ -114,6 +89,17 @@ void Queue::Take(SpoolFolder& folder, bool isOnFlash) {
         item.file = std::move(file);
         item.isOnFlash = isOnFlash;
         items.emplace(id, std::move(item));
+    }
+}
+
+/** Once: one that cannot be moved is found again. */
+void Queue::CountDamaged(SpoolFolder& folder, const std::string& name) {
+    const std::optional<uint64_t> id = SpoolFolder::IdOf(name);
+    if (id && !ledger.HasEnded(*id)) {
+        ledger.Enter(*id, Fate::Dropped);
+        if (folder.Remove(*id)) {
+            ledger.Gone(*id);
+        }
     }
 }
 
@@ -134,10 +120,17 @@ Item& Queue::Accept(const ItemHeader& header, int payload, uint64_t size) {
     stamped.boot = boot;
     stamped.uptimeMs = Uptime();
     MakeRoom(size);
+    while (items.contains(nextId)) {
+        ++nextId;
+    }
     const uint64_t id = nextId++;
     Item item;
     item.state = Item::State::Unheard;
-    item.file = WriteSomewhere(item, id, stamped, payload);
+    try {
+        item.file = WriteSomewhere(item, id, stamped, payload);
+    } catch (const std::length_error& failure) {
+        throw QueueFull(failure.what());
+    }
     (item.isOnFlash ? flashBytes : ramBytes) += item.file.size;
     return items.emplace(id, std::move(item)).first->second;
 }
@@ -147,19 +140,20 @@ void Queue::MakeRoom(uint64_t size) {
         throw QueueFull("it is larger than SpoolLimit");
     }
     while (items.size() >= mostItems || Bytes() + size > settings.spoolLimit) {
-        if (!DropOldest(false, 0)) {
+        if (!DropOldest(Place::Anywhere)) {
             throw QueueFull("there is no room");
         }
     }
 }
 
 /** The oldest picture, and a mail only where there is no picture. */
-bool Queue::DropOldest(bool onFlashOnly, uint64_t except) {
+bool Queue::DropOldest(Place place, uint64_t except) {
     for (const bool isMail : {false, true}) {
         const auto found = std::find_if(items.begin(), items.end(), [&](const auto& entry) {
             const Item& item = entry.second;
             return item.IsMail() == isMail && item.state != Item::State::Sending &&
-                   item.state != Item::State::Unheard && (item.isOnFlash || !onFlashOnly) && entry.first != except;
+                   item.state != Item::State::Unheard && entry.first != except &&
+                   (place == Place::Anywhere || item.isOnFlash == (place == Place::Flash));
         });
         if (found != items.end()) {
             Finish(found->first, Fate::Dropped, "there was no room for newer ones");
@@ -170,12 +164,34 @@ bool Queue::DropOldest(bool onFlashOnly, uint64_t except) {
 }
 
 bool Queue::MayWriteFlash(uint64_t size) {
-    const int64_t now = Uptime();
-    if (now - dayBegin >= day) {
-        dayBegin = now;
-        dayBytes = 0;
+    return hasFlash && settings.durability != Settings::Durability::Ram &&
+           ledger.MayWriteFlash(Uptime(), size, settings.flashBudget);
+}
+
+/** Whether it is there now. Older ones there go for it, but for that one, and only where that makes enough room. */
+bool Queue::WriteToFlash(uint64_t size, uint64_t except, const std::function<void()>& write) {
+    const auto room = static_cast<int64_t>(size);
+    try {
+        while (flash.Room() < room) {
+            if (flash.Room() + static_cast<int64_t>(flashBytes) < room || !DropOldest(Place::Flash, except)) {
+                throw std::system_error(ENOSPC, std::generic_category(), flash.Path());
+            }
+        }
+        try {
+            write();
+        } catch (const std::system_error& failure) {
+            if (failure.code().value() != ENOSPC || !DropOldest(Place::Flash, except)) {
+                throw;
+            }
+            write();
+        }
+    } catch (const std::system_error& failure) {
+        TellFlashTrouble(failure.what());
+        return false;
     }
-    return hasFlash && settings.durability != Settings::Durability::Ram && dayBytes + size <= settings.flashBudget;
+    hasFlashTrouble = false;
+    ledger.SpendFlash(size);
+    return true;
 }
 
 SpoolFolder::File Queue::WriteSomewhere(Item& item, uint64_t id, const ItemHeader& header, int payload) {
@@ -184,31 +200,24 @@ SpoolFolder::File Queue::WriteSomewhere(Item& item, uint64_t id, const ItemHeade
         lseek(payload, begin, SEEK_SET);
         return folder.Write(id, header, payload, settings.spoolLimit);
     };
-    const uint64_t size = static_cast<uint64_t>(std::max<off_t>(lseek(payload, 0, SEEK_END) - begin, 0));
+    const uint64_t length = static_cast<uint64_t>(std::max<off_t>(lseek(payload, 0, SEEK_END) - begin, 0));
+    const uint64_t size = SpoolFolder::SizeOf(header, length);
     const bool isEarly = settings.durability == Settings::Durability::Early;
     const bool fitsRam = ramBytes + size <= settings.ramLimit;
-    if ((isEarly || !fitsRam) && MayWriteFlash(size)) {
-        try {
-            const SpoolFolder::File file = write(flash);
-            item.isOnFlash = true;
-            dayBytes += file.size;
-            hasFlashTrouble = false;
-            return file;
-        } catch (const std::system_error& failure) {
-            TellFlashTrouble(failure.what());
-        }
+    SpoolFolder::File file;
+    if ((isEarly || !fitsRam) && MayWriteFlash(size) && WriteToFlash(size, 0, [&] { file = write(flash); })) {
+        item.isOnFlash = true;
+        return file;
     }
-    while (ramBytes + size > settings.ramLimit && !items.empty() && DropOldest(false, 0)) {
+    while (ramBytes + size > settings.ramLimit && DropOldest(Place::Ram)) {
     }
     try {
         return write(ram);
     } catch (const std::system_error& failure) {
-        if (failure.code().value() != ENOSPC || !DropOldest(false, 0)) {
+        if (failure.code().value() != ENOSPC || !DropOldest(Place::Ram)) {
             throw;
         }
         return write(ram);
-    } catch (const std::length_error& failure) {
-        throw QueueFull(failure.what());
     }
 }
 
@@ -230,19 +239,11 @@ bool Queue::MoveToFlash(Item& item, bool isBounded) {
         (isBounded && !MayWriteFlash(size))) {
         return false;
     }
-    try {
-        if (flash.Room() < static_cast<int64_t>(size) && DropOldest(true, item.file.id) &&
-            flash.Room() < static_cast<int64_t>(size)) {
-            return false;
-        }
-        flash.Copy(item.file.id, ram);
-    } catch (const std::system_error& failure) {
-        TellFlashTrouble(failure.what());
+    const uint64_t id = item.file.id;
+    if (!WriteToFlash(size, id, [&] { flash.Copy(id, ram); })) {
         return false;
     }
-    hasFlashTrouble = false;
-    dayBytes += size;
-    ram.Remove(item.file.id);
+    ram.Remove(id);
     item.isOnFlash = true;
     ramBytes -= size;
     flashBytes += size;
@@ -260,9 +261,8 @@ void Queue::Finish(uint64_t id, Fate fate, const std::string& reason) {
     if (found == items.end()) {
         return;
     }
-    ++CountOf(counts, fate);
-    WriteCounts();
-    const std::string text = SpoolFolder::NameOf(id) + " " + WordOf(fate) + ", target " + found->second.target;
+    ledger.Enter(id, fate);
+    const std::string text = SpoolFolder::NameOf(id) + " " + Ledger::WordOf(fate) + ", target " + found->second.target;
     if (fate == Fate::Delivered) {
         Log::Information(text + (reason.empty() ? "" : ", but not to all: " + reason));
     } else {
@@ -272,7 +272,7 @@ void Queue::Finish(uint64_t id, Fate fate, const std::string& reason) {
         try {
             const bool isFlash = MayWriteFlash(found->second.file.payloadOffset);
             (isFlash ? flash : ram).KeepFailed(id, found->second.file.header, reason);
-            dayBytes += isFlash ? found->second.file.payloadOffset : 0;
+            ledger.SpendFlash(isFlash ? found->second.file.payloadOffset : 0);
         } catch (const std::system_error& failure) {
             Log::Warning("The header of what has failed is not kept: " + std::string(failure.what()));
         }
@@ -287,9 +287,20 @@ void Queue::Forget(uint64_t id) {
 }
 
 void Queue::Remove(Items::iterator item) {
-    FolderOf(item->second).Remove(item->first);
+    const uint64_t id = item->first;
     (item->second.isOnFlash ? flashBytes : ramBytes) -= item->second.file.size;
     items.erase(item);
+    if (RemoveFiles(id)) {
+        ledger.Gone(id);
+    } else {
+        ledger.Note(id);
+    }
+}
+
+/** In both places: where a copy was not finished, or could not be removed, there are two. */
+bool Queue::RemoveFiles(uint64_t id) {
+    const bool isGoneFromRam = ram.Remove(id);
+    return flash.Remove(id) && isGoneFromRam;
 }
 
 /** By the clock if it could be believed then and can be now, else by what this boot knows. */
@@ -323,36 +334,6 @@ int64_t Queue::ExpireOld() {
 
 companion::UniqueFd Queue::OpenPayload(const Item& item) const {
     return (item.isOnFlash ? flash : ram).OpenItem(item.file.id);
-}
-
-void Queue::ReadCounts() {
-    std::ostringstream text;
-    if (const std::ifstream file(countsPath); file) {
-        text << file.rdbuf();
-    }
-    for (const auto& [key, value] : FieldText::Parse(text.str()).value_or(FieldText::Fields())) {
-        for (const Fate fate : fates) {
-            if (key == WordOf(fate)) {
-                CountOf(counts, fate) = static_cast<uint64_t>(FieldText::Number(value).value_or(0));
-            }
-        }
-    }
-}
-
-/** In RAM, so that they outlive the service, but not the boot. */
-void Queue::WriteCounts() const {
-    std::string text;
-    Counts copy = counts;
-    for (const Fate fate : fates) {
-        FieldText::Append(text, WordOf(fate), std::to_string(CountOf(copy, fate)));
-    }
-    const std::string temporary = countsPath + ".new";
-    std::ofstream file(temporary);
-    file << text;
-    file.close();
-    if (file) {
-        static_cast<void>(std::rename(temporary.c_str(), countsPath.c_str()));
-    }
 }
 
 }  // namespace kelto::halvek::outbox

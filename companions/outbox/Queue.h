@@ -1,10 +1,12 @@
 #pragma once
 
 #include "companions/outbox/ItemHeader.h"
+#include "companions/outbox/Ledger.h"
 #include "companions/outbox/Settings.h"
 #include "companions/outbox/SpoolFolder.h"
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <set>
 #include <stdexcept>
@@ -52,16 +54,8 @@ struct Item {
  */
 class Queue {
 public:
-    enum class Fate { Delivered, Failed, Expired, Dropped, Uncertain };
-
-    struct Counts {
-        uint64_t delivered = 0;
-        uint64_t failed = 0;
-        uint64_t expired = 0;
-        uint64_t dropped = 0;
-        uint64_t uncertain = 0;
-    };
-
+    using Fate = Ledger::Fate;
+    using Counts = Ledger::Counts;
     using Items = std::map<uint64_t, Item>;
 
     /** The settings must outlive it; they may change. */
@@ -95,7 +89,7 @@ public:
     Item* Find(uint64_t id);
     Items& All() { return items; }
     const Items& All() const { return items; }
-    const Counts& GetCounts() const { return counts; }
+    const Counts& GetCounts() const { return ledger.GetCounts(); }
     /** How many were accepted and have not ended. */
     size_t Waiting() const;
     uint64_t Bytes() const { return ramBytes + flashBytes; }
@@ -104,16 +98,18 @@ public:
     companion::UniqueFd OpenPayload(const Item& item) const;
 
 private:
-    SpoolFolder& FolderOf(const Item& item) { return item.isOnFlash ? flash : ram; }
+    enum class Place { Anywhere, Ram, Flash };
+
     void Take(SpoolFolder& folder, bool isOnFlash);
+    void CountDamaged(SpoolFolder& folder, const std::string& name);
     void MakeRoom(uint64_t size);
-    bool DropOldest(bool onFlashOnly, uint64_t except);
+    bool DropOldest(Place place, uint64_t except = 0);
     bool MayWriteFlash(uint64_t size);
+    bool WriteToFlash(uint64_t size, uint64_t except, const std::function<void()>& write);
     SpoolFolder::File WriteSomewhere(Item& item, uint64_t id, const ItemHeader& header, int payload);
     bool MoveToFlash(Item& item, bool isBounded);
     void Remove(Items::iterator item);
-    void ReadCounts();
-    void WriteCounts() const;
+    bool RemoveFiles(uint64_t id);
     void TellFlashTrouble(const std::string& text);
     int64_t AgeLeft(const Item& item, int64_t now) const;
 
@@ -121,19 +117,15 @@ private:
     const Settings& settings;
     SpoolFolder ram;
     SpoolFolder flash;
-    std::string countsPath;
     std::string boot;
 
     bool hasFlash = false;
     bool hasFlashTrouble = false;
     Items items;
-    Counts counts;
+    Ledger ledger;
     uint64_t ramBytes = 0;
     uint64_t flashBytes = 0;
     uint64_t nextId = 1;
-    /** What was written to flash since then, by Uptime. */
-    int64_t dayBegin = 0;
-    uint64_t dayBytes = 0;
 };
 
 }  // namespace kelto::halvek::outbox

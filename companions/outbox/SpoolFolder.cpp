@@ -222,6 +222,10 @@ SpoolFolder::File SpoolFolder::Write(uint64_t id, const ItemHeader& header, int 
     return {id, header, text.size() + length + end.size(), text.size(), length};
 }
 
+uint64_t SpoolFolder::SizeOf(const ItemHeader& header, uint64_t payloadSize) {
+    return header.Encode().size() + payloadSize + EndLine(payloadSize, Crc32c()).size();
+}
+
 void SpoolFolder::Copy(uint64_t id, const SpoolFolder& other) {
     const UniqueFd source = other.OpenItem(id);
     if (!source.IsOpen()) {
@@ -235,8 +239,8 @@ void SpoolFolder::Copy(uint64_t id, const SpoolFolder& other) {
     Publish(temporary.file.Get(), temporary.path, path + "/q", NameOf(id));
 }
 
-void SpoolFolder::Remove(uint64_t id) noexcept {
-    unlink(QueuePath(id).c_str());
+bool SpoolFolder::Remove(uint64_t id) noexcept {
+    return unlink(QueuePath(id).c_str()) == 0 || errno == ENOENT || errno == ENOTDIR;
 }
 
 UniqueFd SpoolFolder::OpenItem(uint64_t id) const {

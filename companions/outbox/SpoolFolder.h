@@ -52,11 +52,14 @@ public:
     /** Copies a payload from where its descriptor stands. Throws std::length_error if it is longer than that. */
     File Write(uint64_t id, const ItemHeader& header, int payload, uint64_t mostBytes);
 
+    /** The bytes of a file with a payload of that length. */
+    static uint64_t SizeOf(const ItemHeader& header, uint64_t payloadSize);
+
     /** Takes over a file of another folder, as it is; the other one stays. */
     void Copy(uint64_t id, const SpoolFolder& other);
 
-    /** One that is not there, or cannot be removed, is nobody's trouble: it was delivered, and may be once more. */
-    void Remove(uint64_t id) noexcept;
+    /** Whether there is none of that number now. */
+    bool Remove(uint64_t id) noexcept;
 
     /** For reading; closed if it is not there. */
     companion::UniqueFd OpenItem(uint64_t id) const;
