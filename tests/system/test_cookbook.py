@@ -25,7 +25,7 @@ from testing.camera import LOCAL, VirtualCamera
 from testing.collector import Lines
 from testing.daemon import Daemon
 from testing.ftp_server import FtpServer
-from testing.pipes import PIPE_FOLDER, Event, block, post
+from testing.pipes import PIPE_FOLDER, block, post
 from testing.processes import dies_with_us
 from testing.waiting import PATIENCE, wait_until
 
