@@ -13,6 +13,7 @@ from pathlib import Path
 
 from testing.fake_broker import PUBLISH, Client, FakeBroker, until_the_end
 from testing.fleet import FleetBridge
+from testing.unreliable_mosquitto import UnreliableMosquitto
 from testing.waiting import NotSeen, wait_until
 
 EVENTS_A_SECOND = 20
@@ -65,13 +66,22 @@ class UnreliableBroker:
             elif "/alarm/" in topic:
                 self.states[topic.rpartition("/")[2]] = payload.decode()
 
-    def repeated_backwards(self) -> int:
-        """Events that came behind a younger one, but for repetitions of the one before."""
-        return sum(earlier > later for earlier, later in zip(self.ids, self.ids[1:]))
+    def step(self) -> None:
+        """All that goes wrong here goes wrong with a packet."""
+
+    def be_reliable(self) -> None:
+        self.is_reliable = True
+
+    def close(self) -> None:
+        self.broker.close()
 
 
-def run(minutes: float, seed: int, folder: Path) -> bool:
-    unreliable = UnreliableBroker(seed)
+def run_backwards(ids: list[int]) -> int:
+    """Events that came behind a younger one, but for repetitions of the one before."""
+    return sum(earlier > later for earlier, later in zip(ids, ids[1:]))
+
+
+def run(minutes: float, unreliable: UnreliableBroker | UnreliableMosquitto, seed: int, folder: Path) -> bool:
     text = f"[Mqtt]\nBroker=mqtt://127.0.0.1:{unreliable.broker.port}\nId=cam1\n"
     bridge = FleetBridge(os.environ["HALVEK_MQTT"], folder, "cam1", text)
     bridge.wait_until_ready()
@@ -82,8 +92,9 @@ def run(minutes: float, seed: int, folder: Path) -> bool:
         index, state = str(draw.randrange(INPUTS)), draw.choice(["0", "1"])
         states[index] = "ON" if state == "1" else "OFF"
         bridge.feed_alarm(index, state)
+        unreliable.step()
         time.sleep(max(0.0, begin + bridge.fed / EVENTS_A_SECOND - time.monotonic()))
-    unreliable.is_reliable = True
+    unreliable.be_reliable()
     wait_until(lambda: bridge.settled(), "everything is sent or counted", patience=700)
     wait_until(lambda: unreliable.states == states, "the states are right", patience=60)
     told = bridge.status()["counters"]
@@ -92,23 +103,27 @@ def run(minutes: float, seed: int, folder: Path) -> bool:
     connects = len(unreliable.broker.connects)
     print(f"{minutes:g} minutes, seed {seed}; faults: {dict(unreliable.faults)}; {connects} connects")
     print(f"{bridge.fed:,} events fed, {arrived:,} arrived, {twice} of them again, {dropped} counted as dropped")
-    print(f"{unreliable.repeated_backwards()} out of order; the states at the end are right")
+    backwards = run_backwards(unreliable.ids)
+    print(f"{backwards} out of order; the states at the end are right")
     lost = bridge.fed - arrived - dropped
     used = sum(int((task / "schedstat").read_text().split()[0]) for task in bridge.tasks()) / 1e9
     print(f"{max(lost, 0)} lost; {used / (time.monotonic() - begin):.2%} of a processor")
     bridge.close()
-    unreliable.broker.close()
-    return lost <= 0 and unreliable.repeated_backwards() == 0
+    unreliable.close()
+    return lost <= 0 and backwards == 0
 
 
 def main() -> int:
     parser = argparse.ArgumentParser()
     parser.add_argument("--minutes", type=float, default=10)
     parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--mosquitto", action="store_true")
     options = parser.parse_args()
-    with tempfile.TemporaryDirectory() as folder:
+    with tempfile.TemporaryDirectory() as name:
+        folder, seed = Path(name), options.seed
+        unreliable = UnreliableMosquitto(seed, folder) if options.mosquitto else UnreliableBroker(seed)
         try:
-            return 0 if run(options.minutes, options.seed, Path(folder)) else 1
+            return 0 if run(options.minutes, unreliable, seed, folder) else 1
         except NotSeen as error:
             print(f"mqtt-faults: {error}", file=sys.stderr)
             return 1
