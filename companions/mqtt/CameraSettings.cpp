@@ -81,6 +81,9 @@ CameraFacts CameraSettings::Read(const std::string& path) {
         AddFile(file, groups);
     }
     CameraFacts facts;
+    if (const std::string picture = ValueOf(groups, "Video/Quickview", "SnapshotPath"); !picture.empty()) {
+        facts.picture = picture;
+    }
     for (const auto& [name, keys] : groups) {
         const bool isSource = name.starts_with("Events/Source#") && name.find('/', 7) == std::string::npos;
         const auto type = keys.find("Type");

@@ -43,6 +43,19 @@ bool IsUnfit(int result) {
            result == MOSQ_ERR_RETAIN_NOT_SUPPORTED;
 }
 
+/** Nothing for a plain word. */
+const char* MediaType(Content content) {
+    switch (content) {
+        case Content::Text:
+            return nullptr;
+        case Content::Json:
+            return "application/json";
+        case Content::Jpeg:
+            return "image/jpeg";
+    }
+    return nullptr;
+}
+
 /** The library's texts end with a full stop, and some of its errors are the system's. */
 std::string Reason(int result) {
     std::string text = result == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(result);
@@ -137,8 +150,8 @@ void Connection::Open() {
 int Connection::Publish(const Message& message) {
     Properties properties;
     if (protocol == Protocol::Version5) {
-        if (message.isJson) {
-            properties.AddText(MQTT_PROP_CONTENT_TYPE, "application/json");
+        if (const char* type = MediaType(message.content); type != nullptr) {
+            properties.AddText(MQTT_PROP_CONTENT_TYPE, type);
         }
         if (message.expiry) {
             properties.AddNumber(MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, static_cast<uint32_t>(message.expiry->count()));

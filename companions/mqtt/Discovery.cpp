@@ -31,6 +31,8 @@ constexpr std::array<Counter, 3> counters{{
     {"refused_posts", "Posts refused", "{{ value_json.refused_posts }}"},
 }};
 constexpr std::string_view sinceComponent = "since";
+constexpr std::string_view pictureComponent = "snapshot";
+constexpr std::string_view picturePlatform = "image";
 
 std::string EventComponent(const std::string& type) {
     return "event_" + Topics::Level(type);
@@ -92,12 +94,28 @@ void AddCounters(Json& json, const Settings& settings, const Topics& topics) {
     json.EndObject();
 }
 
+void AddPicture(Json& json, const Settings& settings, const Topics& topics) {
+    json.Key(pictureComponent).BeginObject();
+    json.Key("p").String(picturePlatform);
+    json.Key("uniq_id").String("halvek_" + settings.id + "_" + std::string(pictureComponent));
+    json.Key("name").String("Snapshot");
+    json.Key("img_t").String(topics.Snapshot());
+    json.Key("cont_type").String("image/jpeg");
+    json.EndObject();
+}
+
+std::string_view PlatformOf(std::string_view component) {
+    if (component == pictureComponent) {
+        return picturePlatform;
+    }
+    const bool isEvent = component.starts_with("event_");
+    return isEvent ? "event" : component.starts_with("alarm_") ? "binary_sensor" : "sensor";
+}
+
 /** A platform alone has the component removed. */
 void AddRemoved(Json& json, const std::string& component) {
-    const bool isEvent = component.starts_with("event_");
-    const bool isAlarm = component.starts_with("alarm_");
     json.Key(component).BeginObject();
-    json.Key("p").String(isEvent ? "event" : isAlarm ? "binary_sensor" : "sensor");
+    json.Key("p").String(PlatformOf(component));
     json.EndObject();
 }
 
@@ -123,6 +141,9 @@ std::string Discovery::Payload(const Settings& settings, const CameraFacts& fact
         }
     }
     AddCounters(json, settings, topics);
+    if (settings.publishesPictures) {
+        AddPicture(json, settings, topics);
+    }
     for (const std::string& component : removed) {
         AddRemoved(json, component);
     }

@@ -6,14 +6,17 @@
 
 namespace kelto::halvek::mqtt {
 
+/** What a payload is. */
+enum class Content { Text, Json, Jpeg };
+
 /** Something to be published. A plain value. */
 struct Message {
     std::string topic;
     std::string payload;
     int qos = 1;
     bool isRetained = false;
-    /** JSON, and said to be so where the protocol has a word for it. */
-    bool isJson = false;
+    /** Said where the protocol has a word for it. */
+    Content content = Content::Text;
     /** How long the broker keeps it for those who are away, where the protocol has a word for it. */
     std::optional<std::chrono::seconds> expiry;
 };

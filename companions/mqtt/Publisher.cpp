@@ -83,6 +83,7 @@ void Publisher::TakeNewSettings() {
     isVersion5Known = false;
     shortOnes = 0;
     problem.clear();
+    memory.pictures = {};
     backOff.Reset();
 }
 
@@ -91,6 +92,7 @@ Publisher::Loss::Loss(const ConnectionError& error, const Session* session)
     if (session != nullptr) {
         isProtocolRefused = session->IsProtocolRefused();
         isEventSuspected = session->IsEventSuspected();
+        isPictureSuspected = session->IsPictureSuspected();
         acceptedAt = session->AcceptedAt();
     }
 }
@@ -133,6 +135,9 @@ void Publisher::TakeLoss(const Loss& loss) {
         return;
     }
     Told("The connection to " + settings.broker.Text() + " is lost: " + loss.reason);
+    if (loss.isPictureSuspected) {
+        memory.pictures.NoteFailure();
+    }
     if (Uptime() < *loss.acceptedAt + steadyAfter) {
         TakeShortOne(loss);
         return;
@@ -144,7 +149,7 @@ void Publisher::TakeLoss(const Loss& loss) {
 }
 
 void Publisher::TakeShortOne(const Loss& loss) {
-    if (DropSuspect(loss)) {
+    if (loss.isPictureSuspected || DropSuspect(loss)) {
         shortOnes = 0;
     } else if (++shortOnes >= mostShortOnes) {
         shortOnes = 0;

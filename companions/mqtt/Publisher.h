@@ -63,6 +63,7 @@ private:
         bool wasClosedEarly = false;
         bool isProtocolRefused = false;
         bool isEventSuspected = false;
+        bool isPictureSuspected = false;
         std::optional<Milliseconds> acceptedAt;
 
         Loss(const ConnectionError& error, const Session* session);

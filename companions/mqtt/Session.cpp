@@ -24,8 +24,8 @@ constexpr size_t mostPostResults = 64;
 constexpr int firstRefusal = 128;
 constexpr const char* homeAutomation = "homeassistant/status";
 
-Message State(std::string topic, std::string payload, bool isJson = false) {
-    return {std::move(topic), std::move(payload), 1, true, isJson, std::nullopt};
+Message State(std::string topic, std::string payload, Content content = Content::Text) {
+    return {std::move(topic), std::move(payload), 1, true, content, std::nullopt};
 }
 
 }  // namespace
@@ -35,7 +35,7 @@ Session::Session(const Surroundings& surroundings, Protocol protocol, uint64_t c
       topics(around.settings.prefix, around.settings.id),
       onvif(around.settings.onvif.empty() ? std::nullopt : std::optional<OnvifTopics>(around.settings.onvif)),
       number(connectionNumber),
-      ownInfo(State(topics.Info(), Payloads::Info(around.identity), true)),
+      ownInfo(State(topics.Info(), Payloads::Info(around.identity), Content::Json)),
       connection(around.settings, protocol, State(topics.Status(), Payloads::offline), *this),
       isFirst(!around.memory.hasTold) {}
 
@@ -46,8 +46,8 @@ Session::~Session() {
 Session::End Session::Run(const std::function<void()>& accepted) {
     connection.Open();
     WaitForWelcome();
-    accepted();
     around.queue.SetConnection(number);
+    accepted();
     Open();
     std::optional<Milliseconds> flushUntil;
     while (!isConflict) {
@@ -167,9 +167,10 @@ void Session::QueueDescription() {
     leftDescribed.clear();
     std::erase_if(removed, [&](const std::string& name) { return components.count(name) != 0; });
     if (!removed.empty()) {
-        greeting.push_back(State(topics.Discovery(), Discovery::Payload(around.settings, facts, removed), true));
+        greeting.push_back(
+            State(topics.Discovery(), Discovery::Payload(around.settings, facts, removed), Content::Json));
     }
-    greeting.push_back(State(topics.Discovery(), Discovery::Payload(around.settings, facts), true));
+    greeting.push_back(State(topics.Discovery(), Discovery::Payload(around.settings, facts), Content::Json));
 }
 
 bool Session::IsDescriptionDue() const {
@@ -252,7 +253,7 @@ bool Session::SendCounters() {
     memory.hasToldCounters = true;
     memory.toldCounters = counters;
     memory.toldCountersAt = Uptime();
-    Send({topics.Stats(), Payloads::Stats(counters), 0, true, true, std::nullopt}, [](bool) {});
+    Send({topics.Stats(), Payloads::Stats(counters), 0, true, Content::Json, std::nullopt}, [](bool) {});
     return true;
 }
 
@@ -272,6 +273,9 @@ bool Session::SendEvent() {
         memory.current.reset();
     }
     while (!memory.current || !SendStep()) {
+        if (SendPicture()) {
+            return true;
+        }
         memory.current = around.queue.Pop(Uptime());
         memory.currentStep = 0;
         memory.currentLosses = 0;
@@ -295,11 +299,36 @@ bool Session::SendStep() {
         ++around.memory.currentStep;
         if (isEvent && isTaken) {
             around.queue.CountSent();
+            // A picture of now shows nothing of an event that has waited for this connection.
+            isPictureWanted = isPictureWanted || around.memory.current->connection == number;
         } else if (isEvent) {
             around.queue.CountRefused(*around.memory.current);
         }
     });
     inFlight->isEvent = isEvent;
+    return true;
+}
+
+bool Session::SendPicture() {
+    Pictures& pictures = around.memory.pictures;
+    if (!isPictureWanted || !around.settings.publishesPictures || around.orders.IsAny() ||
+        Uptime() < pictures.NextAt()) {
+        return false;
+    }
+    isPictureWanted = false;
+    if (pictureSentAt) {
+        pictures.NoteSurvived();
+    }
+    std::optional<std::string> picture = pictures.Take(around.facts.picture, Uptime());
+    if (!picture) {
+        return false;
+    }
+    pictureSentAt = Uptime();
+    Send({topics.Snapshot(), std::move(*picture), 0, false, Content::Jpeg, std::nullopt}, [this](bool isTaken) {
+        if (!isTaken) {
+            around.memory.pictures.NoteFailure();
+        }
+    });
     return true;
 }
 
@@ -330,7 +359,7 @@ std::vector<Message> Session::StepsOf(const QueuedEvent& event) {
 
 Message Session::EventMessage(const QueuedEvent& event, const std::string& topic) const {
     const Milliseconds queued = Uptime() - event.receivedAt;
-    Message message{topic, "", 1, false, true, std::nullopt};
+    Message message{topic, "", 1, false, Content::Json, std::nullopt};
     message.payload = Payloads::Event(event, around.identity, queued, event.connection != number);
     const auto left = around.settings.maxAge - std::chrono::duration_cast<std::chrono::seconds>(queued);
     message.expiry = std::max(left, std::chrono::seconds(1));
@@ -380,6 +409,10 @@ void Session::FinishInFlight() {
 
 bool Session::IsEventSuspected() const {
     return inFlight && inFlight->isEvent && !inFlight->isDone && Uptime() < inFlight->sentAt + suspicion;
+}
+
+bool Session::IsPictureSuspected() const {
+    return pictureSentAt && Uptime() < *pictureSentAt + suspicion;
 }
 
 void Session::SayGoodbye() {
@@ -473,7 +506,7 @@ void Session::TakePost(std::string_view level, const ReceivedMessage& message) {
     }
     const std::string payload = Payloads::PostResult(++around.memory.posts, result);
     if (postResults.size() < mostPostResults) {
-        postResults.push_back({topics.PostResult(), payload, 0, false, true, std::nullopt});
+        postResults.push_back({topics.PostResult(), payload, 0, false, Content::Json, std::nullopt});
     }
 }
 
@@ -488,6 +521,9 @@ Session::Milliseconds Session::UntilNextDeed() const {
     }
     if (repeatAt) {
         rest = std::min(rest, *repeatAt - now);
+    }
+    if (isPictureWanted && around.settings.publishesPictures) {
+        rest = std::min(rest, around.memory.pictures.NextAt() - now);
     }
     if (describedAt && around.settings.hasDiscovery && describedVersion != around.queue.SeenVersion()) {
         rest = std::min(rest, *describedAt + descriptionPause - now);

@@ -5,6 +5,7 @@
 #include "companions/mqtt/EventQueue.h"
 #include "companions/mqtt/Identity.h"
 #include "companions/mqtt/OnvifTopics.h"
+#include "companions/mqtt/Pictures.h"
 #include "companions/mqtt/PostGate.h"
 #include "companions/mqtt/Settings.h"
 #include "companions/mqtt/Topics.h"
@@ -39,6 +40,8 @@ struct SessionMemory {
 
     /** The components of the description that home automation was given. */
     std::set<std::string> described;
+
+    Pictures pictures;
 
     /** How many posts have been answered. */
     uint64_t posts = 0;
@@ -104,6 +107,8 @@ public:
     bool IsProtocolRefused() const { return isProtocolRefused; }
     /** After the connection was lost: whether the event that is on its way may be the reason. */
     bool IsEventSuspected() const;
+    /** Likewise of a picture. */
+    bool IsPictureSuspected() const;
 
 private:
     struct InFlight {
@@ -139,6 +144,7 @@ private:
     bool SendOverdueAlarm();
     bool SendEvent();
     bool SendStep();
+    bool SendPicture();
     std::vector<Message> StepsOf(const QueuedEvent& event);
     Message EventMessage(const QueuedEvent& event, const std::string& topic) const;
     void EndOfEvent();
@@ -177,6 +183,9 @@ private:
     std::optional<Milliseconds> describedAt;
     /** When everything is said once more. */
     std::optional<Milliseconds> repeatAt;
+    /** An event has been published since the last picture. */
+    bool isPictureWanted = false;
+    std::optional<Milliseconds> pictureSentAt;
     /** Answers to posts. */
     std::deque<Message> postResults;
     /** An event's turn comes between two answers, however many there are. */

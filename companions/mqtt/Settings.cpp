@@ -265,11 +265,7 @@ Settings ReadGroup(const ConfigGroup& group, std::vector<Finding>& findings) {
     settings.maxAge = std::chrono::seconds(reader.Number("MaxAge", 300, largestMaxAge));
     ReadPosting(reader, settings);
     reader.Tested("Onvif", settings.onvif, IsPrefix, "Onvif" + levels);
-    if (const ConfigEntry* entry = reader.Take("Snapshot"); entry != nullptr && !entry->value.empty()) {
-        if (entry->value != "off") {
-            reader.Complain(entry->valuePlace, "Snapshot is off: this version publishes no pictures");
-        }
-    }
+    settings.publishesPictures = reader.Choice("Snapshot", "on", "off");
     reader.ComplainOfOthers();
     return settings;
 }

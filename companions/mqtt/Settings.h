@@ -37,6 +37,7 @@ struct Settings {
     std::vector<std::string> postRegions;
     /** Empty for none. */
     std::string onvif;
+    bool publishesPictures = false;
 
     /** What Resolve found. */
     std::string password;

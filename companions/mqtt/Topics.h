@@ -25,6 +25,7 @@ public:
     std::string Status() const { return base + "status"; }
     std::string Info() const { return base + "info"; }
     std::string Stats() const { return base + "stats"; }
+    std::string Snapshot() const { return base + "snapshot"; }
     std::string PostResult() const { return base + "post-result"; }
     /** All that may be posted. */
     std::string PostFilter() const { return base + "post/+"; }

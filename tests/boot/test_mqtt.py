@@ -8,7 +8,7 @@ from pathlib import Path
 import pytest
 from machine import Journal, Consumer, configure, is_active, post, processes_of, run, run_as, show
 from testing.broker import PORT, Broker, Subscriber
-from testing.settings import SERVER
+from testing.settings import SERVER, source
 from testing.waiting import wait_until
 
 PACKAGE_FILES = list(Path("/srv/companions").glob("halvek-mqtt_*.deb"))
@@ -18,6 +18,7 @@ PIPE = Path("/run/halvek/zz-mqtt.halvek.any")
 FOLDER = Path("/etc/halvek-mqtt")
 CONFIG = FOLDER / "mqtt.conf"
 SECRETS = FOLDER / "secrets"
+SNAPSHOT = Path("/tmp/snapshot/img2.jpg")
 PASSWORD = "hunter2-on-the-broker"
 CONFIGURATION = f"""[Mqtt]
 Broker=mqtt://127.0.0.1:{PORT}
@@ -90,6 +91,18 @@ def test_the_secret_is_in_no_command_line_no_environment_and_no_journal(running:
     assert PASSWORD not in run("journalctl", "--quiet", "-o", "cat", "-b")
     assert PASSWORD not in Path("/run/halvek-mqtt/status.json").read_text()
     assert "Permission denied" in run_as("nobody", command=f"cat {SECRETS}").stderr
+
+
+def test_it_may_read_the_settings_and_the_picture(running: None, subscriber: Subscriber):
+    configure(SERVER | source(1, "Window"))
+    CONFIG.write_text(CONFIGURATION + "Discovery=homeassistant\nSnapshot=on\n")
+    SNAPSHOT.write_text("a picture")
+    run("systemctl", "restart", UNIT)
+    described = subscriber.wait_for_message("homeassistant/device/cam1/config").json()
+    assert "event_Window" in described["cmps"]
+    post("Doorbell", button="front")
+    subscriber.wait_for_message("halvek/cam1/snapshot", "a picture")
+    SNAPSHOT.unlink()
 
 
 def test_its_pipe_is_its_own_and_goes_with_it(running: None):

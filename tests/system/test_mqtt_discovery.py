@@ -45,6 +45,19 @@ def component(platform: str, required: tuple[str, ...] = (), **keys: dict) -> di
     }
 
 
+IMAGE = {
+    "type": "object",
+    "properties": {
+        "p": {"const": "image"},
+        "uniq_id": TEXT,
+        "name": TEXT,
+        "img_t": {"const": f"{BASE}/snapshot"},
+        "cont_type": {"const": "image/jpeg"},
+    },
+    "required": ["p", "uniq_id", "name", "img_t"],
+    "additionalProperties": False,
+}
+
 SCHEMA = {
     "type": "object",
     "properties": {
@@ -65,6 +78,7 @@ SCHEMA = {
                         stat_cla={"const": "total_increasing"},
                         dev_cla={"const": "timestamp"},
                     ),
+                    IMAGE,
                 ]
             },
         },
@@ -97,11 +111,11 @@ def described(subscriber) -> dict:
 
 
 def test_the_description_has_home_assistants_keys_and_no_others(start_described, subscriber):
-    start_described()
+    start_described(Snapshot="on")
     message = subscriber.wait_for_message(TOPIC)
     assert message.qos == 1 and json.loads(retained(TOPIC)) == message.json()
     jsonschema.validate(message.json(), SCHEMA)
-    assert {"event_Timer", "event_Alarm", "event_Doorbell", "alarm_Local_2"} < message.json()["cmps"].keys()
+    assert {"event_Timer", "event_Alarm", "event_Doorbell", "alarm_Local_2", "snapshot"} < message.json()["cmps"].keys()
     assert message.json()["avty_t"] == f"{BASE}/status"
 
 

@@ -19,7 +19,7 @@ WORST_EXPOSURE = 19  # tenths
 PROMISES = {
     "ExecStart": ["/usr/bin/halvek-mqtt"],
     "User": ["halvek-mqtt"],
-    "SupplementaryGroups": ["halvek-listen halvek-post"],
+    "SupplementaryGroups": ["halvek-listen halvek-post", "halvek"],
     "ProtectSystem": ["strict"],
     "ReadWritePaths": ["/run/halvek"],
     "RestrictAddressFamilies": ["AF_UNIX AF_INET AF_INET6"],

@@ -27,8 +27,17 @@ TEST(CameraSettingsTest, SourcesTellTypesAndAlarms) {
     EXPECT_THAT(CameraSettings::Read(folder.PathOf("20.ini")).types, ElementsAre("Doorbell"));
 }
 
+TEST(CameraSettingsTest, ThePictureIsWhereTheDaemonLooksForIt) {
+    const test::TempDir folder;
+    folder.Write("10.ini", "[Video/Quickview]\nSnapshotPath=/run/camera/now.jpg\n");
+    EXPECT_EQ(CameraSettings::Read(folder.GetPath()).picture, "/run/camera/now.jpg");
+    folder.Write("20.ini", "[Video/Quickview]\nSnapshotPath=\n");
+    EXPECT_EQ(CameraSettings::Read(folder.GetPath()).picture, "/tmp/snapshot/img2.jpg");
+}
+
 TEST(CameraSettingsTest, WhatCannotBeReadIsEmpty) {
     EXPECT_THAT(CameraSettings::Read("/nowhere").types, IsEmpty());
+    EXPECT_EQ(CameraSettings::Read("/nowhere").picture, "/tmp/snapshot/img2.jpg");
 }
 
 }  // namespace

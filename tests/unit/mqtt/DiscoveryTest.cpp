@@ -48,6 +48,18 @@ TEST(DiscoveryTest, AnAlarmIsASensorWhoseStateNeverExpires) {
     EXPECT_FALSE(alarm.contains("exp_aft"));
 }
 
+TEST(DiscoveryTest, ThePictureIsAnImageIfItIsPublished) {
+    Settings settings = Camera();
+    EXPECT_FALSE(json::parse(Discovery::Payload(settings, described))["cmps"].contains("snapshot"));
+    settings.publishesPictures = true;
+    const json picture = json::parse(Discovery::Payload(settings, described))["cmps"]["snapshot"];
+    EXPECT_EQ(picture["p"], "image");
+    EXPECT_EQ(picture["img_t"], "halvek/cam1/snapshot");
+    EXPECT_EQ(picture["cont_type"], "image/jpeg");
+    const json without = json::parse(Discovery::Payload(Camera(), described, {"snapshot"}))["cmps"];
+    EXPECT_EQ(without["snapshot"], json({{"p", "image"}}));
+}
+
 TEST(DiscoveryTest, OnlyTypesThatArePublishedAreDescribed) {
     Settings settings = Camera();
     settings.types = {"Gate"};

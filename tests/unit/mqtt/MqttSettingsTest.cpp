@@ -57,7 +57,7 @@ TEST(MqttSettingsTest, AllKeysAreRead) {
     const ReadSettings read = Read(
         "Broker=mqtts://b\nId=cam_1-x\nPrefix=site/a\nUser=u\nSecret=broker\n"
         "Discovery=homeassistant\nTypes=Door, Alarm\n"
-        "Queue=10\nMaxAge=60\nPost=Doorbell,Gate\nPostRegions=2,3\nOnvif=onvif\nSnapshot=off\n");
+        "Queue=10\nMaxAge=60\nPost=Doorbell,Gate\nPostRegions=2,3\nOnvif=onvif\nSnapshot=on\n");
     EXPECT_THAT(read.findings, IsEmpty());
     const Settings& settings = read.settings;
     EXPECT_EQ(std::tie(settings.id, settings.prefix, settings.user, settings.secretName),
@@ -71,6 +71,12 @@ TEST(MqttSettingsTest, AllKeysAreRead) {
     EXPECT_THAT(settings.post, ElementsAre("Doorbell", "Gate"));
     EXPECT_THAT(settings.postRegions, ElementsAre("2", "3"));
     EXPECT_EQ(settings.onvif, "onvif");
+    EXPECT_TRUE(settings.publishesPictures);
+}
+
+TEST(MqttSettingsTest, PicturesAreOffUnlessTheyAreSwitchedOn) {
+    EXPECT_FALSE(Read("Broker=mqtts://b\nId=c\n").settings.publishesPictures);
+    EXPECT_FALSE(Read("Broker=mqtts://b\nId=c\nSnapshot=off\n").settings.publishesPictures);
 }
 
 TEST(MqttSettingsTest, AWrongValueIsNamedWithItsPlace) {
@@ -90,7 +96,7 @@ TEST(MqttSettingsTest, AWrongValueIsNamedWithItsPlace) {
              {"Onvif=/x", "single slashes", 7},
              {"Secret=s", "without a User", 8},
              {"AllowPlain=1", "yes or no", 12},
-             {"Snapshot=on", "no pictures", 10},
+             {"Snapshot=yes", "on or off", 10},
              {"CaFile=relative", "path from the root", 8},
              {"CaFile=/nowhere/ca", "cannot be read", 8},
              {"Broker2=x", "there is no key Broker2", 1},
