@@ -50,6 +50,38 @@ def test_every_recipe_says_first_what_it_does():
         assert re.match(r"# [A-Z].*[.:,]", recipe.read_text()), recipe
 
 
+# --- the page
+
+
+PAGE = EXAMPLES.parent / "docs/cookbook.md"
+
+
+def test_the_pictures_of_the_page_are_those_that_are_drawn_now():
+    made = subprocess.run([EXAMPLES.parent / "scripts/make-cookbook", CTL], capture_output=True, check=True, timeout=60)
+    assert made.stdout.decode() == PAGE.read_text()
+
+
+def test_the_page_has_a_picture_of_every_recipe_and_names_every_file():
+    text = PAGE.read_text()
+    names = {path.name for path in EXAMPLES.iterdir() if path.is_file()} - {"demo.ini", "mosquitto-acl.conf"}
+    table = text.partition("| task | files |")[2].partition("## ")[0]
+    named = set(
+        re.findall(r"`([\w.-]+)`", table.replace("halvek-archive.*", "halvek-archive.service`, `halvek-archive.socket"))
+    )
+    assert named == {name for name in names if not name.endswith(".tests")}
+    assert sorted(re.findall(r"^```text (.+)$", text, re.M)) == [path.stem for path in RECIPES if path.stem != "demo"]
+
+
+def test_the_links_of_the_pages_lead_somewhere():
+    for page in (PAGE, PAGE.with_name("cannot.md")):
+        titles = re.findall(r"^#+ (.*)$", page.read_text(), re.M)
+        anchors = {"#" + re.sub(r"[^\w -]", "", title).lower().replace(" ", "-") for title in titles}
+        for link in re.findall(r"\]\(([^)]+)\)", page.read_text()):
+            assert link in anchors or (page.parent / link).is_file(), f"{page.name}: {link}"
+        for named in re.findall(r"`((?:rules/)?[\w-]+\.(?:ini|py|sh|socket|conf))`", page.read_text()):
+            assert (EXAMPLES / named).is_file() or named == "zz-camera.ini", f"{page.name}: {named}"
+
+
 # --- playing
 
 
@@ -413,3 +445,44 @@ def test_pictures_come_through_an_outage(play, camera, ftp, tmp_path, tmp_path_f
         assert all(is_a_picture(path.read_bytes()) for path in arrived)
     finally:
         outbox.close()
+
+
+def test_what_the_page_has_its_reader_type_can_be_typed(camera, bus, launch, tmp_path):
+    """With all recipes side by side in one store, after the first steps with one of them."""
+    store, programs = tmp_path / "store", tmp_path / "programs"
+    for folder in (store, programs):
+        folder.mkdir()
+    shutil.copy(EXAMPLES.parent / "packaging/settings.ini", store / "halvek.ini")
+    daemon = launch(None, store=store, environment=bus.environment)
+    for name, words in {"sudo": 'exec "$@"', "systemctl": f"kill -HUP {daemon.pid}"}.items():
+        (programs / name).write_text(f"#!/bin/sh\n{words}\n")
+        (programs / name).chmod(0o755)
+    for name, program in {"halvekctl": CTL, "kelto-vcam": os.environ["HALVEK_VCAM"]}.items():
+        (programs / name).symlink_to(program)
+    here = {
+        "/usr/share/doc/halvek/examples": EXAMPLES,
+        "/etc/kelto/settings": store,
+        "-g halvek ": "",
+        "/tmp/posting": tmp_path / "posting",
+    }
+
+    def type_in(text: str) -> None:
+        for told, replacement in here.items():
+            text = text.replace(told, str(replacement))
+        variables = environment(PATH=f"{programs}:{os.environ['PATH']}", **bus.environment)
+        done = subprocess.run(
+            ["bash", "-exc", text], cwd=EXAMPLES, env=variables, capture_output=True, timeout=PATIENCE
+        )
+        assert done.returncode == 0, (text, done.stdout, done.stderr)
+
+    see, take, *blocks = re.findall(r"^```sh\n(.*?)^```$", PAGE.read_text(), re.M | re.S)
+    type_in(see)
+    type_in(take)
+    assert sorted(path.name for path in store.iterdir()) == ["halvek.ini", "night-door.ini"]
+    for recipe in RECIPES:
+        if recipe.stem != "demo":
+            shutil.copy(recipe, store)
+    type_in("halvekctl reload")
+    for text in blocks:
+        type_in(text)
+    assert len(blocks) >= 9
