@@ -44,6 +44,10 @@ std::string Attribute(const char* name, double number) {
     return std::string(" ") + name + "=\"" + Number(number) + "\"";
 }
 
+std::string Attribute(const char* name, std::string_view text) {
+    return text.empty() ? "" : std::string(" ") + name + "=\"" + Svg::Escape(text) + "\"";
+}
+
 std::string Class(std::string_view styleClass) {
     return " class=\"" + Svg::Escape(styleClass) + "\"";
 }
@@ -80,11 +84,12 @@ void Svg::AddFittedText(double x, double y, double width, std::string_view style
                 "</title>" + Escape(cut) + "\xe2\x80\xa6</text>\n");
 }
 
-void Svg::AddEdge(double fromX, double fromY, double toX, double toY, std::string_view styleClass) {
+void Svg::AddEdge(double fromX, double fromY, double toX, double toY, std::string_view styleClass, const Way& way) {
     const double bend = (toX - fromX) / 2;
-    body.append("<path" + Class(styleClass) + " marker-end=\"url(#arrow)\" d=\"M" + Number(fromX) + " " +
-                Number(fromY) + " C" + Number(fromX + bend) + " " + Number(fromY) + " " + Number(toX - bend) + " " +
-                Number(toY) + " " + Number(toX) + " " + Number(toY) + "\"/>\n");
+    body.append("<path" + Class(styleClass) + Attribute("data-from", way.from) + Attribute("data-to", way.to) +
+                " marker-end=\"url(#arrow)\" d=\"M" + Number(fromX) + " " + Number(fromY) + " C" +
+                Number(fromX + bend) + " " + Number(fromY) + " " + Number(toX - bend) + " " + Number(toY) + " " +
+                Number(toX) + " " + Number(toY) + "\"/>\n");
 }
 
 void Svg::AddLine(double fromX, double fromY, double toX, double toY, std::string_view styleClass) {
@@ -92,8 +97,8 @@ void Svg::AddLine(double fromX, double fromY, double toX, double toY, std::strin
                 Attribute("y2", toY) + "/>\n");
 }
 
-void Svg::BeginGroup(std::string_view styleClass, std::string_view hint) {
-    body.append("<g" + Class(styleClass) + ">");
+void Svg::BeginGroup(std::string_view styleClass, std::string_view hint, std::string_view about) {
+    body.append("<g" + Class(styleClass) + Attribute("data-group", about) + ">");
     if (!hint.empty()) {
         body.append("<title>" + Escape(hint) + "</title>");
     }
@@ -104,8 +109,9 @@ std::string Svg::Text(double width, double height) const {
     return "<svg xmlns=\"http://www.w3.org/2000/svg\" role=\"img\"" + Attribute("width", width) +
            Attribute("height", height) + " viewBox=\"0 0 " + Number(width) + " " + Number(height) + "\">\n<title>" +
            Escape(title) + "</title>\n<style>" + style +
-           "</style>\n<defs><marker id=\"arrow\" viewBox=\"0 0 8 8\" refX=\"7\" refY=\"4\" markerWidth=\"7\" "
-           "markerHeight=\"7\" orient=\"auto\"><path d=\"M0 0.5 L7.5 4 L0 7.5 z\" fill=\"#7b8794\"/></marker></defs>\n"
+           "</style>\n<defs><marker id=\"arrow\" viewBox=\"0 0 8 8\" refX=\"7\" refY=\"4\" "
+           "markerUnits=\"userSpaceOnUse\" markerWidth=\"9.8\" markerHeight=\"9.8\" orient=\"auto\">"
+           "<path d=\"M0 0.5 L7.5 4 L0 7.5 z\" fill=\"#7b8794\"/></marker></defs>\n"
            "<rect class=\"paper\" width=\"100%\" height=\"100%\"/>\n" +
            body + "</svg>\n";
 }

@@ -25,12 +25,22 @@ public:
     void AddText(double x, double y, std::string_view styleClass, std::string_view text);
     /** The text cut to a width, with an ellipsis, and as a whole in what one sees when one points at it. */
     void AddFittedText(double x, double y, double width, std::string_view styleClass, std::string_view text);
+    /** The groups of the settings that something leads from and to; "data-from" and "data-to" of the drawing. */
+    struct Way {
+        std::string_view from;
+        std::string_view to;
+    };
+
     /** A curve from left to right that ends in an arrow. */
-    void AddEdge(double fromX, double fromY, double toX, double toY, std::string_view styleClass);
+    void AddEdge(double fromX, double fromY, double toX, double toY, std::string_view styleClass, const Way& way = {});
     void AddLine(double fromX, double fromY, double toX, double toY, std::string_view styleClass);
 
-    /** What follows, until EndGroup, is told together with a text when one points at it. */
-    void BeginGroup(std::string_view styleClass, std::string_view hint);
+    /**
+     * What follows, until EndGroup, is told together with a text when one points at it.
+     *
+     * @param about the group of the settings that it stands for, "data-group" of the drawing
+     */
+    void BeginGroup(std::string_view styleClass, std::string_view hint, std::string_view about = {});
     void EndGroup() { body.append("</g>\n"); }
 
     /** The whole drawing. */

@@ -111,7 +111,7 @@ void WiringDrawing::AddHead() {
 
 void WiringDrawing::AddSource(const WiringSource& source) {
     const double y = sourceTop.at(source.group);
-    svg.BeginGroup("item", HintOf(source.group, source.remark));
+    svg.BeginGroup("item", HintOf(source.group, source.remark), source.group);
     svg.AddBox({sourceLeft, y, sourceWidth, sourceHeight}, BoxClass("source", source.group, source.isLeftOut), corner);
     const double inner = sourceWidth - 2 * padding;
     const std::string title = source.type.empty() ? NameOf(source.group) : source.type;
@@ -129,7 +129,7 @@ void WiringDrawing::AddSource(const WiringSource& source) {
 
 void WiringDrawing::AddHandler(const WiringHandler& handler) {
     const double y = handlerTop.at(handler.group);
-    svg.BeginGroup("item", HintOf(handler.group, handler.remark));
+    svg.BeginGroup("item", HintOf(handler.group, handler.remark), handler.group);
     svg.AddBox({handlerLeft, y, handlerWidth, handlerHeight}, BoxClass("handler", handler.group, handler.isLeftOut),
                corner);
     const double inner = handlerWidth - 2 * padding;
@@ -154,11 +154,13 @@ void WiringDrawing::AddTarget(const WiringHandler& handler, double y) {
         return;
     }
     const double middle = y + targetHeight / 2;
+    svg.BeginGroup("action", "", handler.group);
     svg.AddEdge(handlerLeft + handlerWidth, middle, targetLeft - 1, middle,
                 handler.isLeftOut ? "edge-left-out" : "edge");
     svg.AddBox({targetLeft, y, targetWidth, targetHeight}, handler.isLeftOut ? "target left-out" : "target",
                targetHeight / 2);
     svg.AddFittedText(targetLeft + 16, y + 21, targetWidth - 32, "plain", handler.target);
+    svg.EndGroup();
 }
 
 /** A bar for each day, with its name below. */
@@ -201,7 +203,7 @@ void WiringDrawing::AddRule(const WiringRule& rule, size_t place) {
         for (const std::string& to : rule.to) {
             const double top = sourceTop.at(from) + sourceHeight / 2;
             const double end = sourceTop.at(to) + sourceHeight / 2;
-            svg.BeginGroup("item", "rule " + rule.name + ": " + rule.Text());
+            svg.BeginGroup("item", "rule " + rule.name + ": " + rule.Text(), "rule " + rule.name);
             svg.AddLine(sourceLeft, top, x, top, "edge");
             svg.AddLine(x, top, x, end, "edge");
             svg.AddEdge(x, end, sourceLeft - 1, end, "edge");
@@ -217,7 +219,7 @@ void WiringDrawing::AddEdge(const WiringEdge& edge, size_t place, size_t count) 
                      step * (static_cast<double>(place) - static_cast<double>(count - 1) / 2);
     const bool isLost = edge.order == 0;
     svg.AddEdge(sourceLeft + sourceWidth, sourceTop.at(edge.from) + sourceHeight / 2, handlerLeft - 1, y,
-                isLost ? "edge-left-out" : "edge");
+                isLost ? "edge-left-out" : "edge", {.from = edge.from, .to = edge.to});
     if (!isLost) {
         const double left = handlerLeft - 34;
         const std::string number = std::to_string(edge.order);
@@ -228,6 +230,7 @@ void WiringDrawing::AddEdge(const WiringEdge& edge, size_t place, size_t count) 
 
 void WiringDrawing::AddAlwaysOn() {
     for (const std::string& type : wiring.alwaysOn) {
+        svg.BeginGroup("action", "", type);
         svg.AddBox({handlerLeft, bottom, handlerWidth, targetHeight}, "handler", corner);
         svg.AddText(handlerLeft + padding, bottom + 21, "name", type);
         svg.AddText(handlerLeft + padding + Svg::WidthOf(type, Svg::boldFont) + nameGap, bottom + 21, "small",
@@ -236,6 +239,7 @@ void WiringDrawing::AddAlwaysOn() {
                     "edge");
         svg.AddBox({targetLeft, bottom, targetWidth, targetHeight}, "target", targetHeight / 2);
         svg.AddText(targetLeft + 16, bottom + 21, "plain", "pipes in /run/halvek");
+        svg.EndGroup();
         bottom += targetHeight + handlerSpace;
     }
 }

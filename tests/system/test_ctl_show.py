@@ -104,6 +104,19 @@ def test_a_drawing_is_plain_svg_without_a_script(store: Path) -> None:
     assert all("error" in box for box in left_out if "handler" in box)
 
 
+def test_a_drawing_names_what_its_boxes_and_arrows_stand_for(store: Path) -> None:
+    """So that a document which shows it can light the way of an event."""
+    drawing = ElementTree.fromstring(answer("--settings", store, "show", "--as", "svg"))
+    told = json_answer("--settings", store, "show", "--as", "json")
+    groups = [one["group"] for one in told["sources"] + told["handlers"]]
+    boxes = [node.get("data-group") for node in drawing.iter(f"{SVG}g") if node.get("class") == "item"]
+    assert sorted(boxes) == sorted(groups)
+    targets = [node.get("data-group") for node in drawing.iter(f"{SVG}g") if node.get("class") == "action"]
+    assert targets == [one["group"] for one in told["handlers"] if one["target"]] + ["Extern"]
+    edges = [(node.get("data-from"), node.get("data-to")) for node in drawing.iter(f"{SVG}path")]
+    assert {(one["from"], one["to"]) for one in told["edges"]} <= set(edges)
+
+
 def test_what_stands_in_the_settings_stays_text_in_a_drawing(tmp_path: Path) -> None:
     name = """<script>alert("x")<!--&>'"""
     settings = timer(1, 5) | {f"Events/Handler#{name}": {"Type": name, "EnabledTimes": name}}
