@@ -21,6 +21,7 @@ OPTIONS = (
     "--no-sandbox",  # which root has no use for
     "--disable-dev-shm-usage",
     "--disable-gpu",
+    "--hide-scrollbars",  # or pictures of whole pages end in front of theirs
     "--no-first-run",
     "--disable-background-networking",
     "--disable-component-update",

@@ -16,9 +16,9 @@ constexpr std::string_view json = "application/json";
 const std::map<std::string_view, std::string_view>& Paths() {
     static const std::map<std::string_view, std::string_view> paths = {
         {"/", "GET, HEAD"},        {"/page.js", "GET, HEAD"}, {"/page.css", "GET, HEAD"}, {"/icon.svg", "GET, HEAD"},
-        {"/picture", "GET, HEAD"}, {"/state", "GET, HEAD"},   {"/stream", "GET"},         {"/alarm", "POST"},
-        {"/head", "POST"},         {"/recording", "POST"},    {"/alert", "POST"},         {"/fault", "POST"},
-        {"/post", "POST"}};
+        {"/picture", "GET, HEAD"}, {"/state", "GET, HEAD"},   {"/stream", "GET"},         {"/wiring", "GET, HEAD"},
+        {"/explain", "GET, HEAD"}, {"/alarm", "POST"},        {"/head", "POST"},          {"/recording", "POST"},
+        {"/alert", "POST"},        {"/fault", "POST"},        {"/post", "POST"}};
     return paths;
 }
 

@@ -10,10 +10,11 @@ namespace kelto::page {
 namespace {
 
 constexpr option options[] = {
-    {"port", required_argument, nullptr, 'p'},     {"bind", required_argument, nullptr, 'b'},
-    {"host", required_argument, nullptr, 'n'},     {"events", required_argument, nullptr, 'e'},
-    {"snapshot", required_argument, nullptr, 's'}, {"help", no_argument, nullptr, 'h'},
-    {"version", no_argument, nullptr, 'v'},        {nullptr, 0, nullptr, 0},
+    {"port", required_argument, nullptr, 'p'},      {"bind", required_argument, nullptr, 'b'},
+    {"host", required_argument, nullptr, 'n'},      {"events", required_argument, nullptr, 'e'},
+    {"snapshot", required_argument, nullptr, 's'},  {"settings", required_argument, nullptr, 'i'},
+    {"halvekctl", required_argument, nullptr, 'c'}, {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'v'},         {nullptr, 0, nullptr, 0},
 };
 
 constexpr const char* help = R"(Usage: kelto-vcam-page [--port NUMBER] [--bind ADDRESS] [--events PIPE]
@@ -31,6 +32,10 @@ Options:
                    any other: the event pipe to post to
                    (default: /var/run/halvek.pipe)
   --snapshot PATH  the camera's picture (default: /tmp/snapshot/img2.jpg)
+  --settings PATH  the monitor's settings (default: those that halvekctl finds)
+  --halvekctl PROGRAM
+                   what draws the wiring and explains events
+                   (default: halvekctl, which need not be there)
   --help, --version
 
 A socket of the service manager takes the place of port and address.
@@ -74,6 +79,12 @@ Options::Options(int argc, char** argv) {
                 break;
             case 's':
                 snapshot = NotEmpty("The path of the picture", optarg);
+                break;
+            case 'i':
+                settings = NotEmpty("The path of the settings", optarg);
+                break;
+            case 'c':
+                halvekctl = NotEmpty("The program", optarg);
                 break;
             case 'h':
                 wish = Wish::Help;

@@ -30,6 +30,8 @@ public:
     std::string snapshot = "/tmp/snapshot/img2.jpg";
     std::string listenerPipe = "/var/run/halvek/zz-page.halvek.any";
     std::string eventPipe = "/var/run/halvek.pipe";
+    std::string halvekctl = "halvekctl";
+    std::string settings;  ///< empty: those that halvekctl finds
 
 private:
     void TakePipe(const std::string& path);

@@ -81,6 +81,7 @@ Page::Page(EventLoop& eventLoop, int socket, const Options& options, const std::
       follower(eventLoop, camera, [this](const auto& told, size_t leftOut) { OnActions(told, leftOut); }),
       feed(eventLoop, options.listenerPipe, [this](const companion::ReceivedEvent& event) { OnEvent(event); }),
       orders(camera, options.eventPipe),
+      adviser(eventLoop, options),
       server(eventLoop, socket, ring, [this](const HttpExchangePtr& exchange) { Handle(exchange); }) {
     feed.OpenIfClosed();
 }
@@ -97,6 +98,10 @@ void Page::Handle(const HttpExchangePtr& exchange) {
         HandleStream(exchange);
     } else if (request.path == "/picture") {
         exchange->Answer(picture.Answer(request));
+    } else if (request.path == "/wiring") {
+        adviser.Draw(exchange);
+    } else if (request.path == "/explain") {
+        adviser.Explain(exchange);
     } else {
         exchange->Answer(assets.Answer(request));
     }
@@ -162,9 +167,10 @@ void Page::OnAlarm(const std::string& bank, int32_t index, bool active) {
 }
 
 void Page::OnEvent(const companion::ReceivedEvent& event) {
+    const std::string time = ClockState::IsoTime(ClockState::Now());
+    adviser.Take(event, ++eventCount, time);
     Json json;
-    json.BeginObject().Key("seq").Number(static_cast<int64_t>(++eventCount));
-    json.Key("time").String(ClockState::IsoTime(ClockState::Now()));
+    json.BeginObject().Key("seq").Number(static_cast<int64_t>(eventCount)).Key("time").String(time);
     json.Key("clock").String(ClockState::Word());
     json.Key("type").String(event.type).Key("props").BeginObject();
     for (const auto& [key, value] : event.properties) {

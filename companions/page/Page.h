@@ -2,6 +2,7 @@
 
 #include "camera/runtime/Timer.h"
 #include "companions/page/ActionFollower.h"
+#include "companions/page/Adviser.h"
 #include "companions/page/Assets.h"
 #include "companions/page/CameraBus.h"
 #include "companions/page/CameraView.h"
@@ -90,6 +91,7 @@ private:
     ActionFollower follower;
     EventFeed feed;
     Orders orders;
+    Adviser adviser;
     HttpServer server;
 };
 

@@ -1,5 +1,6 @@
 """Fixtures of the tests in a browser: one browser for all of them, a camera and a page for each."""
 
+import os
 import shutil
 from collections.abc import Callable, Iterator
 from pathlib import Path
@@ -7,6 +8,7 @@ from pathlib import Path
 import pytest
 from testing.browser import Browser
 from testing.bus import PrivateBus
+from testing.camera import VirtualCamera
 from testing.daemon import Daemon
 from testing.page import VcamPage
 from testing.pipes import DEFAULT_INPUT, PIPE_FOLDER
@@ -18,6 +20,12 @@ pytest_plugins = ["camera_fixtures", "page_fixtures"]
 def chromium(tmp_path_factory) -> Iterator[Browser]:
     with Browser(tmp_path_factory.mktemp("browser")) as browser:
         yield browser
+
+
+@pytest.fixture
+def page(camera: VirtualCamera, start_page: Callable[..., VcamPage]) -> VcamPage:
+    """The page of the camera, with halvekctl at its side."""
+    return start_page("--halvekctl", os.environ["HALVEK_CTL"])
 
 
 @pytest.fixture

@@ -1,4 +1,4 @@
-"""What takes the page of the virtual camera long: no browser has a part in it."""
+"""What takes the page of the virtual camera long, in a browser and without one."""
 
 import os
 import socket
@@ -7,9 +7,16 @@ import time
 from testing.camera import LOCAL
 from testing.page import ADDRESS
 from testing.processes import resident_kib
+from testing.settings import SERVER, handler, source
 from testing.waiting import wait_until
 
 MINUTES = float(os.environ.get("HALVEK_PAGE_MINUTES", "1"))
+SETTINGS = (
+    SERVER
+    | source(1, "Alarm", BankName=LOCAL, Index=2)
+    | source(2, "Analytics")
+    | handler(1, "Events/Source#1,Events/Source#2", handler_type="Relay", BankName=LOCAL, Index=0, Mode=3)
+)
 
 
 def flood(camera, count):
@@ -60,3 +67,41 @@ def test_memory_and_descriptors_stay_as_they_are(page, camera):
     print(f"{memory} kB before, {resident_kib(page.process.pid)} kB after {MINUTES} minutes")
     assert resident_kib(page.process.pid) < memory + 512
     assert staying.named("state")
+
+
+def measure(browser, page) -> dict[str, int]:
+    """What server and page hold, the page without its garbage: kilobytes, nodes, listeners and descriptors."""
+    for _ in range(3):
+        browser.command("HeapProfiler.collectGarbage")
+    held = browser.command("Memory.getDOMCounters")
+    heap = browser.command("Runtime.getHeapUsage")["usedSize"] // 1024
+    server = {"server": resident_kib(page.process.pid), "descriptors": page.descriptors()}
+    return server | {"heap": heap, "nodes": held["nodes"], "listeners": held["jsEventListeners"]}
+
+
+def test_memory_of_browser_and_server_stay_as_they_are(browser, page, camera, monitor_of):
+    """HALVEK_PAGE_MINUTES=60 makes it an hour of alarms, alerts, pulses and events, with the page in front."""
+    monitor_of(SETTINGS)
+    browser.command("HeapProfiler.enable")
+
+    def be_used(seconds: float) -> None:
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            flood(camera, 10)
+            assert page.post("/alert", {"class": "Person", "boxPoints": [[0.1, 0.2], [0.9, 0.8]]}).status == 204
+            assert page.post("/post", {"type": "Bell", "props": {"button": "front"}}).status == 204
+            camera.let_pass(500)
+
+    # As long as the lists of the page grow.
+    rows = "return ['events', 'actions', 'said'].map((name) => document.getElementById(name).childElementCount)"
+    wait_until(lambda: be_used(5) or browser.run(rows) == [200, 200, 200], "the lists are full", patience=300)
+    be_used(15)
+    first = measure(browser, page)
+    begin = time.monotonic()
+    while (rest := begin + MINUTES * 60 - time.monotonic()) > 0:
+        be_used(min(rest, 300))
+        held = measure(browser, page)
+        print(f"{(time.monotonic() - begin) / 60:.0f} min: {first} before, {held} now", flush=True)
+    assert held["server"] < first["server"] + 512 and held["descriptors"] < first["descriptors"] + 5
+    assert held["heap"] < first["heap"] + 512
+    assert held["nodes"] < first["nodes"] + 500 and held["listeners"] <= first["listeners"] + 5

@@ -7,6 +7,7 @@ from pathlib import Path
 import pytest
 from testing.browser import Browser, Element
 from testing.camera import LOCAL, VirtualCamera
+from testing.pipes import PIPE_FOLDER
 from testing.settings import SERVER, handler, source
 from testing.waiting import wait_until
 
@@ -16,6 +17,8 @@ SETTINGS = (
     | source(1, "Alarm", BankName=LOCAL, Index=2)
     | source(2, "Analytics")
     | handler(1, "Events/Source#1", handler_type="Relay", **RELAY)
+    | handler(2, "Events/Source#1", handler_type="Preset", EnabledTimes="100-100", Id=4)
+    | handler(3, "Events/Source#2", handler_type="Tour", EnabledDays="MTW", Id=1)
 )
 HOSTILE = '<script>document.title="bad"</script><img src=x onerror=document.title="bad">'
 WIDTHS = (320, 800, 1400)
@@ -197,6 +200,7 @@ def test_whatever_an_event_says_is_text(browser, monitor, camera, page):
     wait_for_text(browser, "#events", HOSTILE)
     assert page.post("/post", {"type": HOSTILE, "props": {"x": HOSTILE}}).status == 204
     wait_until(lambda: f"x={HOSTILE}" in browser.find_one("#events").text, "the posted event")
+    wait_for_text(browser, "#explain-note", HOSTILE)
     assert browser.run("return document.title") == "Virtual camera"
     assert browser.run("return document.querySelectorAll('main script, main img').length") == 1
 
@@ -207,6 +211,47 @@ def test_an_alert_draws_its_box_on_the_picture(browser, monitor):
     wait_until(lambda: browser.find("#boxes polygon"), "the box")
     assert browser.find_one("#boxes polygon").attribute("points") == "0.3,0.25 0.6,0.25 0.6,0.8 0.3,0.8"
     wait_until(lambda: browser.find("#boxes polygon") == [], "the box is gone")
+
+
+def test_an_event_lights_its_way_in_the_wiring(browser, monitor):
+    wait_until(lambda: browser.find("#wiring svg [data-group]"), "the wiring")
+    drawn = browser.find_one("#wiring").text
+    assert all(text in drawn for text in ("Handler#1", "EnabledTimes=100-100", "preset 4", "tour 1"))
+    assert browser.find("#wiring style, #wiring script, #wiring [style]") == []
+    edge = "#wiring path[data-from='Events/Source#1'][data-to='Events/Handler#{}']"
+    alarm(browser, 2).click()
+    wait_until(lambda: browser.find(f"{edge.format(1)}.lit"), "the way to the relay")
+    # As far as the handler that does not act, and no further.
+    assert browser.find(f"{edge.format(2)}.reached") and browser.find(f"{edge.format(2)}.lit") == []
+    lit = "return [...document.querySelectorAll('#wiring .action.lit')].map((part) => part.dataset.group)"
+    assert browser.run(lit) == ["Events/Handler#1", "Extern"]
+    wait_until(lambda: browser.find("#wiring .lit, #wiring .reached") == [], "the light is out")
+
+
+def test_the_wiring_follows_the_settings(browser, monitor):
+    wait_until(lambda: browser.find("#wiring svg"), "the wiring")
+    monitor.write_settings(SERVER | source(3, "Doorbell") | handler(7, "Events/Source#3", handler_type="Preset", Id=9))
+    wait_until(lambda: "preset 9" in browser.find_one("#wiring").text, "the new wiring", patience=20)
+
+
+def test_the_page_says_of_the_last_event_who_acts_and_why_the_others_do_not(browser, monitor):
+    wait_for_text(browser, "#status", "The camera is there")
+    alarm(browser, 2).click()
+    wait_until(lambda: len(browser.find("#explain li")) == 3, "a line for each handler")
+    acting, closed, other = (row.text for row in browser.find("#explain li"))
+    assert "acts" in acting and "Handler#1 Relay" in acting
+    assert "out-of-time" in closed and "Handler#2 Preset" in closed and "100-100" in closed
+    assert "other-type" in other and "Handler#3 Tour" in other
+    assert browser.find_one("#explain-note").text.startswith("Alarm at ")
+
+
+def test_without_halvekctl_the_page_works_and_says_what_is_missing(browser, start_page, camera):
+    other = start_page("--events", f"{PIPE_FOLDER}/zz-other.halvek.any", "--halvekctl", "/nowhere/halvekctl")
+    browser.open(other.url)
+    wait_for_text(browser, "#wiring-note", "Not shown: /nowhere/halvekctl cannot be run")
+    alarm(browser, 2).click()
+    wait_for_alarm(browser, 2)
+    assert browser.find("#wiring svg") == []
 
 
 def test_a_refusal_is_read_out_and_goes_with_the_next_order(browser):
@@ -314,7 +359,30 @@ def test_it_can_be_read_light_and_dark_before_and_after_an_event(browser, monito
     box = [[0.3, 0.25], [0.6, 0.25], [0.6, 0.8], [0.3, 0.8]]
     page.post("/alert", {"class": "Person", "ruleName": "Gate", "boxPoints": box})
     wait_until(lambda: browser.find("#relays .lit") and browser.find("#boxes polygon"), "the lamp and the box")
+    wait_until(lambda: browser.find("#wiring .lit"), "the way of the event")
     look("after")
+
+
+def test_the_picture_of_the_readme_is_of_an_alarm_and_its_way(browser, monitor_of, page):
+    monitor_of(SETTINGS | handler(1, "Events/Source#1", handler_type="Relay", **RELAY | {"OnInterval.msec": 5000}))
+    wait_until(lambda: browser.find("#wiring svg [data-group]"), "the wiring")
+    browser.resize(1400, 900)
+    switch = alarm(browser, 2)
+
+    def is_lit() -> bool:
+        return all(map(browser.find, ("#relays .lit", "#wiring path.lit", "#boxes polygon")))
+
+    def is_taken() -> bool:
+        """On a busy machine the light is out before the picture is taken."""
+        page.post("/alert", {"boxPoints": [[0.3, 0.25], [0.6, 0.25], [0.6, 0.8], [0.3, 0.8]]})
+        wait_until(lambda: browser.find("#boxes polygon"), "the box")
+        switch.click()
+        wait_until(lambda: browser.find("#wiring path.lit"), "the way")
+        taken = browser.whole_page()
+        (SCREENSHOTS / "readme.png").write_bytes(taken)
+        return is_lit()
+
+    wait_until(is_taken, "a picture with the lamp and the way", patience=120)
 
 
 def test_a_thousand_alarms_a_second_leave_the_page_usable(browser, monitor, camera):

@@ -36,7 +36,7 @@ def test_the_man_page_names_every_option_and_every_request(man_page):
     assert options == set(re.findall(r"--[a-z]+", man_page)) - {"--json"} and "--events" in options
     gate = (ROOT / "companions/page/Gate.cpp").read_text()
     paths = re.findall(r'\{"(/[a-z.]*)", "', gate)
-    assert len(paths) == 13 and all(re.search(rf"(GET|POST|,) {re.escape(path)}\b|/ ,", man_page) for path in paths)
+    assert len(paths) == 15 and all(re.search(rf"(GET|POST|,) {re.escape(path)}\b|/ ,", man_page) for path in paths)
 
 
 def test_help_and_version_are_told_on_standard_output():
@@ -61,6 +61,8 @@ def test_help_and_version_are_told_on_standard_output():
         ("--events", "/run/halvek/"),
         ("--events", "/run/halvek/.halvek.any"),
         ("--snapshot", ""),
+        ("--settings", ""),
+        ("--halvekctl", ""),
         ("--nothing",),
         ("page",),
     ],

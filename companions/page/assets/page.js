@@ -7,6 +7,10 @@ let token = tokenOf(document);
 const mostRows = 200;
 const boxSeconds = 5;
 const retryMilliseconds = 1000;
+const litMilliseconds = 4000;
+const explainMilliseconds = 300;
+const drawMilliseconds = 5000;
+const svgNamespace = "http://www.w3.org/2000/svg";
 // What the daemon asks before it decides what to do.
 const questions = /\.(GetBankNames|IsRemote|IsAt|GetIdleState|GetSummary|GetConfiguration)$/;
 
@@ -101,8 +105,9 @@ function makeRelay(key) {
   const item = element("li");
   const lamp = element("span", "", "lamp");
   lamp.setAttribute("aria-hidden", "true");
-  const row = { item, name: element("span", "", "name"), more: element("span", "", "quiet") };
-  item.append(lamp, row.name, " ", row.more);
+  const [name, pulse, more] = ["name", "pulse", "more"].map((part) => element("span", "", part));
+  const row = { item, name, pulse, more };
+  item.append(lamp, name, " ", pulse, " ", more);
   byId("relays").append(item);
   relays.set(key, row);
   return row;
@@ -115,9 +120,9 @@ function showRelays(list) {
     const row = relays.get(key) ?? makeRelay(key);
     row.item.classList.toggle("lit", relay.on);
     setText(row.name, `${key} ${relay.on ? "on" : "off"}`);
-    const pulse = relay.pulse > 0 ? `pulse ${relay.pulse} of ${relay.pulses}; ` : "";
+    setText(row.pulse, relay.pulse > 0 ? `pulse ${relay.pulse} of ${relay.pulses}` : "");
     const polarity = relay.polarity ? ", polarity reversed" : "";
-    setText(row.more, `${pulse}mode ${relay.mode}, ${relay.pulseCount} × ${relay.onMs}/${relay.offMs} ms${polarity}`);
+    setText(row.more, `mode ${relay.mode}, ${relay.pulseCount} × ${relay.onMs}/${relay.offMs} ms${polarity}`);
   }
 }
 
@@ -212,7 +217,7 @@ function drawBox(points) {
   if (pairs.length < 2 || !pairs.flat().every(Number.isFinite)) {
     return;
   }
-  const polygon = document.createElementNS("http://www.w3.org/2000/svg", "polygon");
+  const polygon = document.createElementNS(svgNamespace, "polygon");
   polygon.setAttribute("points", pairs.map((pair) => pair.join(",")).join(" "));
   byId("boxes").replaceChildren(polygon);
   setTimeout(() => polygon.remove(), boxSeconds * 1000);
@@ -290,6 +295,154 @@ const showQuestions = () => actionList.classList.toggle("without-questions", !by
 byId("queries").addEventListener("change", showQuestions);
 showQuestions();
 
+// --- what halvekctl says of the settings: their wiring, and who acts on the last event
+
+const drawnElements = new Set(["svg", "title", "defs", "marker", "g", "rect", "path", "line", "text"]);
+const drawnAttributes = new Set(
+  (
+    "role class id x y x1 y1 x2 y2 rx width height viewBox d data-group data-from data-to marker-end refX refY " +
+    "markerUnits markerWidth markerHeight orient"
+  ).split(" "),
+);
+
+/** A copy that holds shapes and texts, and nothing that acts or fetches. */
+function copyOfDrawing(node) {
+  const made = document.createElementNS(svgNamespace, node.localName);
+  for (const { name, value } of node.attributes) {
+    if (drawnAttributes.has(name)) {
+      made.setAttribute(name, value);
+    }
+  }
+  for (const child of node.childNodes) {
+    if (child.nodeType === Node.TEXT_NODE) {
+      made.append(child.data);
+    } else if (drawnElements.has(child.localName)) {
+      made.append(copyOfDrawing(child));
+    }
+  }
+  return made;
+}
+
+/** What cannot be shown is said once, whatever the reason. */
+function showProblem(note, problem) {
+  const help = "halvekctl, of the package of that name, tells this, from settings that the page's server may read";
+  setText(note, problem ? `Not shown: ${problem}. (${help}.)` : "");
+}
+
+let drawing = "";
+
+function showWiring({ problem, drawing: drawn }) {
+  showProblem(byId("wiring-note"), problem);
+  if (drawn === drawing) {
+    return;
+  }
+  drawing = drawn;
+  const parsed = new DOMParser().parseFromString(drawn, "image/svg+xml").documentElement;
+  byId("wiring").replaceChildren(...(parsed.localName === "svg" ? [copyOfDrawing(parsed)] : []));
+  lightWay();
+}
+
+let explained = { seq: 0, rows: [], alwaysOn: [], rules: [] };
+let isLit = false;
+let litTimer = 0;
+
+/** Marks what the last event has come by: as far as a handler, and on to what that acts on if it does. */
+function lightWay() {
+  const rows = isLit ? explained.rows.filter((row) => row.source !== null) : [];
+  const acting = rows.filter((row) => row.acts);
+  const groups = (found, key) => new Set(found.map((row) => row[key]));
+  const reached = new Set([...groups(rows, "source"), ...groups(rows, "group")]);
+  const acts = groups(acting, "group");
+  if (isLit) {
+    explained.alwaysOn.filter((one) => one.verdict === "acts").forEach((one) => acts.add(one.type));
+    explained.rules.forEach((rule) => acts.add(`rule ${rule.name}`));
+  }
+  for (const part of byId("wiring").querySelectorAll("[data-group]")) {
+    part.classList.toggle("reached", reached.has(part.dataset.group));
+    part.classList.toggle("lit", acts.has(part.dataset.group));
+  }
+  for (const edge of byId("wiring").querySelectorAll("[data-from]")) {
+    const isOfEdge = (row) => row.source === edge.dataset.from && row.group === edge.dataset.to;
+    edge.classList.toggle("reached", rows.some(isOfEdge));
+    edge.classList.toggle("lit", acting.some(isOfEdge));
+  }
+}
+
+function light() {
+  isLit = true;
+  lightWay();
+  clearTimeout(litTimer);
+  litTimer = setTimeout(() => {
+    isLit = false;
+    lightWay();
+  }, litMilliseconds);
+}
+
+function rowOfVerdict({ group, type, verdict, acts, text }) {
+  const row = element("li", "", acts ? "acts" : "idle");
+  const name = group.replace(/^Events\//, "");
+  row.append(element("b", verdict, "verdict"), `${name} ${type}`, element("span", `: ${text}`, "props"));
+  return row;
+}
+
+function showExplanation(answer) {
+  if (answer.seq === 0) {
+    return;
+  }
+  showProblem(byId("explain-note"), answer.problem);
+  if (answer.seq === explained.seq) {
+    return;
+  }
+  explained = answer;
+  if (!answer.problem) {
+    const rows = answer.rows.map(rowOfVerdict);
+    const posts = answer.rules.map((rule) => element("li", `The rule ${rule.name} hears it, and posts ${rule.post}`));
+    const none = answer.rows.length === 0 ? [element("li", "The settings have no handlers")] : [];
+    byId("explain").replaceChildren(...rows, ...posts, ...none);
+    setText(byId("explain-note"), `${answer.type} at ${answer.time.slice(11, 19)} UTC`);
+    light();
+  }
+}
+
+/** Asks the server for something, one at a time, and not more often than that. */
+class Question {
+  constructor(path, interval, show) {
+    Object.assign(this, { path, interval, show, isUnderWay: false, isWanted: false });
+  }
+
+  async ask() {
+    this.isWanted = true;
+    if (this.isUnderWay || document.hidden || !isServerThere) {
+      return;
+    }
+    this.isUnderWay = true;
+    this.isWanted = false;
+    try {
+      const answer = await fetch(this.path);
+      if (answer.ok) {
+        this.show(await answer.json());
+      }
+    } catch {
+      // The stream finds out, and everything is asked anew when the server is back.
+    }
+    setTimeout(() => {
+      this.isUnderWay = false;
+      if (this.isWanted) {
+        this.ask();
+      }
+    }, this.interval);
+  }
+}
+
+const explanation = new Question("/explain", explainMilliseconds, showExplanation);
+const wiring = new Question("/wiring", explainMilliseconds, showWiring);
+setInterval(() => wiring.ask(), drawMilliseconds);
+
+function askAgain() {
+  wiring.ask();
+  explanation.ask();
+}
+
 // --- what the server tells
 
 let latest = null; // the state that is to be shown next
@@ -349,6 +502,7 @@ const takers = {
   },
   event(data) {
     logs.event.add(data);
+    explanation.ask();
     if (data.type === "AnalyticsAlert" && data.props.boxPoints) {
       drawBox(data.props.boxPoints);
     }
@@ -416,6 +570,9 @@ async function start() {
     logs.event.replace(state.events);
     latest = state;
     renderSoon();
+    // Another server counts its events anew.
+    explained.seq = 0;
+    askAgain();
   } catch {
     isServerThere = false;
     renderSoon();
@@ -434,6 +591,7 @@ document.addEventListener("visibilitychange", () => {
   } else if (stream === null) {
     // What came meanwhile is still in the server's memory, or it says that it is not.
     openStream();
+    askAgain();
   }
 });
 
