@@ -126,7 +126,7 @@ def parse(block: bytes) -> Sent | None:
 
 
 class VcamPage:
-    """A running kelto-vcam-page."""
+    """A running kelto-vcam-page; `given` are descriptors that it inherits."""
 
     def __init__(
         self,
@@ -135,6 +135,7 @@ class VcamPage:
         *options: str,
         prefix: Sequence[str] = (),
         program: str = PAGE_PROGRAM,
+        given: Sequence[int] = (),
     ) -> None:
         words = ("--port", "0", "--snapshot", str(snapshot), *options)
         self.process = subprocess.Popen(
@@ -143,6 +144,7 @@ class VcamPage:
             stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
+            pass_fds=given,
         )
         self.lines = Lines(os.dup(self.process.stdout.fileno()), "kelto-vcam-page")
         self.complaints = Lines(os.dup(self.process.stderr.fileno()), "kelto-vcam-page's standard error")
