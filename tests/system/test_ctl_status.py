@@ -15,10 +15,7 @@ from testing.settings import SERVER, server, timer
 from testing.users import FIRST_UID
 from testing.waiting import wait_until
 
-pytestmark = [
-    pytest.mark.not_under("sanitizer", "emulator", reason="it looks for the daemon by its name"),
-    pytest.mark.alone(reason="who may not see descriptors takes the youngest process of that name, whoever's it is"),
-]
+pytestmark = pytest.mark.not_under("sanitizer", "emulator", reason="it looks for the daemon by its name")
 
 SETTINGS = SERVER | timer(1, 3600)
 DAEMONS_USER, MEMBER, NOBODY = FIRST_UID, FIRST_UID + 1, FIRST_UID + 2

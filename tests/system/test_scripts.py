@@ -286,6 +286,13 @@ def test_a_private_network_has_the_loopback_alone_and_every_port_free(user):
     assert (result.stdout, result.stderr) == ("lo 21 25", "")
 
 
+@pytest.mark.parametrize("user", [[], ORDINARY_USER], ids=["root", "ordinary user"])
+def test_with_processes_of_its_own_it_sees_none_of_others_and_leaves_none(user):
+    command = "sleep 1000 & for one in /proc/[0-9]*/comm; do cat $one; done; exit 7"
+    result = run(*user, PRIVATE_RUN, "--pid", "sh", "-c", command)
+    assert sorted(set(result.stdout.split()) - {"cat"}) == ["sh", "sleep"] and result.returncode == 7
+
+
 def test_a_private_run_hands_through_streams_arguments_and_status():
     result = run(PRIVATE_RUN, "sh", "-c", 'cat; printf "<%s>" "$@" >&2; exit 7', "sh", "a b", "", "*", input="in")
     assert (result.stdout, result.stderr, result.returncode) == ("in", "<a b><><*>", 7)
