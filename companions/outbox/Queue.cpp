@@ -214,10 +214,15 @@ SpoolFolder::File Queue::WriteSomewhere(Item& item, uint64_t id, const ItemHeade
     try {
         return write(ram);
     } catch (const std::system_error& failure) {
-        if (failure.code().value() != ENOSPC || !DropOldest(Place::Ram)) {
+        if (failure.code().value() == ENOSPC && DropOldest(Place::Ram)) {
+            return write(ram);
+        }
+        // Somebody else has filled the RAM: better there than nowhere.
+        item.isOnFlash = !isEarly && MayWriteFlash(size) && WriteToFlash(size, 0, [&] { file = write(flash); });
+        if (!item.isOnFlash) {
             throw;
         }
-        return write(ram);
+        return file;
     }
 }
 

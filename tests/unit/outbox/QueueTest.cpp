@@ -130,6 +130,16 @@ TEST_F(QueueTest, FullRamCostsNothingOnFlash) {
     EXPECT_EQ(queue->GetCounts().dropped, 1U);
 }
 
+TEST_F(QueueTest, WhereSomebodyElseHasFilledTheRamAnItemGoesToFlash) {
+    const test::MemoryMount disk(ram, "size=64k");
+    Open();
+    std::ofstream others(ram + "/others");
+    others << std::string(100'000, 'x') << std::flush;
+    const uint64_t id = Accept(1000);
+    EXPECT_TRUE(queue->Find(id)->isOnFlash);
+    EXPECT_TRUE(IsThere(flash, id));
+}
+
 TEST_F(QueueTest, WhatIsKeptFreeOnFlashStaysFree) {
     const test::MemoryMount disk(flash, "size=1m");
     Open();
