@@ -74,7 +74,7 @@ void Ledger::SpendFlash(uint64_t size) {
     Save();
 }
 
-/** Where it cannot be written, a restart counts from what stands there. */
+/** Where it cannot be written, which is tried twice, a restart counts from what stands there. */
 void Ledger::Save() {
     std::string text;
     for (const Fate fate : fates) {
@@ -87,8 +87,10 @@ void Ledger::Save() {
     }
     // Empty lines behind the last one.
     text.resize((text.size() / pageSize + 1) * pageSize, '\n');
-    if (pwrite(file.Get(), text.data(), text.size(), 0) == static_cast<ssize_t>(text.size())) {
-        static_cast<void>(ftruncate(file.Get(), static_cast<off_t>(text.size())) == 0);
+    const auto length = static_cast<ssize_t>(text.size());
+    if (pwrite(file.Get(), text.data(), text.size(), 0) == length ||
+        pwrite(file.Get(), text.data(), text.size(), 0) == length) {
+        static_cast<void>(ftruncate(file.Get(), length) == 0);
     }
 }
 
