@@ -15,6 +15,9 @@
 
 namespace kelto::halvek::mqtt {
 
+using companion::ExitStatus;
+using enum companion::ExitStatus;
+
 namespace {
 
 void AddOwnWarnings(Configuration& configuration) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "companions/mqtt/ExitStatus.h"
+#include "companions/common/ExitStatus.h"
 #include "companions/mqtt/Invocation.h"
 
 #include <string>
@@ -10,9 +10,9 @@ namespace kelto::halvek::mqtt {
 /** What the verbs say. Each fills in the answer, text or JSON, and throws what has kept it from doing so. */
 class Answers {
 public:
-    static ExitStatus Check(const Invocation& invocation, std::string& answer);
-    static ExitStatus PrintDiscovery(const Invocation& invocation, std::string& answer);
-    static ExitStatus Status(const Invocation& invocation, std::string& answer);
+    static companion::ExitStatus Check(const Invocation& invocation, std::string& answer);
+    static companion::ExitStatus PrintDiscovery(const Invocation& invocation, std::string& answer);
+    static companion::ExitStatus Status(const Invocation& invocation, std::string& answer);
 };
 
 }  // namespace kelto::halvek::mqtt

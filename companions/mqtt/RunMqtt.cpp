@@ -1,10 +1,10 @@
 #include "companions/mqtt/RunMqtt.h"
 
+#include "companions/common/ExitStatus.h"
 #include "companions/common/Printable.h"
 #include "companions/common/ServiceManager.h"
 #include "companions/mqtt/Answers.h"
 #include "companions/mqtt/Configuration.h"
-#include "companions/mqtt/ExitStatus.h"
 #include "companions/mqtt/Invocation.h"
 #include "companions/mqtt/Log.h"
 #include "companions/mqtt/Service.h"
@@ -18,6 +18,9 @@
 #include <utility>
 
 namespace kelto::halvek::mqtt {
+
+using companion::ExitStatus;
+using enum companion::ExitStatus;
 
 namespace {
 
@@ -50,14 +53,14 @@ ExitStatus Serve(const Invocation& invocation) {
         configuration = Configuration::Load(invocation.config, Configuration::Secrets::Wanted);
     } catch (const std::system_error& error) {
         Log::Error(error.what());
-        return exitConfig;
+        return exitConfiguration;
     }
     for (const Finding& finding : configuration->findings) {
         (finding.isError ? Log::Error : Log::Warning)(configuration->Text(finding));
     }
     if (configuration->HasErrors()) {
         companion::ServiceManager::Tell("STATUS=The configuration is wrong");
-        return exitConfig;
+        return exitConfiguration;
     }
     try {
         Service(std::move(*configuration)).Run();

@@ -1,7 +1,7 @@
 #include "companions/outbox/Answers.h"
 
 #include "companions/common/ClockState.h"
-#include "companions/outbox/ExitStatus.h"
+#include "companions/common/ExitStatus.h"
 #include "companions/outbox/Uptime.h"
 
 #include <algorithm>
@@ -10,6 +10,7 @@ namespace kelto::halvek::outbox {
 
 using companion::ClockState;
 using companion::Json;
+using enum companion::ExitStatus;
 
 namespace {
 

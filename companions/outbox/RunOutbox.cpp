@@ -1,7 +1,7 @@
 #include "companions/outbox/RunOutbox.h"
 
+#include "companions/common/ExitStatus.h"
 #include "companions/common/Json.h"
-#include "companions/outbox/ExitStatus.h"
 #include "companions/outbox/HostKey.h"
 #include "companions/outbox/Log.h"
 #include "companions/outbox/Paths.h"
@@ -24,6 +24,7 @@ namespace kelto::halvek::outbox {
 
 using companion::Credentials;
 using companion::Json;
+using enum companion::ExitStatus;
 
 namespace {
 

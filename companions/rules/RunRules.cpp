@@ -1,10 +1,10 @@
 #include "companions/rules/RunRules.h"
 
 #include "companions/common/ConfigFile.h"
+#include "companions/common/ExitStatus.h"
 #include "companions/common/Json.h"
 #include "companions/common/Printable.h"
 #include "companions/rules/CommandLine.h"
-#include "companions/rules/ExitStatus.h"
 #include "companions/rules/RuleFile.h"
 #include "companions/rules/Script.h"
 #include "companions/rules/ScriptRun.h"

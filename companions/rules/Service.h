@@ -2,12 +2,12 @@
 
 #include "companions/common/EventPipe.h"
 #include "companions/common/EventReader.h"
+#include "companions/common/ExitStatus.h"
 #include "companions/common/ListenerPipe.h"
 #include "companions/common/ServiceLog.h"
 #include "companions/common/UniqueFd.h"
 #include "companions/rules/CommandLine.h"
 #include "companions/rules/Engine.h"
-#include "companions/rules/ExitStatus.h"
 
 #include <optional>
 #include <set>
