@@ -226,8 +226,9 @@ def test_records_that_nobody_reads_hold_nothing_up(daemon, hears):
     for number, (ours, theirs) in enumerate((os.pipe(), map(socket.socket.detach, socket.socketpair()))):
         service = RulesService(Path("/run/tests"), ECHO, stderr=theirs)
         os.close(theirs)
+        # Once: rewritten each time it would be empty for a moment, and no rules are good rules.
+        service.file.write_text("[Rule " + "r" * 3000 + "]\n")
         for _ in range(400):
-            service.file.write_text("[Rule " + "r" * 3000 + "]\n")
             service.process.send_signal(signal.SIGHUP)
             if PIPE.exists():
                 wait_until(lambda: not pending(service.pid), "the signal is taken")
