@@ -52,9 +52,12 @@ def start_bridge(tmp_path: Path, clean_run: None) -> Iterator[Callable[..., Brid
 
     yield start
     try:
-        for bridge in bridges:
-            if bridge.process.poll() is None:
-                assert bridge.stop() == 0
+        running = [bridge for bridge in bridges if bridge.process.poll() is None]
+        # All at once: each may wait for a broker that says nothing.
+        for bridge in running:
+            bridge.process.terminate()
+        for bridge in running:
+            assert bridge.wait_for_exit() == 0
     finally:
         for bridge in bridges:
             bridge.close()
