@@ -6,7 +6,7 @@ namespace kelto::companion {
 enum ExitStatus : int {
     /** Done, and the answer is yes; the service has stopped in good order. */
     exitYes = 0,
-    /** Done, and the answer is no: findings, not connected, nothing of that name. Of the service: it could not go on. */
+    /** Done, and the answer is no: findings, not connected, no such item. Of the service: it could not go on. */
     exitNo = 1,
     /** The command line, or the script of a test, is wrong; nothing was done. */
     exitUsage = 2,
