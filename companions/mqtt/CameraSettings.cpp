@@ -1,85 +1,17 @@
 #include "companions/mqtt/CameraSettings.h"
 
-#include "companions/common/ConfigFile.h"
-
-#include <dirent.h>
-#include <sys/stat.h>
-
-#include <algorithm>
-#include <cstdlib>
-#include <map>
-#include <memory>
-#include <string_view>
-#include <system_error>
-#include <vector>
+#include "companions/common/DaemonSettings.h"
 
 namespace kelto::halvek::mqtt {
 
-using companion::ConfigEntry;
-using companion::ConfigFile;
-using companion::ConfigGroup;
-
-namespace {
-
-using Groups = std::map<std::string, std::map<std::string, std::string>>;
-
-std::vector<std::string> FilesOf(const std::string& path) {
-    struct stat found {};
-    if (stat(path.c_str(), &found) != 0) {
-        return {};
-    }
-    if (!S_ISDIR(found.st_mode)) {
-        return {path};
-    }
-    std::vector<std::string> files;
-    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(path.c_str()), closedir);
-    while (folder != nullptr) {
-        const dirent* entry = readdir(folder.get());
-        if (entry == nullptr) {
-            break;
-        }
-        if (std::string_view(entry->d_name).ends_with(".ini")) {
-            files.push_back(path + "/" + entry->d_name);
-        }
-    }
-    std::sort(files.begin(), files.end());
-    return files;
-}
-
-void AddFile(const std::string& path, Groups& groups) {
-    try {
-        const ConfigFile file = ConfigFile::Load(path);
-        for (const ConfigGroup& group : file.Groups()) {
-            for (const ConfigEntry& entry : group.entries) {
-                groups[group.name][entry.key] = entry.value;
-            }
-        }
-    } catch (const std::system_error&) {
-        // Others may be readable, and none has to be.
-    }
-}
-
-std::string ValueOf(const Groups& groups, const std::string& group, const std::string& key) {
-    const auto found = groups.find(group);
-    if (found == groups.end()) {
-        return {};
-    }
-    const auto value = found->second.find(key);
-    return value == found->second.end() ? std::string() : value->second;
-}
-
-}  // namespace
+using companion::DaemonSettings;
 
 std::string CameraSettings::Path() {
-    const char* path = getenv("KELTO_SETTINGS");
-    return path == nullptr || *path == '\0' ? "/etc/kelto/settings" : path;
+    return DaemonSettings::Path();
 }
 
 CameraFacts CameraSettings::Read(const std::string& path) {
-    Groups groups;
-    for (const std::string& file : FilesOf(path)) {
-        AddFile(file, groups);
-    }
+    const DaemonSettings::Groups groups = DaemonSettings::Read(path);
     CameraFacts facts;
     if (const std::string picture = ValueOf(groups, "Video/Quickview", "SnapshotPath"); !picture.empty()) {
         facts.picture = picture;
@@ -92,8 +24,8 @@ CameraFacts CameraSettings::Read(const std::string& path) {
         }
         facts.types.insert(type->second == "Analytics" ? "AnalyticsAlert" : type->second);
         const std::string details = name + "/Alarm";
-        const std::string bank = ValueOf(groups, details, "BankName");
-        const std::string index = ValueOf(groups, details, "Index");
+        const std::string bank = DaemonSettings::ValueOf(groups, details, "BankName");
+        const std::string index = DaemonSettings::ValueOf(groups, details, "Index");
         if (type->second == "Alarm" && !bank.empty() && !index.empty()) {
             facts.alarms.emplace(bank, index);
         }

@@ -111,15 +111,15 @@ Item* Answers::FindItem(const std::string& argument) {
     return item != nullptr && item->state != Item::State::Unheard ? item : nullptr;
 }
 
-std::string Answers::TargetWord(const TargetEntry& target) const {
-    return service.isHeld || target.isHeld || !service.settings.findings.empty() ? "hold" : target.state.Word();
+std::string Answers::TargetWord(const std::string& name, const TargetEntry& target) const {
+    return service.IsHeld(name) ? "hold" : target.state.Word();
 }
 
 std::string Answers::ItemState(const Item& item) const {
     if (item.state == Item::State::Sending) {
         return "sending";
     }
-    const std::string word = TargetWord(service.targets[item.target]);
+    const std::string word = TargetWord(item.target, service.targets[item.target]);
     if (item.state == Item::State::Uncertain && word == "ok") {
         return "uncertain";
     }
@@ -145,13 +145,13 @@ std::string Answers::StatusText() const {
     for (const Finding& finding : service.settings.findings) {
         text += "nothing is sent: " + Clean(finding.place + ": " + finding.text) + "\n";
     }
-    if (service.isHeld) {
+    if (service.held.IsAllHeld()) {
         text += "nothing is sent: held by \"halvek-outbox hold\"\n";
     }
     for (const auto& [name, target] : service.targets) {
-        text += Clean(Padded(TargetWord(target), 6) + name +
+        text += Clean(Padded(TargetWord(name, target), 6) + name +
                       (target.state.Reason().empty() ? "" : ": " + target.state.Reason()) +
-                      (target.isHeld ? ", held by \"halvek-outbox hold\"" : "")) +
+                      (service.held.IsHeld(name) ? ", held by \"halvek-outbox hold\"" : "")) +
                 "\n";
     }
     text += "queued " + std::to_string(service.queue.Waiting()) + ", delivered " + std::to_string(counts.delivered) +
@@ -182,7 +182,7 @@ void Answers::AddAll(Json& json) const {
     }
     json.EndArray().Key("targets").BeginArray();
     for (const auto& [name, target] : service.targets) {
-        json.BeginObject().Key("name").String(name).Key("state").String(TargetWord(target));
+        json.BeginObject().Key("name").String(name).Key("state").String(TargetWord(name, target));
         json.Key("reason").String(target.state.Reason());
         json.Key("next_ms").Number(std::max<int64_t>(target.state.NextTry() - Uptime(), 0)).EndObject();
     }
@@ -195,7 +195,7 @@ void Answers::AddAll(Json& json) const {
     json.Key("dropped").Number(static_cast<int64_t>(counts.dropped));
     json.Key("uncertain").Number(static_cast<int64_t>(counts.uncertain)).EndObject();
     json.Key("bytes").Number(static_cast<int64_t>(service.queue.Bytes()));
-    json.Key("held").Bool(service.isHeld).Key("findings").BeginArray();
+    json.Key("held").Bool(service.held.IsAllHeld()).Key("findings").BeginArray();
     for (const Finding& finding : service.settings.findings) {
         json.BeginObject().Key("file").String(finding.file).Key("line").Number(finding.position.line);
         json.Key("column").Number(finding.position.column).Key("text").String(finding.text).EndObject();
@@ -262,21 +262,20 @@ Answers::Reply Answers::Drop(const std::string& argument) {
 
 Answers::Reply Answers::SetHeld(const std::string& argument, bool isHeld) {
     if (argument.empty()) {
-        service.isHeld = isHeld;
-        if (!isHeld) {
-            for (auto& [name, target] : service.targets) {
-                target.isHeld = false;
+        isHeld ? service.held.HoldAll() : service.held.ReleaseAll();
+        for (auto& [name, target] : service.targets) {
+            if (!isHeld) {
                 target.state.ProbeAnyway();
             }
         }
         return Done("");
     }
     const auto target = service.targets.find(argument);
-    if (target == service.targets.end()) {
+    if (target == service.targets.end() && (isHeld || !service.held.IsHeld(argument))) {
         return Refuse("there is no target " + argument);
     }
-    target->second.isHeld = isHeld;
-    if (!isHeld) {
+    isHeld ? service.held.Hold(argument) : service.held.Release(argument);
+    if (!isHeld && target != service.targets.end()) {
         target->second.state.ProbeAnyway();
     }
     return Done("");

@@ -35,7 +35,7 @@ private:
     void AddItem(companion::Json& json, const Item& item) const;
     void AddAll(companion::Json& json) const;
     std::string ItemState(const Item& item) const;
-    std::string TargetWord(const TargetEntry& target) const;
+    std::string TargetWord(const std::string& name, const TargetEntry& target) const;
     Item* FindItem(const std::string& argument);
 
     Service& service;

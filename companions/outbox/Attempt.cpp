@@ -30,6 +30,8 @@ constexpr std::array<std::string_view, 25> commands = {
 constexpr std::string_view farewell = "QUIT";
 constexpr std::string_view mailText = ".";
 constexpr int startMail = 354;
+constexpr std::string_view hidden = "***";
+constexpr size_t shortestHidden = 4;
 constexpr int sizeTold = 213;
 
 template <typename Value>
@@ -85,7 +87,26 @@ Evidence Attempt::Perform() {
     const auto result = static_cast<CURLcode>(evidence.result);
     evidence.resultText = error[0] != '\0' ? error : curl_easy_strerror(result);
     curl_easy_getinfo(handle, CURLINFO_SSL_VERIFYRESULT, &evidence.certificate);
+    HideSecret();
     return evidence;
+}
+
+/** A server may repeat what it was told, and what it says ends up in logs. */
+void Attempt::HideSecret() {
+    const std::string& secret = order.server.password;
+    const auto hide = [&](std::string& text) {
+        for (size_t at = 0; !secret.empty() && (at = text.find(secret, at)) != std::string::npos; at += hidden.size()) {
+            text.replace(at, secret.size(), hidden);
+        }
+    };
+    // Shorter ones are in every other word.
+    if (secret.size() >= shortestHidden) {
+        hide(evidence.resultText);
+        hide(evidence.replyText);
+        for (Evidence::RecipientAnswer& answer : evidence.recipients) {
+            hide(answer.text);
+        }
+    }
 }
 
 void Attempt::SetCommon() {

@@ -37,6 +37,7 @@ private:
     void Add(List& list, const std::string& line);
     std::string Authority() const;
     std::string TemporaryName() const;
+    void HideSecret();
 
     void TakeCommand(std::string_view line);
     /** Whether to go on. */

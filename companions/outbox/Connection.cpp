@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -20,6 +21,12 @@ Connection::Connection(companion::UniqueFd accepted) : connection(std::move(acce
 
 bool Connection::HasRequest() const {
     return text.find("\n\n") != std::string::npos;
+}
+
+std::string Connection::Peek() const {
+    std::array<char, 16> piece{};
+    const ssize_t length = recv(connection.Get(), piece.data(), piece.size(), MSG_PEEK | MSG_DONTWAIT);
+    return {piece.data(), static_cast<size_t>(std::max<ssize_t>(length, 0))};
 }
 
 bool Connection::Receive() {

@@ -14,6 +14,8 @@ class Connection {
 public:
     explicit Connection(companion::UniqueFd accepted);
 
+    /** What has come, without taking it; empty if it is gone, or says nothing. */
+    std::string Peek() const;
     /** Reads what has come. False when he is gone, or says what nobody asks. */
     bool Receive();
     /** Whether the lines and the empty one are there. */

@@ -22,10 +22,14 @@ public:
     /** What was not understood, with its line. */
     const std::vector<std::string>& Warnings() const { return warnings; }
 
+    bool operator==(const Esmtprc&) const = default;
+
 private:
     struct Identity {
         std::string address;
         Server server;
+
+        bool operator==(const Identity&) const = default;
     };
 
     void TakeEntry(const std::string& key, const std::string& value, int line);

@@ -1,12 +1,15 @@
 #include "companions/outbox/FtpputCommand.h"
 
 #include "companions/outbox/FieldText.h"
+#include "companions/outbox/Log.h"
 
 #include <getopt.h>
 #include <netdb.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <cstdlib>
 
 namespace kelto::halvek::outbox {
@@ -36,6 +39,17 @@ uint16_t PortOf(const std::string& word) {
     }
     const servent* service = getservbyname(word.c_str(), "tcp");
     return service == nullptr ? uint16_t{0} : ntohs(static_cast<uint16_t>(service->s_port));
+}
+
+/**
+ * An empty password or server shifts the words, so that a file's name stands where the host should. The applet finds no
+ * such host; here nobody has looked yet.
+ */
+bool IsHost(const std::string& name) {
+    constexpr std::string_view others = "-._:%";
+    return !name.empty() && std::all_of(name.begin(), name.end(), [&](unsigned char byte) {
+        return byte >= 0x80 || isalnum(byte) != 0 || others.find(static_cast<char>(byte)) != std::string_view::npos;
+    });
 }
 
 /** HOST, HOST:PORT, [ADDRESS]:PORT, or an address of IPv6 as it is. */
@@ -88,6 +102,10 @@ std::optional<FtpputCommand> FtpputCommand::Parse(int argc, char** argv) {
     const int words = argc - optind;
     if (words < fewestWords || words > mostWords || (!port.empty() && command.header.port == 0) ||
         !TakeHost(command.header, argv[optind])) {
+        return std::nullopt;
+    }
+    if (!IsHost(command.header.host)) {
+        Log::Say("ftpput: bad address '" + command.header.host + "'");
         return std::nullopt;
     }
     command.header.remote = argv[optind + 1];

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "companions/common/EventPipe.h"
+
 #include <string>
 
 namespace kelto::halvek::outbox {
@@ -13,6 +15,7 @@ struct Paths {
     std::string socket = "/run/halvek-outbox/submit";
     std::string ram = "/run/halvek-outbox";
     std::string flash = "/var/spool/halvek-outbox";
+    std::string eventPipe = companion::EventPipe::defaultPath;
 };
 
 }  // namespace kelto::halvek::outbox

@@ -22,6 +22,8 @@ using companion::ClockState;
 namespace {
 
 constexpr size_t mostItems = 500;
+/** In milliseconds. */
+constexpr int64_t longestInRam = 5 * 60'000;
 /** A number above it was made up by somebody else. */
 constexpr uint64_t highestUsed = INT64_MAX;
 
@@ -65,6 +67,7 @@ void Queue::Open() {
             ledger.Gone(id);
         }
     }
+    Trim();
 }
 
 void Queue::Take(SpoolFolder& folder, bool isOnFlash) {
@@ -78,17 +81,62 @@ void Queue::Take(SpoolFolder& folder, bool isOnFlash) {
         if (ledger.HasEnded(id)) {
             continue;
         }
-        if (items.contains(id)) {
-            // A copy that was just being made when the service ended.
-            ram.Remove(id);
-            ramBytes -= items[id].file.size;
-            items.erase(id);
-        }
-        (isOnFlash ? flashBytes : ramBytes) += file.size;
         Item item;
         item.file = std::move(file);
         item.isOnFlash = isOnFlash;
+        item.keepSafeAt = isOnFlash ? INT64_MAX : Uptime() + longestInRam;
+        Recall(item);
+        if (const auto other = items.find(id); other != items.end()) {
+            // A copy that was just being made when the service ended; what is known of it may be beside the other one.
+            item.state = other->second.state;
+            item.wasUncertain = other->second.wasUncertain;
+            item.notBefore = other->second.notBefore;
+            item.settledRecipients.merge(other->second.settledRecipients);
+            Remember(item);
+            ram.Remove(id);
+            ramBytes -= other->second.file.size;
+            items.erase(other);
+        }
+        (isOnFlash ? flashBytes : ramBytes) += item.file.size;
         items.emplace(id, std::move(item));
+    }
+}
+
+/** What Remember has written down. */
+void Queue::Recall(Item& item) const {
+    const std::string note = (item.isOnFlash ? flash : ram).ReadNote(item.file.id);
+    bool isOfThisBoot = false;
+    for (const auto& [key, value] : FieldText::Parse(note).value_or(FieldText::Fields())) {
+        if (key == "boot") {
+            isOfThisBoot = value == boot;
+        } else if (key == "not-before" && isOfThisBoot) {
+            item.notBefore = FieldText::Number(value).value_or(0);
+        } else if (key == "uncertain") {
+            item.wasUncertain = true;
+            item.state = Item::State::Uncertain;
+        } else if (key == "settled") {
+            item.settledRecipients.insert(value);
+        }
+    }
+}
+
+void Queue::Remember(const Item& item) {
+    if (!item.wasUncertain && item.settledRecipients.empty()) {
+        return;
+    }
+    std::string text;
+    FieldText::Append(text, "boot", boot);
+    FieldText::Append(text, "not-before", std::to_string(item.notBefore));
+    if (item.wasUncertain) {
+        FieldText::Append(text, "uncertain", "yes");
+    }
+    for (const std::string& recipient : item.settledRecipients) {
+        FieldText::Append(text, "settled", recipient);
+    }
+    try {
+        (item.isOnFlash ? flash : ram).WriteNote(item.file.id, text);
+    } catch (const std::system_error& failure) {
+        Log::Warning("What is known of a mail may be forgotten at a restart: " + std::string(failure.what()));
     }
 }
 
@@ -131,8 +179,14 @@ Item& Queue::Accept(const ItemHeader& header, int payload, uint64_t size) {
     } catch (const std::length_error& failure) {
         throw QueueFull(failure.what());
     }
+    item.keepSafeAt = item.isOnFlash ? INT64_MAX : stamped.uptimeMs + longestInRam;
     (item.isOnFlash ? flashBytes : ramBytes) += item.file.size;
     return items.emplace(id, std::move(item)).first->second;
+}
+
+void Queue::Confirm(Item& item) {
+    (item.isOnFlash ? flash : ram).Publish(item.file.id);
+    item.state = Item::State::Queued;
 }
 
 void Queue::MakeRoom(uint64_t size) {
@@ -143,6 +197,11 @@ void Queue::MakeRoom(uint64_t size) {
         if (!DropOldest(Place::Anywhere)) {
             throw QueueFull("there is no room");
         }
+    }
+}
+
+void Queue::Trim() {
+    while ((items.size() > mostItems || Bytes() > settings.spoolLimit) && DropOldest(Place::Anywhere)) {
     }
 }
 
@@ -164,8 +223,16 @@ bool Queue::DropOldest(Place place, uint64_t except) {
 }
 
 bool Queue::MayWriteFlash(uint64_t size) {
-    return hasFlash && settings.durability != Settings::Durability::Ram &&
-           ledger.MayWriteFlash(Uptime(), size, settings.flashBudget);
+    if (!hasFlash || settings.durability == Settings::Durability::Ram) {
+        return false;
+    }
+    const int64_t now = Uptime();
+    const bool isAllowed = ledger.MayWriteFlash(now, size, settings.flashBudget);
+    if (!isAllowed && (!budgetToldAt || now - *budgetToldAt >= FlashBudget::day)) {
+        budgetToldAt = now;
+        Log::Warning("FlashBudget is used up for today: items are kept in RAM only");
+    }
+    return isAllowed;
 }
 
 /** Whether it is there now. Older ones there go for it, but for that one, and only where that makes enough room. */
@@ -209,14 +276,9 @@ SpoolFolder::File Queue::WriteSomewhere(Item& item, uint64_t id, const ItemHeade
         item.isOnFlash = true;
         return file;
     }
-    while (ramBytes + size > settings.ramLimit && DropOldest(Place::Ram)) {
-    }
     try {
-        return write(ram);
-    } catch (const std::system_error& failure) {
-        if (failure.code().value() == ENOSPC && DropOldest(Place::Ram)) {
-            return write(ram);
-        }
+        return WriteToRam(size, [&] { return write(ram); });
+    } catch (const std::system_error&) {
         // Somebody else has filled the RAM: better there than nowhere.
         item.isOnFlash = !isEarly && MayWriteFlash(size) && WriteToFlash(size, 0, [&] { file = write(flash); });
         if (!item.isOnFlash) {
@@ -226,30 +288,62 @@ SpoolFolder::File Queue::WriteSomewhere(Item& item, uint64_t id, const ItemHeade
     }
 }
 
+SpoolFolder::File Queue::WriteToRam(uint64_t size, const std::function<SpoolFolder::File()>& write) {
+    if (size > settings.ramLimit) {
+        throw QueueFull("it is larger than RamLimit, and cannot be kept on flash");
+    }
+    while (ramBytes + size > settings.ramLimit) {
+        if (!DropOldest(Place::Ram)) {
+            throw QueueFull("there is no room in RAM");
+        }
+    }
+    try {
+        return write();
+    } catch (const std::system_error& failure) {
+        if (failure.code().value() != ENOSPC || !DropOldest(Place::Ram)) {
+            throw;
+        }
+        return write();
+    }
+}
+
 void Queue::KeepSafe(Item& item) {
-    MoveToFlash(item, true);
+    item.keepSafeAt = item.isOnFlash ? INT64_MAX : Uptime();
+}
+
+int64_t Queue::KeepNext() {
+    const auto isEarlier = [](const auto& one, const auto& other) {
+        return one.second.keepSafeAt < other.second.keepSafeAt;
+    };
+    const auto first = std::min_element(items.begin(), items.end(), isEarlier);
+    if (first != items.end() && first->second.keepSafeAt <= Uptime()) {
+        first->second.keepSafeAt = INT64_MAX;
+        MoveToFlash(first->second, true);
+    }
+    const auto next = std::min_element(items.begin(), items.end(), isEarlier);
+    return next == items.end() ? INT64_MAX : next->second.keepSafeAt;
 }
 
 void Queue::KeepAllSafe() {
     for (auto& [id, item] : items) {
-        if (item.state != Item::State::Unheard) {
-            MoveToFlash(item, false);
-        }
+        MoveToFlash(item, false);
     }
 }
 
 bool Queue::MoveToFlash(Item& item, bool isBounded) {
     const uint64_t size = item.file.size;
-    if (item.isOnFlash || settings.durability == Settings::Durability::Ram || !hasFlash ||
-        (isBounded && !MayWriteFlash(size))) {
+    if (item.isOnFlash || item.state == Item::State::Unheard || settings.durability == Settings::Durability::Ram ||
+        !hasFlash || (isBounded && !MayWriteFlash(size))) {
         return false;
     }
     const uint64_t id = item.file.id;
     if (!WriteToFlash(size, id, [&] { flash.Copy(id, ram); })) {
         return false;
     }
-    ram.Remove(id);
     item.isOnFlash = true;
+    item.keepSafeAt = INT64_MAX;
+    Remember(item);
+    ram.Remove(id);
     ramBytes -= size;
     flashBytes += size;
     return true;
@@ -293,9 +387,13 @@ void Queue::Forget(uint64_t id) {
 
 void Queue::Remove(Items::iterator item) {
     const uint64_t id = item->first;
+    const bool isUnheard = item->second.state == Item::State::Unheard;
+    SpoolFolder& place = item->second.isOnFlash ? flash : ram;
     (item->second.isOnFlash ? flashBytes : ramBytes) -= item->second.file.size;
     items.erase(item);
-    if (RemoveFiles(id)) {
+    if (isUnheard) {
+        place.Discard(id);
+    } else if (RemoveFiles(id)) {
         ledger.Gone(id);
     } else {
         ledger.Note(id);

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -44,6 +45,8 @@ struct Item {
     /** Recipients that have it, or never will. */
     std::set<std::string> settledRecipients;
     std::string lastError;
+    /** When it is written to flash if it is still in RAM, by Uptime: a power cut must not take what is old. */
+    int64_t keepSafeAt = INT64_MAX;
 
     bool IsMail() const { return file.header.kind == ItemHeader::Kind::Mail; }
 };
@@ -73,15 +76,28 @@ public:
      */
     Item& Accept(const ItemHeader& header, int payload, uint64_t size);
 
+    /** It counts from now on. Throws std::system_error if that cannot be written down. */
+    void Confirm(Item& item);
     /** It ends under that name. */
     void Finish(uint64_t id, Fate fate, const std::string& reason = {});
     /** It was never accepted. */
     void Forget(uint64_t id);
 
-    /** An item whose first try has failed, or will not be soon. It stays in RAM if it has to. */
+    /** An item whose first try has failed, or will not be soon: KeepNext writes it to flash when its turn comes. */
     void KeepSafe(Item& item);
+    /**
+     * Writes one of those to flash, or one that has been in RAM for too long. It stays in RAM if it has to. One at a
+     * time: a medium may take a second for it, and whoever brings an item waits for us.
+     *
+     * @return when there is another one, by Uptime; INT64_MAX for never
+     */
+    int64_t KeepNext();
     /** Before an orderly end. */
     void KeepAllSafe();
+    /** Has what is known of an item's deliveries outlive the service, where a second one would be one too many. */
+    void Remember(const Item& item);
+    /** Gives up what is more than the settings allow. */
+    void Trim();
 
     /** Ends those that are too old. Returns when the next one will be, by Uptime; INT64_MAX for none. */
     int64_t ExpireOld();
@@ -101,12 +117,14 @@ private:
     enum class Place { Anywhere, Ram, Flash };
 
     void Take(SpoolFolder& folder, bool isOnFlash);
+    void Recall(Item& item) const;
     void CountDamaged(SpoolFolder& folder, const std::string& name);
     void MakeRoom(uint64_t size);
     bool DropOldest(Place place, uint64_t except = 0);
     bool MayWriteFlash(uint64_t size);
     bool WriteToFlash(uint64_t size, uint64_t except, const std::function<void()>& write);
     SpoolFolder::File WriteSomewhere(Item& item, uint64_t id, const ItemHeader& header, int payload);
+    SpoolFolder::File WriteToRam(uint64_t size, const std::function<SpoolFolder::File()>& write);
     bool MoveToFlash(Item& item, bool isBounded);
     void Remove(Items::iterator item);
     bool RemoveFiles(uint64_t id);
@@ -121,6 +139,8 @@ private:
 
     bool hasFlash = false;
     bool hasFlashTrouble = false;
+    /** When it was told that the budget is used up, by Uptime. */
+    std::optional<int64_t> budgetToldAt;
     Items items;
     Ledger ledger;
     uint64_t ramBytes = 0;

@@ -88,8 +88,6 @@ bool Request::Receive() {
         }
         if (errno == EAGAIN) {
             WaitFor(POLLIN);
-        } else if (errno == ECONNRESET) {
-            return false;
         } else if (errno != EINTR) {
             GiveUp(errno);
         }

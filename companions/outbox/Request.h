@@ -30,7 +30,7 @@ public:
     /** Sends it all, with a descriptor unless that is -1. Throws Unreachable. */
     void Send(std::string_view text, int attached = -1);
 
-    /** The next line without its end; empty at the end of all. Throws Unreachable. */
+    /** The next line without its end; empty at the end of all. Throws Unreachable, also if not all was listened to. */
     std::string ReadLine();
 
     /** What comes until the service closes. Throws Unreachable. */

@@ -1,5 +1,6 @@
 #include "companions/outbox/RunOutbox.h"
 
+#include "companions/common/DaemonSettings.h"
 #include "companions/common/ExitStatus.h"
 #include "companions/common/Json.h"
 #include "companions/outbox/HostKey.h"
@@ -7,6 +8,7 @@
 #include "companions/outbox/Paths.h"
 #include "companions/outbox/Request.h"
 #include "companions/outbox/Service.h"
+#include "companions/outbox/TroubleNews.h"
 
 #include <curl/curl.h>
 #include <fcntl.h>
@@ -162,6 +164,14 @@ int Check(const CommandLine& line) {
     const Credentials credentials = SecretsToCheck(paths, findings);
     const Settings settings = Settings::Load(paths.configuration, credentials);
     findings.insert(findings.end(), settings.findings.begin(), settings.findings.end());
+    const std::string mailing =
+        settings.postsTrouble ? TroubleNews::MailingHandler(companion::DaemonSettings::Path()) : "";
+    if (!mailing.empty()) {
+        findings.push_back({paths.configuration + ":" + std::to_string(settings.postPlace.line) + ":" +
+                                std::to_string(settings.postPlace.column),
+                            paths.configuration, settings.postPlace,
+                            "Post: " + mailing + " would mail it, and there are no mails about mails"});
+    }
     Json json;
     json.BeginObject().Key("format").Number(1).Key("tool").String("halvek-outbox " HALVEK_OUTBOX_VERSION);
     json.Key("verb").String("check").Key("findings").BeginArray();
@@ -175,23 +185,37 @@ int Check(const CommandLine& line) {
     return findings.empty() ? exitYes : exitNo;
 }
 
+/** A person's yes: without a terminal there is none. */
+bool HasYes() {
+    if (isatty(STDIN_FILENO) == 0) {
+        Log::Say("halvek-outbox: nobody can be asked: say --yes");
+        return false;
+    }
+    Print("Is this the server's key (yes/no)? ");
+    std::string answer;
+    std::getline(std::cin, answer);
+    return answer == "yes";
+}
+
 int Trust(const CommandLine& line) {
     const HostKey key = HostKey::Ask(line.argument);
-    Print(key.Host() + " " + key.Type() + " " + key.Fingerprint() + "\n");
-    if (!line.isYes) {
-        if (isatty(STDIN_FILENO) == 0) {
-            Log::Say("halvek-outbox: not stored: say --yes");
-            return exitNo;
-        }
-        Print("Is this the server's key (yes/no)? ");
-        std::string answer;
-        std::getline(std::cin, answer);
-        if (answer != "yes") {
-            return exitNo;
-        }
+    if (!line.isJson) {
+        Print(key.Host() + " " + key.Type() + " " + key.Fingerprint() + "\n");
     }
-    key.Store(Paths().knownHosts);
-    return exitYes;
+    const bool isTrusted = line.isYes || (!line.isJson && HasYes());
+    if (isTrusted) {
+        key.Store(Paths().knownHosts);
+    } else {
+        Log::Say("halvek-outbox: not stored");
+    }
+    if (line.isJson) {
+        Json json;
+        json.BeginObject().Key("format").Number(1).Key("tool").String("halvek-outbox " HALVEK_OUTBOX_VERSION);
+        json.Key("verb").String("trust").Key("host").String(key.Host()).Key("type").String(key.Type());
+        json.Key("fingerprint").String(key.Fingerprint()).Key("stored").Bool(isTrusted).EndObject();
+        Print(json.Text() + "\n");
+    }
+    return isTrusted ? exitYes : exitNo;
 }
 
 int Serve() {

@@ -1,6 +1,7 @@
 #include "companions/outbox/Service.h"
 
 #include "companions/common/ClockState.h"
+#include "companions/common/DaemonSettings.h"
 #include "companions/outbox/Answers.h"
 #include "companions/outbox/Log.h"
 #include "companions/outbox/Submission.h"
@@ -47,6 +48,7 @@ constexpr int64_t partlyDelay = 5 * 60'000;
 constexpr int64_t oldestTime = 1'767'225'600'000;
 /** Each has a thread; with our own they are as many as the unit allows, see TasksMax. */
 constexpr size_t mostCouriers = 6;
+constexpr size_t mostProbes = 4;
 constexpr size_t mostConnections = 64;
 constexpr const char* daemonUser = "halvek";
 constexpr const char* mailTarget = "mail";
@@ -68,7 +70,11 @@ Credentials OwnCredentials(const Paths& paths) {
 
 }  // namespace
 
-Service::Service(Paths where) : paths(std::move(where)), queue(paths.ram, paths.flash, settings) {}
+Service::Service(Paths where)
+    : paths(std::move(where)),
+      queue(paths.ram, paths.flash, settings),
+      held({paths.flash + "/held", paths.ram + "/held"}),
+      troubleNews(paths.eventPipe, paths.ram + "/trouble") {}
 
 Service::~Service() = default;
 
@@ -85,6 +91,8 @@ int Service::Run() {
     OpenSocket();
     LoadSettings();
     queue.Open();
+    held.Load();
+    troubleNews.Load(targets);
     ApplySettings();
     lastBusy = Uptime();
     sd_notify(0, "READY=1");
@@ -138,6 +146,21 @@ void Service::LoadSettings() {
     if (!settings.findings.empty()) {
         Log::Error("Nothing is sent while the configuration is wrong; what comes is kept");
     }
+    CheckPost();
+    LoadEsmtprc();
+}
+
+/** Trouble with mails that is mailed would feed itself. */
+void Service::CheckPost() {
+    const std::string handler =
+        settings.postsTrouble ? TroubleNews::MailingHandler(companion::DaemonSettings::Path()) : "";
+    if (!handler.empty()) {
+        settings.postsTrouble = false;
+        Log::Error("Post: nothing is posted, since " + handler + " would mail it");
+    }
+}
+
+void Service::LoadEsmtprc() {
     const char* folder = getenv("CREDENTIALS_DIRECTORY");
     const std::string handed = std::string(folder == nullptr ? "" : folder) + "/esmtprc";
     struct stat status {};
@@ -154,20 +177,30 @@ void Service::ApplySettings() {
         if (!(entry.server == target.server)) {
             entry.state.Succeeded();
             entry.hasRefusedRename = false;
+            entry.isCutOff = false;
         }
         entry.server = target.server;
         entry.makesFolders = target.makesFolders;
         entry.renames = target.renames;
     }
-    if (const auto mail = targets.find(mailTarget); mail != targets.end()) {
+    const bool isMailChanged = !(settings.mail == appliedMail && esmtprc == appliedEsmtprc);
+    if (const auto mail = targets.find(mailTarget); mail != targets.end() && isMailChanged) {
         mail->second.state.ProbeAnyway();
+    }
+    appliedMail = settings.mail;
+    appliedEsmtprc = esmtprc;
+    for (const std::string& name : held.Targets()) {
+        targets.try_emplace(name);
     }
     for (auto& [id, item] : queue.All()) {
         AssignTarget(item);
     }
 }
 
-/** A host without a target of its own is one by itself, and so is each account on it. */
+/**
+ * A host without a target of its own is one by itself, and so is each account on it. The password that came last counts
+ * for all that waits: somebody may have corrected it.
+ */
 std::string Service::TargetOf(const ItemHeader& header) {
     if (header.kind == ItemHeader::Kind::Mail) {
         targets.try_emplace(mailTarget);
@@ -183,6 +216,9 @@ std::string Service::TargetOf(const ItemHeader& header) {
     entry.server.host = header.host;
     entry.server.port = header.port;
     entry.server.user = header.user;
+    if (std::exchange(entry.server.password, header.password) != header.password) {
+        entry.state.ProbeAnyway();
+    }
     return name;
 }
 
@@ -192,8 +228,10 @@ void Service::AssignTarget(Item& item) {
 
 void Service::Round() {
     nextExpiry = queue.ExpireOld();
+    nextKeepSafe = queue.KeepNext();
     StartDeliveries();
     RetireIdle();
+    TellTrouble();
     Notify();
     WaitUntil(NextWake());
 }
@@ -241,16 +279,29 @@ void Service::TakeSignals() {
         if (signal.ssi_signo == SIGHUP) {
             LoadSettings();
             ApplySettings();
+            queue.Trim();
         } else {
             isStopping = true;
         }
     }
 }
 
-/** An address or a route is new, or gone: who could not be had may be there now. */
+/** An address or a route is new: who could not be had may be there now. */
 void Service::TakeNetworkNews() {
-    std::array<char, 8192> news{};
-    while (recv(network.Get(), news.data(), news.size(), MSG_DONTWAIT) > 0) {
+    alignas(nlmsghdr) std::array<char, 8192> news{};
+    bool isNew = false;
+    ssize_t length = 0;
+    while ((length = recv(network.Get(), news.data(), news.size(), MSG_DONTWAIT)) > 0 || errno == ENOBUFS) {
+        // More has come than there was room for: nobody knows what.
+        isNew = isNew || length < 0;
+        const auto* message = reinterpret_cast<const nlmsghdr*>(news.data());
+        for (auto left = static_cast<unsigned>(std::max<ssize_t>(length, 0)); NLMSG_OK(message, left);
+             message = NLMSG_NEXT(message, left)) {
+            isNew = isNew || message->nlmsg_type == RTM_NEWADDR || message->nlmsg_type == RTM_NEWROUTE;
+        }
+    }
+    if (!isNew) {
+        return;
     }
     for (auto& [name, target] : targets) {
         target.state.Probe();
@@ -274,10 +325,12 @@ void Service::Serve(Connection& connection) {
         }
         return;
     }
-    const bool isThere = connection.Receive();
     if (connection.unheardItem != 0) {
         Confirm(connection);
-    } else if (connection.HasRequest()) {
+        return;
+    }
+    const bool isThere = connection.Receive();
+    if (connection.HasRequest()) {
         TakeRequest(connection);
     } else if (!isThere) {
         Forget(connection);
@@ -334,11 +387,22 @@ void Service::TakeSubmission(Connection& connection, const std::string& header) 
     Forget(connection);
 }
 
-/** It counts from now on. */
+/**
+ * It counts from now on. What he has said is taken in only behind that: if we end in between, the kernel tells him that
+ * nobody has listened, and he delivers it otherwise. So it is never lost, and twice there only if we end just here.
+ */
 void Service::Confirm(Connection& connection) {
     Item* item = queue.Find(connection.unheardItem);
-    if (connection.Text() == Submission::heard && item != nullptr) {
-        item->state = Item::State::Queued;
+    if (connection.Peek() == Submission::heard && item != nullptr) {
+        try {
+            queue.Confirm(*item);
+        } catch (const std::system_error& failure) {
+            Log::Error("An item could not be taken: " + std::string(failure.what()));
+            connection.Answer(std::string(Submission::forgotten) + "\n");
+            Forget(connection);
+            return;
+        }
+        connection.Receive();
         connection.unheardItem = 0;
         if (!settings.findings.empty() || targets[item->target].state.GetKind() != TargetState::Kind::Ok) {
             queue.KeepSafe(*item);
@@ -382,8 +446,13 @@ Item* Service::NextFor(const std::string& target) {
     return nullptr;
 }
 
-bool Service::MayStart(const TargetEntry& target) const {
-    if (isHeld || target.isHeld || !settings.findings.empty() || !target.state.MayTry(Uptime())) {
+bool Service::IsHeld(const std::string& target) const {
+    return held.IsAllHeld() || held.IsHeld(target) || !settings.findings.empty();
+}
+
+/** Servers in trouble take their time: some couriers are left to those that are well. */
+bool Service::MayStart(const std::string& name, const TargetEntry& target) const {
+    if (IsHeld(name) || !target.state.MayTry(Uptime())) {
         return false;
     }
     if (target.courier) {
@@ -391,12 +460,13 @@ bool Service::MayStart(const TargetEntry& target) const {
     }
     const auto busy = std::count_if(targets.begin(), targets.end(),
                                     [](const auto& entry) { return entry.second.courier != nullptr; });
-    return static_cast<size_t>(busy) + retired.size() < mostCouriers;
+    const size_t most = target.state.GetKind() == TargetState::Kind::Ok ? mostCouriers : mostProbes;
+    return static_cast<size_t>(busy) + retired.size() < most;
 }
 
 void Service::StartDeliveries() {
     for (auto& [name, target] : targets) {
-        if (!MayStart(target)) {
+        if (!MayStart(name, target)) {
             continue;
         }
         if (Item* item = NextFor(name)) {
@@ -435,9 +505,8 @@ Order Service::OrderFor(const TargetEntry& target, const Item& item) const {
         order.renames = target.renames && !target.hasRefusedRename;
         // One from before a restart too.
         order.mayHaveLeftPart = target.renames;
-        if (settings.Find(header.host) == nullptr) {
-            order.server.password = header.password;
-        } else if (order.server.user.empty()) {
+        order.server.isTls12 = target.server.isTls12 || target.isCutOff;
+        if (order.server.user.empty()) {
             order.server.user = header.user;
         }
         return order;
@@ -491,6 +560,7 @@ void Service::Conclude(Item& item, TargetEntry& target, const Evidence& evidence
             }
             item.wasUncertain = true;
             item.notBefore = now + uncertainDelay;
+            queue.Remember(item);
             break;
         case Verdict::Kind::Partly:
             for (const Evidence::RecipientAnswer& answer : evidence.recipients) {
@@ -499,6 +569,7 @@ void Service::Conclude(Item& item, TargetEntry& target, const Evidence& evidence
                 }
             }
             item.notBefore = now + partlyDelay;
+            queue.Remember(item);
             break;
         case Verdict::Kind::WithoutRename:
             target.hasRefusedRename = true;
@@ -513,6 +584,9 @@ void Service::Conclude(Item& item, TargetEntry& target, const Evidence& evidence
         case Verdict::Kind::Hold:
             target.state.Held(now, verdict.reason);
             break;
+    }
+    if (evidence.hasOtherSize && target.server.scheme.starts_with("ftps") && !std::exchange(target.isCutOff, true)) {
+        Log::Warning("An upload to " + item.target + " was cut off: it gets no newer TLS than 1.2 from now on");
     }
     Retry(item, verdict.reason);
     const std::string name = item.target;
@@ -538,22 +612,21 @@ void Service::RetireIdle() {
             target.courier->Retire();
             retired.push_back(std::move(target.courier));
         }
-        const bool isKept =
-            wanted.contains(name) || target.courier || target.isHeld || target.state.GetKind() != TargetState::Kind::Ok;
+        const bool isKept = wanted.contains(name) || held.IsHeld(name) || target.courier ||
+                            target.state.GetKind() != TargetState::Kind::Ok;
         entry = isKept ? std::next(entry) : targets.erase(entry);
     }
     std::erase_if(retired, [](const auto& courier) { return courier->HasEnded(); });
 }
 
 int64_t Service::NextWake() {
-    int64_t wake = nextExpiry;
+    int64_t wake = std::min({nextExpiry, nextKeepSafe, nextNews});
     for (const Connection& connection : connections) {
         wake = std::min(wake, connection.deadline);
     }
-    const bool isAllHeld = isHeld || !settings.findings.empty();
     for (const auto& [id, item] : queue.All()) {
         const TargetEntry& target = targets[item.target];
-        if (!isAllHeld && !target.isHeld && !target.courier && item.state != Item::State::Unheard) {
+        if (!IsHeld(item.target) && !target.courier && item.state != Item::State::Unheard) {
             // Where all couriers are busy, the end of one wakes us.
             wake = std::min(wake, std::max({target.state.NextTry(), item.notBefore, Uptime() + 1000}));
         }
@@ -565,8 +638,12 @@ int64_t Service::NextWake() {
 }
 
 bool Service::MayLeave() const {
-    return isActivated && !isHeld && queue.All().empty() && connections.empty() && retired.empty() &&
+    return isActivated && queue.All().empty() && connections.empty() && retired.empty() &&
            Uptime() - lastBusy >= idleTime;
+}
+
+void Service::TellTrouble() {
+    nextNews = settings.postsTrouble ? troubleNews.Tell(targets, Uptime()) : INT64_MAX;
 }
 
 void Service::Notify() const {
@@ -576,7 +653,7 @@ void Service::Notify() const {
     sd_notifyf(0, "STATUS=%zu waiting, %llu delivered%s", queue.Waiting(),
                static_cast<unsigned long long>(queue.GetCounts().delivered),
                !settings.findings.empty() ? ", the configuration is wrong"
-               : isHeld                   ? ", held"
+               : held.IsAllHeld()         ? ", held"
                : troubled > 0             ? ", a target is in trouble"
                                           : "");
 }

@@ -4,10 +4,12 @@
 #include "companions/outbox/Connection.h"
 #include "companions/outbox/Courier.h"
 #include "companions/outbox/Esmtprc.h"
+#include "companions/outbox/HeldTargets.h"
 #include "companions/outbox/Paths.h"
 #include "companions/outbox/Queue.h"
 #include "companions/outbox/Settings.h"
 #include "companions/outbox/Targets.h"
+#include "companions/outbox/TroubleNews.h"
 
 #include <list>
 #include <memory>
@@ -42,6 +44,9 @@ private:
     void OpenSocket();
     void LoadSettings();
     void ApplySettings();
+    void LoadEsmtprc();
+    void CheckPost();
+    void TellTrouble();
     void Round();
     void WaitUntil(int64_t wake);
     void TakeSignals();
@@ -58,7 +63,8 @@ private:
     void AssignTarget(Item& item);
     void StartDeliveries();
     Item* NextFor(const std::string& target);
-    bool MayStart(const TargetEntry& target) const;
+    bool IsHeld(const std::string& target) const;
+    bool MayStart(const std::string& name, const TargetEntry& target) const;
     void Start(TargetEntry& target, Item& item);
     Order OrderFor(const TargetEntry& target, const Item& item) const;
     void TakeReports();
@@ -73,19 +79,25 @@ private:
     const Paths paths;
     Settings settings;
     Esmtprc esmtprc{{}};
+    /** What is known of the relay is of these. */
+    std::optional<MailRelay> appliedMail;
+    Esmtprc appliedEsmtprc{{}};
     Queue queue;
+    HeldTargets held;
     Mailbox mailbox;
     Targets targets;
+    TroubleNews troubleNews;
     std::vector<std::unique_ptr<Courier>> retired;
     std::list<Connection> connections;
     companion::UniqueFd listener;
     companion::UniqueFd signals;
     companion::UniqueFd network;
     bool isActivated = false;
-    bool isHeld = false;
     bool isStopping = false;
     int64_t lastBusy = 0;
     int64_t nextExpiry = 0;
+    int64_t nextKeepSafe = 0;
+    int64_t nextNews = 0;
 };
 
 }  // namespace kelto::halvek::outbox

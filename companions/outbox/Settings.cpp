@@ -2,6 +2,7 @@
 
 #include "companions/outbox/FieldText.h"
 
+#include <curl/curl.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -41,8 +42,8 @@ public:
     using Problem = std::optional<std::string>;
     using Keys = std::map<std::string, std::function<Problem(const std::string&)>>;
 
-    Reader(const ConfigFile& read, const Credentials& known, Settings& result)
-        : file(read), credentials(known), settings(result) {}
+    Reader(const ConfigFile& read, const Credentials& known, const std::set<std::string>& possible, Settings& result)
+        : file(read), credentials(known), protocols(possible), settings(result) {}
 
     void Read() {
         for (const companion::ConfigFault& fault : file.Faults()) {
@@ -136,11 +137,15 @@ private:
                             {"MaxAge", [&](const auto& value) { return ReadAge(settings.maxAge, value); }},
                             {"MaxAge.mail", [&](const auto& value) { return ReadAge(settings.maxAgeMail, value); }},
                             {"Durability", [&](const auto& value) { return ReadDurability(value); }},
+                            {"Post", [&](const auto& value) { return ReadYesNo(settings.postsTrouble, value); }},
                         });
+        if (const ConfigEntry* post = group.Find("Post")) {
+            settings.postPlace = post->valuePlace;
+        }
     }
 
     /** SCHEME://HOST or SCHEME://HOST:PORT; an address of IPv6 stands in brackets. */
-    static Problem ReadUrl(Server& server, const std::string& value, bool isMail) {
+    Problem ReadUrl(Server& server, const std::string& value, bool isMail) const {
         const size_t mark = value.find("://");
         const std::string name = value.substr(0, mark);
         const auto scheme = std::find_if(std::begin(schemes), std::end(schemes), [&](const Scheme& candidate) {
@@ -149,6 +154,9 @@ private:
         if (mark == std::string::npos || scheme == std::end(schemes)) {
             return isMail ? "not smtp://HOST or smtps://HOST"
                           : "not ftp://HOST, ftps://HOST, ftps-implicit://HOST or sftp://HOST";
+        }
+        if (!protocols.contains(name == "ftps-implicit" ? "ftps" : name)) {
+            return "this machine's libcurl has no " + name;
         }
         std::string place = value.substr(mark + 3);
         if (!place.empty() && place.back() == '/') {
@@ -278,6 +286,7 @@ private:
 
     const ConfigFile& file;
     const Credentials& credentials;
+    const std::set<std::string>& protocols;
     Settings& settings;
     bool hasOutbox = false;
     bool hasMail = false;
@@ -292,9 +301,18 @@ const Target* Settings::Find(const std::string& host) const {
     return found == targets.end() ? nullptr : &*found;
 }
 
-Settings Settings::Parse(const ConfigFile& file, const Credentials& credentials) {
+std::set<std::string> Settings::LibraryProtocols() {
+    std::set<std::string> names;
+    for (const char* const* name = curl_version_info(CURLVERSION_NOW)->protocols; *name != nullptr; ++name) {
+        names.insert(*name);
+    }
+    return names;
+}
+
+Settings Settings::Parse(const ConfigFile& file, const Credentials& credentials,
+                         const std::set<std::string>& protocols) {
     Settings settings;
-    Reader(file, credentials, settings).Read();
+    Reader(file, credentials, protocols, settings).Read();
     return settings;
 }
 

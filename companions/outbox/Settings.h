@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -73,6 +74,9 @@ struct Settings {
     int64_t maxAge = 24 * 3'600'000;
     int64_t maxAgeMail = 48 * 3'600'000;
     Durability durability = Durability::Late;
+    /** Whether the daemon is told of targets in trouble, and where that stands. */
+    bool postsTrouble = false;
+    companion::ConfigPlace postPlace;
     std::vector<Target> targets;
     /** None: /etc/esmtprc counts. */
     std::optional<MailRelay> mail;
@@ -84,7 +88,12 @@ struct Settings {
     /** Without the file everything is as above. Whatever is wrong stands in the findings. */
     static Settings Load(const std::string& path, const companion::Credentials& credentials);
 
-    static Settings Parse(const companion::ConfigFile& file, const companion::Credentials& credentials);
+    /** @param protocols what the library can do: "sftp" is not in all of them */
+    static Settings Parse(const companion::ConfigFile& file, const companion::Credentials& credentials,
+                          const std::set<std::string>& protocols = LibraryProtocols());
+
+    /** As libcurl names them. */
+    static std::set<std::string> LibraryProtocols();
 };
 
 }  // namespace kelto::halvek::outbox

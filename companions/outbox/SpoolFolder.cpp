@@ -25,13 +25,14 @@ using companion::UniqueFd;
 
 namespace {
 
-constexpr std::array folders = {"", "/q", "/tmp", "/bad", "/failed"};
+constexpr std::array folders = {"", "/q", "/tmp", "/bad", "/failed", "/notes"};
 constexpr size_t keptDamaged = 5;
 constexpr size_t keptFailed = 50;
 constexpr size_t pieceSize = 64 * 1024;
 /** A header has a path, an account and at most some hundred recipients. */
 constexpr size_t longestHeader = 256 * 1024;
 constexpr size_t longestEnd = 64;
+constexpr size_t longestNote = 256 * 1024;
 /** What is left free on the medium: the smaller of the two, in bytes and as a part. */
 constexpr uint64_t floorBytes = 8 * 1024 * 1024;
 constexpr uint64_t floorPart = 10;
@@ -86,7 +87,7 @@ size_t ReadPiece(int file, char* buffer, size_t wanted, const std::string& path)
     return length;
 }
 
-/** A file that is removed again unless it gets its name. */
+/** A file that is removed again, unless it has got another name or is kept. */
 class TemporaryFile {
 public:
     explicit TemporaryFile(std::string name)
@@ -97,10 +98,19 @@ public:
     }
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
-    ~TemporaryFile() { unlink(path.c_str()); }
+    ~TemporaryFile() {
+        if (!isKept) {
+            unlink(path.c_str());
+        }
+    }
+
+    void Keep() { isKept = true; }
 
     const std::string path;
     const UniqueFd file;
+
+private:
+    bool isKept = false;
 };
 
 std::string EndLine(uint64_t length, const Crc32c& crc) {
@@ -130,7 +140,16 @@ SpoolFolder::Found SpoolFolder::Open() {
             found.damaged.push_back(name);
         }
     }
+    RemoveStrayNotes();
     return found;
+}
+
+void SpoolFolder::RemoveStrayNotes() {
+    for (const std::string& name : NamesIn(path + "/notes")) {
+        if (access((path + "/q/" + name).c_str(), F_OK) != 0) {
+            unlink((path + "/notes/" + name).c_str());
+        }
+    }
 }
 
 /** What cannot be moved is removed: it would be found at every start. */
@@ -185,12 +204,15 @@ std::optional<SpoolFolder::File> SpoolFolder::Read(uint64_t id) const {
     }
 }
 
-void SpoolFolder::Publish(int file, const std::string& temporary, const std::string& folder, const std::string& name) {
+void SpoolFolder::MakeDurable(int file, const std::string& name) const {
     if (medium == Medium::Flash && fsync(file) != 0) {
-        Fail(temporary);
+        Fail(name);
     }
-    const std::string target = folder + "/" + name;
-    if (rename(temporary.c_str(), target.c_str()) != 0) {
+}
+
+void SpoolFolder::Rename(uint64_t id, const std::string& folder) {
+    const std::string target = folder + "/" + NameOf(id);
+    if (rename(TemporaryPath(id).c_str(), target.c_str()) != 0) {
         Fail(target);
     }
     if (medium == Medium::Flash) {
@@ -202,7 +224,7 @@ void SpoolFolder::Publish(int file, const std::string& temporary, const std::str
 }
 
 SpoolFolder::File SpoolFolder::Write(uint64_t id, const ItemHeader& header, int payload, uint64_t mostBytes) {
-    const TemporaryFile temporary(path + "/tmp/" + NameOf(id));
+    TemporaryFile temporary(TemporaryPath(id));
     const std::string text = header.Encode();
     WriteAll(temporary.file.Get(), text, temporary.path);
     Crc32c crc;
@@ -218,7 +240,8 @@ SpoolFolder::File SpoolFolder::Write(uint64_t id, const ItemHeader& header, int 
     }
     const std::string end = EndLine(length, crc);
     WriteAll(temporary.file.Get(), end, temporary.path);
-    Publish(temporary.file.Get(), temporary.path, path + "/q", NameOf(id));
+    MakeDurable(temporary.file.Get(), temporary.path);
+    temporary.Keep();
     return {id, header, text.size() + length + end.size(), text.size(), length};
 }
 
@@ -226,21 +249,45 @@ uint64_t SpoolFolder::SizeOf(const ItemHeader& header, uint64_t payloadSize) {
     return header.Encode().size() + payloadSize + EndLine(payloadSize, Crc32c()).size();
 }
 
+void SpoolFolder::Publish(uint64_t id) {
+    Rename(id, path + "/q");
+}
+
+void SpoolFolder::Discard(uint64_t id) noexcept {
+    unlink(TemporaryPath(id).c_str());
+}
+
 void SpoolFolder::Copy(uint64_t id, const SpoolFolder& other) {
     const UniqueFd source = other.OpenItem(id);
     if (!source.IsOpen()) {
         Fail(other.QueuePath(id));
     }
-    const TemporaryFile temporary(path + "/tmp/" + NameOf(id));
+    const TemporaryFile temporary(TemporaryPath(id));
     std::string piece(pieceSize, '\0');
     while (const size_t got = ReadPiece(source.Get(), piece.data(), piece.size(), other.QueuePath(id))) {
         WriteAll(temporary.file.Get(), {piece.data(), got}, temporary.path);
     }
-    Publish(temporary.file.Get(), temporary.path, path + "/q", NameOf(id));
+    MakeDurable(temporary.file.Get(), temporary.path);
+    Rename(id, path + "/q");
 }
 
 bool SpoolFolder::Remove(uint64_t id) noexcept {
+    unlink(NotePath(id).c_str());
     return unlink(QueuePath(id).c_str()) == 0 || errno == ENOENT || errno == ENOTDIR;
+}
+
+void SpoolFolder::WriteNote(uint64_t id, std::string_view text) {
+    const TemporaryFile temporary(TemporaryPath(id));
+    WriteAll(temporary.file.Get(), text, temporary.path);
+    MakeDurable(temporary.file.Get(), temporary.path);
+    Rename(id, path + "/notes");
+}
+
+std::string SpoolFolder::ReadNote(uint64_t id) const {
+    const UniqueFd file(open(NotePath(id).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    std::string text(file.IsOpen() ? longestNote : 0, '\0');
+    text.resize(file.IsOpen() ? ReadPiece(file.Get(), text.data(), text.size(), NotePath(id)) : 0);
+    return text;
 }
 
 UniqueFd SpoolFolder::OpenItem(uint64_t id) const {
@@ -251,9 +298,10 @@ void SpoolFolder::KeepFailed(uint64_t id, ItemHeader header, const std::string& 
     header.password.clear();
     std::string text = header.Encode();
     FieldText::Append(text, "reason", reason);
-    const TemporaryFile temporary(path + "/tmp/" + NameOf(id));
+    const TemporaryFile temporary(TemporaryPath(id));
     WriteAll(temporary.file.Get(), text, temporary.path);
-    Publish(temporary.file.Get(), temporary.path, path + "/failed", NameOf(id));
+    MakeDurable(temporary.file.Get(), temporary.path);
+    Rename(id, path + "/failed");
     KeepNewest(path + "/failed", keptFailed);
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kelto::halvek::outbox {
@@ -14,8 +15,9 @@ namespace kelto::halvek::outbox {
  * One place for items: a file for each, which is written once and never again.
  *
  * A file is whole or not there under its name: it is written in tmp/, made durable where that means anything, and
- * renamed into q/. It has the item's header, an empty line, the payload, and a last line "end LENGTH CRC" with the
- * payload's length and CRC-32C. One thread at a time.
+ * renamed into q/ once the item counts. It has the item's header, an empty line, the payload, and a last line
+ * "end LENGTH CRC" with the payload's length and CRC-32C. What is in tmp/ at a start never counted. One thread at a
+ * time.
  *
  * Everything that writes throws std::system_error, with the file's name.
  */
@@ -49,8 +51,15 @@ public:
     /** Makes what is missing, and reads what is there. */
     Found Open();
 
-    /** Copies a payload from where its descriptor stands. Throws std::length_error if it is longer than that. */
+    /**
+     * Copies a payload from where its descriptor stands, into a file that does not count yet: see Publish and Discard.
+     * Throws std::length_error if it is longer than that.
+     */
     File Write(uint64_t id, const ItemHeader& header, int payload, uint64_t mostBytes);
+    /** What was written counts from now on. */
+    void Publish(uint64_t id);
+    /** What was written never counts. */
+    void Discard(uint64_t id) noexcept;
 
     /** The bytes of a file with a payload of that length. */
     static uint64_t SizeOf(const ItemHeader& header, uint64_t payloadSize);
@@ -60,6 +69,11 @@ public:
 
     /** Whether there is none of that number now. */
     bool Remove(uint64_t id) noexcept;
+
+    /** Keeps a few lines about an item, instead of those from before. They go with the item. */
+    void WriteNote(uint64_t id, std::string_view text);
+    /** Empty if there are none. */
+    std::string ReadNote(uint64_t id) const;
 
     /** For reading; closed if it is not there. */
     companion::UniqueFd OpenItem(uint64_t id) const;
@@ -81,7 +95,11 @@ public:
 
 private:
     std::string QueuePath(uint64_t id) const { return path + "/q/" + NameOf(id); }
-    void Publish(int file, const std::string& temporary, const std::string& folder, const std::string& name);
+    std::string TemporaryPath(uint64_t id) const { return path + "/tmp/" + NameOf(id); }
+    std::string NotePath(uint64_t id) const { return path + "/notes/" + NameOf(id); }
+    void MakeDurable(int file, const std::string& name) const;
+    void Rename(uint64_t id, const std::string& folder);
+    void RemoveStrayNotes();
     std::optional<File> Read(uint64_t id) const;
     void SetAside(const std::string& name);
 

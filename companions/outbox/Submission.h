@@ -18,7 +18,8 @@ public:
 
     /**
      * It counts when the service has heard that its answer has been heard: whoever gets an exception here may deliver
-     * the item otherwise.
+     * the item otherwise. A service that ends before that leaves unread what was said to it, which is a reset
+     * connection.
      *
      * @param payload the descriptor of a file, from where it stands
      * @param answer the item's number, or the reason for people

@@ -43,6 +43,12 @@ void TargetState::Held(int64_t now, std::string why) {
     reason = std::move(why);
 }
 
+void TargetState::Resume(std::string why) {
+    kind = Kind::Wait;
+    nextTry = 0;
+    reason = std::move(why);
+}
+
 void TargetState::Probe() {
     if (kind != Kind::Hold) {
         nextTry = 0;

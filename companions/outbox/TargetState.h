@@ -26,6 +26,8 @@ public:
     /** The clock is not set: a try in 30 s, and no failure. */
     void AwaitClock(int64_t now, std::string why);
     void Held(int64_t now, std::string why);
+    /** It was in trouble when somebody looked last, and may be tried at once. */
+    void Resume(std::string why);
 
     /** The next try may be at once: something has changed. A target on hold stays that for the network's sake. */
     void Probe();

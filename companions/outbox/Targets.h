@@ -16,10 +16,11 @@ struct TargetEntry {
     Server server;
     bool makesFolders = false;
     bool renames = true;
+    /** An upload to it was cut off with TLS 1.3, which this and that pair of libraries does: it gets 1.2 from then on.
+     */
+    bool isCutOff = false;
     /** It has refused to rename once. */
     bool hasRefusedRename = false;
-    /** Held by a person. */
-    bool isHeld = false;
     std::unique_ptr<Courier> courier;
 };
 

@@ -20,6 +20,7 @@ ESMTPRC = Path("/etc/esmtprc")
 SOCKET = Path("/run/halvek-outbox/submit")
 RAM = Path("/run/halvek-outbox/q")
 FLASH = Path("/var/spool/halvek-outbox/q")
+HELD = FLASH.with_name("held")
 LISTEN_FDS_START = 3
 
 

@@ -13,7 +13,7 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
-from outbox import CONFIGURATION, FLASH, RAM, SOCKET, LyingFtpServer, Outbox, make_private
+from outbox import CONFIGURATION, FLASH, HELD, RAM, SOCKET, LyingFtpServer, Outbox, make_private
 from testing.ftp_server import FtpServer
 from testing.mail_sink import MailSink
 from testing.users import FIRST_UID
@@ -353,6 +353,38 @@ def test_hold_and_release(outbox: Outbox, ftp: FtpServer):
     outbox.wait_for(delivered=1)
 
 
+@pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGTERM])
+@pytest.mark.parametrize("words", [[], ["camera@127.0.0.1"]], ids=["all", "a target"])
+def test_what_is_on_hold_stays_so_until_it_is_released(outbox: Outbox, ftp: FtpServer, words: list[str], number: int):
+    outbox.start()
+    outbox.run("hold")
+    item = outbox.put(picture())
+    if words:
+        assert outbox.run("hold", *words).returncode == 0
+        outbox.stop()
+        HELD.write_text(f"target={words[0]}\n")
+        outbox.start()
+    outbox.stop(number)
+    outbox.start()
+    assert outbox.item(item)["state"] == outbox.target()["state"] == "hold"
+    assert 'held by "halvek-outbox hold"' in outbox.run("status").stdout
+    assert outbox.run("release", *words).returncode == 0
+    outbox.wait_for(delivered=1)
+    assert not HELD.exists()
+
+
+def test_a_password_that_the_daemon_gives_anew_counts_for_all_that_waits(outbox: Outbox, ftp: FtpServer):
+    outbox.start()
+    local = outbox.folder / "picture"
+    local.write_bytes(b"picture")
+    words = ["-u", "camera", "-p", "wrong", "127.0.0.1", "/first.jpg", str(local)]
+    number = outbox.number_of(outbox.submit("ftpput", *words))
+    outbox.wait_for_state(number, "hold")
+    outbox.put(b"picture", "/second.jpg")
+    outbox.wait_for(delivered=2, queued=0)
+    assert {path.name for path in ftp.folder.glob("*.jpg")} == {"first.jpg", "second.jpg"}
+
+
 def test_verbs_without_a_service_and_wrong_words(outbox: Outbox):
     for words in (["list"], ["status"], ["show", "x"], ["flush"], ["drop", "x"], ["hold"], ["release"]):
         assert outbox.run(*words).returncode == 3, words
@@ -377,6 +409,7 @@ def test_verbs_without_a_service_and_wrong_words(outbox: Outbox):
         (["-v", "-c", "127.0.0.1", "/shot.jpg", "FILE"], 0),
         (["-P", "nonsense", "127.0.0.1", "/shot.jpg", "FILE"], 1),
         (["127.0.0.1:2121", "/shot.jpg", "FILE"], 0),
+        (["-u", "camera", "-p", "127.0.0.1", "/up/shot.jpg", "FILE"], 1),
     ],
 )
 def test_ftpput_reads_its_words_as_the_applet_does(outbox: Outbox, tmp_path: Path, words: list[str], status: int):
@@ -463,6 +496,46 @@ def test_an_item_whose_bringer_does_not_hear_of_it_is_forgotten(outbox: Outbox, 
     assert outbox.counts()["queued"] == 0 and list(RAM.iterdir()) == []
 
 
+def test_an_item_whose_bringer_has_not_answered_is_forgotten_with_the_service(outbox: Outbox, tmp_path: Path):
+    outbox.configure("[Outbox]\nDurability=early\n")
+    outbox.start()
+    outbox.run("hold")
+    local = tmp_path / "picture"
+    local.write_bytes(b"picture")
+    with socket.socket(socket.AF_UNIX) as connection, local.open("rb") as file:
+        connection.connect(str(SOCKET))
+        socket.send_fds(connection, [outbox_header()], [file.fileno()])
+        assert connection.recv(100).startswith(b"queued ")
+        outbox.stop(signal.SIGKILL)
+    outbox.start()
+    assert outbox.counts()["queued"] == 0 and list(FLASH.iterdir()) == []
+
+
+@pytest.mark.parametrize("name", ["ftpput", "esmtp"])
+def test_a_service_that_ends_before_it_has_listened_leaves_it_to_the_real_program(outbox: Outbox, name: str):
+    programs = stand_in(outbox.folder, name)
+    words = {"ftpput": ["127.0.0.1", "x", "/etc/hostname"], "esmtp": ["-t"]}[name]
+
+    def answer_and_leave(listener: socket.socket) -> None:
+        connection = listener.accept()[0]
+        connection.recv(1 << 16)
+        connection.sendall(b"queued 0000000000000001\n")
+        # It is not read, so the front end hears of it.
+        wait_until(lambda: connection.recv(16, socket.MSG_PEEK) == b"ok\n", "the front end has answered")
+        connection.close()
+
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(str(SOCKET))
+        listener.listen()
+        thread = threading.Thread(target=answer_and_leave, args=(listener,))
+        thread.start()
+        path = f"{outbox.programs}:{programs}:{os.environ['PATH']}"
+        result = outbox.submit(name, *words, environment={"PATH": path}, input=MAIL.encode())
+        thread.join()
+    assert result.returncode == 0 and b"queued" not in result.stderr
+    assert (outbox.folder / f"{name}.txt").exists()
+
+
 def crc32c(data: bytes) -> int:
     state = 0xFFFFFFFF
     for byte in data:
@@ -537,6 +610,76 @@ def test_a_password_stands_in_no_argument_log_or_answer(outbox: Outbox, ftp: Ftp
     ):
         assert word not in text
     assert all(word.encode() not in path.read_bytes() for path in FLASH.parent.rglob("*") if path.is_file())
+
+
+@pytest.mark.parametrize("lying", [{"PASS": "530 secret is no password of camera"}], indirect=True, ids=["530"])
+def test_a_server_that_repeats_the_password_does_not_have_it_logged(outbox: Outbox, lying: LyingFtpServer):
+    outbox.start()
+    number = outbox.put(picture(), options=f"-P {lying.port}")
+    assert outbox.wait_for_state(number, "hold")["error"].endswith("530 *** is no password of camera")
+    assert "secret" not in outbox.log.read_text() + outbox.run("status").stdout
+
+
+# --- what the daemon is told
+
+
+@pytest.fixture
+def event_pipe() -> Iterator[int]:
+    path = Path("/run/halvek.pipe")
+    os.mkfifo(path)
+    reader = os.open(path, os.O_RDONLY | os.O_NONBLOCK)
+    yield reader
+    os.close(reader)
+    path.unlink()
+
+
+def test_trouble_is_posted_when_it_begins_and_when_it_is_over(outbox: Outbox, ftp: FtpServer, event_pipe: int):
+    posted = bytearray()
+
+    def read() -> bytes:
+        try:
+            posted.extend(os.read(event_pipe, 1 << 16))
+        except BlockingIOError:
+            pass
+        return bytes(posted)
+
+    outbox.configure("[Outbox]\nPost=yes\n")
+    ftp.set_fault("refuse")
+    outbox.start()
+    outbox.put(picture())
+    wait_until(lambda: read().endswith(b".\n"), "the trouble is posted")
+    assert posted.startswith(b"[OutboxTrouble]\ntarget=camera@127.0.0.1\nreason=") and posted.count(b"\n") == 4
+    posted.clear()
+    outbox.stop(signal.SIGKILL)
+    outbox.start()
+    outbox.run("flush")
+    wait_until(lambda: outbox.target()["reason"].find("restart") < 0, "it was tried in vain")
+    assert read() == b""
+    ftp.set_fault("none")
+    outbox.run("flush")
+    outbox.wait_for(delivered=1)
+    wait_until(lambda: read() == b"[OutboxRecovered]\ntarget=camera@127.0.0.1\n.\n", "its end is posted")
+
+
+def test_trouble_is_not_posted_unasked(outbox: Outbox, ftp: FtpServer, event_pipe: int):
+    ftp.set_fault("refuse")
+    outbox.start()
+    outbox.wait_for_state(outbox.put(picture()), "wait")
+    assert os.read(event_pipe, 100) == b""
+
+
+def test_no_mail_tells_of_trouble_with_mails(outbox: Outbox, tmp_path: Path):
+    settings = tmp_path / "settings.ini"
+    settings.write_text(
+        "[Events/Source#1]\nType=OutboxTrouble\n[Events/Handler#1]\nType=Email\n"
+        "[Events/Handler#1/SourceIds]\n0=Events/Source#1\n"
+    )
+    outbox.configure("[Outbox]\nPost=yes\n")
+    environment = os.environ | {"KELTO_SETTINGS": str(settings)}
+    result = outbox.run("check", env=environment)
+    assert result.returncode == 1 and f"{CONFIGURATION}:2:6: Post: Events/Handler#1" in result.stdout
+    settings.write_text(settings.read_text().replace("Email", "Relay"))
+    assert outbox.run("check", env=environment).returncode == 0
 
 
 def test_descriptors_and_memory_stay_as_they_are(outbox: Outbox, ftp: FtpServer):

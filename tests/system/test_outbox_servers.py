@@ -1,6 +1,8 @@
 """The outbox with servers that encrypt, and with mail servers that refuse, hesitate or vanish."""
 
+import json
 import os
+import re
 import shutil
 import signal
 import socket
@@ -10,7 +12,7 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
-from outbox import KNOWN_HOSTS, Outbox, make_private
+from outbox import FLASH, KNOWN_HOSTS, Outbox, make_private
 from testing.waiting import wait_until
 
 pytestmark = pytest.mark.not_under("sanitizer", "emulator", "one user", reason="real servers, which start as root")
@@ -136,7 +138,9 @@ def test_pictures_go_by_sftp_once_the_key_is_trusted(outbox: Outbox, sftp: Path,
     outbox.wait_for_state(number, "hold")
     assert outbox.run("trust", "127.0.0.1", stdin=subprocess.DEVNULL).returncode == 1
     assert not KNOWN_HOSTS.exists()
+    asked = json.loads(outbox.run("trust", "127.0.0.1", "--format", "json").stdout)
     shown = outbox.run("trust", "127.0.0.1", "--yes").stdout
+    assert (asked["fingerprint"], asked["stored"]) == (shown.split()[2], False)
     listed = subprocess.run(["ssh-keygen", "-l", "-f", sftp], capture_output=True, text=True, check=True).stdout
     assert shown.split()[2] == listed.split()[1]
     outbox.run("flush")
@@ -279,6 +283,8 @@ def test_who_is_put_off_gets_the_mail_later_and_the_others_once(outbox: Outbox, 
     number = outbox.mail(MAIL)
     wait_until(lambda: smtp.mails, "the first one has it")
     wait_until(lambda: outbox.item(number)["error"], "the other one is known to wait")
+    outbox.stop(signal.SIGKILL)
+    outbox.start()
     outbox.run("flush")
     outbox.wait_for(delivered=1)
     assert smtp.recipients == ["b@x.example", "a@x.example"] and len(smtp.mails) == 2
@@ -290,8 +296,14 @@ def test_a_mail_without_a_last_answer_is_uncertain_and_blocks_no_other(outbox: O
     outbox.wait_for_state(number, "uncertain")
     outbox.mail(MAIL)
     outbox.wait_for(delivered=1, queued=1)
-    # What would be after a quarter of an hour comes with a restart.
+    for end in (signal.SIGKILL, signal.SIGTERM):
+        outbox.stop(end)
+        outbox.start()
+        assert outbox.item(number)["state"] == "uncertain" and len(smtp.mails) == 2
+    # What would be after a quarter of an hour comes with a reboot.
     outbox.stop(signal.SIGTERM)
+    note = FLASH.with_name("notes") / number
+    note.write_text(re.sub("boot=.*", "boot=another", note.read_text()))
     outbox.start()
     outbox.wait_for(delivered=2, queued=0)
 

@@ -36,8 +36,13 @@ protected:
         ItemHeader header;
         header.kind = kind;
         Item& item = queue->Accept(header, MemoryFile::Of(std::string(size, 'x')).Get(), size);
-        item.state = Item::State::Queued;
+        queue->Confirm(item);
         return item.file.id;
+    }
+
+    void KeepSafe(uint64_t id) {
+        queue->KeepSafe(*queue->Find(id));
+        queue->KeepNext();
     }
 
     std::vector<uint64_t> Ids() const {
@@ -121,7 +126,7 @@ TEST_F(QueueTest, FullRamCostsNothingOnFlash) {
     settings.flashBudget = 1200;
     Open();
     const uint64_t onFlash = Accept(1000);
-    queue->KeepSafe(*queue->Find(onFlash));
+    KeepSafe(onFlash);
     ASSERT_TRUE(queue->Find(onFlash)->isOnFlash);
     const uint64_t oldest = Accept(1000);
     const uint64_t second = Accept(1000);
@@ -144,11 +149,11 @@ TEST_F(QueueTest, WhatIsKeptFreeOnFlashStaysFree) {
     const test::MemoryMount disk(flash, "size=1m");
     Open();
     const uint64_t fits = Accept(800'000);
-    queue->KeepSafe(*queue->Find(fits));
+    KeepSafe(fits);
     EXPECT_TRUE(queue->Find(fits)->isOnFlash);
     // Below the floor of a tenth unless the older one goes.
     const uint64_t next = Accept(200'000);
-    queue->KeepSafe(*queue->Find(next));
+    KeepSafe(next);
     EXPECT_THAT(Ids(), testing::ElementsAre(next));
     EXPECT_TRUE(queue->Find(next)->isOnFlash);
 }
@@ -158,9 +163,9 @@ TEST_F(QueueTest, NothingGoesFromFlashForWhatDoesNotFitThereAnyway) {
     Open();
     std::ofstream(flash + "/others") << std::string(500'000, 'x');
     const uint64_t old = Accept(100'000);
-    queue->KeepSafe(*queue->Find(old));
+    KeepSafe(old);
     const uint64_t large = Accept(700'000);
-    queue->KeepSafe(*queue->Find(large));
+    KeepSafe(large);
     EXPECT_THAT(Ids(), testing::ElementsAre(old, large));
     EXPECT_TRUE(queue->Find(old)->isOnFlash);
     EXPECT_FALSE(queue->Find(large)->isOnFlash);

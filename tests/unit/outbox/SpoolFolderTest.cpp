@@ -25,7 +25,9 @@ protected:
         ItemHeader header;
         header.host = "host";
         header.password = "word";
-        return folder.Write(id, header, MemoryFile::Of(payload).Get(), 1'000'000);
+        const SpoolFolder::File file = folder.Write(id, header, MemoryFile::Of(payload).Get(), 1'000'000);
+        folder.Publish(id);
+        return file;
     }
 
     std::string Name(const char* part, uint64_t id) const { return path + part + SpoolFolder::NameOf(id); }
@@ -54,6 +56,35 @@ TEST_F(SpoolFolderTest, WhatWasWrittenIsFoundAgain) {
     EXPECT_EQ(found.files[0].payloadSize, payload.size());
     EXPECT_EQ(Content(Name("/q/", 7)).substr(written.payloadOffset, payload.size()), payload);
     EXPECT_EQ(folder.HighestId(), 7U);
+}
+
+TEST_F(SpoolFolderTest, WhatWasNotPublishedIsGoneAtTheNextStart) {
+    folder.Write(7, {}, MemoryFile::Of("picture").Get(), 100);
+    EXPECT_TRUE(std::filesystem::exists(Name("/tmp/", 7)));
+    EXPECT_TRUE(folder.Open().files.empty());
+    EXPECT_FALSE(std::filesystem::exists(Name("/tmp/", 7)));
+}
+
+TEST_F(SpoolFolderTest, WhatIsDiscardedIsGoneAtOnce) {
+    folder.Write(7, {}, MemoryFile::Of("picture").Get(), 100);
+    folder.Discard(7);
+    EXPECT_FALSE(std::filesystem::exists(Name("/tmp/", 7)));
+}
+
+TEST_F(SpoolFolderTest, ANoteIsReplacedAndGoesWithItsItem) {
+    Write(7, "picture");
+    folder.WriteNote(7, "first");
+    folder.WriteNote(7, "second");
+    folder.Open();
+    EXPECT_EQ(folder.ReadNote(7), "second");
+    folder.Remove(7);
+    EXPECT_EQ(folder.ReadNote(7), "");
+}
+
+TEST_F(SpoolFolderTest, ANoteOfNoItemIsRemovedAtTheStart) {
+    folder.WriteNote(7, "text");
+    folder.Open();
+    EXPECT_EQ(folder.ReadNote(7), "");
 }
 
 TEST_F(SpoolFolderTest, AFileThatIsCutAnywhereIsSetAside) {
