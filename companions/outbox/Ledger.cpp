@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -24,6 +25,7 @@ constexpr size_t mostBytes = 64 * 1024;
 constexpr std::array fates = {Ledger::Fate::Delivered, Ledger::Fate::Failed, Ledger::Fate::Expired,
                               Ledger::Fate::Dropped, Ledger::Fate::Uncertain};
 constexpr const char* endedKey = "ended";
+constexpr const char* highestKey = "highest";
 constexpr const char* flashDayKey = "flash_day_ms";
 constexpr const char* flashBytesKey = "flash_bytes";
 
@@ -47,6 +49,8 @@ void Ledger::Open() {
 void Ledger::Take(const std::string& key, uint64_t value) {
     if (key == endedKey) {
         ended.insert(value);
+    } else if (key == highestKey) {
+        highest = value;
     } else if (key == flashDayKey) {
         flash.begin = static_cast<int64_t>(value);
     } else if (key == flashBytesKey) {
@@ -66,6 +70,7 @@ void Ledger::Enter(uint64_t id, Fate fate) {
 
 void Ledger::Note(uint64_t id) {
     ended.insert(id);
+    highest = std::max(highest, id);
     Save();
 }
 
@@ -82,6 +87,7 @@ void Ledger::Save() {
     }
     FieldText::Append(text, flashDayKey, std::to_string(flash.begin));
     FieldText::Append(text, flashBytesKey, std::to_string(flash.spent));
+    FieldText::Append(text, highestKey, std::to_string(highest));
     for (const uint64_t id : ended) {
         FieldText::Append(text, endedKey, std::to_string(id));
     }

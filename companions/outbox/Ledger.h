@@ -41,8 +41,8 @@ public:
     void Gone(uint64_t id) { ended.erase(id); }
 
     bool HasEnded(uint64_t id) const { return ended.contains(id); }
-    /** The highest number that it knows of; 0 for none. */
-    uint64_t HighestId() const { return ended.empty() ? 0 : *ended.rbegin(); }
+    /** The highest number of an item that has ended since the boot; 0 for none. */
+    uint64_t HighestId() const { return highest; }
     const std::set<uint64_t>& Ended() const { return ended; }
     const Counts& GetCounts() const { return counts; }
 
@@ -64,6 +64,7 @@ private:
     companion::UniqueFd file;
     Counts counts;
     std::set<uint64_t> ended;
+    uint64_t highest = 0;
     FlashBudget flash;
 };
 

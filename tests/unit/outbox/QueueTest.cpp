@@ -84,8 +84,8 @@ TEST_F(QueueTest, NoNumberIsUsedTwice) {
     queue->Finish(second, Fate::Delivered);
     OpenAgain();
     EXPECT_EQ(Accept(100), second + 1);
-    queue->Finish(first, Fate::Delivered);
     queue->Finish(second + 1, Fate::Delivered);
+    queue->Finish(first, Fate::Delivered);
     OpenAgain();
     EXPECT_EQ(Accept(100), second + 2);
 }
