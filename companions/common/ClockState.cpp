@@ -14,10 +14,22 @@
 
 namespace kelto::companion {
 
-int64_t ClockState::Now() {
+namespace {
+
+int64_t Milliseconds(clockid_t clock) {
     timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
+    clock_gettime(clock, &now);
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+}  // namespace
+
+int64_t ClockState::Now() {
+    return Milliseconds(CLOCK_REALTIME);
+}
+
+int64_t ClockState::SinceBoot() {
+    return Milliseconds(CLOCK_BOOTTIME);
 }
 
 std::string ClockState::IsoTime(int64_t milliseconds) {

@@ -17,6 +17,9 @@ public:
     /** Now, in UTC: milliseconds since 1970. */
     static int64_t Now();
 
+    /** Milliseconds since the boot, by a clock that nobody sets and that a sleeping machine does not stop. */
+    static int64_t SinceBoot();
+
     /** As 2026-11-21T14:05:09.123Z. @param milliseconds since 1970, in UTC */
     static std::string IsoTime(int64_t milliseconds);
 

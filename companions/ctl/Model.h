@@ -99,15 +99,28 @@ struct ModelVerdict {
     std::string source;
     /** BehindFailing: the group of the handler that fails. */
     std::string because;
+    /** How often it acts: once for each time that it stands on the list of a source that delivers. */
+    int32_t times = 0;
 };
 
 /** What happens on one event. */
 struct EventQuestion {
+    /** Where the event comes from. */
+    enum class Origin : int32_t {
+        /** What its type and properties suggest, see IsBuiltIn. */
+        Suggested,
+        /** Somebody has posted it, whatever its type. */
+        Posted,
+        /** One of the daemon's sources has made it. */
+        BuiltIn,
+    };
+
     /** The event's "eventType". "Alarm" with an "alarmIndex" is an input of the camera's, without it a posted event. */
     std::string type;
     Event::Properties properties;
     /** Seconds of UTC since 1970. */
     int64_t time = 0;
+    Origin origin = Origin::Suggested;
 };
 
 /** Whether the daemon fires the event of its own accord, so that nobody needs to post it. */

@@ -5,6 +5,7 @@
 #include "companions/ctl/Terminal.h"
 #include "companions/ctl/listen/EventRelay.h"
 #include "companions/ctl/listen/StalePipes.h"
+#include "companions/ctl/recording/CameraSignals.h"
 #include "companions/ctl/recording/InputRecorder.h"
 #include "companions/ctl/recording/RecordingFile.h"
 #include "kelto/core/StringUtil.h"
@@ -25,6 +26,8 @@ namespace {
 constexpr const char* help =
     "Records what happens to the running daemon in FILE, a JSON object a line, until it is interrupted: events that\n"
     "others post, and those of its own sources. \"replay\" tells what other settings would have done.\n"
+    "  --bus         also what the camera says on the message bus: alarm inputs, alerts, and whether the head rests;\n"
+    "                then sources are played anew that the settings of that time did not have\n"
     "  --limit SIZE  so much at most, in FILE and FILE.1 together: 4M, 500K, or bytes (4M)\n"
     "What is recorded is written when there are 64 KiB of it, when it is a minute old, and at the end. A full disk\n"
     "costs the daemon nothing. Nothing is written over a file that holds something.\n"
@@ -125,28 +128,35 @@ private:
 };
 
 ExitStatus RunRecord(const Invocation& invocation, Answer& answer) {
-    const OptionReader options(invocation.words, {{"--limit", true}});
+    const OptionReader options(invocation.words, {{"--limit", true}, {"--bus", false}});
     const size_t limit = ParseLimit(options.Value("--limit"));
     if (options.Words().size() != 1 || options.Words().front().empty()) {
         throw UsageError("record wants one file");
     }
     answer.Flush();
+    const bool hasBus = options.Has("--bus");
+    const std::optional<int32_t> idleState = hasBus ? CameraSignals::AskIdleState() : std::nullopt;
     StalePipes::Remove(purpose);
     sigset_t before{};
     const companion::UniqueFd signals = HoldSignals(before);
     RecordingFile file(options.Words().front(), limit);
     InputRecorder recorder;
-    file.Add(recorder.Mark("begin"));
+    file.Add(recorder.Begin(hasBus));
+    if (idleState) {
+        file.Add(recorder.IdleState(*idleState));
+    }
     EventRelay relay(
         {.pipeName = StalePipes::OwnName(purpose),
          .line = [&](const companion::ReceivedEvent& event, const ReadTime& time) { return recorder.Of(event, time); },
          .isMissed = [](const companion::ReceivedEvent&) { return true; },
-         .droppedLine = [&](uint64_t count) { return recorder.Gap(count); }});
+         .droppedLine = [&](uint64_t count) { return recorder.Gap(count); },
+         .makeOther = hasBus ? [&] { return std::make_unique<CameraSignals>(recorder); }
+                             : std::function<std::unique_ptr<LineSource>()>()});
     Terminal::Complain("reading " + relay.PipePath());
     Recorder running(relay, file, signals);
     const int number = running.Run();
     recorder.CountOthers(running.Lines());
-    file.Add(recorder.Mark("end"));
+    file.Add(recorder.End());
     file.Close();
     relay.Finish();
     if (number == 0) {
@@ -160,6 +170,7 @@ ExitStatus RunRecord(const Invocation& invocation, Answer& answer) {
 
 }  // namespace
 
-const Verb verbRecord{"record", "FILE [--limit SIZE]", "keeps what happens to the daemon in a file", help, RunRecord};
+const Verb verbRecord{"record", "FILE [--limit SIZE] [--bus]", "keeps what happens to the daemon in a file", help,
+                      RunRecord};
 
 }  // namespace kelto::halvek::ctl

@@ -9,7 +9,6 @@
 #include "companions/ctl/recording/Replay.h"
 
 #include <algorithm>
-#include <array>
 #include <vector>
 
 namespace kelto::halvek::ctl {
@@ -24,11 +23,20 @@ constexpr const char* help =
     "Status: 0 if both do the same, 1 if not.\n";
 
 /** What cannot be known, as it is told. */
-constexpr std::array limits = {
-    "How long actions took is not known, so timers tick exactly.",
-    "Alarms, alerts and rests of the head are known as far as the settings of that time had sources for them.",
-    "A handler that two sources deliver one event to counts once.",
-};
+std::vector<std::string> LimitsOf(const Recording& recording) {
+    std::vector<std::string> limits = {
+        "How long actions took is not known, so timers tick exactly, and from the beginning of the recording on.",
+        "Timers with the interval 0 or a failing handler fire without end; here never, and at their interval.",
+        "An event for which a handler failed reached no pipe, so that it is not in the recording.",
+        "What an action does to the camera, and what the camera says of that, is as it was recorded.",
+        "A source without BankName listens to every bank.",
+    };
+    limits.emplace_back(recording.hasBus
+                            ? "The head's rest is counted in whole seconds: its event may come up to one later."
+                            : "Alarms, alerts and rests of the head are known as far as the settings of that time had "
+                              "sources for them: see record --bus.");
+    return limits;
+}
 
 /** One handler in both settings. */
 struct Compared {
@@ -38,33 +46,41 @@ struct Compared {
 
     bool Differs() const { return before != after; }
 
-    /** Inputs that one of them acted on and the other did not. */
+    /** Inputs that one of them acted on and the other did not, or not as often. */
     std::vector<size_t> Inputs() const {
         std::vector<size_t> inputs;
-        std::set_symmetric_difference(before.inputs.begin(), before.inputs.end(), after.inputs.begin(),
-                                      after.inputs.end(), std::back_inserter(inputs));
+        for (const auto& [input, times] : Together(before.inputs, after.inputs)) {
+            if (Times(before, input) != Times(after, input)) {
+                inputs.push_back(input);
+            }
+        }
         return inputs;
     }
 
-    /** Timers that made one of them act more often than the other. */
-    std::vector<std::string> Timers() const {
-        std::vector<std::string> timers;
-        for (const auto& [source, count] : before.ticks) {
-            if (Ticks(after, source) != count) {
-                timers.push_back(source);
+    /** Sources that fire by themselves and made one of them act at other times than the other. */
+    std::vector<std::string> Sources() const {
+        std::vector<std::string> sources;
+        for (const auto& [source, ticks] : Together(before.ticks, after.ticks)) {
+            const auto one = before.ticks.find(source);
+            const auto other = after.ticks.find(source);
+            if (one == before.ticks.end() || other == after.ticks.end() || one->second != other->second) {
+                sources.push_back(source);
             }
         }
-        for (const auto& [source, count] : after.ticks) {
-            if (before.ticks.count(source) == 0) {
-                timers.push_back(source);
-            }
-        }
-        return timers;
+        return Differs() ? sources : std::vector<std::string>{};
     }
 
-    static int64_t Ticks(const Replay::Actions& actions, const std::string& source) {
-        const auto found = actions.ticks.find(source);
-        return found == actions.ticks.end() ? 0 : found->second;
+    static int32_t Times(const Replay::Actions& actions, size_t input) {
+        const auto found = actions.inputs.find(input);
+        return found == actions.inputs.end() ? 0 : found->second;
+    }
+
+private:
+    /** With the keys of both. */
+    template <typename Map>
+    static Map Together(Map one, const Map& other) {
+        one.insert(other.begin(), other.end());
+        return one;
     }
 };
 
@@ -84,12 +100,18 @@ std::vector<Compared> Compare(const Replay& before, const Replay& after) {
     return compared;
 }
 
-Replay Play(Invocation invocation, const std::optional<std::string>& path, const Recording& recording) {
+/** What was played, and with which settings. */
+struct Played {
+    std::string settings;
+    Replay replay;
+};
+
+Played Play(Invocation invocation, const std::optional<std::string>& path, const Recording& recording) {
     if (path) {
         invocation.settings = path;
     }
     const StoreLocation location = StoreLocation::Use(invocation);
-    return Replay::Of(recording);
+    return {location.GetPath(), Replay::Of(recording)};
 }
 
 std::string InputText(const RecordedInput& input) {
@@ -100,8 +122,8 @@ std::string InputText(const RecordedInput& input) {
     return text;
 }
 
-const char* YesOrNo(bool yes) {
-    return yes ? "yes" : "no";
+std::string HowOften(int32_t times) {
+    return times == 0 ? "no" : times == 1 ? "yes" : std::to_string(times) + " times";
 }
 
 void AddText(const Recording& recording, const std::vector<Compared>& all, Answer& answer) {
@@ -109,21 +131,23 @@ void AddText(const Recording& recording, const std::vector<Compared>& all, Answe
         answer.AddLine(Terminal::Escape(HandlerName::Short(one.group)) + ": " + std::to_string(one.before.Count()) +
                        " before, " + std::to_string(one.after.Count()) + " after" +
                        (one.Differs() ? "" : ", the same"));
-        for (const std::string& timer : one.Timers()) {
-            answer.AddLine("  by the timer " + Terminal::Escape(HandlerName::Short(timer)) + ": " +
-                           std::to_string(Compared::Ticks(one.before, timer)) + " before, " +
-                           std::to_string(Compared::Ticks(one.after, timer)) + " after");
+        for (const std::string& source : one.Sources()) {
+            const int64_t before = one.before.Count(source);
+            const int64_t after = one.after.Count(source);
+            answer.AddLine("  by " + Terminal::Escape(HandlerName::Short(source)) + ": " + std::to_string(before) +
+                           " before, " + std::to_string(after) + " after" +
+                           (before == after ? ", at other times" : ""));
         }
         for (const size_t input : one.Inputs()) {
             answer.AddLine("  " + InputText(recording.inputs[input]) + ": before " +
-                           YesOrNo(one.before.inputs.count(input) != 0) + ", after " +
-                           YesOrNo(one.after.inputs.count(input) != 0));
+                           HowOften(Compared::Times(one.before, input)) + ", after " +
+                           HowOften(Compared::Times(one.after, input)));
         }
     }
     answer.AddLine(std::to_string(recording.inputs.size()) + " inputs, " + std::to_string(recording.missing) +
                    " missing. Limits:");
-    for (const char* const limit : limits) {
-        answer.AddLine(std::string("  ") + limit);
+    for (const std::string& limit : LimitsOf(recording)) {
+        answer.AddLine("  " + limit);
     }
 }
 
@@ -138,14 +162,19 @@ void AddInput(companion::Json& json, const Recording& recording, const Compared&
         json.Key(key).String(Terminal::IsSecret(key) ? "***" : value);
     }
     json.EndObject();
-    json.Key("before").Bool(one.before.inputs.count(index) != 0);
-    json.Key("after").Bool(one.after.inputs.count(index) != 0);
+    json.Key("before").Bool(Compared::Times(one.before, index) != 0);
+    json.Key("after").Bool(Compared::Times(one.after, index) != 0);
+    json.Key("times_before").Number(Compared::Times(one.before, index));
+    json.Key("times_after").Number(Compared::Times(one.after, index));
     json.EndObject();
 }
 
-void AddJson(const Recording& recording, const std::vector<Compared>& all, Answer& answer) {
+void AddJson(const Played& before, const Played& after, const Recording& recording, const std::vector<Compared>& all,
+             Answer& answer) {
     companion::Json json;
     JsonAnswer::Begin(json, "replay");
+    json.Key("old").String(before.settings);
+    json.Key("new").String(after.settings);
     json.Key("handlers").BeginArray();
     for (const Compared& one : all) {
         json.BeginObject();
@@ -158,10 +187,10 @@ void AddJson(const Recording& recording, const std::vector<Compared>& all, Answe
             AddInput(json, recording, one, index);
         }
         json.EndArray().Key("timers").BeginArray();
-        for (const std::string& timer : one.Timers()) {
-            json.BeginObject().Key("source").String(timer);
-            json.Key("before").Number(Compared::Ticks(one.before, timer));
-            json.Key("after").Number(Compared::Ticks(one.after, timer)).EndObject();
+        for (const std::string& source : one.Sources()) {
+            json.BeginObject().Key("source").String(source);
+            json.Key("before").Number(one.before.Count(source));
+            json.Key("after").Number(one.after.Count(source)).EndObject();
         }
         json.EndArray().EndObject();
     }
@@ -169,7 +198,7 @@ void AddJson(const Recording& recording, const std::vector<Compared>& all, Answe
     json.Key("inputs").Number(static_cast<int64_t>(recording.inputs.size()));
     json.Key("missing").Number(recording.missing);
     json.Key("limits").BeginArray();
-    for (const char* const limit : limits) {
+    for (const std::string& limit : LimitsOf(recording)) {
         json.String(limit);
     }
     answer.AddLine(json.EndArray().EndObject().Text());
@@ -184,11 +213,11 @@ ExitStatus RunReplay(const Invocation& invocation, Answer& answer) {
     if (recording.unreadable > 0) {
         Terminal::Complain(std::to_string(recording.unreadable) + " lines of the recording cannot be read");
     }
-    const Replay before = Play(invocation, options.Value("--old"), recording);
-    const Replay after = Play(invocation, options.Value("--new"), recording);
-    const std::vector<Compared> all = Compare(before, after);
+    const Played before = Play(invocation, options.Value("--old"), recording);
+    const Played after = Play(invocation, options.Value("--new"), recording);
+    const std::vector<Compared> all = Compare(before.replay, after.replay);
     if (invocation.format == Format::Json) {
-        AddJson(recording, all, answer);
+        AddJson(before, after, recording, all, answer);
     } else {
         AddText(recording, all, answer);
     }

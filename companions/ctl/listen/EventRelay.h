@@ -2,6 +2,7 @@
 
 #include "companions/common/ReceivedEvent.h"
 #include "companions/common/UniqueFd.h"
+#include "companions/ctl/listen/LineSource.h"
 #include "companions/ctl/listen/ReadTime.h"
 
 #include <sys/types.h>
@@ -9,6 +10,7 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -37,6 +39,8 @@ public:
         std::function<std::string(uint64_t count)> droppedLine;
         /** After so many events the pipe goes; 0 for no end. */
         uint64_t count = 0;
+        /** Makes what is listened to beside the pipe; called in the relay's process, where it may start threads. */
+        std::function<std::unique_ptr<LineSource>()> makeOther = {};
     };
 
     /** Bytes that wait for a caller who is slow, beside what the socket between the two holds. */

@@ -19,6 +19,7 @@
 #include <chrono>
 #include <csignal>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 
@@ -40,7 +41,8 @@ Milliseconds Now() {
 }
 
 ReadTime TimeOfNow() {
-    return {.milliseconds = ClockState::Now(), .isSynced = ClockState::IsSynced()};
+    return {
+        .milliseconds = ClockState::Now(), .sinceBoot = ClockState::SinceBoot(), .isSynced = ClockState::IsSynced()};
 }
 
 /**
@@ -82,6 +84,9 @@ public:
 
     void Run() {
         pipe.emplace(job.pipeName);
+        if (job.makeOther) {
+            other = job.makeOther();
+        }
         Send(std::string_view(&RelayProcess::ready, 1));
         backlog.TakeLeftOver(pipe->LeftOver(), TimeOfNow());
         while (pipe || !outgoing.empty()) {
@@ -89,6 +94,7 @@ public:
                 return;
             }
             EmptyPipe();
+            TakeOther();
             if (isLast) {
                 TakeTheRest();
             }
@@ -100,10 +106,11 @@ private:
     /** False when it is time to end. */
     bool Wait() {
         constexpr short whenToSend = POLLOUT;
-        std::array<pollfd, 3> waited{
+        std::array<pollfd, 4> waited{
             {{pipe ? pipe->Descriptor() : -1, POLLIN, 0},
              {socket, static_cast<short>((outgoing.empty() ? 0 : whenToSend) | (pipe ? POLLRDHUP : 0)), 0},
-             {signalFd, POLLIN, 0}}};
+             {signalFd, POLLIN, 0},
+             {HasRoomForOther() ? other->Descriptor() : -1, POLLIN, 0}}};
         if (poll(waited.data(), waited.size(), Patience()) < 0 && errno != EINTR) {
             throw std::runtime_error("poll");
         }
@@ -124,6 +131,15 @@ private:
                 return;
             }
             backlog.Add(bytes, TimeOfNow(), Now());
+        }
+    }
+
+    bool HasRoomForOther() const { return other != nullptr && pipe && outgoing.size() < EventRelay::mostWaiting; }
+
+    /** What finds no room stays where it is. */
+    void TakeOther() {
+        if (HasRoomForOther()) {
+            outgoing.append(other->Take());
         }
     }
 
@@ -191,6 +207,7 @@ private:
     const int socket;
     const int signalFd;
     std::optional<ListenerPipe> pipe;
+    std::unique_ptr<LineSource> other;
     EventBacklog backlog{
         EventRelay::mostWaiting,
         [this](const companion::ReceivedEvent& event, const ReadTime& time) { TakeEvent(event, time); },

@@ -50,6 +50,7 @@ void Travel(Wire& wire, ModelVerdict& verdict) {
     wire(verdict.verdict);
     wire(verdict.source);
     wire(verdict.because);
+    wire(verdict.times);
 }
 
 template <typename Wire>

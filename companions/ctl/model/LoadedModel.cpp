@@ -65,14 +65,19 @@ bool IsOutOfDay(const core::IniFile::Group& settings) {
     return filter.IsFiltered();
 }
 
-/** A handler group that several sources deliver to acts if one of them makes it act. */
+/** A handler group that several sources deliver to acts if one of them makes it act, and as often as all of them do. */
 void Merge(std::vector<ModelVerdict>& verdicts, ModelVerdict verdict) {
     const auto known = std::find_if(verdicts.begin(), verdicts.end(),
                                     [&](const ModelVerdict& one) { return one.handler == verdict.handler; });
     if (known == verdicts.end()) {
         verdicts.push_back(std::move(verdict));
-    } else if (!Acts(known->verdict) && Acts(verdict.verdict)) {
+        return;
+    }
+    verdict.times += known->times;
+    if (!Acts(known->verdict) && Acts(verdict.verdict)) {
         *known = std::move(verdict);
+    } else {
+        known->times = verdict.times;
     }
 }
 
@@ -265,12 +270,14 @@ void LoadedModel::Deliver(ProbedSource& source, const EventQuestion& question, E
         return;
     }
     std::string failing;
+    // In the same order, so that a handler which stands on the list twice acts twice, or once if one between fails.
+    auto action = ledger.actions.begin();
     for (const ProbedHandler* handler : DeliveryOrder(source, ledger.eventId)) {
         ModelVerdict verdict{handler->name, Verdict::OutOfTime, source.facts.group, failing};
-        const auto action = std::find_if(ledger.actions.begin(), ledger.actions.end(),
-                                         [&](const Ledger::Action& one) { return one.handler == handler; });
-        if (action != ledger.actions.end()) {
+        if (action != ledger.actions.end() && action->handler == handler) {
+            verdict.times = 1;
             verdict.verdict = action->hasUnreadableRange ? Verdict::UnreadableRange : Verdict::Acts;
+            ++action;
         } else if (!failing.empty()) {
             verdict.verdict = Verdict::BehindFailing;
         } else if (!handler->CallsItselfConfigured()) {

@@ -69,7 +69,7 @@ public:
           type(firedType) {}
 
     void Fire(const EventQuestion& question) override {
-        if (question.type == type) {
+        if (question.type == type && IsBuiltIn(question)) {
             FiredEvent event(PropertiesOf(question));
             this->FireEvent(event);
         }
@@ -98,7 +98,8 @@ public:
     /** Of a bank that is not known every event might be meant. */
     void Fire(const EventQuestion& question) override {
         int32_t index = 0;
-        if (!IsInputOfCamera(question) || !core::StringUtil::TryParse(question.properties.at("alarmIndex"), index)) {
+        if (!IsInputOfCamera(question) || !IsBuiltIn(question) ||
+            !core::StringUtil::TryParse(question.properties.at("alarmIndex"), index)) {
             return;
         }
         const auto bank = question.properties.find("alarmBank");
@@ -155,6 +156,9 @@ public:
 }  // namespace
 
 bool IsBuiltIn(const EventQuestion& question) {
+    if (question.origin != EventQuestion::Origin::Suggested) {
+        return question.origin == EventQuestion::Origin::BuiltIn;
+    }
     return question.type == "Timer" || question.type == "Park" || question.type == source::alertName ||
            IsInputOfCamera(question);
 }

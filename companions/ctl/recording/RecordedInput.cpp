@@ -13,7 +13,8 @@ namespace {
 constexpr size_t hexDigits = 4;
 constexpr int hexadecimal = 16;
 
-/** Reads objects of texts, whole numbers, and objects of texts, without blanks: what companion::Json writes here. */
+/** Reads objects of texts, whole numbers, truth values and such objects, without blanks: what companion::Json writes.
+ */
 class ObjectReader {
 public:
     explicit ObjectReader(std::string_view line) : rest(line) {}
@@ -55,9 +56,37 @@ private:
             ReadProperties(input);
         } else if (key == "amount") {
             input.amount = Number();
+        } else if (key == "bus") {
+            input.hasBus = Truth();
+        } else if (key == "state") {
+            input.state = Number();
         } else {
-            Refuse();
+            PassOver();
         }
+    }
+
+    /** A value of a field that is not known. */
+    void PassOver() {
+        if (rest.starts_with('"')) {
+            static_cast<void>(Text());
+        } else if (rest.starts_with('{')) {
+            RecordedInput ignored;
+            ReadProperties(ignored);
+        } else if (rest.starts_with('t') || rest.starts_with('f')) {
+            static_cast<void>(Truth());
+        } else {
+            static_cast<void>(Number());
+        }
+    }
+
+    bool Truth() {
+        for (const std::string_view word : {"true", "false"}) {
+            if (rest.starts_with(word)) {
+                rest.remove_prefix(word.size());
+                return word == "true";
+            }
+        }
+        Refuse();
     }
 
     void ReadProperties(RecordedInput& input) {
@@ -155,6 +184,12 @@ std::string RecordedInput::Line() const {
     json.Key("mono").Number(sinceBoot);
     json.Key("boot").String(boot);
     json.Key("seq").Number(static_cast<int64_t>(number));
+    if (hasBus) {
+        json.Key("bus").Bool(true);
+    }
+    if (state) {
+        json.Key("state").Number(*state);
+    }
     if (!type.empty()) {
         json.Key("type").String(type);
         json.Key("props").BeginObject();

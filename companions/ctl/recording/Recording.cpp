@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 
 namespace kelto::halvek::ctl {
 
@@ -30,20 +31,54 @@ bool IsRepeated(const std::vector<RecordedInput>& inputs, const RecordedInput& i
     return false;
 }
 
-void Take(RecordedInput input, Recording& recording) {
-    const bool isAfterSet = input.kind == "begin" || input.kind == "clock" || recording.stretches.empty();
-    if (isAfterSet) {
-        recording.stretches.push_back({input.time, input.time});
+/** The time that the clock would have shown had it not been set. When it was set is known to the next line only. */
+void TakeTime(const RecordedInput& input, std::vector<Recording::Stretch>& stretches) {
+    const bool isFirst = stretches.empty();
+    if (!isFirst && input.kind == "clock") {
+        Recording::Stretch& before = stretches.back();
+        before.to = std::max(before.to, before.from + input.sinceBoot - before.begin);
     }
-    recording.stretches.back().to = std::max(recording.stretches.back().to, input.time);
+    if (isFirst || input.kind == "begin" || input.kind == "clock") {
+        stretches.push_back({input.time, input.time, input.sinceBoot});
+    }
+    stretches.back().to = std::max(stretches.back().to, input.time);
+}
+
+/** Each time that the head comes to rest begins to count anew. */
+void TakeIdleState(const RecordedInput& input, std::vector<Recording::Rest>& rests) {
+    if (!rests.empty()) {
+        rests.back().to = std::min(rests.back().to, input.sinceBoot);
+    }
+    if (input.state == 0) {
+        rests.push_back({input.sinceBoot, std::numeric_limits<int64_t>::max()});
+    }
+}
+
+bool IsEvent(const RecordedInput& input, const Recording& recording) {
+    if (input.kind == "posted" || input.kind == "alarm" || input.kind == "alert") {
+        return true;
+    }
+    // With the bus they are there to compare with.
+    return input.kind == "fired" && !recording.hasBus && input.type != "Timer" && !IsRepeated(recording.inputs, input);
+}
+
+/** The first line may be gone, written over by later ones. */
+bool TellsOfBus(const RecordedInput& input) {
+    return input.hasBus || input.kind == "alarm" || input.kind == "alert" || input.kind == "idle";
+}
+
+void Take(RecordedInput input, Recording& recording) {
+    TakeTime(input, recording.stretches);
     if (input.kind == "gap") {
         recording.missing += input.amount;
     }
-    const bool isEvent = input.kind == "posted" || (input.kind == "fired" && input.type != "Timer");
+    if (input.kind == "idle") {
+        TakeIdleState(input, recording.rests);
+    }
     for (const char* const key : ownKeys) {
         input.properties.erase(key);
     }
-    if (isEvent && !input.type.empty() && !IsRepeated(recording.inputs, input)) {
+    if (!input.type.empty() && IsEvent(input, recording)) {
         recording.inputs.push_back(std::move(input));
     }
 }
@@ -55,12 +90,17 @@ Recording Recording::Read(const std::string& path) {
     const std::string older = path + ".1";
     const std::string text =
         (access(older.c_str(), F_OK) == 0 ? ReadPlainFile(older, mostBytes) : "") + ReadPlainFile(path, mostBytes);
+    std::vector<RecordedInput> inputs;
     for (const std::string& line : core::StringUtil::Split(text, '\n')) {
         if (std::optional<RecordedInput> input = RecordedInput::Parse(line)) {
-            Take(std::move(*input), recording);
+            inputs.push_back(std::move(*input));
         } else {
             recording.unreadable += line.empty() ? 0 : 1;
         }
+    }
+    recording.hasBus = std::any_of(inputs.begin(), inputs.end(), TellsOfBus);
+    for (RecordedInput& input : inputs) {
+        Take(std::move(input), recording);
     }
     if (recording.stretches.empty()) {
         throw Failure(path + " is no recording");

@@ -8,19 +8,36 @@
 
 namespace kelto::halvek::ctl {
 
-/** What was recorded, as far as it can be read. A plain value. */
+/** What was recorded, as far as it can be read. Times are in milliseconds. A plain value. */
 struct Recording {
-    /** A time in which the clock ran on. In milliseconds since 1970. */
+    /** A time in which the clock ran on. */
     struct Stretch {
+        /** Since 1970. */
         int64_t from;
+        int64_t to;
+        /** Since the boot, when it began. */
+        int64_t begin;
+
+        int64_t End() const { return begin + (to - from); }
+    };
+
+    /** A time for which the head has rested and did not come to rest again, since the boot. */
+    struct Rest {
+        int64_t from;
+        /** Not in it any more. */
         int64_t to;
     };
 
-    /** The events that other settings would have met as well, in their order: posted ones, and those of the camera. A
-     * source of the daemon's tells of each once, however many of them were set up. Timers are not among them. */
+    /** The events that other settings would have met as well, in their order: posted ones, and what the camera said. If
+     * that was not recorded, what the sources made of it, each once however many of them were set up. Timers are not
+     * among them. */
     std::vector<RecordedInput> inputs;
     /** When it was recorded; the clock was set in between. */
     std::vector<Stretch> stretches;
+    /** With the bus only. */
+    std::vector<Rest> rests;
+    /** Whether it is recorded what the camera said on the bus. */
+    bool hasBus = false;
     /** Events that were dropped while it was recorded. */
     int64_t missing = 0;
     /** Lines that could not be read. */
