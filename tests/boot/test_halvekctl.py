@@ -1,7 +1,12 @@
 """The package that has the service check its settings: told at a start, refused at a reload, gone without a trace."""
 
+import json
 import os
+import pwd
+import random
 import re
+import shutil
+import signal
 import subprocess
 import time
 from collections.abc import Iterator
@@ -11,14 +16,18 @@ import pytest
 from machine import (
     SERVER,
     SETTINGS,
+    SNAPSHOT,
     UNIT,
     Consumer,
     Journal,
+    camera_call,
     configure,
     is_active,
     main_pid,
+    on_door,
     post,
     run,
+    run_as,
     show,
     write_settings,
 )
@@ -27,6 +36,8 @@ from testing.waiting import wait_until
 
 (PACKAGE,) = Path("/srv/companions").glob("halvekctl_*.deb")
 NAME = "halvekctl"
+PIPES = Path("/run/halvek")
+RELOADS = int(os.environ.get("HALVEK_BOOT_RELOADS", "6"))
 DROP_IN = "10-halvekctl.conf"
 CLEAN: Settings = SERVER | timer(1, 1)
 # The handler names a source that is not there. The timer's interval tells which settings are in force.
@@ -40,6 +51,17 @@ def package() -> Iterator[None]:
     run("dpkg", "--install", PACKAGE)
     yield
     run("dpkg", "--purge", NAME)
+
+
+@pytest.fixture(scope="module")
+def users() -> Iterator[None]:
+    """Somebody who may be a member of groups, and somebody who is in none."""
+    names = [name for name in ("poster", "stranger") if name not in {entry.pw_name for entry in pwd.getpwall()}]
+    for name in names:
+        run("useradd", name)
+    yield
+    for name in names:
+        run("userdel", name)
 
 
 @pytest.fixture
@@ -178,6 +200,132 @@ def test_a_daemon_that_an_unread_pipe_has_silenced_speaks_again_and_nothing_post
     journal.wait_for("it is restarted")
     line = journal.matching("it is restarted")[0]
     assert re.search(rf"of 1024 descriptors .* lost to {unread_pipe}, which {os.getpid()} \(.*\) has open", line), line
+
+
+# --- the verbs that are about the running daemon, as those who may call them
+
+
+EVERYBODY = {"root": ("root", []), "daemon": ("halvek", []), "member": ("poster", ["halvek-listen", "halvek-post"])}
+EVERYBODY["nobody"] = ("stranger", [])
+
+
+def ctl_as(who: str, words: str) -> subprocess.CompletedProcess:
+    user, groups = EVERYBODY[who]
+    return run_as(user, *groups, command=f"timeout 40 halvekctl {words}")
+
+
+def json_as(who: str, words: str, status: int = 0) -> dict:
+    done = ctl_as(who, "--format json " + words)
+    assert done.returncode == status, (who, words, done)
+    return json.loads(done.stdout)
+
+
+def test_status_tells_everybody_what_he_may_see_and_what_he_may_not(running: None, users: None):
+    (PIPES / "test.halvek.any").unlink(missing_ok=True)
+    everything = json_as("root", "status")
+    assert (everything["pid"], everything["user"]) == (main_pid(), "halvek") and everything["not_shown"] == []
+    assert everything["reloads_left"] > 900 and everything["last_verdict"]["taken"] is True
+    assert everything["settings"] == "/etc/kelto/settings" and everything["path"].startswith("/usr/lib/halvek/bin:")
+    assert (everything["event_pipe"]["mode"], everything["event_pipe"]["owner"]) == ("prw--w----", "halvek")
+    own = json_as("daemon", "status")
+    assert own["reloads_left"] == everything["reloads_left"] and own["event_pipe"]["bytes_waiting"] == 0
+    member = json_as("member", "status")
+    assert member["descriptors"] is None and member["output_pipes"] == []
+    assert member["event_pipe"]["bytes_waiting"] == 0 and "reloads_left" in member["not_shown"]
+    nobody = json_as("nobody", "status")
+    assert nobody["pid"] == main_pid() and nobody["listening"] is True
+    assert nobody["output_pipes"] is nobody["descriptors"] is nobody["reloads_left"] is None
+    assert nobody["event_pipe"]["bytes_waiting"] is nobody["last_verdict"] is None
+    assert re.search(r"reloads left: not shown to stranger, but to root and halvek", ctl_as("nobody", "status").stdout)
+
+
+def test_post_and_watch_are_for_members(running: None, users: None):
+    for who in ("root", "daemon", "member"):
+        watched = f"timeout 30 halvekctl --format json watch --type Bell{who} --count 1"
+        posting = f"for i in 1 2 3 4 5 6 7 8 9; do sleep 0.3; halvekctl post Bell{who} n=$i || exit; done"
+        user, groups = EVERYBODY[who]
+        done = run_as(user, *groups, command=f"({posting}) >/dev/null 2>&1 & {watched}")
+        assert done.returncode == 0 and json.loads(done.stdout)["props"]["eventType"] == f"Bell{who}", done
+    for verb in ("post Bell", "watch --count 1", "record /tmp/nothing-of-it"):
+        refused = ctl_as("nobody", verb)
+        assert (refused.returncode, refused.stdout) == (3, "") and "Permission denied" in refused.stderr
+    assert list(PIPES.glob("zz-watch*")) == []
+
+
+def test_try_acts_in_the_daemons_place_for_root_alone(running: None, users: None):
+    folder = Path("/media/saved")
+    folder.mkdir(parents=True, exist_ok=True)
+    shutil.chown(folder, "halvek", "halvek")
+    SNAPSHOT.parent.mkdir(exist_ok=True)
+    SNAPSHOT.write_bytes(b"jpeg")
+    SNAPSHOT.chmod(0o644)
+    configure(on_door(("Folder", {"Attachment": "true", "DestinationPath": folder, "DestName": "x.jpg"})))
+    told = json_as("root", "try Handler#1")
+    assert (told["verdict"], told["acted"]) == ("acts", False) and list(folder.iterdir()) == []
+    assert json_as("root", "try Handler#1 --act")["went_well"] is True
+    assert (folder / "x.jpg").owner() == "halvek" and (folder / "x.jpg").read_bytes() == b"jpeg"
+    # /var is not writable for the service, whoever owns it.
+    for where, status in (("/var/lib/halvek", 0), ("/var/tmp", 1)):
+        write_settings(on_door(("Folder", {"Attachment": "true", "DestinationPath": where, "DestName": "x.jpg"})))
+        assert json_as("root", "try Handler#1 --act", status)["went_well"] is (status == 0)
+    for who in ("member", "nobody"):
+        refused = ctl_as(who, "try Handler#1 --act")
+        assert refused.returncode == 3 and refused.stdout == "", refused
+    shutil.rmtree(folder)
+
+
+def test_record_hears_the_bus_and_root_asks_as_the_daemons_user(camera: None):
+    camera_call("SetIdleState", "i", "0")
+    file = Path("/root/inputs")
+    with subprocess.Popen(["halvekctl", "record", "--bus", file], stderr=subprocess.PIPE, text=True) as recorder:
+        complaints = []
+        while "reading" not in (line := recorder.stderr.readline()):
+            complaints.append(line)
+        camera_call("SetAlarm", "sib", "Local", "2", "true")
+        post("Door")
+        # A second event tells that the first has been read; the alarm was said before both.
+        watch = "(sleep 1; halvekctl post Door) & timeout 20 halvekctl watch --count 1"
+        assert run_as("root", command=watch).returncode == 0
+        recorder.send_signal(signal.SIGINT)
+    lines = [json.loads(line) for line in file.read_text().splitlines()]
+    file.unlink()
+    assert [line for line in complaints if "head" in line] == []
+    assert [line["kind"] for line in lines[:2]] == ["begin", "idle"] and lines[1]["state"] == 0
+    assert sorted(line["kind"] for line in lines[2:-1]) == ["alarm", "posted", "posted"]
+
+
+@pytest.mark.parametrize("level", ["Information", "Warning"])
+def test_reload_judges_as_the_daemon_does_with_the_real_journal_under_traffic(running: None, users: None, level: str):
+    chance = random.Random(level)
+    quiet: Settings = {"Applications/halvek": {"LogLevel": level}}
+    good = [quiet | SERVER, quiet | SERVER | timer(1, 3600), quiet | SERVER | timer(2, 3600)]
+    write_settings(good[0])
+    run("systemctl", "restart", UNIT)
+    journal = Journal()
+    traffic = subprocess.Popen(["sh", "-c", "while :; do halvekctl post Traffic text=xxxxxxxxxxxxxxxxxxxxxxxxxx; done"],
+                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)  # fmt: skip
+    try:
+        for _ in range(RELOADS):
+            settings = chance.choice([*good, quiet | MISTAKEN, None])
+            force = chance.random() < 0.7
+            if settings is None:
+                SETTINGS.write_text("[Events/Source#1]\nnonsense\n")
+            else:
+                write_settings(settings)
+            refusals = len(journal.matching("Error reloading"))
+            is_refused = settings is None or ("Events/Handler#1" in settings and not force)
+            told = json_as("root", "reload" + " --force" * force, int(is_refused))
+            assert told["refused_by"] == ((("daemon" if force else "check")) if is_refused else None)
+            assert told["records_hidden"] is False or told["refused_by"] == "check" or level == "Warning"
+            assert (len(journal.matching("Error reloading")) > refusals) == (told["refused_by"] == "daemon")
+            if told["taken"] and "Events/Handler#1" in settings:
+                assert any("Events/Source#7" in record["text"] for record in told["records"])
+    finally:
+        traffic.kill()
+        traffic.wait()
+        configure(CLEAN)
+    refused = ctl_as("nobody", "reload")
+    assert refused.returncode == 3 and refused.stdout == "", refused
 
 
 def test_a_purge_leaves_nothing_behind_and_a_reload_of_the_error_goes_through(running: None):

@@ -11,12 +11,9 @@
 #include "kelto/osa/Exception.h"
 #include "source/AnalyticsAlertConversion.h"
 
-#include <grp.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <optional>
 #include <utility>
 
@@ -31,13 +28,10 @@ using StateChange = interfaces::IAlarmV3Provider::StateChangeEventArgs;
 constexpr const char* withoutBus = "Cannot open the message bus";
 constexpr char known = '=';
 
+/** As far as that is possible: otherwise the bus decides whether we may ask. */
 void BecomeDaemonsUser(const std::optional<DaemonProcess>& daemon) {
-    if (geteuid() != 0 || !daemon || daemon->uid == 0) {
-        return;
-    }
-    if (setgroups(0, nullptr) != 0 || setresgid(daemon->uid, daemon->uid, daemon->uid) != 0 ||
-        setresuid(daemon->uid, daemon->uid, daemon->uid) != 0) {
-        throw Failure(std::string("cannot ask as the daemon's user: ") + std::strerror(errno));
+    if (geteuid() == 0 && daemon && daemon->uid != 0 && setresgid(daemon->uid, daemon->uid, daemon->uid) == 0) {
+        static_cast<void>(!setresuid(daemon->uid, daemon->uid, daemon->uid));
     }
 }
 
