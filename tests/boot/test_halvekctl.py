@@ -301,8 +301,7 @@ def test_reload_judges_as_the_daemon_does_with_the_real_journal_under_traffic(ru
     good = [quiet | SERVER, quiet | SERVER | timer(1, 3600), quiet | SERVER | timer(2, 3600)]
     write_settings(good[0])
     run("systemctl", "restart", UNIT)
-    journal = Journal()
-    traffic = subprocess.Popen(["sh", "-c", "while :; do halvekctl post Traffic text=xxxxxxxxxxxxxxxxxxxxxxxxxx; done"],
+    traffic = subprocess.Popen(["sh", "-c", "while :; do halvekctl post Traffic text=xxxxxxxxxxxxx; sleep 0.05; done"],
                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)  # fmt: skip
     try:
         for _ in range(RELOADS):
@@ -312,12 +311,12 @@ def test_reload_judges_as_the_daemon_does_with_the_real_journal_under_traffic(ru
                 SETTINGS.write_text("[Events/Source#1]\nnonsense\n")
             else:
                 write_settings(settings)
-            refusals = len(journal.matching("Error reloading"))
+            journal = Journal()
             is_refused = settings is None or ("Events/Handler#1" in settings and not force)
             told = json_as("root", "reload" + " --force" * force, int(is_refused))
             assert told["refused_by"] == ((("daemon" if force else "check")) if is_refused else None)
-            assert told["records_hidden"] is False or told["refused_by"] == "check" or level == "Warning"
-            assert (len(journal.matching("Error reloading")) > refusals) == (told["refused_by"] == "daemon")
+            assert told["records_hidden"] is False
+            assert (journal.matching("Error reloading") != []) == (told["refused_by"] == "daemon")
             if told["taken"] and "Events/Handler#1" in settings:
                 assert any("Events/Source#7" in record["text"] for record in told["records"])
     finally:

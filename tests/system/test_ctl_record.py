@@ -147,6 +147,18 @@ def test_killed_it_leaves_no_pipe(record, tmp_path):
     wait_until(lambda: list(PIPE_FOLDER.iterdir()) == [], "the pipe is gone")
 
 
+def test_what_a_killed_one_and_its_relay_left_the_next_removes(record, tmp_path):
+    first = record(tmp_path / "first")
+    (relay,) = map(int, Path(f"/proc/{first.pid}/task/{first.pid}/children").read_text().split())
+    os.kill(relay, signal.SIGSTOP)
+    first.kill()
+    first.wait()
+    os.kill(relay, signal.SIGKILL)
+    assert [path.name for path in PIPE_FOLDER.iterdir()] == [f"zz-record.{first.pid}.halvek.any"]
+    second = record(tmp_path / "second")
+    assert [path.name for path in PIPE_FOLDER.iterdir()] == [f"zz-record.{second.pid}.halvek.any"]
+
+
 def test_nothing_is_written_over_what_is_there(tmp_path):
     path = tmp_path / "inputs"
     path.write_text("mine\n")

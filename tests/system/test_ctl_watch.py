@@ -198,31 +198,53 @@ def test_one_behind_a_reader_that_takes_a_byte_at_a_time_costs_no_descriptor(lau
     assert_nothing_lost(daemon, before)
 
 
-def test_ctrl_z_at_a_terminal_stops_what_is_shown_and_not_the_reading(launch):
-    daemon = launch(SERVER, level="Information")
-    before = daemon.descriptors()
-    # A job of its own, as an interactive shell makes them: the terminal stops nobody whose session it leads.
-    job = f"import os,sys\npid = os.posix_spawn({PROGRAM!r}, ['halvekctl', 'watch'], os.environ, setpgroup=0)\n"
-    job += "import signal; signal.signal(signal.SIGTTOU, signal.SIG_IGN); os.tcsetpgrp(0, pid)\n"
-    job += "print('in front', flush=True)\n"
-    job += "print('stopped', os.WIFSTOPPED(os.waitpid(pid, os.WUNTRACED)[1]), flush=True)\nsignal.pause()\n"
+@contextlib.contextmanager
+def at_a_terminal(*command: str) -> Iterator[tuple[int, Lines]]:
+    """The terminal of a session, and what it shows. The hang-up at the end ends all that is in front of it."""
     pid, terminal = pty.fork()
     if pid == 0:
-        os.execve(sys.executable, ["python3", "-B", "-c", job], environment())
+        os.execvpe(command[0], command, environment(TERM="dumb"))
+    screen = Lines(os.dup(terminal), "terminal")
     try:
-        screen = Lines(os.dup(terminal), "terminal")
-        screen.wait_for("reading ")
-        screen.wait_for("in front")
-        os.write(terminal, b"\x1a")
-        screen.wait_for("stopped True")
-        flood(MANY)
-        assert_nothing_lost(daemon, before)
+        yield terminal, screen
     finally:
         screen.close()
         os.close(terminal)
         with contextlib.suppress(ProcessLookupError):
             os.kill(pid, signal.SIGKILL)
         os.waitpid(pid, 0)
+
+
+@pytest.mark.parametrize("words", [["watch"], ["record", "inputs"]], ids=lambda words: words[0])
+def test_ctrl_z_at_a_terminal_stops_what_is_shown_and_not_the_reading(launch, words, tmp_path, monkeypatch):
+    daemon = launch(SERVER, level="Information")
+    before = daemon.descriptors()
+    monkeypatch.chdir(tmp_path)
+    # A job of its own, as an interactive shell makes them: the terminal stops nobody whose session it leads.
+    command = ["halvekctl", *words]
+    job = f"import os,sys\npid = os.posix_spawn({PROGRAM!r}, {command!r}, os.environ, setpgroup=0)\n"
+    job += "import signal; signal.signal(signal.SIGTTOU, signal.SIG_IGN); os.tcsetpgrp(0, pid)\n"
+    job += "print('in front', flush=True)\n"
+    job += "print('stopped', os.WIFSTOPPED(os.waitpid(pid, os.WUNTRACED)[1]), flush=True)\nsignal.pause()\n"
+    with at_a_terminal(sys.executable, "-B", "-c", job) as (terminal, screen):
+        screen.wait_for("reading ")
+        screen.wait_for("in front")
+        os.write(terminal, b"\x1a")
+        screen.wait_for("stopped True")
+        flood(MANY)
+        assert_nothing_lost(daemon, before)
+    wait_until(lambda: pipes() == [], "the hang-up ends it")
+
+
+def test_a_pager_that_waits_for_a_key_costs_no_descriptor(launch):
+    daemon = launch(SERVER, level="Information")
+    before = daemon.descriptors()
+    with at_a_terminal("sh", "-c", f"{PROGRAM} watch | more") as (_, screen):
+        screen.wait_for("reading ")
+        flood(MANY // 2)
+        screen.wait_for(" number=0 ")
+        flood(MANY // 2)
+        assert_nothing_lost(daemon, before)
     wait_until(lambda: pipes() == [], "the hang-up ends it")
 
 

@@ -13,6 +13,8 @@ namespace {
 
 /** How many records back the last verdict is looked for. */
 constexpr unsigned mostLookedAt = 100'000;
+constexpr int serviceManager = 1;
+constexpr const char* ofTheService = "UNIT=halvek.service";
 
 std::string Value(sd_journal* journal, const std::string& field) {
     const void* data = nullptr;
@@ -29,12 +31,41 @@ void DaemonJournal::Closer::operator()(sd_journal* opened) const {
     sd_journal_close(opened);
 }
 
-DaemonJournal::DaemonJournal(int pid) {
+DaemonJournal::DaemonJournal(int pid) : daemon(pid) {
     sd_journal* opened = nullptr;
     if (sd_journal_open(&opened, SD_JOURNAL_LOCAL_ONLY) < 0) {
         return;
     }
     journal.reset(opened);
+    MatchOnly(daemon);
+}
+
+DaemonJournal::~DaemonJournal() = default;
+
+bool DaemonJournal::HasRecords() {
+    if (journal == nullptr) {
+        return false;
+    }
+    if (HasAny()) {
+        return true;
+    }
+    // It may have kept silent so far, which is told from a journal that this user may not read by what the service
+    // manager says of each start.
+    MatchOnly(serviceManager);
+    sd_journal_add_match(journal.get(), ofTheService, 0);
+    const bool isReadable = HasAny();
+    MatchOnly(daemon);
+    return isReadable && sd_journal_seek_head(journal.get()) >= 0;
+}
+
+/** Whether there is one, and then the last of them is where reading goes on. */
+bool DaemonJournal::HasAny() {
+    return sd_journal_seek_tail(journal.get()) >= 0 && sd_journal_previous(journal.get()) > 0;
+}
+
+void DaemonJournal::MatchOnly(int pid) {
+    sd_journal* const opened = journal.get();
+    sd_journal_flush_matches(opened);
     const std::string match = "_PID=" + std::to_string(pid);
     sd_journal_add_match(opened, match.c_str(), 0);
     // Two boots have two processes of one number.
@@ -44,15 +75,6 @@ DaemonJournal::DaemonJournal(int pid) {
         const std::string ofBoot = std::string("_BOOT_ID=") + sd_id128_to_string(boot, text.data());
         sd_journal_add_match(opened, ofBoot.c_str(), 0);
     }
-}
-
-DaemonJournal::~DaemonJournal() = default;
-
-bool DaemonJournal::HasRecords() {
-    if (journal == nullptr || sd_journal_seek_tail(journal.get()) < 0) {
-        return false;
-    }
-    return sd_journal_previous(journal.get()) > 0;
 }
 
 std::vector<DaemonJournal::Record> DaemonJournal::ReadNew(int waitMs) {

@@ -27,7 +27,7 @@ public:
     DaemonJournal(const DaemonJournal&) = delete;
     DaemonJournal& operator=(const DaemonJournal&) = delete;
 
-    /** Whether it has a single record of the daemon's. */
+    /** Whether it shows what the daemon logs: it has a record of it, or would have one. */
     bool HasRecords();
 
     /** What came since the last call, or since the first HasRecords. Waits for up to so many milliseconds if there is
@@ -39,10 +39,16 @@ public:
 
 private:
     std::optional<Record> Current();
+    bool HasAny();
+    void MatchOnly(int pid);
 
     struct Closer {
         void operator()(sd_journal* journal) const;
     };
+
+    // Constant after construction.
+    int daemon;
+
     std::unique_ptr<sd_journal, Closer> journal;
 };
 
