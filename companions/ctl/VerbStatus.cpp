@@ -32,6 +32,7 @@ constexpr const char* help =
     "Status: 0, or 3 without a daemon.\n";
 
 constexpr const char* outputFolder = "/run/halvek";
+constexpr const char* outboxFolder = "/usr/lib/halvek-outbox/bin";
 constexpr const char* refusedRecord = "Error reloading, invalid configuration: ";
 constexpr const char* takenRecord = "Configuring...";
 
@@ -211,6 +212,26 @@ std::string VerdictText(const Status& status) {
                              : "not known: the journal has nothing of the daemon for " + Me();
 }
 
+/** Whether it is installed, and in front of the daemon's programs: that takes a restart, and no reload. */
+bool HasOutbox() {
+    return access(outboxFolder, F_OK) == 0;
+}
+
+bool UsesOutbox(const DaemonProcess& daemon) {
+    const std::string path = daemon.environment ? FindVariable(*daemon.environment, "PATH").value_or("") : "";
+    return path == outboxFolder || path.starts_with(std::string(outboxFolder) + ":");
+}
+
+std::string OutboxText(const DaemonProcess& daemon) {
+    if (!daemon.environment) {
+        return HiddenDaemon(daemon);
+    }
+    if (UsesOutbox(daemon)) {
+        return HasOutbox() ? "takes uploads and mails" : "is on the PATH, and not installed";
+    }
+    return HasOutbox() ? "installed, and not on the daemon's PATH: \"systemctl restart halvek\" puts it there" : "none";
+}
+
 std::string Variable(const DaemonProcess& daemon, const char* name, const char* absent) {
     return daemon.environment ? FindVariable(*daemon.environment, name).value_or(absent) : "";
 }
@@ -228,6 +249,7 @@ void AddText(const Status& status, const StoreLocation& location, Answer& answer
     AddRow(answer, "settings", Terminal::Escape(location.Describe()));
     AddRow(answer, "PATH",
            daemon.environment ? Terminal::Escape(Variable(daemon, "PATH", "(not set)")) : HiddenDaemon(daemon));
+    AddRow(answer, "outbox", OutboxText(daemon));
 }
 
 // --- JSON
@@ -347,6 +369,9 @@ void AddJson(const Status& status, const StoreLocation& location, Answer& answer
     AddVerdict(status, json);
     json.Key("path");
     daemon.environment ? json.String(Variable(daemon, "PATH", "")) : json.Null();
+    json.Key("outbox").BeginObject().Key("installed").Bool(HasOutbox()).Key("in_front");
+    daemon.environment ? json.Bool(UsesOutbox(daemon)) : json.Null();
+    json.EndObject();
     AddHidden(status, json);
     answer.AddLine(json.EndObject().Text());
 }

@@ -66,11 +66,18 @@ def test_it_knows_the_daemon_and_its_surroundings(launch):
     assert (told["format"], told["verb"], told["pid"], told["listening"]) == (1, "status", daemon.pid, True)
     assert (told["settings"], told["zone"]) == (str(daemon.settings_file), "Asia/Tokyo")
     assert told["path"] == os.environ["PATH"]
+    assert told["outbox"] == {"installed": False, "in_front": False}
     assert told["threads"] == len(os.listdir(f"/proc/{daemon.pid}/task"))
     assert 1000 < told["memory_kib"] < 1_000_000 and 0 <= told["uptime_s"] < 600
     assert re.fullmatch(r"\d{4}-\d\d-\d\dT[\d:]+\.000Z", told["since"])
     text = answer("status")
     assert re.search(rf"^pid +{daemon.pid}, as ", text) and "Asia/Tokyo" in text and os.environ["PATH"] in text
+
+
+def test_it_tells_whether_the_outbox_is_in_front_of_the_daemons_programs(launch):
+    launch(SETTINGS, environment={"PATH": f"/usr/lib/halvek-outbox/bin:{os.environ['PATH']}"})
+    assert json_answer("status")["outbox"] == {"installed": False, "in_front": True}
+    assert re.search("^outbox +is on the PATH, and not installed$", answer("status"), re.MULTILINE)
 
 
 def test_each_reload_and_each_failed_write_is_one_less(launch, full_pipe):

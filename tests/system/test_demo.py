@@ -172,6 +172,34 @@ def test_a_system_fails_where(unfit_demos, case):
     assert "what should have happened did not" in result.stderr and UNFIT[case] in result.stderr
 
 
+def outbox_demo(home: Path, user: list[str], **environment: str) -> subprocess.CompletedProcess:
+    own = {"HALVEK_DAEMON": PROGRAM, "HOME": str(home)}
+    command = [*user, ROOT / "scripts/demo", "--outbox"]
+    return subprocess.run(
+        command, env=os.environ | own | environment, capture_output=True, text=True, timeout=TIME_LIMIT
+    )
+
+
+@pytest.mark.not_under("sanitizer", reason="the outbox is not built there")
+@USERS
+def test_a_picture_whose_server_is_down_arrives_when_it_is_back(tmp_path, user):
+    result = outbox_demo(tmp_path, user)
+    assert result.returncode == 0 and result.stderr == "", result.stderr
+    for shown in ("wait      camera@127.0.0.1", "nothing is waiting", "All of this really happened"):
+        assert shown in result.stdout
+
+
+@pytest.mark.not_under("sanitizer", reason="the outbox is not built there")
+@pytest.mark.parametrize(
+    ("unfit", "said"), [("HALVEK_OUTBOX=/bin/true", "the outbox answers"), ("HALVEK_OUTBOX_SUBMIT=/bin/true", "waits")]
+)
+def test_an_outbox_fails_that_does_nothing(tmp_path, unfit, said):
+    name, _, value = unfit.partition("=")
+    result = outbox_demo(tmp_path, [], **{name: value})
+    assert result.returncode == 1 and said in result.stderr
+    assert "really happened" not in result.stdout
+
+
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGKILL])
 @pytest.mark.parametrize("moment", ["relay Local:0 on", "pictures now holds"])
 def test_a_demo_that_is_interrupted_leaves_nothing_behind(tmp_path, number, moment):
