@@ -13,7 +13,8 @@ std::string CameraSettings::Path() {
 CameraFacts CameraSettings::Read(const std::string& path) {
     const DaemonSettings::Groups groups = DaemonSettings::Read(path);
     CameraFacts facts;
-    if (const std::string picture = ValueOf(groups, "Video/Quickview", "SnapshotPath"); !picture.empty()) {
+    if (const std::string picture = DaemonSettings::ValueOf(groups, "Video/Quickview", "SnapshotPath");
+        !picture.empty()) {
         facts.picture = picture;
     }
     for (const auto& [name, keys] : groups) {
