@@ -15,9 +15,9 @@ class EventRing {
 public:
     static constexpr size_t capacity = 1024;
 
-    /** @param firstId of the first event to come. Greater than every id of an earlier life: a browser that comes back
+    /** @param givenFirstId of the next event. Greater than every id of an earlier life: a browser that comes back
      *                 then is told that it has missed something. */
-    explicit EventRing(uint64_t firstId) : nextId(firstId) {}
+    explicit EventRing(uint64_t givenFirstId) : firstId(givenFirstId), nextId(givenFirstId) {}
 
     /** @param data one line */
     void Add(const std::string& name, const std::string& data);
@@ -26,10 +26,13 @@ public:
     uint64_t LastId() const { return nextId - 1; }
     /** Whether everything behind this id is still here. */
     bool Reaches(uint64_t id) const { return id <= LastId() && LastId() - id <= events.size(); }
+    /** How many have come behind this id; 0 if it is of another life, or of none. */
+    uint64_t CountBehind(uint64_t id) const { return id + 1 >= firstId && id < nextId ? LastId() - id : 0; }
     /** The event with this id, which is here. */
     const std::string& Get(uint64_t id) const { return events[events.size() - (nextId - id)]; }
 
 private:
+    const uint64_t firstId;
     uint64_t nextId;
     std::deque<std::string> events;
 };

@@ -31,7 +31,7 @@ EventStream::EventStream(const EventRing& eventRing, const std::string& cursor)
     if (id && ring.Reaches(*id)) {
         lastSent = *id;
     } else {
-        Reset(0);
+        Reset(ring.CountBehind(id.value_or(0)));
     }
 }
 
@@ -49,7 +49,7 @@ void EventStream::Refill() {
     pending.clear();
     written = 0;
     if (!ring.Reaches(lastSent)) {
-        Reset(ring.LastId() - lastSent);
+        Reset(ring.CountBehind(lastSent));
     } else if (lastSent < ring.LastId()) {
         pending = ring.Get(++lastSent);
     } else if (isCommentDue) {

@@ -509,6 +509,14 @@ const takers = {
   },
 };
 
+let missed = 0;
+
+/** What the server does not remember any more, or has not been able to tell us in time. */
+function countMissed(count) {
+  missed += count;
+  setText(byId("missed"), missed > 0 ? `Too much came at a time: ${missed} messages were left out` : "");
+}
+
 function openStream() {
   stream = new EventSource(`/stream?after=${lastId}`);
   stream.addEventListener("open", () => {
@@ -522,7 +530,10 @@ function openStream() {
       startAgainLater();
     }
   });
-  stream.addEventListener("reset", startAgain);
+  stream.addEventListener("reset", (message) => {
+    countMissed(JSON.parse(message.data).missed);
+    startAgain();
+  });
   for (const [name, take] of Object.entries(takers)) {
     stream.addEventListener(name, (message) => {
       lastId = Number(message.lastEventId);
