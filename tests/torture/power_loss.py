@@ -106,8 +106,8 @@ class Camera:
         if self.durability == "early":
             return set(self.contents)
         items = self.outbox.answer("list")["items"]
-        # What it tells to be on flash is there, and so is what has failed.
-        return {item["id"] for item in items if item["tier"] == "flash" or item["error"]}
+        # What has failed goes there next, and it tells so when it is there.
+        return {item["id"] for item in items if item["tier"] == "flash"}
 
     def waiting(self) -> set[str]:
         return {item["id"] for item in self.outbox.answer("list")["items"]}
@@ -149,7 +149,7 @@ def faults_of(instant: Instant, camera: Camera, folder: Path, options: str) -> l
         if camera.durability == "ram" and there:
             faults.append(f"there are {len(there)} items on flash")
         outbox.start()
-        wait_until(lambda: outbox.counts()["queued"] == 0, f"all is delivered: {outbox.log.read_text()}")
+        wait_until(lambda: outbox.counts()["queued"] == 0, "all is delivered", patience=120)
         counts = outbox.counts()
         if counts["delivered"] != len(there):
             faults.append(f"{len(there)} were there: {counts}")
@@ -185,7 +185,7 @@ def measure_flash(folder: Path, has_network: bool) -> tuple[int, int]:
                 outbox.wait_for(queued=0)
         ftp.set_fault("none")
         outbox.run("flush")
-        outbox.wait_for(delivered=101, queued=0)
+        outbox.wait_for(patience=120, delivered=101, queued=0)
         subprocess.run(["sync"], check=True)
         written = disk.written[1] - before
         outbox.stop()
