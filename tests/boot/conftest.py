@@ -3,6 +3,7 @@
 from collections.abc import Iterator
 
 import pytest
+from cookbook import Cookbook
 from machine import CAMERA_UNIT, SERVER, UNIT, Consumer, camera_call, configure, is_active, run
 from testing.ftp_server import FtpServer
 from testing.mail_sink import MailSink
@@ -29,6 +30,13 @@ def camera(service: None) -> Iterator[None]:
     run("systemctl", "start", CAMERA_UNIT)
     camera_call("ClearActions")
     yield
+
+
+@pytest.fixture
+def cookbook(camera: None, tmp_path) -> Iterator[Cookbook]:
+    book = Cookbook(tmp_path)
+    yield book
+    book.close()
 
 
 @pytest.fixture

@@ -1,9 +1,11 @@
 """The package of the outbox: in front of the daemon's programs, in its sandbox, gone without a trace."""
 
+import json
 from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
+from cookbook import Cookbook
 from machine import SERVER, configure, is_active, post, processes_of, run, run_as, show
 from testing.ftp_server import HOST, FtpServer
 from testing.settings import handler, source
@@ -86,6 +88,21 @@ def test_it_finds_the_secrets_and_the_clock_in_its_sandbox(running: None, ftp: F
     finally:
         conf.write_text(shipped)
         (folder / "secrets").unlink()
+
+
+def test_what_the_cookbook_says_of_an_outage_has_a_picture_wait(cookbook: Cookbook):
+    conf, secrets = (Path(f"/etc/halvek-outbox/{name}") for name in ("outbox.conf", "secrets"))
+    shipped = conf.read_text()
+    cookbook.take("outage")
+    try:
+        cookbook.type_in("Uploads through an outage")
+        wait_until(lambda: json.loads(run(NAME, "list", "--format", "json"))["items"], "a picture waits")
+        (item,) = json.loads(run(NAME, "list", "--format", "json"))["items"]
+        assert item["target"] == "ramp"
+        run(NAME, "drop", item["id"])
+    finally:
+        conf.write_text(shipped)
+        secrets.unlink(missing_ok=True)
 
 
 def test_a_stranger_cannot_reach_the_socket_nor_the_spool(running: None):

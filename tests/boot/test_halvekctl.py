@@ -13,6 +13,7 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
+from cookbook import Cookbook
 from machine import (
     SERVER,
     SETTINGS,
@@ -39,6 +40,7 @@ NAME = "halvekctl"
 PIPES = Path("/run/halvek")
 RELOADS = int(os.environ.get("HALVEK_BOOT_RELOADS", "6"))
 DROP_IN = "10-halvekctl.conf"
+ARCHIVE, ARCHIVE_SOCKET = "halvek-archive.service", "halvek-archive.socket"
 CLEAN: Settings = SERVER | timer(1, 1)
 # The handler names a source that is not there. The timer's interval tells which settings are in force.
 MISTAKEN: Settings = SERVER | timer(1, 3600) | handler(1, "Events/Source#7", handler_type="Relay")
@@ -325,6 +327,48 @@ def test_reload_judges_as_the_daemon_does_with_the_real_journal_under_traffic(ru
         configure(CLEAN)
     refused = ctl_as("nobody", "reload")
     assert refused.returncode == 3 and refused.stdout == "", refused
+
+
+# --- the cookbook
+
+
+def archived() -> list[str]:
+    text = "".join(path.read_text() for path in Path("/var/lib/halvek-archive").glob("*.events"))
+    return re.findall(r"^number=(\d+)$", text, re.M)
+
+
+def test_the_cookbooks_archive_misses_nothing_while_it_and_the_daemon_are_restarted(
+    cookbook: Cookbook, consumer: Consumer
+):
+    cookbook.take("archive")
+    cookbook.type_in("A listener that must miss nothing", but="cat")
+    wait_until(lambda: archived() == ["1"], "the first receipt is archived")
+    assert "number=1\n" in cookbook.type_in("A listener that must miss nothing", containing="cat")
+    numbers = [str(number) for number in range(1, 102)]
+    run("systemctl", "stop", ARCHIVE)
+    for number in numbers[1:51]:
+        post("Receipt", number=number)
+    # What is still in the event pipe would go with the daemon.
+    consumer.wait_for_event("Receipt", properties={"number": "51"})
+    run("systemctl", "restart", UNIT)
+    for number in numbers[51:]:
+        post("Receipt", number=number)
+    run("systemctl", "start", ARCHIVE)
+    wait_until(lambda: archived() == numbers, "all receipts are archived")
+    run("systemctl", "disable", "--now", ARCHIVE, ARCHIVE_SOCKET)
+    assert not Path("/run/halvek/00-archive.halvek.any").is_symlink() and is_active()
+
+
+def test_what_the_cookbook_saves_comes_back_and_what_is_the_cameras_own_stays(cookbook: Cookbook):
+    cookbook.take("backup")
+    cookbook.type_in("Settings for another camera", containing="save")
+    cookbook.close()
+    own = SETTINGS.with_name("zz-camera.ini")
+    own.write_text("[Events/Handler#backup/Preset]\nId=9\n")
+    cookbook.type_in("Settings for another camera", containing="restore")
+    run("kelto-vcam", "alarm", "6", "on")
+    wait_until(lambda: "9, 1, 400" in camera_call("GetActions"), "the head goes to this camera's own preset")
+    own.unlink()
 
 
 def test_a_purge_leaves_nothing_behind_and_a_reload_of_the_error_goes_through(running: None):
