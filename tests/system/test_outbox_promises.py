@@ -17,8 +17,7 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
-from memory_disk import memory_disk
-from outbox import FLASH, LyingFtpServer, Outbox, make_private
+from outbox import FLASH, Outbox, make_private
 from spool_calls import FAIL, KILL_AFTER, KILL_BEFORE, SpoolCalls
 from testing.ftp_server import FtpServer
 from testing.waiting import wait_until
