@@ -271,7 +271,15 @@ def test_the_page_says_of_the_last_event_who_acts_and_why_the_others_do_not(brow
     assert "acts" in acting and "Handler#1 Relay" in acting
     assert "out-of-time" in closed and "Handler#2 Preset" in closed and "100-100" in closed
     assert "other-type" in other and "Handler#3 Tour" in other
-    assert browser.find_one("#explain-note").text.startswith("Alarm at ")
+    said = browser.find_one("#explain-note").text
+    assert said.startswith("Alarm at ")
+    # Asked once more of the same event, it stays.
+    asked = "return performance.getEntriesByType('resource').filter((one) => one.name.endsWith('/explain')).length"
+    before = browser.run(asked)
+    browser.run("explanation.ask()")
+    wait_until(lambda: browser.run(asked) > before, "another answer")
+    assert browser.run("return new Promise(requestAnimationFrame).then(() => true)")
+    assert browser.find_one("#explain-note").text == said and len(browser.find("#explain li")) == 3
 
 
 def test_without_halvekctl_the_page_works_and_says_what_is_missing(browser, start_page, camera):
@@ -383,6 +391,7 @@ def test_it_can_be_read_light_and_dark_before_and_after_an_event(browser, monito
             (SCREENSHOTS / f"{width}-{scheme}-{when}.png").write_bytes(browser.whole_page())
         assert pale_texts(browser) == []
 
+    wait_until(lambda: browser.find("#wiring svg"), "the wiring")
     look("before")
     switch.click()
     box = [[0.3, 0.25], [0.6, 0.25], [0.6, 0.8], [0.3, 0.8]]

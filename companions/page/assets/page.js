@@ -342,7 +342,7 @@ function showWiring({ problem, drawing: drawn }) {
   lightWay();
 }
 
-let explained = { seq: 0, rows: [], alwaysOn: [], rules: [] };
+let explained = { seq: 0, problem: "", rows: [], alwaysOn: [], rules: [] };
 let isLit = false;
 let litTimer = 0;
 
@@ -386,15 +386,14 @@ function rowOfVerdict({ group, type, verdict, acts, text }) {
 }
 
 function showExplanation(answer) {
-  if (answer.seq === 0) {
-    return;
-  }
-  showProblem(byId("explain-note"), answer.problem);
-  if (answer.seq === explained.seq) {
+  if (answer.seq === 0 || (answer.seq === explained.seq && answer.problem === explained.problem)) {
     return;
   }
   explained = answer;
-  if (!answer.problem) {
+  if (answer.problem) {
+    showProblem(byId("explain-note"), answer.problem);
+    byId("explain").replaceChildren();
+  } else {
     const rows = answer.rows.map(rowOfVerdict);
     const posts = answer.rules.map((rule) => element("li", `The rule ${rule.name} hears it, and posts ${rule.post}`));
     const none = answer.rows.length === 0 ? [element("li", "The settings have no handlers")] : [];
