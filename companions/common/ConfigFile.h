@@ -56,7 +56,7 @@ struct ConfigFault {
 class ConfigFile {
 public:
     /** Larger ones are not ours. In bytes. */
-    static constexpr size_t largestFile = 1024 * 1024;
+    static constexpr size_t largestFile = size_t{1024} * 1024;
 
     /** @param path what it is called in messages, too @throws std::system_error that names it, if it cannot be read */
     static ConfigFile Load(const std::string& path);

@@ -18,14 +18,13 @@ enum class Protocol { Version311, Version5 };
 /** What a connection tells its owner, on the thread that calls it and while it does so. */
 class ConnectionObserver {
 public:
+    virtual ~ConnectionObserver() = default;
+
     /** The broker has taken us, with 0, or has not, and why. */
     virtual void OnConnected(int reason, const std::string& text) = 0;
     /** The message of that number has arrived at the broker, which has taken it, below 128, or has not. */
     virtual void OnPublished(int number, int reason) = 0;
     virtual void OnMessage(const ReceivedMessage& message) = 0;
-
-protected:
-    ~ConnectionObserver() = default;
 };
 
 /** A connection could not be made, or is lost. The text says why. */

@@ -38,7 +38,8 @@ std::vector<std::string> NetworkCards() {
 
 std::string MachineId::ForThisProgram() {
     // Ours alone: nobody can tell from it what the machine's id is, or what another program makes of that.
-    constexpr sd_id128_t own = SD_ID128_MAKE(6b, 1f, 52, d8, 9e, 0c, 4a, 6e, 8d, 27, 5a, f4, 31, c0, e9, 73);
+    constexpr sd_id128_t own{
+        {0x6b, 0x1f, 0x52, 0xd8, 0x9e, 0x0c, 0x4a, 0x6e, 0x8d, 0x27, 0x5a, 0xf4, 0x31, 0xc0, 0xe9, 0x73}};
     sd_id128_t id{};
     if (sd_id128_get_machine_app_specific(own, &id) < 0) {
         return {};

@@ -59,11 +59,22 @@ struct SessionOrders {
     bool IsAny() const { return stop || reload; }
 };
 
+/** A message that the broker has not acknowledged yet. */
+struct InFlight {
+    int number = 0;
+    std::string topic;
+    bool isEvent = false;
+    std::chrono::milliseconds sentAt{};
+    bool isDone = false;
+    int reason = 0;
+    std::function<void(bool isTaken)> after;
+};
+
 /**
  * What is said over one connection: who we are, how the alarms are, and then one event after the other, each when the
  * broker has acknowledged the one before. One thread.
  */
-class Session : private ConnectionObserver {
+class Session final : private ConnectionObserver {
 public:
     using Milliseconds = std::chrono::milliseconds;
 
@@ -96,7 +107,7 @@ public:
 
     /** @param number of the connection, from 1. Throws ConnectionError. */
     Session(const Surroundings& surroundings, Protocol protocol, uint64_t number);
-    ~Session();
+    ~Session() override;
 
     /** @param accepted called when the broker has taken us. Throws ConnectionError. */
     End Run(const std::function<void()>& accepted);
@@ -111,16 +122,6 @@ public:
     bool IsPictureSuspected() const;
 
 private:
-    struct InFlight {
-        int number = 0;
-        std::string topic;
-        bool isEvent = false;
-        Milliseconds sentAt{};
-        bool isDone = false;
-        int reason = 0;
-        std::function<void(bool isTaken)> after;
-    };
-
     void OnConnected(int reason, const std::string& text) override;
     void OnPublished(int number, int reason) override;
     void OnMessage(const ReceivedMessage& message) override;

@@ -71,7 +71,7 @@ public:
     using Milliseconds = Rule::Milliseconds;
 
     static constexpr size_t mostWindows = 1000;
-    static constexpr size_t mostBytes = 1024 * 1024;
+    static constexpr size_t mostBytes = size_t{1024} * 1024;
 
     /** The window of the rule and the key; null if there is none. It stays where it is until Settle. */
     Window* Find(const Rule& rule, const std::string& key);
