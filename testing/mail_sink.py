@@ -2,12 +2,13 @@
 
 import asyncio
 import socket
+import ssl
 import threading
 from email import message_from_bytes, policy
 from email.message import EmailMessage
 from typing import NamedTuple
 
-from aiosmtpd.smtp import SMTP, Envelope, Session
+from aiosmtpd.smtp import SMTP, AuthResult, Envelope, LoginPassword, Session
 from testing.waiting import PATIENCE, NotSeen
 
 HOST = "127.0.0.1"
@@ -28,16 +29,26 @@ class Mail(NamedTuple):
 class MailSink:
     """Takes every mail for anybody, from the construction until close(), or in a with statement.
 
-    It listens on 127.0.0.1, at the given port or at a free one; `port` says which.
+    It listens on 127.0.0.1, at the given port or at a free one; `port` says which. With a context it talks TLS from the
+    beginning, or from STARTTLS on, which it wants then. With an account it takes mails from that one only.
     """
 
-    def __init__(self, port: int = 0) -> None:
+    def __init__(
+        self,
+        port: int = 0,
+        *,
+        tls: ssl.SSLContext | None = None,
+        starttls: bool = False,
+        account: tuple[str, str] | None = None,
+    ) -> None:
+        self._starttls = tls if starttls else None
+        self._account = account
         self._mails: list[Mail] = []
         self._changed = threading.Condition()
         self._loop = asyncio.new_event_loop()
         listening = socket.create_server((HOST, port))
         self.port: int = listening.getsockname()[1]
-        server = self._loop.create_server(self._make_protocol, sock=listening)
+        server = self._loop.create_server(self._make_protocol, sock=listening, ssl=None if starttls else tls)
         self._server = self._loop.run_until_complete(server)
         self._thread = threading.Thread(target=self._loop.run_forever, name="mail sink", daemon=True)
         self._thread.start()
@@ -79,7 +90,23 @@ class MailSink:
         return "250 OK"
 
     def _make_protocol(self) -> SMTP:
-        return SMTP(self, data_size_limit=None, hostname="localhost", loop=self._loop)
+        return SMTP(
+            self,
+            data_size_limit=None,
+            hostname="localhost",
+            loop=self._loop,
+            tls_context=self._starttls,
+            require_starttls=self._starttls is not None,
+            authenticator=self._authenticate,
+            auth_required=self._account is not None,
+            auth_require_tls=self._starttls is not None,
+        )
+
+    def _authenticate(
+        self, _server: SMTP, _session: Session, _envelope: Envelope, _way: str, data: object
+    ) -> AuthResult:
+        is_right = isinstance(data, LoginPassword) and self._account == (data.login.decode(), data.password.decode())
+        return AuthResult(success=is_right, handled=False)
 
     async def _end_connections(self) -> None:
         tasks = asyncio.all_tasks() - {asyncio.current_task()}

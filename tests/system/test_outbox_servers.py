@@ -9,6 +9,7 @@ import socket
 import subprocess
 import threading
 from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 
 import pytest
@@ -70,8 +71,8 @@ def wait_for_port(port: int) -> None:
     wait_until(answers, f"somebody listens on {port}")
 
 
-@pytest.fixture
-def ftps(tmp_path: Path, authority: Path) -> Iterator[None]:
+@contextmanager
+def vsftpd(tmp_path: Path, authority: Path, port: int, *more: str) -> Iterator[None]:
     """With TLS for everything, whose session the data connection has to take up again."""
     configuration = tmp_path / "vsftpd.conf"
     empty = tmp_path / "empty"
@@ -82,11 +83,26 @@ def ftps(tmp_path: Path, authority: Path) -> Iterator[None]:
         "check_shell=NO\nssl_enable=YES\nforce_local_data_ssl=YES\nforce_local_logins_ssl=YES\n"
         f"require_ssl_reuse=YES\nrsa_cert_file={pem}\nrsa_private_key_file={pem}\nsecure_chroot_dir={empty}\n"
         "pam_service_name=vsftpd\nisolate=NO\nisolate_network=NO\n"
+        f"listen_port={port}\n" + "".join(f"{line}\n" for line in more)
     )
     with subprocess.Popen(["/usr/sbin/vsftpd", configuration]) as server:
-        wait_for_port(21)
+        wait_for_port(port)
+        try:
+            yield
+        finally:
+            server.kill()
+
+
+@pytest.fixture
+def ftps(tmp_path: Path, authority: Path) -> Iterator[None]:
+    with vsftpd(tmp_path, authority, 21):
         yield
-        server.kill()
+
+
+@pytest.fixture
+def ftps_implicit(tmp_path: Path, authority: Path) -> Iterator[None]:
+    with vsftpd(tmp_path, authority, 990, "implicit_ssl=YES"):
+        yield
 
 
 @pytest.fixture
@@ -121,6 +137,17 @@ def test_pictures_go_to_a_server_with_tls(outbox: Outbox, ftps: None, home: Path
     # This libcurl now and then cuts an upload off with TLS 1.3. The size tells, and it is sent again after a while.
     outbox.wait_for(delivered=3, patience=100)
     assert {path.name: path.read_bytes() for path in (home / "up").iterdir()} == contents
+
+
+def test_pictures_go_to_a_server_with_tls_from_the_first_byte_on(
+    outbox: Outbox, ftps_implicit: None, home: Path, authority: Path
+):
+    outbox.configure(target("ftps-implicit://127.0.0.1", f"CaFile={authority}", "TlsMax=1.2"), word=PASSWORD)
+    outbox.start()
+    content = os.urandom(100_000)
+    outbox.put(content, f"{home}/up/x.jpg", host="archive")
+    outbox.wait_for(delivered=1, patience=100)
+    assert [path.read_bytes() for path in (home / "up").iterdir()] == [content]
 
 
 def test_a_certificate_of_nobody_holds_the_target(outbox: Outbox, ftps: None, home: Path):

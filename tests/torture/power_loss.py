@@ -96,7 +96,10 @@ class Camera:
         while not self.ending.is_set():
             content = secrets.token_bytes(self.chance.choice([0, 100, 4000, 30_000, 60_000]))
             name = f"/{len(self.contents)}.jpg"
-            number = self.outbox.put(content, name)
+            try:
+                number = self.outbox.put(content, name)
+            except AssertionError:
+                continue  # there is no room, while all that is there is being sent
             self.contents[number] = (name, content)
             if self.chance.random() < 0.1:
                 self.ftp.set_fault(self.chance.choice(["none", "refuse"]))
