@@ -173,7 +173,7 @@ test_presets() {
         shift
         case $preset in
             boot | torture) "test_$preset" ;;
-            lint) test_command lint "$sourceFolder/scripts/lint" --quick ;;
+            lint) test_command lint "$sourceFolder/scripts/lint" --joined ;;
             fuzz) test_command fuzz "$sourceFolder/scripts/fuzz" --daemon ;;
             *)
                 wait_for_build_ahead

@@ -57,7 +57,7 @@ std::string Words::TakeArgument(const std::string& what) {
     if (words.empty()) {
         Refuse(what + " is missing");
     }
-    const std::string argument = words.front();
+    std::string argument = words.front();
     words.erase(words.begin());
     return argument;
 }

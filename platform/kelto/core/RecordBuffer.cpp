@@ -10,6 +10,7 @@ bool RecordBuffer::Grow(size_t newSize, size_t kept) {
     if (newSize <= size) {
         return true;
     }
+    // NOLINTNEXTLINE(cppcoreguidelines-no-malloc): it throws nothing, as nothing may that writes a record.
     std::unique_ptr<char, Freer> larger(static_cast<char*>(std::malloc(newSize)));
     if (!larger) {
         return false;

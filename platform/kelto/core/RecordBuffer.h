@@ -29,6 +29,7 @@ public:
 
 private:
     struct Freer {
+        // NOLINTNEXTLINE(cppcoreguidelines-no-malloc)
         void operator()(char* memory) const { std::free(memory); }
     };
 

@@ -20,7 +20,7 @@ namespace kelto::msgbus {
 
 namespace {
 
-constexpr unsigned stackKiB = 1024;
+constexpr unsigned listenerStackKiB = 1024;
 constexpr std::chrono::seconds connectLimit(5);
 constexpr std::chrono::seconds settleLimit(1);
 constexpr std::chrono::milliseconds shortestPause(100);
@@ -49,7 +49,7 @@ std::chrono::milliseconds TimeUntilCall(sd_bus* bus) {
 BusListener::BusListener(Receiver signalReceiver)
     : receiver(std::move(signalReceiver)),
       wakeFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      thread("MsgBusListener", *this, stackKiB, 0),
+      thread("MsgBusListener", *this, listenerStackKiB, 0),
       pause(shortestPause) {
     if (!wakeFd.IsValid()) {
         throw osa::Exception("Cannot make an eventfd");
