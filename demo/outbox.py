@@ -96,9 +96,7 @@ class Scene:
 
     def run(self) -> None:
         heading("A camera, the daemon, and in front of its ftpput the outbox")
-        say(
-            "   The settings want a picture on an FTP server when somebody is at the front gate. There is no such server."
-        )
+        say("   The settings want a picture on an FTP server when somebody is at the front gate. There is none yet.")
         heading("The alarm comes, and the server is down")
         with contextlib.closing(PictureWatch(self.snapshot)) as made:
             self.lose_server_and_find_it(made)
@@ -107,10 +105,8 @@ class Scene:
         self.camera.set_alarm(BANK, INDEX, True)
         wait_until(lambda: re.search(r" wait .*" + NAME, self.ask("list").stdout), "the picture waits", PATIENCE)
         self.show_list()
-        say(
-            "   The daemon went on within milliseconds. A first try has failed, so the picture is on flash now, where it"
-        )
-        say("   survives a power cut, and it is tried again, later each time.")
+        say("   The daemon went on within milliseconds. A first try has failed, so the picture is on flash now, where")
+        say("   it survives a power cut, and it is tried again, later each time.")
         heading("The server is back")
         with FtpServer(self.server_folder) as server:
             say("   $ halvek-outbox flush")
