@@ -39,8 +39,9 @@ constexpr int32_t longestTimeoutSec = 3600;
 constexpr std::chrono::milliseconds betweenLooks{10};
 /** The last records of a reload come within this time. */
 constexpr int quietMs = 300;
-constexpr unsigned mostQuietWaits = 10;
+constexpr std::chrono::seconds longestQuiet{3};
 constexpr int warningPriority = 4;
+constexpr const char* doneRecord = "Done starting sources";
 constexpr const char* refusedRecord = "Error reloading, invalid configuration: ";
 
 std::optional<std::string> OwnPath() {
@@ -103,8 +104,7 @@ public:
             throw Failure(wrong);
         }
         const Verdict verdict = WaitForVerdict();
-        for (unsigned waits = 0; hasJournal && waits < mostQuietWaits && ReadRecords(quietMs); ++waits) {
-        }
+        ReadLastRecords();
         return IsRefusedByRecord() ? Verdict::Refused : verdict;
     }
 
@@ -138,6 +138,14 @@ private:
         }
     }
 
+    /** Until the one that ends a configuration, where the level lets it through; events may go on for ever. */
+    void ReadLastRecords() {
+        const Clock::time_point latest = Clock::now() + longestQuiet;
+        while (hasJournal && !HasRecord(doneRecord) && !IsRefusedByRecord() && Clock::now() < latest &&
+               ReadRecords(quietMs)) {
+        }
+    }
+
     /** Whether there were any. */
     bool ReadRecords(int waitMs) {
         std::vector<DaemonJournal::Record> read =
@@ -146,9 +154,11 @@ private:
         return !read.empty();
     }
 
-    bool IsRefusedByRecord() const {
+    bool IsRefusedByRecord() const { return HasRecord(refusedRecord); }
+
+    bool HasRecord(const char* beginning) const {
         return std::any_of(records.begin(), records.end(),
-                           [](const DaemonJournal::Record& record) { return record.text.starts_with(refusedRecord); });
+                           [&](const DaemonJournal::Record& record) { return record.text.starts_with(beginning); });
     }
 
     const int pid;

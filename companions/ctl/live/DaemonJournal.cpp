@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdlib>
 #include <string_view>
 
@@ -82,13 +83,19 @@ std::vector<DaemonJournal::Record> DaemonJournal::ReadNew(int waitMs) {
     if (journal == nullptr) {
         return records;
     }
-    constexpr uint64_t usecPerMs = 1000;
-    sd_journal_wait(journal.get(), static_cast<uint64_t>(waitMs) * usecPerMs);
-    while (sd_journal_next(journal.get()) > 0) {
-        if (std::optional<Record> record = Current()) {
-            records.push_back(std::move(*record));
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(waitMs);
+    std::chrono::microseconds left = std::chrono::milliseconds(waitMs);
+    do {
+        // Others' records end the wait too.
+        sd_journal_wait(journal.get(), static_cast<uint64_t>(left.count()));
+        while (sd_journal_next(journal.get()) > 0) {
+            if (std::optional<Record> record = Current()) {
+                records.push_back(std::move(*record));
+            }
         }
-    }
+        left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - Clock::now());
+    } while (records.empty() && left.count() > 0);
     return records;
 }
 
