@@ -334,6 +334,22 @@ def test_a_listener_writes_each_event_as_a_line_of_json(play, camera, listen):
     lines.close()
 
 
+def test_a_listener_whose_output_nobody_reads_and_that_control_z_is_typed_at_costs_the_daemon_nothing(play, listen):
+    # A process group of its own, as a shell gives it one: no other stops at SIGTSTP where nobody has a terminal.
+    options = {"stdout": subprocess.PIPE, "process_group": 0}
+    listener = listen("json-lines.py", pipe="zz-json-lines.halvek.any", **options)
+    daemon = play("json-lines")
+    before = daemon.descriptors()
+    listener.send_signal(signal.SIGTSTP)
+    for number in range(2000):  # twice what its pipe holds
+        post(block("Flood", number=number, padding="x" * 1000))
+    daemon.log.wait_for("Received event: Flood$", count=2000)
+    post(block("End"))
+    daemon.log.wait_for("Received event: End$")
+    wait_until(lambda: daemon.descriptors() == before, "no descriptor is lost")
+    listener.stdout.close()
+
+
 class Manager:
     """What the service manager does for the archive: it makes the pipe, keeps it open and hands it over."""
 
