@@ -261,6 +261,8 @@ def test_the_wiring_follows_the_settings(browser, monitor):
     wait_until(lambda: browser.find("#wiring svg"), "the wiring")
     monitor.write_settings(SERVER | source(3, "Doorbell") | handler(7, "Events/Source#3", handler_type="Preset", Id=9))
     wait_until(lambda: "preset 9" in browser.find_one("#wiring").text, "the new wiring", patience=20)
+    browser.run("showWiring({ problem: 'gone', drawing: '' })")
+    assert browser.find("#wiring svg") == [] and "gone" in browser.find_one("#wiring-note").text
 
 
 def test_the_page_says_of_the_last_event_who_acts_and_why_the_others_do_not(browser, monitor):

@@ -337,8 +337,9 @@ function showWiring({ problem, drawing: drawn }) {
     return;
   }
   drawing = drawn;
-  const parsed = new DOMParser().parseFromString(drawn, "image/svg+xml").documentElement;
-  byId("wiring").replaceChildren(...(parsed.localName === "svg" ? [copyOfDrawing(parsed)] : []));
+  // Of nothing a parser makes a document that complains, with a style that the policy forbids.
+  const parsed = drawn && new DOMParser().parseFromString(drawn, "image/svg+xml").documentElement;
+  byId("wiring").replaceChildren(...(parsed?.localName === "svg" ? [copyOfDrawing(parsed)] : []));
   lightWay();
 }
 
