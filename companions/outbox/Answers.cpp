@@ -107,19 +107,19 @@ Answers::Reply Answers::Refuse(const std::string& text) const {
 
 Item* Answers::FindItem(const std::string& argument) {
     const std::optional<uint64_t> id = SpoolFolder::IdOf(argument);
-    Item* item = id ? service.queue.Find(*id) : nullptr;
+    Item* item = id ? queue.Find(*id) : nullptr;
     return item != nullptr && item->state != Item::State::Unheard ? item : nullptr;
 }
 
 std::string Answers::TargetWord(const std::string& name, const TargetEntry& target) const {
-    return service.IsHeld(name) ? "hold" : target.state.Word();
+    return deliveries.IsHeld(name) ? "hold" : target.state.Word();
 }
 
 std::string Answers::ItemState(const Item& item) const {
     if (item.state == Item::State::Sending) {
         return "sending";
     }
-    const std::string word = TargetWord(item.target, service.targets[item.target]);
+    const std::string word = TargetWord(item.target, deliveries.All()[item.target]);
     if (item.state == Item::State::Uncertain && word == "ok") {
         return "uncertain";
     }
@@ -128,7 +128,7 @@ std::string Answers::ItemState(const Item& item) const {
 
 std::string Answers::ListText() const {
     std::string text;
-    for (const auto& [id, item] : service.queue.All()) {
+    for (const auto& [id, item] : queue.All()) {
         if (item.state != Item::State::Unheard) {
             text += Clean(SpoolFolder::NameOf(id) + "  " + Padded(ItemState(item), 10) + Padded(item.target, 24) +
                           Padded(std::to_string(item.file.payloadSize), 10) + NameOf(item) +
@@ -140,24 +140,24 @@ std::string Answers::ListText() const {
 }
 
 std::string Answers::StatusText() const {
-    const Queue::Counts& counts = service.queue.GetCounts();
+    const Queue::Counts& counts = queue.GetCounts();
     std::string text;
-    for (const Finding& finding : service.settings.findings) {
+    for (const Finding& finding : settings.findings) {
         text += "nothing is sent: " + Clean(finding.place + ": " + finding.text) + "\n";
     }
-    if (service.held.IsAllHeld()) {
+    if (held.IsAllHeld()) {
         text += "nothing is sent: held by \"halvek-outbox hold\"\n";
     }
-    for (const auto& [name, target] : service.targets) {
+    for (const auto& [name, target] : deliveries.All()) {
         text += Clean(Padded(TargetWord(name, target), 6) + name +
                       (target.state.Reason().empty() ? "" : ": " + target.state.Reason()) +
-                      (service.held.IsHeld(name) ? ", held by \"halvek-outbox hold\"" : "")) +
+                      (held.IsHeld(name) ? ", held by \"halvek-outbox hold\"" : "")) +
                 "\n";
     }
-    text += "queued " + std::to_string(service.queue.Waiting()) + ", delivered " + std::to_string(counts.delivered) +
+    text += "queued " + std::to_string(queue.Waiting()) + ", delivered " + std::to_string(counts.delivered) +
             ", failed " + std::to_string(counts.failed) + ", expired " + std::to_string(counts.expired) + ", dropped " +
             std::to_string(counts.dropped) + ", uncertain " + std::to_string(counts.uncertain) + "\n";
-    return text + std::to_string(service.queue.Bytes()) + " bytes, " + std::to_string(service.queue.FlashBytes()) +
+    return text + std::to_string(queue.Bytes()) + " bytes, " + std::to_string(queue.FlashBytes()) +
            " of them on flash\n";
 }
 
@@ -175,28 +175,28 @@ void Answers::AddItem(Json& json, const Item& item) const {
 
 void Answers::AddAll(Json& json) const {
     json.Key("items").BeginArray();
-    for (const auto& [id, item] : service.queue.All()) {
+    for (const auto& [id, item] : queue.All()) {
         if (item.state != Item::State::Unheard) {
             AddItem(json, item);
         }
     }
     json.EndArray().Key("targets").BeginArray();
-    for (const auto& [name, target] : service.targets) {
+    for (const auto& [name, target] : deliveries.All()) {
         json.BeginObject().Key("name").String(name).Key("state").String(TargetWord(name, target));
         json.Key("reason").String(target.state.Reason());
         json.Key("next_ms").Number(std::max<int64_t>(target.state.NextTry() - Uptime(), 0)).EndObject();
     }
-    const Queue::Counts& counts = service.queue.GetCounts();
+    const Queue::Counts& counts = queue.GetCounts();
     json.EndArray().Key("counts").BeginObject();
-    json.Key("queued").Number(static_cast<int64_t>(service.queue.Waiting()));
+    json.Key("queued").Number(static_cast<int64_t>(queue.Waiting()));
     json.Key("delivered").Number(static_cast<int64_t>(counts.delivered));
     json.Key("failed").Number(static_cast<int64_t>(counts.failed));
     json.Key("expired").Number(static_cast<int64_t>(counts.expired));
     json.Key("dropped").Number(static_cast<int64_t>(counts.dropped));
     json.Key("uncertain").Number(static_cast<int64_t>(counts.uncertain)).EndObject();
-    json.Key("bytes").Number(static_cast<int64_t>(service.queue.Bytes()));
-    json.Key("held").Bool(service.held.IsAllHeld()).Key("findings").BeginArray();
-    for (const Finding& finding : service.settings.findings) {
+    json.Key("bytes").Number(static_cast<int64_t>(queue.Bytes()));
+    json.Key("held").Bool(held.IsAllHeld()).Key("findings").BeginArray();
+    for (const Finding& finding : settings.findings) {
         json.BeginObject().Key("file").String(finding.file).Key("line").Number(finding.position.line);
         json.Key("column").Number(finding.position.column).Key("text").String(finding.text).EndObject();
     }
@@ -229,7 +229,7 @@ Answers::Reply Answers::Show(const std::string& argument) {
 
 Answers::Reply Answers::Flush(const std::string& argument) {
     size_t count = 0;
-    for (auto& [name, target] : service.targets) {
+    for (auto& [name, target] : deliveries.All()) {
         if (argument.empty() || name == argument) {
             target.state.ProbeAnyway();
             ++count;
@@ -238,7 +238,7 @@ Answers::Reply Answers::Flush(const std::string& argument) {
     if (count == 0 && !argument.empty()) {
         return Refuse("there is no target " + argument);
     }
-    for (auto& [id, item] : service.queue.All()) {
+    for (auto& [id, item] : queue.All()) {
         // Only what nobody knows to be there twice is left to its time.
         if (!item.wasUncertain && (argument.empty() || item.target == argument)) {
             item.notBefore = 0;
@@ -252,30 +252,30 @@ Answers::Reply Answers::Drop(const std::string& argument) {
     if (item == nullptr) {
         return Refuse("there is no item " + argument);
     }
-    const TargetEntry& target = service.targets[item->target];
+    const TargetEntry& target = deliveries.All()[item->target];
     if (target.courier && target.courier->Current() == item->file.id) {
         target.courier->Cancel();
     }
-    service.queue.Finish(item->file.id, Queue::Fate::Dropped, "by \"halvek-outbox drop\"");
+    queue.Finish(item->file.id, Queue::Fate::Dropped, "by \"halvek-outbox drop\"");
     return Done("");
 }
 
 Answers::Reply Answers::SetHeld(const std::string& argument, bool isHeld) {
     if (argument.empty()) {
-        isHeld ? service.held.HoldAll() : service.held.ReleaseAll();
-        for (auto& [name, target] : service.targets) {
+        isHeld ? held.HoldAll() : held.ReleaseAll();
+        for (auto& [name, target] : deliveries.All()) {
             if (!isHeld) {
                 target.state.ProbeAnyway();
             }
         }
         return Done("");
     }
-    const auto target = service.targets.find(argument);
-    if (target == service.targets.end() && (isHeld || !service.held.IsHeld(argument))) {
+    const auto target = deliveries.All().find(argument);
+    if (target == deliveries.All().end() && (isHeld || !held.IsHeld(argument))) {
         return Refuse("there is no target " + argument);
     }
-    isHeld ? service.held.Hold(argument) : service.held.Release(argument);
-    if (!isHeld && target != service.targets.end()) {
+    isHeld ? held.Hold(argument) : held.Release(argument);
+    if (!isHeld && target != deliveries.All().end()) {
         target->second.state.ProbeAnyway();
     }
     return Done("");

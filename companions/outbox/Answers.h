@@ -1,8 +1,11 @@
 #pragma once
 
 #include "companions/common/Json.h"
+#include "companions/outbox/Deliveries.h"
 #include "companions/outbox/FieldText.h"
-#include "companions/outbox/Service.h"
+#include "companions/outbox/HeldTargets.h"
+#include "companions/outbox/Queue.h"
+#include "companions/outbox/Settings.h"
 
 #include <string>
 
@@ -11,7 +14,8 @@ namespace kelto::halvek::outbox {
 /** What the service says to the verbs of its program. The service's thread. */
 class Answers {
 public:
-    explicit Answers(Service& asked) : service(asked) {}
+    Answers(const Settings& current, Queue& items, Deliveries& targets, HeldTargets& onHold)
+        : settings(current), queue(items), deliveries(targets), held(onHold) {}
 
     /** A line "status N" with the status to end with, and what to print. */
     std::string Make(const FieldText::Fields& request);
@@ -38,7 +42,10 @@ private:
     std::string TargetWord(const std::string& name, const TargetEntry& target) const;
     Item* FindItem(const std::string& argument);
 
-    Service& service;
+    const Settings& settings;
+    Queue& queue;
+    Deliveries& deliveries;
+    HeldTargets& held;
     std::string verb;
     bool isJson = false;
 };

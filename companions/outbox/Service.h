@@ -1,26 +1,24 @@
 #pragma once
 
-#include "companions/common/Credentials.h"
-#include "companions/outbox/Connection.h"
-#include "companions/outbox/Courier.h"
+#include "companions/common/UniqueFd.h"
+#include "companions/outbox/Deliveries.h"
 #include "companions/outbox/Esmtprc.h"
 #include "companions/outbox/HeldTargets.h"
 #include "companions/outbox/Paths.h"
 #include "companions/outbox/Queue.h"
+#include "companions/outbox/Reception.h"
 #include "companions/outbox/Settings.h"
-#include "companions/outbox/Targets.h"
 #include "companions/outbox/TroubleNews.h"
 
-#include <list>
-#include <memory>
-#include <string>
-#include <vector>
+#include <cstdint>
+#include <optional>
 
 namespace kelto::halvek::outbox {
 
 /**
  * Takes items, and delivers them. One thread does it all but for the attempts, for which each target has one of its own
- * while it has something to deliver: see Courier. That thread waits for nobody.
+ * while it has something to deliver: see Courier. That thread waits for nobody. Here is its loop; see Reception for
+ * those who come, and Deliveries for what becomes of what they bring.
  */
 class Service {
 public:
@@ -39,42 +37,20 @@ public:
     int Run();
 
 private:
-    friend class Answers;
-
-    void OpenSocket();
+    void OpenNetwork();
     void LoadSettings();
-    void ApplySettings();
-    void LoadEsmtprc();
     void CheckPost();
-    void TellTrouble();
+    void LoadEsmtprc();
+    void ApplySettings();
     void Round();
     void WaitUntil(int64_t wake);
     void TakeSignals();
     void TakeNetworkNews();
-    void Accept();
-    void Serve(Connection& connection);
-    void TakeRequest(Connection& connection);
-    void TakeSubmission(Connection& connection, const std::string& header);
-    void Confirm(Connection& connection);
-    void CloseLate();
-    void Forget(Connection& connection);
-
-    std::string TargetOf(const ItemHeader& header);
-    void AssignTarget(Item& item);
-    void StartDeliveries();
-    Item* NextFor(const std::string& target);
-    bool IsHeld(const std::string& target) const;
-    bool MayStart(const std::string& name, const TargetEntry& target) const;
-    void Start(TargetEntry& target, Item& item);
-    Order OrderFor(const TargetEntry& target, const Item& item) const;
-    void TakeReports();
-    void Conclude(Item& item, TargetEntry& target, const Evidence& evidence);
-    void Retry(Item& item, const std::string& reason);
-    void RetireIdle();
+    int64_t LastBusy() const;
     int64_t NextWake();
     bool MayLeave() const;
+    void TellTrouble();
     void Notify() const;
-    bool IsClockTrusted() const;
 
     const Paths paths;
     Settings settings;
@@ -84,17 +60,14 @@ private:
     Esmtprc appliedEsmtprc{{}};
     Queue queue;
     HeldTargets held;
-    Mailbox mailbox;
-    Targets targets;
+    Deliveries deliveries;
+    Reception reception;
     TroubleNews troubleNews;
-    std::vector<std::unique_ptr<Courier>> retired;
-    std::list<Connection> connections;
-    companion::UniqueFd listener;
     companion::UniqueFd signals;
     companion::UniqueFd network;
-    bool isActivated = false;
     bool isStopping = false;
-    int64_t lastBusy = 0;
+    /** By Uptime, as all of these. */
+    int64_t begin = 0;
     int64_t nextExpiry = 0;
     int64_t nextKeepSafe = 0;
     int64_t nextNews = 0;
