@@ -249,8 +249,14 @@ uint64_t SpoolFolder::SizeOf(const ItemHeader& header, uint64_t payloadSize) {
     return header.Encode().size() + payloadSize + EndLine(payloadSize, Crc32c()).size();
 }
 
+/** What may not last has not been taken: it must not turn up at the next start. */
 void SpoolFolder::Publish(uint64_t id) {
-    Rename(id, path + "/q");
+    try {
+        Rename(id, path + "/q");
+    } catch (const std::system_error&) {
+        unlink(QueuePath(id).c_str());
+        throw;
+    }
 }
 
 void SpoolFolder::Discard(uint64_t id) noexcept {
@@ -268,7 +274,7 @@ void SpoolFolder::Copy(uint64_t id, const SpoolFolder& other) {
         WriteAll(temporary.file.Get(), {piece.data(), got}, temporary.path);
     }
     MakeDurable(temporary.file.Get(), temporary.path);
-    Rename(id, path + "/q");
+    Publish(id);
 }
 
 bool SpoolFolder::Remove(uint64_t id) noexcept {

@@ -56,7 +56,7 @@ public:
      * Throws std::length_error if it is longer than that.
      */
     File Write(uint64_t id, const ItemHeader& header, int payload, uint64_t mostBytes);
-    /** What was written counts from now on. */
+    /** What was written counts from now on; if this throws, it is gone. */
     void Publish(uint64_t id);
     /** What was written never counts. */
     void Discard(uint64_t id) noexcept;

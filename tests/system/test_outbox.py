@@ -174,7 +174,9 @@ def test_a_full_spool_gives_up_the_oldest_picture_first_and_refuses_what_never_f
     outbox.configure("[Outbox]\nSpoolLimit=100K\n")
     outbox.start()
     mail = outbox.mail(MAIL)
-    numbers = [outbox.put(picture(40_000), f"/{name}.jpg") for name in range(3)]
+    numbers = [outbox.put(picture(40_000), "/0.jpg")]
+    outbox.wait_for_state(numbers[0], "wait")  # what is on its way is not given up
+    numbers += [outbox.put(picture(40_000), f"/{name}.jpg") for name in (1, 2)]
     assert [item["id"] for item in outbox.answer("list")["items"]] == [mail, *numbers[1:]]
     assert outbox.counts()["dropped"] == 1
     local = outbox.folder / "large"

@@ -7,7 +7,8 @@ namespace kelto::halvek::outbox {
 namespace {
 
 TEST(EsmtprcTest, WithoutAnythingMailsGoToThisMachine) {
-    const Server& server = Esmtprc("").ServerFor("me@x.example");
+    const Esmtprc file("");
+    const Server& server = file.ServerFor("me@x.example");
     EXPECT_EQ(server.host, "localhost");
     EXPECT_EQ(server.port, 25);
     EXPECT_TRUE(server.neverUsesTls);

@@ -1,5 +1,6 @@
 #include "companions/outbox/MemoryFile.h"
 #include "companions/outbox/SpoolFolder.h"
+#include "tests/support/Descriptors.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -12,6 +13,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <system_error>
 
 namespace kelto::halvek::outbox {
 namespace {
@@ -69,6 +71,15 @@ TEST_F(SpoolFolderTest, WhatIsDiscardedIsGoneAtOnce) {
     folder.Write(7, {}, MemoryFile::Of("picture").Get(), 100);
     folder.Discard(7);
     EXPECT_FALSE(std::filesystem::exists(Name("/tmp/", 7)));
+}
+
+TEST_F(SpoolFolderTest, WhatCannotBeMadeToLastIsGone) {
+    folder.Write(7, {}, MemoryFile::Of("picture").Get(), 100);
+    {
+        const test::FewDescriptorsLeft none(0);
+        EXPECT_THROW(folder.Publish(7), std::system_error);
+    }
+    EXPECT_TRUE(folder.Open().files.empty());
 }
 
 TEST_F(SpoolFolderTest, ANoteIsReplacedAndGoesWithItsItem) {
