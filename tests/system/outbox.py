@@ -22,6 +22,7 @@ RAM = Path("/run/halvek-outbox/q")
 FLASH = Path("/var/spool/halvek-outbox/q")
 HELD = FLASH.with_name("held")
 LISTEN_FDS_START = 3
+MAIL = "From: Camera <camera@x.example>\nTo: guard@x.example\nSubject: Alarm\n\nA door.\n"
 
 
 def make_private(folder: Path) -> None:
@@ -32,6 +33,10 @@ def make_private(folder: Path) -> None:
         subprocess.run(["mount", "-n", "--bind", copy, "/etc"], check=True)
         subprocess.run(["mount", "-n", "-t", "tmpfs", "tmpfs", "/var/spool"], check=True)
         CONFIGURATION.parent.mkdir()
+
+
+def picture(size: int = 30_000) -> bytes:
+    return secrets.token_bytes(size)
 
 
 class Outbox:

@@ -5,11 +5,10 @@ import hashlib
 import os
 import ssl
 import subprocess
-from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
-from outbox import Outbox, make_private
+from outbox import Outbox
 from testing.certificates import Authority
 from testing.ftp_server import FtpServer
 from testing.mail_sink import MailSink
@@ -20,21 +19,10 @@ pytestmark = [
     # One sink takes passwords without encryption, so that it would be seen who gives them.
     pytest.mark.filterwarnings("ignore:Requiring AUTH while not requiring TLS"),
 ]
+pytest_plugins = ["outbox_fixtures"]
 
 ACCOUNT, PASSWORD = "camera", "s3cret-of-the-server"
 MAIL = "From: camera@x.example\nTo: guard@x.example\nSubject: Alarm\n\nA door.\n"
-
-
-@pytest.fixture(scope="module", autouse=True)
-def own_machine(tmp_path_factory: pytest.TempPathFactory) -> None:
-    make_private(tmp_path_factory.mktemp("machine"))
-
-
-@pytest.fixture
-def outbox(tmp_path: Path) -> Iterator[Outbox]:
-    made = Outbox(tmp_path)
-    yield made
-    made.close()
 
 
 @pytest.fixture

@@ -17,12 +17,13 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
-from outbox import FLASH, Outbox, make_private
+from outbox import FLASH, Outbox
 from spool_calls import FAIL, KILL_AFTER, KILL_BEFORE, SpoolCalls
 from testing.ftp_server import FtpServer
 from testing.waiting import wait_until
 
 pytestmark = pytest.mark.not_under("sanitizer", "emulator", reason="it is tried in release, with real servers")
+pytest_plugins = ["outbox_fixtures"]
 
 BY_HAND = bool(os.environ.get("HALVEK_TEST_BY_HAND"))
 ACCOUNT = "[Target {name}]\nMatch={name}\nUrl=ftp://127.0.0.1:{port}\nUser=camera\nSecret=word\nAllowPlain=yes\n"
@@ -30,18 +31,6 @@ ACCOUNT = "[Target {name}]\nMatch={name}\nUrl=ftp://127.0.0.1:{port}\nUser=camer
 LEAVES_CORES = ["sh", "-c", 'ulimit -c "$(ulimit -H -c)"; cd "$0" && exec "$@"']
 # What a loaded machine may add to the figures, which are printed: it may stand still for a second.
 STANDSTILL = 1.0
-
-
-@pytest.fixture(scope="module", autouse=True)
-def own_machine(tmp_path_factory: pytest.TempPathFactory) -> None:
-    make_private(tmp_path_factory.mktemp("machine"))
-
-
-@pytest.fixture
-def outbox(tmp_path: Path) -> Iterator[Outbox]:
-    made = Outbox(tmp_path)
-    yield made
-    made.close()
 
 
 @pytest.fixture

@@ -17,6 +17,7 @@ from outbox import FLASH, KNOWN_HOSTS, Outbox, make_private
 from testing.waiting import wait_until
 
 pytestmark = pytest.mark.not_under("sanitizer", "emulator", "one user", reason="real servers, which start as root")
+pytest_plugins = ["outbox_fixtures"]
 
 ACCOUNT, PASSWORD = "outboxtest", "s3cret-of-the-server"
 MAIL = "From: camera@x.example\nTo: a@x.example, b@x.example\nSubject: Alarm\n\nA door.\n"
@@ -43,13 +44,6 @@ def home() -> Iterator[Path]:
     yield path
     for entry in (path / "up").iterdir():
         entry.unlink()
-
-
-@pytest.fixture
-def outbox(tmp_path: Path) -> Iterator[Outbox]:
-    made = Outbox(tmp_path)
-    yield made
-    made.close()
 
 
 @pytest.fixture
