@@ -1,6 +1,7 @@
 """What arrives on a descriptor: a thread collects it as it comes, the caller waits for a condition with a deadline."""
 
 import array
+import contextlib
 import fcntl
 import os
 import re
@@ -11,6 +12,10 @@ import time
 from collections.abc import Callable
 
 from testing.waiting import PATIENCE, NotSeen
+
+
+# What a writer of records, which does not wait for its reader, may be ahead of us while others have their turn.
+CAPACITY = 256 * 1024
 
 
 def bytes_ready(descriptor: int) -> int:
@@ -28,6 +33,8 @@ class Collector:
 
     def __init__(self, descriptor: int, name: str) -> None:
         self.name = name
+        with contextlib.suppress(OSError):  # no pipe, or no more memory for them
+            fcntl.fcntl(descriptor, fcntl.F_SETPIPE_SZ, CAPACITY)
         self._items: list = []
         self._times: list[float] = []
         self._descriptor = descriptor
