@@ -246,7 +246,8 @@ def test_post_and_watch_are_for_members(running: None, users: None):
         watched = f"timeout 30 halvekctl --format json watch --type Bell{who} --count 1"
         posting = f"for i in 1 2 3 4 5 6 7 8 9; do sleep 0.3; halvekctl post Bell{who} n=$i || exit; done"
         user, groups = EVERYBODY[who]
-        done = run_as(user, *groups, command=f"({posting}) >/dev/null 2>&1 & {watched}")
+        command = f"({posting}) >/dev/null 2>&1 & {watched}; status=$?; kill $! 2>/dev/null; wait; exit $status"
+        done = run_as(user, *groups, command=command)
         assert done.returncode == 0 and json.loads(done.stdout)["props"]["eventType"] == f"Bell{who}", done
     for verb in ("post Bell", "watch --count 1", "record /tmp/nothing-of-it"):
         refused = ctl_as("nobody", verb)
