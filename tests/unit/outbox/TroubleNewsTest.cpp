@@ -34,6 +34,16 @@ protected:
 
     void Fail(const std::string& target, const std::string& why = "refused") { targets[target].state.Failed(0, why); }
 
+    /** One episode is told and over, and the next has begun. */
+    void FailAgainAfterAMinute() {
+        Fail("a");
+        news.Tell(targets, 0);
+        targets["a"].state.Succeeded();
+        news.Tell(targets, minute);
+        Posted();
+        Fail("a");
+    }
+
     std::string folder = [] {
         std::string name = "/tmp/news-XXXXXX";
         return std::string(mkdtemp(name.data()));
@@ -64,12 +74,7 @@ TEST_F(TroubleNewsTest, AnEpisodeIsToldOnceWhenItBeginsAndOnceWhenItIsOver) {
 }
 
 TEST_F(TroubleNewsTest, ASecondEpisodeWithinTheHourIsToldAtItsEndIfItLastsUntilThen) {
-    Fail("a");
-    news.Tell(targets, 0);
-    targets["a"].state.Succeeded();
-    news.Tell(targets, minute);
-    Posted();
-    Fail("a");
+    FailAgainAfterAMinute();
     EXPECT_EQ(news.Tell(targets, 2 * minute), hour);
     EXPECT_EQ(Posted(), "");
     news.Tell(targets, hour);
@@ -77,12 +82,7 @@ TEST_F(TroubleNewsTest, ASecondEpisodeWithinTheHourIsToldAtItsEndIfItLastsUntilT
 }
 
 TEST_F(TroubleNewsTest, ASecondEpisodeThatIsShortIsNotToldAtAll) {
-    Fail("a");
-    news.Tell(targets, 0);
-    targets["a"].state.Succeeded();
-    news.Tell(targets, minute);
-    Posted();
-    Fail("a");
+    FailAgainAfterAMinute();
     news.Tell(targets, 2 * minute);
     targets["a"].state.Succeeded();
     news.Tell(targets, 3 * minute);
