@@ -106,8 +106,10 @@ build_preset() {
 
 # The results are what counts afterwards: a preset whose tests fail does not keep the others from running.
 test_boot() {
+    local built=()
+    ! is_built_ahead boot || built=("$sourceFolder/build/packages")
     rm -rf "$sourceFolder/build/boot/test-results"
-    "$sourceFolder/scripts/test-boot" || echo "${0##*/}: the test of the packages failed" >&2
+    "$sourceFolder/scripts/test-boot" "${built[@]}" || echo "${0##*/}: the test of the packages failed" >&2
 }
 
 # The long form; the short one is among the tests of each preset.
@@ -141,17 +143,46 @@ test_preset() {
         --output-junit "$results/ctest.xml" </dev/null || echo "${0##*/}: the tests of preset $1 failed" >&2
 }
 
-# build_ahead PRESET: builds it at the lowest priority beside the tests of another one, which leave a third of the
-# processors' time unused. What comes of it is seen when its turn has come.
+# build_ahead PRESET...: builds these, one after the other, at the lowest priority, beside the tests of those before
+# them, which leave a third of the processors' time unused. What comes of it is seen when the turn of each has come.
 build_ahead() {
-    (cd "$sourceFolder" && cmake --preset "$1") </dev/null >/dev/null 2>&1 || return 0
-    setsid nice -n 19 cmake --build "$sourceFolder/build/$1" --parallel "$(nproc)" </dev/null >/dev/null 2>&1 &
+    rm -f "$sourceFolder"/build/*.ahead
+    setsid bash -euo pipefail -c '. "$1/scripts/lib.sh" && build_in_turn "${@:2}"' "$0" "$sourceFolder" "$@" \
+        </dev/null >/dev/null 2>&1 &
     builtAhead=$!
 }
 
-wait_for_build_ahead() {
-    [[ -z ${builtAhead-} ]] || wait "$builtAhead" || true
-    builtAhead=
+build_in_turn() {
+    local preset status
+    renice 19 "$$"
+    # Sessions share the processors; only within one does the priority count.
+    [[ ! -w /proc/self/autogroup ]] || echo 19 >/proc/self/autogroup
+    for preset in "$@"; do
+        status=0
+        case $preset in
+            boot) build_boot_packages || status=$? ;;
+            asan | tsan | armhf) (build_preset "$preset") || status=$? ;;
+            *) continue ;;
+        esac
+        echo "$status" >"$sourceFolder/build/$preset.ahead"
+    done
+}
+
+# Nobody looks at this build with a debugger, and what one would need takes a third of its time.
+build_boot_packages() {
+    DEB_BUILD_OPTIONS=noautodbgsym DEB_CFLAGS_STRIP=-g DEB_CXXFLAGS_STRIP=-g \
+        "$sourceFolder/scripts/build-packages" "$@"
+}
+
+# is_built_ahead PRESET: waits until its turn in what is built ahead is over; the status is 0 if it was built.
+is_built_ahead() {
+    local outcome=$sourceFolder/build/$1.ahead
+    [[ -n ${builtAhead-} ]] || return 1
+    until [[ -s $outcome ]]; do
+        [[ -e /proc/$builtAhead ]] || return 1
+        sleep 1
+    done
+    [[ $(<"$outcome") == 0 ]]
 }
 
 end_build_ahead() {
@@ -176,10 +207,9 @@ test_presets() {
             lint) test_command lint "$sourceFolder/scripts/lint" --joined ;;
             fuzz) test_command fuzz "$sourceFolder/scripts/fuzz" --daemon ;;
             *)
-                wait_for_build_ahead
+                is_built_ahead "$preset" || true
                 build_preset "$preset"
-                # Only the release's tests measure time.
-                [[ $preset == release || ! ${1-} =~ ^(asan|tsan|armhf) ]] || build_ahead "$1"
+                [[ -n ${builtAhead-} ]] || build_ahead "$@"
                 test_preset "$preset"
                 ;;
         esac

@@ -133,6 +133,11 @@ class Daemon(DaemonProcess):
                 continue
         return sorted(name for name in names if name != main)
 
+    def is_asleep(self) -> bool:
+        """Whether the main thread waits for something."""
+        fields = Path(f"/proc/{self.pid}/stat").read_text().rpartition(")")[2].split()
+        return fields[0] == "S"
+
     def descriptors(self) -> int:
         # READY=1 is seen before the socket that it was sent by is closed.
         self.log.wait_for("Dropping to run state$", after=0)

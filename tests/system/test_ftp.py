@@ -353,7 +353,10 @@ def test_an_upload_that_hangs_delays_only_its_own_source(hang, server, hanging):
 def test_a_stop_waits_for_an_upload_that_hangs_and_is_orderly_then(hang, server, hanging):
     daemon = hang(hanging)
     daemon.send(signal.SIGTERM)
-    daemon.log.wait_for("got: 'S'")
+    behind = daemon.log.wait_for("got: 'S'")
+    if hanging == "Timer":  # until the stop has got to the timer, it ticks again behind an upload
+        daemon.log.wait_for(r"TimerEventSource::Stop\(\)$", after=behind)
+        wait_until(daemon.is_asleep, "a daemon that waits for its timer")
     assert daemon.process.poll() is None and not daemon.log.matching(FINISHED)
     server.set_fault("refuse")
     assert daemon.wait_for_exit() == 0
