@@ -23,7 +23,7 @@ const std::map<std::string_view, std::string_view>& Paths() {
 }
 
 bool Takes(std::string_view methods, std::string_view method) {
-    return methods == method || (methods == "GET, HEAD" && (method == "GET" || method == "HEAD"));
+    return methods == "GET, HEAD" ? method == "GET" || method == "HEAD" : method == methods;
 }
 
 std::string Lower(std::string_view text) {

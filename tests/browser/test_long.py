@@ -2,6 +2,7 @@
 
 import os
 import socket
+import statistics
 import time
 
 from testing.camera import LOCAL
@@ -11,6 +12,9 @@ from testing.settings import SERVER, handler, source
 from testing.waiting import wait_until
 
 MINUTES = float(os.environ.get("HALVEK_PAGE_MINUTES", "1"))
+STEPS = 30  # in which it is looked how much is held
+KEPT = 1024  # events, by the server
+FLAT = 128  # kilobytes
 SETTINGS = (
     SERVER
     | source(1, "Alarm", BankName=LOCAL, Index=2)
@@ -44,6 +48,32 @@ def test_a_browser_that_reads_a_byte_a_second_is_cut_off(page, camera):
     quick.wait_for_sent("said", after=after, text="alarm Local:2 active")
 
 
+def fill_memory(page, use) -> None:
+    """Uses the page until the events that its server keeps have all been followed by as many others, twice."""
+    first = int(page.state()["id"])
+    wait_until(lambda: use(1) or int(page.state()["id"]) > first + 3 * KEPT, "the server's memory is full", patience=600)
+
+
+def watch(use, look) -> list[dict[str, int]]:
+    """What was seen at the beginning, at each of so many steps, and at the end."""
+    series = [look()]
+    begin = time.monotonic()
+    print(f"0.0 min: {series[0]}", flush=True)
+    for step in range(STEPS):
+        while (rest := begin + MINUTES * 60 * (step + 1) / STEPS - time.monotonic()) > 0:
+            use(min(rest, 60))
+        series.append(look())
+        print(f"{(time.monotonic() - begin) / 60:.1f} min: {series[-1]}", flush=True)
+    return series
+
+
+def growth(series: list[dict[str, int]], name: str) -> float:
+    """How much more there is in the last third than in the first, at the median."""
+    values = [seen[name] for seen in series]
+    third = len(values) // 3
+    return statistics.median(values[-third:]) - statistics.median(values[:third])
+
+
 def test_memory_and_descriptors_stay_as_they_are(page, camera):
     """HALVEK_PAGE_MINUTES=60 makes it an hour: browsers come and go, and the camera is never at rest."""
     camera.configure_relay(LOCAL, 0, on=20, off=20, count=1_000_000)
@@ -60,12 +90,14 @@ def test_memory_and_descriptors_stay_as_they_are(page, camera):
             for visitor in visitors:
                 visitor.close()
 
-    be_used(15)
-    memory, descriptors = resident_kib(page.process.pid), page.descriptors()
-    be_used(MINUTES * 60)
-    wait_until(lambda: page.descriptors() <= descriptors, "the visitors are gone", patience=45)
-    print(f"{memory} kB before, {resident_kib(page.process.pid)} kB after {MINUTES} minutes")
-    assert resident_kib(page.process.pid) < memory + 512
+    def look() -> dict[str, int]:
+        return {"server": resident_kib(page.process.pid), "descriptors": page.descriptors()}
+
+    fill_memory(page, be_used)
+    series = watch(be_used, look)
+    before, after = series[0], series[-1]
+    assert after["server"] < before["server"] + 512 and growth(series, "server") < FLAT
+    wait_until(lambda: page.descriptors() <= before["descriptors"], "the visitors are gone", patience=45)
     assert staying.named("state")
 
 
@@ -94,14 +126,11 @@ def test_memory_of_browser_and_server_stay_as_they_are(browser, page, camera, mo
 
     # As long as the lists of the page grow.
     rows = "return ['events', 'actions', 'said'].map((name) => document.getElementById(name).childElementCount)"
-    wait_until(lambda: be_used(5) or browser.run(rows) == [200, 200, 200], "the lists are full", patience=300)
-    be_used(15)
-    first = measure(browser, page)
-    begin = time.monotonic()
-    while (rest := begin + MINUTES * 60 - time.monotonic()) > 0:
-        be_used(min(rest, 300))
-        held = measure(browser, page)
-        print(f"{(time.monotonic() - begin) / 60:.0f} min: {first} before, {held} now", flush=True)
+    wait_until(lambda: be_used(5) or browser.run(rows) == [200, 200, 200], "the lists are full", patience=600)
+    fill_memory(page, be_used)
+    series = watch(be_used, lambda: measure(browser, page))
+    first, held = series[0], series[-1]
     assert held["server"] < first["server"] + 512 and held["descriptors"] < first["descriptors"] + 5
     assert held["heap"] < first["heap"] + 512
+    assert growth(series, "server") < FLAT and growth(series, "heap") < FLAT
     assert held["nodes"] < first["nodes"] + 500 and held["listeners"] <= first["listeners"] + 5
