@@ -1,7 +1,6 @@
 """Runs the demo in a /run of its own: python3 -m demo DAEMON CAMERA SETTINGS"""
 
 import contextlib
-import signal
 import subprocess
 import sys
 import time
@@ -9,10 +8,9 @@ from pathlib import Path
 
 from demo.pictures import Destinations
 from demo.play import INPUT_PIPE, Play
-from demo.show import PATIENCE, end_at, say
-from testing.bus import PrivateBus
+from demo.show import perform, say
+from demo.stage import Stage
 from testing.bus_client import BusError
-from testing.camera import VirtualCamera
 from testing.daemon import DaemonProcess
 from testing.waiting import NotSeen
 
@@ -28,40 +26,27 @@ SUMMARY = f"""
    tells how."""
 
 
-def perform(program: str, camera_program: str, settings: str, cleanup: contextlib.ExitStack) -> None:
-    folder = Path("/run/halvek-demo")
-    folder.mkdir()
-    bus = cleanup.enter_context(contextlib.closing(PrivateBus(folder)))
-    # It stands on the bus when the daemon starts, which asks it at once which banks it has.
-    snapshot = folder / "snapshot.jpg"
-    words = ("--snapshot", str(snapshot))
-    camera = VirtualCamera(bus, folder / "camera", *words, program=camera_program, snapshot=snapshot, ready=False)
-    cleanup.enter_context(camera).wait_until_ready(PATIENCE)
-    destinations = cleanup.enter_context(contextlib.closing(Destinations(folder)))
-    environment = bus.environment | destinations.environment | {"KELTO_LOG": "Information"}
+def play_all(program: str, stage: Stage, settings: str, cleanup: contextlib.ExitStack) -> None:
+    destinations = cleanup.enter_context(contextlib.closing(Destinations(stage.folder)))
+    environment = stage.bus.environment | destinations.environment | {"KELTO_LOG": "Information"}
     daemon = cleanup.enter_context(
-        contextlib.closing(DaemonProcess(program, Path(settings), folder, environment=environment))
+        contextlib.closing(DaemonProcess(program, Path(settings), stage.folder, environment=environment))
     )
-    play = cleanup.enter_context(contextlib.closing(Play(bus, camera, daemon, destinations)))
+    play = cleanup.enter_context(contextlib.closing(Play(stage.bus, stage.camera, daemon, destinations)))
     try:
         play.run()
     except (NotSeen, BusError, OSError, subprocess.SubprocessError) as error:
-        ends = ["The daemon's log ends:", *daemon.log.items[-10:], *camera.complaints.items]
+        ends = ["The daemon's log ends:", *daemon.log.items[-10:], *stage.camera.complaints.items]
         raise NotSeen("\n  ".join([str(error), *ends])) from error
 
 
 def main(program: str, camera_program: str, settings: str) -> int:
-    end_at(signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
     begin = time.monotonic()
-    try:
-        with contextlib.ExitStack() as cleanup:
-            perform(program, camera_program, settings, cleanup)
-    except NotSeen as error:
-        print(f"\ndemo: what should have happened did not: {error}", file=sys.stderr)
-        return 1
-    say(SUMMARY)
-    say(f"\nAll of this really happened, in {time.monotonic() - begin:.0f} s, and nothing of it is left behind.")
-    return 0
+    status = perform(lambda cleanup: play_all(program, Stage(camera_program, cleanup), settings, cleanup))
+    if status == 0:
+        say(SUMMARY)
+        say(f"\nAll of this really happened, in {time.monotonic() - begin:.0f} s, and nothing of it is left behind.")
+    return status
 
 
 if __name__ == "__main__":

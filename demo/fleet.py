@@ -14,11 +14,11 @@ import tempfile
 import time
 from pathlib import Path
 
-from demo.show import end_at, heading, say
+from demo.show import heading, perform, say
 from testing.broker import OPEN, PORT, Broker, Subscriber
 from testing.bus import PrivateBus
 from testing.tree import ROOT
-from testing.waiting import NotSeen, wait_until
+from testing.waiting import wait_until
 
 PATIENCE = 120.0  # seconds; dozens of processes start at once
 ALARMS = 12
@@ -98,25 +98,24 @@ def play(cameras: list[Camera], broker: Broker, watcher: Subscriber) -> None:
     say(f"   {time.monotonic() - begin:.0f} s later all are back, and have said how they are.")
 
 
+def play_all(programs: tuple[str, str, str], count: int, cleanup: contextlib.ExitStack) -> None:
+    folder = Path(cleanup.enter_context(tempfile.TemporaryDirectory()))
+    broker = cleanup.enter_context(contextlib.closing(Broker(folder, OPEN)))
+    watcher = cleanup.enter_context(contextlib.closing(Subscriber("halvek/#")))
+    broker.log.wait_for("Sending SUBACK")
+    heading("A fleet comes to life on one broker")
+    cameras = []
+    for number in range(1, count + 1):
+        cameras.append(Camera(f"cam{number:02}", *programs, folder))
+        cleanup.enter_context(contextlib.closing(cameras[-1]))
+    play(cameras, broker, watcher)
+
+
 def main(daemon: str, camera: str, bridge: str, count: str = "20") -> int:
-    end_at(signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
-    try:
-        with contextlib.ExitStack() as cleanup:
-            folder = Path(cleanup.enter_context(tempfile.TemporaryDirectory()))
-            broker = cleanup.enter_context(contextlib.closing(Broker(folder, OPEN)))
-            watcher = cleanup.enter_context(contextlib.closing(Subscriber("halvek/#")))
-            broker.log.wait_for("Sending SUBACK")
-            heading("A fleet comes to life on one broker")
-            cameras = []
-            for number in range(1, int(count) + 1):
-                cameras.append(Camera(f"cam{number:02}", daemon, camera, bridge, folder))
-                cleanup.enter_context(contextlib.closing(cameras[-1]))
-            play(cameras, broker, watcher)
-    except NotSeen as error:
-        print(f"\ndemo: what should have happened did not: {error}", file=sys.stderr)
-        return 1
-    say("\nAll of this really happened, and nothing of it is left behind. docs/fleet.md tells how fleets are run.")
-    return 0
+    status = perform(lambda cleanup: play_all((daemon, camera, bridge), int(count), cleanup))
+    if status == 0:
+        say("\nAll of this really happened, and nothing of it is left behind. docs/fleet.md tells how fleets are run.")
+    return status
 
 
 if __name__ == "__main__":

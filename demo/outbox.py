@@ -3,19 +3,16 @@
 import contextlib
 import os
 import re
-import signal
 import subprocess
 import sys
 from pathlib import Path
 
 from demo.pictures import PictureWatch
-from demo.show import PATIENCE, end_at, heading, require, say
-from testing.bus import PrivateBus
-from testing.bus_client import BusError
-from testing.camera import VirtualCamera
+from demo.show import PATIENCE, heading, perform, require, say
+from demo.stage import Stage
 from testing.daemon import DaemonProcess
 from testing.ftp_server import HOST, FtpServer
-from testing.waiting import NotSeen, wait_until
+from testing.waiting import wait_until
 
 SPOOL = Path("/var/spool/halvek-outbox")
 RUN = Path("/run/halvek-outbox")
@@ -49,26 +46,20 @@ DestName={NAME}
 
 
 class Scene:
-    def __init__(self, programs: tuple[str, str, str, str], folder: Path, cleanup: contextlib.ExitStack) -> None:
+    def __init__(self, programs: tuple[str, str, str, str], cleanup: contextlib.ExitStack) -> None:
         daemon_program, camera_program, self.outbox_program, front_end = programs
+        stage = Stage(camera_program, cleanup)
+        self.camera, self.snapshot, folder = stage.camera, stage.snapshot, stage.folder
         self.programs = folder / "bin"
         self.programs.mkdir()
         (self.programs / "ftpput").symlink_to(front_end)
         self.server_folder = folder / "server"
         self.server_folder.mkdir()
-        self.snapshot = folder / "snapshot.jpg"
         self.log = cleanup.enter_context((folder / "outbox.log").open("wb"))
         self.start_outbox(cleanup)
-        bus = cleanup.enter_context(contextlib.closing(PrivateBus(folder)))
-        words = ("--snapshot", str(self.snapshot))
-        camera = VirtualCamera(
-            bus, folder / "camera", *words, program=camera_program, snapshot=self.snapshot, ready=False
-        )
-        self.camera = cleanup.enter_context(camera)
-        self.camera.wait_until_ready(PATIENCE)
         settings = folder / "settings.ini"
         settings.write_text(SETTINGS)
-        environment = bus.environment | {"PATH": f"{self.programs}:{os.environ['PATH']}"}
+        environment = stage.bus.environment | {"PATH": f"{self.programs}:{os.environ['PATH']}"}
         daemon = DaemonProcess(daemon_program, settings, folder, environment=environment)
         self.daemon = cleanup.enter_context(contextlib.closing(daemon))
         self.daemon.wait_until_ready(PATIENCE)
@@ -123,17 +114,10 @@ class Scene:
 
 
 def main(*programs: str) -> int:
-    end_at(signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
-    folder = Path("/run/halvek-demo")
-    folder.mkdir()
-    try:
-        with contextlib.ExitStack() as cleanup:
-            Scene(programs, folder, cleanup).run()
-    except (NotSeen, BusError, subprocess.TimeoutExpired) as error:
-        print(f"\ndemo: what should have happened did not: {error}", file=sys.stderr)
-        return 1
-    say("\nAll of this really happened, and nothing of it is left behind.")
-    return 0
+    status = perform(lambda cleanup: Scene(programs, cleanup).run())
+    if status == 0:
+        say("\nAll of this really happened, and nothing of it is left behind.")
+    return status
 
 
 if __name__ == "__main__":

@@ -1,8 +1,12 @@
 """How the demo speaks, how it insists, and how it is interrupted."""
 
+import contextlib
 import signal
+import subprocess
 import sys
+from collections.abc import Callable
 
+from testing.bus_client import BusError
 from testing.waiting import NotSeen
 
 PATIENCE = 10.0  # seconds
@@ -34,6 +38,18 @@ def say(text: str = "") -> None:
 
 def heading(text: str) -> None:
     say(f"\n== {text}")
+
+
+def perform(play: Callable[[contextlib.ExitStack], None]) -> int:
+    """Plays to the end, or until it is interrupted, and cleans up; says what failed. Returns the exit status."""
+    end_at(signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
+    try:
+        with contextlib.ExitStack() as cleanup:
+            play(cleanup)
+    except (NotSeen, BusError, subprocess.SubprocessError) as error:
+        print(f"\ndemo: what should have happened did not: {error}", file=sys.stderr)
+        return 1
+    return 0
 
 
 def require(condition: bool, what_is_wrong: str) -> None:
