@@ -51,7 +51,23 @@ def test_a_browser_that_reads_a_byte_a_second_is_cut_off(page, camera):
 def fill_memory(page, use) -> None:
     """Uses the page until the events that its server keeps have all been followed by as many others, twice."""
     first = int(page.state()["id"])
-    wait_until(lambda: use(1) or int(page.state()["id"]) > first + 3 * KEPT, "the server's memory is full", patience=600)
+    wait_until(lambda: use(1) or int(page.state()["id"]) > first + 3 * KEPT, "the memory is full", patience=600)
+
+
+def fill_memory_with_states(page, camera) -> None:
+    """States are the longest of what its server keeps, and there is one to each line of the camera at most."""
+    first = int(page.state()["id"])
+    stream = page.stream()
+
+    def is_full() -> bool:
+        after = len(stream.items)
+        camera.set_alarm(LOCAL, 3, not after % 2)
+        camera.set_alarm(LOCAL, 4, bool(after % 2))
+        stream.wait_for_sent("state", after=after)
+        return int(page.state()["id"]) > first + KEPT
+
+    wait_until(is_full, "the memory is full of states", patience=600)
+    stream.close()
 
 
 def watch(use, look) -> list[dict[str, int]]:
@@ -94,6 +110,7 @@ def test_memory_and_descriptors_stay_as_they_are(page, camera):
         return {"server": resident_kib(page.process.pid), "descriptors": page.descriptors()}
 
     fill_memory(page, be_used)
+    fill_memory_with_states(page, camera)
     series = watch(be_used, look)
     before, after = series[0], series[-1]
     assert after["server"] < before["server"] + 512 and growth(series, "server") < FLAT

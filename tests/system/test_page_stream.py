@@ -238,13 +238,15 @@ def test_of_many_actions_the_last_are_told_and_the_others_counted(page, camera):
     page.state()
     for _ in range(500):
         camera.call("MotionState", "GetIdleState")
-    state = page.state()
-    assert len(state["actions"]) == 100
-    camera.call("MotionState", "GetIdleState")
+    # Nobody looks until now.
     stream = page.stream()
+    first = stream.wait_for_sent("action").data
+    assert (first["method"], first["leftOut"]) == ("MotionState.GetIdleState", 300)
     camera.call("RecordingInformation", "GetSummary", "s", "last")
     stream.wait_for_sent("action", arguments="last")
-    assert not any("leftOut" in sent.data for sent in stream.named("action"))
+    assert len(stream.named("action")) == 201
+    assert [sent for sent in stream.named("action")[1:] if "leftOut" in sent.data] == []
+    assert len(page.state()["actions"]) == 100
 
 
 def test_the_pipe_of_events_is_read_made_large_and_removed(page):
