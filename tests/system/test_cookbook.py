@@ -345,7 +345,9 @@ def test_a_listener_whose_output_nobody_reads_and_that_control_z_is_typed_at_cos
         post(block("Flood", number=number, padding="x" * 1000))
         if number % 250 == 0:  # what it has not been given time for is not its fault
             daemon.log.wait_for("Received event: Flood$", count=number)
-            wait_until(lambda: bytes_ready_at(PIPE_FOLDER / "zz-json-lines.halvek.any") == 0, "it reads all of its pipe")
+            wait_until(
+                lambda: bytes_ready_at(PIPE_FOLDER / "zz-json-lines.halvek.any") == 0, "it reads all of its pipe"
+            )
     post(block("End"))
     daemon.log.wait_for("Received event: End$")
     wait_until(lambda: daemon.descriptors() == before, "no descriptor is lost")
