@@ -1,11 +1,11 @@
 #include "companions/mqtt/Pictures.h"
 
+#include "companions/common/ReadToEnd.h"
 #include "companions/common/UniqueFd.h"
 #include "companions/mqtt/Log.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <stdexcept>
@@ -17,42 +17,27 @@ using companion::UniqueFd;
 
 namespace {
 
-std::system_error Failure(const std::string& path) {
-    return {errno, std::generic_category(), path};
+std::system_error Failure(int error, const std::string& path) {
+    return {error, std::generic_category(), path};
 }
 
-/** The whole of an ordinary file, if it is not larger than a picture may be. */
-std::string Contents(const std::string& path) {
+std::string PictureOf(const std::string& path) {
     // A named pipe in its place would hold a plain open() for ever.
     const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat found {};
     if (!file.IsOpen() || fstat(file.Get(), &found) != 0) {
-        throw Failure(path);
+        throw Failure(errno, path);
     }
     if (!S_ISREG(found.st_mode)) {
         throw std::runtime_error(path + " is no ordinary file");
     }
-    // It may grow meanwhile: one byte more than allowed is enough to see that.
-    std::string bytes(Pictures::largest + 1, '\0');
-    size_t length = 0;
-    while (length < bytes.size()) {
-        const ssize_t count = read(file.Get(), &bytes[length], bytes.size() - length);
-        if (count < 0) {
-            throw Failure(path);
-        }
-        if (count == 0) {
-            break;
-        }
-        length += static_cast<size_t>(count);
-    }
-    bytes.resize(length);
-    return bytes;
-}
-
-std::string PictureOf(const std::string& path) {
-    std::string bytes = Contents(path);
-    if (bytes.size() > Pictures::largest) {
+    std::string bytes;
+    const int error = companion::ReadToEnd(file.Get(), bytes, Pictures::largest);
+    if (error == EFBIG) {
         throw std::runtime_error(path + " has more than " + std::to_string(Pictures::largest) + " bytes");
+    }
+    if (error != 0) {
+        throw Failure(error, path);
     }
     if (bytes.empty()) {
         throw std::runtime_error(path + " is empty");
