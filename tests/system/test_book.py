@@ -1,21 +1,17 @@
 """The man pages against the code, both ways: what stands in only one of the two fails, and says where."""
 
-import contextlib
 import json
 import os
 import re
 import subprocess
 from collections.abc import Iterator
-from pathlib import Path
 from typing import NamedTuple
 
 import pytest
-from testing.collector import Lines
-from testing.pipes import DEFAULT_INPUT, post
-from testing.settings import SERVER
-from testing.waiting import wait_until
+from daemon_sources import DAEMON, PLATFORM, Call, Source, literals
+from manual_pages import items, listed, page_lines
+from testing.tree import ROOT
 
-ROOT = Path(__file__).resolve().parents[2]
 PAGES = (
     "halvek.8",
     "halvek-settings.5",
@@ -48,136 +44,6 @@ PROPERTY_SECTIONS = {
 }
 READ_BY_LIBRARIES = {"NOTIFY_SOCKET", "DBUS_SYSTEM_BUS_ADDRESS", "TZ", "PATH"}
 ID_WITHOUT_GROUP = "Applications/halvek/MsgBus"
-
-
-# --- the pages
-
-
-class Line(NamedTuple):
-    place: str
-    section: str
-    subsection: str
-    words: list[str]
-
-
-ESCAPES = {r"\(aq": "'", r"\(dq": '"', r"\-": "-", r"\e": "\\", r"\&": ""}
-
-
-def plain(text: str) -> str:
-    return re.sub(r"\\(?:\(..|.)", lambda escape: ESCAPES[escape[0]], text)
-
-
-def words_of(line: str) -> list[str]:
-    return [plain(quoted or word) for quoted, word in re.findall(r'"((?:[^"]|"")*)"|(\S+)', line)]
-
-
-def page_lines(page: str) -> Iterator[Line]:
-    section = subsection = ""
-    for number, line in enumerate((ROOT / "docs" / page).read_text().splitlines(), 1):
-        words = words_of(line)
-        if words[:1] == [".Sh"]:
-            section, subsection = " ".join(words[1:]), ""
-        elif words[:1] == [".Ss"]:
-            subsection = re.sub(r" ?\bNs ?|\bAr ", "", " ".join(words[1:])).replace(" /", "/")
-        yield Line(f"docs/{page}:{number}", section, subsection, words)
-
-
-def items(page: str, section: str) -> Iterator[Line]:
-    """The heads of the lists in a section, without their ".It"."""
-    for line in page_lines(page):
-        if line.section == section and line.words[:1] == [".It"]:
-            yield line._replace(words=line.words[1:])
-
-
-def listed(page: str, section: str, macro: str) -> dict[str, str]:
-    """The names that the heads of a section's lists have in a macro, with their places."""
-    found = {}
-    for line in items(page, section):
-        if line.words[0] == macro:
-            found |= {word: line.place for word in line.words[1:] if word != ","}
-    return found
-
-
-# --- the code
-
-
-class Call(NamedTuple):
-    place: str
-    arguments: list[str]
-    name: str
-
-
-TOKEN = r'"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])+\'|//[^\n]*|/\*.*?\*/'
-
-
-def blank_comment(token: re.Match) -> str:
-    return re.sub(r"[^\n]", " ", token[0]) if token[0].startswith("/") else token[0]
-
-
-def split_arguments(text: str, begin: int) -> list[str]:
-    """The arguments of a call, from behind its opening parenthesis on."""
-    arguments, depth, start = [], 0, begin
-    for token in re.compile(rf"{TOKEN}|[()\[\]{{}},]", re.DOTALL).finditer(text, begin):
-        if depth == 0 and token[0] in (",", ")"):
-            arguments.append(" ".join(text[start : token.start()].split()))
-            start = token.end()
-        if token[0] == ")" and depth == 0:
-            return arguments
-        depth += (token[0] in "([{") - (token[0] in ")]}") if len(token[0]) == 1 else 0
-    raise AssertionError(f"no end of the call: {text[begin:begin + 80]}")
-
-
-class Source:
-    """A file of the daemon or of its platform, without its comments."""
-
-    def __init__(self, path: Path) -> None:
-        self.name = str(path.relative_to(ROOT))
-        self.text = re.sub(TOKEN, blank_comment, path.read_text(), flags=re.DOTALL)
-        own_header = path.with_suffix(".h")
-        shared = own_header.read_text() if own_header.exists() else ""
-        definition = r"constexpr (?:const )?[\w:]+(?:\*)? (\w+)\s*(?:=|\()\s*(\"(?:\\.|[^\"\\])*\"|-?\d+)\)?;"
-        self.constants = dict(re.findall(definition, shared + self.text))
-
-    def place(self, position: int) -> str:
-        return f"{self.name}:{self.text.count(chr(10), 0, position) + 1}"
-
-    def value(self, expression: str) -> str | None:
-        """What an expression of literals and constants says; what varies in a sum with them is %s."""
-        expression = re.sub(r"\.c_str\(\)", "", expression).strip()
-        expression = self.constants.get(expression, expression)
-        pieces = re.findall(r'(?:"(?:\\.|[^"\\])*"\s*)+|[\w:.]+', expression)
-        if re.sub(r'"(?:\\.|[^"\\])*"|[\w:.]+|[\s+()]', "", expression) or '"' not in expression:
-            return None
-        return "".join(self._piece(piece) for piece in pieces)
-
-    def _piece(self, piece: str) -> str:
-        literals = re.findall(r'"((?:\\.|[^"\\])*)"', self.constants.get(piece, piece))
-        return "".join(literals).encode().decode("unicode_escape") if literals else "%s"
-
-    def calls(self, pattern: str) -> Iterator[Call]:
-        """Calls only: what declares the function has types for its arguments."""
-        for found in re.finditer(rf"({pattern})\(", self.text):
-            arguments = split_arguments(self.text, found.end())
-            if not re.match(r"const |int ", arguments[0]):
-                yield Call(self.place(found.start()), arguments, found[1])
-
-
-def sources(*folders: str) -> list[Source]:
-    paths = [path for folder in folders for path in sorted((ROOT / folder).rglob("*")) if path.suffix in (".h", ".cpp")]
-    return [Source(path) for path in paths]
-
-
-DAEMON = sources("app", "monitor", "env", "event", "source", "handler")
-PLATFORM = sources("platform")
-
-
-def literals(pattern: str, files: list[Source]) -> dict[str, str]:
-    """What the pattern's group finds, with the place where it was found first."""
-    found: dict[str, str] = {}
-    for file in files:
-        for match in re.finditer(pattern, file.text):
-            found.setdefault(match[1], file.place(match.start()))
-    return found
 
 
 # --- comparing
@@ -457,117 +323,3 @@ def test_the_package_has_the_pages_that_the_readme_lists_but_for_those_of_the_so
     packaged = set((ROOT / "debian/halvek.docs").read_text().split())
     assert listed - packaged == {"CONTRIBUTING.md", "LICENSE"}
     assert packaged - listed == {"README.md"}
-
-
-def displays(page: str, section: str) -> list[str]:
-    """The literal displays of a section, as a reader would copy them."""
-    text = (ROOT / "docs" / page).read_text().partition(f"\n.Sh {section}\n")[2].partition("\n.Sh ")[0]
-    return [plain(block) for block in re.findall(r"^\.Bd -literal.*\n((?:.*\n)*?)\.Ed$", text, re.M)]
-
-
-def typed(display: str) -> list[str]:
-    """The commands of a display, with the lines that belong to them."""
-    return [command.rstrip("\n") for command in re.split(r"^\$ ", display, flags=re.M)[1:]]
-
-
-@pytest.fixture
-def shell(tmp_path):
-    """Runs commands; sudo is nobody else here, and the settings are this test's own."""
-    (tmp_path / "sudo").write_text('#!/bin/sh\nexec "$@"\n')
-    (tmp_path / "sudo").chmod(0o755)
-    running: list[subprocess.Popen] = []
-
-    def start(command: str, program: str = "bash") -> subprocess.Popen:
-        text = f'PATH="{tmp_path}:$PATH"\n' + command.replace("/etc/kelto/settings", str(tmp_path / "settings"))
-        running.append(subprocess.Popen([program, "-ec", text], stdout=subprocess.PIPE, text=True))
-        return running[-1]
-
-    yield start
-    for process in running:
-        process.kill()
-        process.wait()
-        process.stdout.close()
-
-
-@pytest.fixture
-def follow(shell):
-    """Collects what commands that go on have to say."""
-    outputs: list[Lines] = []
-
-    def start(process: subprocess.Popen) -> Lines:
-        outputs.append(Lines(os.dup(process.stdout.fileno()), "shell"))
-        return outputs[-1]
-
-    yield start
-    for output in outputs:
-        output.close()
-
-
-def finish(process: subprocess.Popen) -> str:
-    output, _ = process.communicate(timeout=20)
-    assert process.returncode == 0, process.args
-    return output
-
-
-def wait_until_open(process: subprocess.Popen, pipe: Path) -> None:
-    """What is written to a pipe before anybody has it open is lost."""
-
-    def is_open() -> bool:
-        links = Path(f"/proc/{process.pid}/fd").iterdir()
-        with contextlib.suppress(FileNotFoundError):  # it has closed one meanwhile
-            return str(pipe.resolve()) in [os.readlink(link) for link in links]
-        return False
-
-    wait_until(is_open, f"{pipe} is open in the shell")
-
-
-def test_the_first_steps_lead_where_the_page_says(shell, follow, launch, tmp_path):
-    write, _, read, posting, shown, group, post_again, clean_up = displays("halvek.8", "FIRST STEPS")
-    for command in typed(write):
-        finish(shell(command))
-    daemon = launch(None, store=tmp_path / "settings")
-    assert daemon.log.matching("Unknown EventSource: Doorbell")
-    *prepare, cat = typed(read)
-    for command in prepare:
-        finish(shell(command))
-    reader = shell(f"exec {cat}")
-    lines = follow(reader)
-    wait_until_open(reader, Path("/var/run/halvek/first.halvek.any"))
-    daemon.log.wait_for("EventServerSource started")
-    for command in typed(posting):
-        finish(shell(command))
-    end = lines.wait_for(r"^\.$")
-    stamps = r"(?<=Time=)[-\dT:+]+|(?<=stamp=)[\d:]+"
-    assert [re.sub(stamps, "", line) for line in lines.items[:end]] == re.sub(stamps, "", shown).splitlines()
-    assert finish(shell(typed(group)[0])).startswith("p")
-    for command in typed(post_again):
-        finish(shell(command))
-    lines.wait_for("^button=back$", after=end)
-    finish(shell(typed(clean_up)[0]))
-    assert list((tmp_path / "settings").iterdir()) == []
-
-
-@pytest.mark.parametrize("program", ["bash", "sh"])
-def test_what_the_pages_say_posts_an_event_with_one_write(tmp_path, launch, program):
-    launch(SERVER)
-    posts = [displays("halvek-events.5", "POSTING")[1], typed(displays("halvek.8", "FIRST STEPS")[6])[0]]
-    for post_it in posts:
-        watch = ["strace", "-f", "-e", "trace=write", "-P", str(DEFAULT_INPUT), "-o", str(tmp_path / "writes")]
-        subprocess.run([*watch, program, "-ec", post_it], check=True, timeout=20)
-        assert len(re.findall(r"\bwrite\(", (tmp_path / "writes").read_text())) == 1
-
-
-def test_scripts_post_and_read_as_the_page_says(shell, follow, launch):
-    daemon = launch(SERVER)
-    *_, posting, cleaning, reading = displays("halvek-events.5", "POSTING") + displays("halvek-events.5", "READING")
-    reader = shell(reading, "sh")
-    lines = follow(reader)
-    wait_until_open(reader, Path("/var/run/halvek/door.Doorbell"))
-    for program in ("bash", "sh"):
-        finish(shell(posting, program))
-    assert lines.wait_for("^somebody rang at the front door$", count=2) == 2
-    assert daemon.log.matching(r"Received event: ") == daemon.log.matching(r"Received event: Doorbell$")
-    cleaned = finish(shell(f"name=$(printf 'a\\n.\\n[Fire]')\n{cleaning}\nprintf %s \"$name\""))
-    assert cleaned == "a.[Fire]"
-    post("[Done]\n.\n", DEFAULT_INPUT)
-    daemon.log.wait_for("Received event: Done")
