@@ -10,13 +10,13 @@ from pathlib import Path
 
 import pytest
 from ctl import PROGRAM, ctl, environment
+from flooding import HURRIED, MANY, Descriptors, flood
+from memory_disk import memory_disk
 from testing.pipes import DEFAULT_INPUT, PIPE_FOLDER, block, bytes_ready_at, post
 from testing.settings import SERVER, timer
 from testing.waiting import wait_until
 
 pytestmark = pytest.mark.not_under("sanitizer", "emulator", reason="it is about speed")
-
-MANY = 20_000
 
 
 @pytest.fixture
@@ -39,17 +39,6 @@ def record() -> Iterator[Callable[..., subprocess.Popen]]:
 
 def lines(path: Path) -> list[dict]:
     return [json.loads(line) for line in path.read_text().splitlines()]
-
-
-def flood(count: int) -> None:
-    descriptor = os.open(DEFAULT_INPUT, os.O_WRONLY)
-    try:
-        for number in range(0, count, 20):
-            text = "".join(block("Flood", number=number + step) for step in range(20))
-            assert os.write(descriptor, text.encode()) == len(text)
-    finally:
-        os.close(descriptor)
-    wait_until(lambda: bytes_ready_at(DEFAULT_INPUT) == 0, "all is read")
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM], ids=lambda number: number.name)
@@ -83,12 +72,11 @@ def test_an_event_of_the_daemons_own_is_no_posted_one(launch, record, tmp_path):
 
 
 def test_it_never_grows_beyond_its_limit_and_keeps_the_newest(launch, record, tmp_path):
-    daemon = launch(SERVER, level="Information")
-    before = daemon.descriptors()
+    descriptors = Descriptors(launch(SERVER, **HURRIED))
     path = tmp_path / "inputs"
     process = record(path, "--limit", "256K")
-    flood(MANY)
-    assert daemon.descriptors() == before and not daemon.log.matching("FIFO Write failed")
+    flood()
+    descriptors.assert_none_lost()
     process.send_signal(signal.SIGINT)
     process.wait(60)
     older = path.with_name("inputs.1")
@@ -101,12 +89,11 @@ def test_it_never_grows_beyond_its_limit_and_keeps_the_newest(launch, record, tm
 
 @pytest.mark.parametrize("number", [signal.SIGSTOP, signal.SIGTSTP], ids=lambda number: number.name)
 def test_one_that_is_stopped_costs_the_daemon_nothing_and_tells_of_the_gap(launch, record, tmp_path, number):
-    daemon = launch(SERVER, level="Information")
-    before = daemon.descriptors()
-    process = record(tmp_path / "inputs", "--limit", "20M")
+    descriptors = Descriptors(launch(SERVER, **HURRIED))
+    process = record(tmp_path / "inputs", "--limit", "1000M")
     process.send_signal(number)
-    flood(MANY)
-    assert daemon.descriptors() == before and not daemon.log.matching("FIFO Write failed")
+    flood()
+    descriptors.assert_none_lost()
     process.send_signal(signal.SIGCONT)
     process.send_signal(signal.SIGINT)
     process.wait(60)
@@ -115,30 +102,27 @@ def test_one_that_is_stopped_costs_the_daemon_nothing_and_tells_of_the_gap(launc
     assert missing > 0 and sum(line["kind"] == "posted" for line in found) + missing == MANY
 
 
-def test_a_full_disk_is_3_and_costs_the_daemon_nothing(launch, tmp_path):
-    daemon = launch(SERVER, level="Information")
-    before = daemon.descriptors()
+def test_a_full_disk_is_3_and_costs_the_daemon_nothing(launch, record, tmp_path):
+    descriptors = Descriptors(launch(SERVER, **HURRIED))
+    disk = tmp_path / "disk"
+    disk.mkdir()
+    with memory_disk(disk, "size=64k"):
+        process = record(disk / "inputs")
+        flood()
+        assert process.wait(20) == 3 and b"cannot write" in process.stderr.read()
+        assert list(PIPE_FOLDER.iterdir()) == []
+    descriptors.assert_none_lost()
 
-    def leave_little_room() -> None:
-        import resource
 
-        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
-        resource.setrlimit(resource.RLIMIT_FSIZE, (8192, 8192))
-
-    process = subprocess.Popen(
-        [PROGRAM, "record", tmp_path / "inputs"],
-        env=environment(),
-        stderr=subprocess.PIPE,
-        preexec_fn=leave_little_room,
-        restore_signals=False,
-    )
-    assert b"reading" in process.stderr.readline()
-    flood(5000)
-    assert process.wait(20) == 3 and b"cannot write" in process.stderr.read()
-    process.stderr.close()
-    assert list(PIPE_FOLDER.iterdir()) == []
-    flood(1000)
-    assert daemon.descriptors() == before
+def test_left_alone_it_misses_nothing(launch, record, tmp_path):
+    descriptors = Descriptors(launch(SERVER, **HURRIED))
+    process = record(tmp_path / "inputs", "--limit", "2000M")
+    flood()
+    descriptors.assert_none_lost()
+    process.send_signal(signal.SIGINT)
+    assert process.wait(60) == -signal.SIGINT
+    text = (tmp_path / "inputs").read_text()
+    assert text.count('"kind":"posted"') == MANY and '"kind":"gap"' not in text
 
 
 def test_killed_it_leaves_no_pipe(record, tmp_path):

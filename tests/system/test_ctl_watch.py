@@ -5,26 +5,27 @@ import json
 import os
 import pty
 import re
-import resource
 import signal
 import stat
 import subprocess
 import sys
+import threading
 from collections.abc import Callable, Iterator
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
 from ctl import PROGRAM, ctl, environment
+from flooding import HURRIED, MANY, Descriptors, flood
+from memory_disk import memory_disk
 from testing.collector import Lines
-from testing.pipes import DEFAULT_INPUT, PIPE_FOLDER, block, bytes_ready_at, post
+from testing.pipes import PIPE_FOLDER, block, post
 from testing.settings import SERVER
 from testing.users import FIRST_UID
 from testing.waiting import wait_until
 
 pytestmark = pytest.mark.not_under("sanitizer", "emulator", reason="it is about speed, and about processes by name")
 
-# Beyond the pipe's 1 MiB, the backlog's and all that stands between them.
-MANY = 30_000
 HOSTILE = "a\x1b]0;x\x07\x9b2J\x7f"
 
 
@@ -77,18 +78,6 @@ def watch() -> Iterator[Callable[..., Watcher]]:
 
 def pipes() -> list[str]:
     return sorted(path.name for path in PIPE_FOLDER.iterdir())
-
-
-def flood(count: int) -> None:
-    """Posts events as fast as the daemon takes them, and returns when it has taken all."""
-    descriptor = os.open(DEFAULT_INPUT, os.O_WRONLY)
-    try:
-        for number in range(0, count, 20):
-            text = "".join(block("Flood", number=number + step, text="x" * 40) for step in range(20))
-            assert os.write(descriptor, text.encode()) == len(text)
-    finally:
-        os.close(descriptor)
-    wait_until(lambda: bytes_ready_at(DEFAULT_INPUT) == 0, "all is read")
 
 
 def shown_and_dropped(lines: list[str]) -> tuple[int, int]:
@@ -165,21 +154,15 @@ def test_raw_blocks_are_those_of_the_daemon(launch, watch, output_pipe):
 # --- what becomes of the watcher
 
 
-def assert_nothing_lost(daemon, before: int) -> None:
-    assert len(daemon.log.matching("FIFO Write failed")) == 0
-    assert daemon.descriptors() == before
-
-
 @pytest.mark.parametrize("number", [signal.SIGSTOP, signal.SIGTSTP], ids=lambda number: number.name)
 def test_one_that_is_stopped_costs_no_descriptor_and_says_later_what_it_dropped(launch, watch, tmp_path, number):
-    daemon = launch(SERVER, level="Information")
-    before = daemon.descriptors()
+    descriptors = Descriptors(launch(SERVER, **HURRIED))
     output = tmp_path / "out"
     with output.open("wb") as file:
         watcher = watch("--format", "json", "watch", stdout=file)
     watcher.process.send_signal(number)
-    flood(MANY)
-    assert_nothing_lost(daemon, before)
+    flood()
+    descriptors.assert_none_lost()
     watcher.process.send_signal(signal.SIGCONT)
     post(block("Last"))
     wait_until(lambda: b'"Last"' in output.read_bytes(), "the last event")
@@ -188,14 +171,28 @@ def test_one_that_is_stopped_costs_no_descriptor_and_says_later_what_it_dropped(
     assert shown + dropped == MANY + 1 and dropped > 0
 
 
-def test_one_behind_a_reader_that_takes_a_byte_at_a_time_costs_no_descriptor(launch, watch):
-    daemon = launch(SERVER, level="Information")
-    before = daemon.descriptors()
+@contextlib.contextmanager
+def a_byte_a_second(descriptor: int) -> Iterator[None]:
+    """Takes no more than that from a pipe."""
+    enough = threading.Event()
+
+    def sip() -> None:
+        while not enough.wait(1):
+            os.read(descriptor, 1)
+
+    reader = threading.Thread(target=sip)
+    reader.start()
+    yield
+    enough.set()
+    reader.join()
+
+
+def test_one_behind_a_reader_that_takes_a_byte_a_second_costs_no_descriptor(launch, watch):
+    descriptors = Descriptors(launch(SERVER, **HURRIED))
     watcher = watch("--format", "json", "watch")
-    for _ in range(3):
-        flood(MANY // 3)
-        os.read(watcher.process.stdout.fileno(), 1)
-    assert_nothing_lost(daemon, before)
+    with a_byte_a_second(watcher.process.stdout.fileno()):
+        flood()
+    descriptors.assert_none_lost()
 
 
 @contextlib.contextmanager
@@ -217,8 +214,7 @@ def at_a_terminal(*command: str) -> Iterator[tuple[int, Lines]]:
 
 @pytest.mark.parametrize("words", [["watch"], ["record", "inputs"]], ids=lambda words: words[0])
 def test_ctrl_z_at_a_terminal_stops_what_is_shown_and_not_the_reading(launch, words, tmp_path, monkeypatch):
-    daemon = launch(SERVER, level="Information")
-    before = daemon.descriptors()
+    descriptors = Descriptors(launch(SERVER, **HURRIED))
     monkeypatch.chdir(tmp_path)
     # A job of its own, as an interactive shell makes them: the terminal stops nobody whose session it leads.
     command = ["halvekctl", *words]
@@ -231,43 +227,50 @@ def test_ctrl_z_at_a_terminal_stops_what_is_shown_and_not_the_reading(launch, wo
         screen.wait_for("in front")
         os.write(terminal, b"\x1a")
         screen.wait_for("stopped True")
-        flood(MANY)
-        assert_nothing_lost(daemon, before)
+        flood()
+        descriptors.assert_none_lost()
     wait_until(lambda: pipes() == [], "the hang-up ends it")
 
 
 def test_a_pager_that_waits_for_a_key_costs_no_descriptor(launch):
-    daemon = launch(SERVER, level="Information")
-    before = daemon.descriptors()
+    descriptors = Descriptors(launch(SERVER, **HURRIED))
     with at_a_terminal("sh", "-c", f"{PROGRAM} watch | more") as (_, screen):
         screen.wait_for("reading ")
         flood(MANY // 2)
         screen.wait_for(" number=0 ")
         flood(MANY // 2)
-        assert_nothing_lost(daemon, before)
+        descriptors.assert_none_lost()
     wait_until(lambda: pipes() == [], "the hang-up ends it")
 
 
 def test_a_fast_reader_sees_every_event_in_order(launch, watch, tmp_path):
-    daemon = launch(SERVER, level="Warning")
-    before = len(os.listdir(f"/proc/{daemon.pid}/fd"))
+    descriptors = Descriptors(launch(SERVER, level="Warning"))
     output = tmp_path / "out"
     with output.open("wb") as file:
         watcher = watch("--format", "json", "watch", "--count", str(MANY), stdout=file)
-    flood(MANY)
+    flood()
     assert watcher.process.wait(60) == 0
     assert shown_and_dropped(output.read_text().splitlines())[0] == MANY
-    assert len(os.listdir(f"/proc/{daemon.pid}/fd")) <= before  # the look for a bus takes one now and then
+    descriptors.assert_none_lost()
 
 
-def test_killed_it_leaves_no_pipe(launch, watch):
-    daemon = launch(SERVER, level="Information")
-    before = daemon.descriptors()
-    watcher = watch("watch")
-    watcher.process.kill()
-    wait_until(lambda: pipes() == [], "the pipe is gone")
-    flood(1000)
-    assert_nothing_lost(daemon, before)
+@pytest.mark.parametrize("victim", ["itself", "its relay"])
+@pytest.mark.parametrize("words", [["watch"], ["record", "out"]], ids=lambda words: words[0])
+def test_killed_among_events_it_leaves_no_pipe_and_costs_no_descriptor(
+    launch, watch, tmp_path, monkeypatch, words, victim
+):
+    descriptors = Descriptors(launch(SERVER, **HURRIED))
+    monkeypatch.chdir(tmp_path)
+    with open("out", "wb") as file:
+        watcher = watch(*words, stdout=file)
+    with ThreadPoolExecutor() as poster:
+        flooding = poster.submit(flood)
+        wait_until(lambda: (tmp_path / "out").stat().st_size > 0, "the first events")
+        os.kill(watcher.process.pid if victim == "itself" else watcher.relay(), signal.SIGKILL)
+        wait_until(lambda: pipes() == [], "the pipe is gone")
+        flooding.result()
+    assert watcher.process.wait(20) == (-signal.SIGKILL if victim == "itself" else 3)
+    descriptors.assert_none_lost()
 
 
 def test_what_a_killed_one_and_its_relay_left_the_next_removes(watch):
@@ -326,21 +329,17 @@ def test_where_the_answer_cannot_be_written_it_is_3_and_there_is_no_pipe():
     assert done.returncode == 3 and b"cannot be written" in done.stderr and pipes() == []
 
 
-def test_when_there_is_no_more_room_for_the_answer_it_ends_with_3_and_the_daemon_loses_nothing(launch, watch, tmp_path):
-    daemon = launch(SERVER, level="Information")
-    before = daemon.descriptors()
-
-    def leave_little_room() -> None:
-        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
-        resource.setrlimit(resource.RLIMIT_FSIZE, (8192, 8192))
-
-    with (tmp_path / "out").open("wb") as file:
-        watcher = watch("watch", stdout=file, preexec_fn=leave_little_room, restore_signals=False)
-    flood(1000)
-    assert watcher.process.wait(20) == 3 and pipes() == []
-    assert b"cannot be written" in watcher.process.stderr.read()
-    flood(1000)
-    assert_nothing_lost(daemon, before)
+def test_on_a_full_disk_it_ends_with_3_and_the_daemon_loses_nothing(launch, watch, tmp_path):
+    descriptors = Descriptors(launch(SERVER, **HURRIED))
+    disk = tmp_path / "disk"
+    disk.mkdir()
+    with memory_disk(disk, "size=64k"):
+        with (disk / "out").open("wb") as file:
+            watcher = watch("watch", stdout=file)
+        flood()
+        assert watcher.process.wait(20) == 3 and pipes() == []
+        assert b"cannot be written: No space left" in watcher.process.stderr.read()
+    descriptors.assert_none_lost()
 
 
 def test_a_reader_who_has_gone_ends_it_by_the_signal(launch, watch):
