@@ -38,7 +38,7 @@ from testing.waiting import wait_until
 (PACKAGE,) = Path("/srv/companions").glob("halvekctl_*.deb")
 NAME = "halvekctl"
 PIPES = Path("/run/halvek")
-RELOADS = int(os.environ.get("HALVEK_BOOT_RELOADS", "6"))
+RELOADS = int(os.environ["HALVEK_BOOT_RELOADS"])
 DROP_IN = "10-halvekctl.conf"
 ARCHIVE, ARCHIVE_SOCKET = "halvek-archive.service", "halvek-archive.socket"
 CLEAN: Settings = SERVER | timer(1, 1)
