@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <poll.h>
 #include <pwd.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -48,6 +49,13 @@ companion::UniqueFd OpenToLook(const std::string& path) {
                          : companion::UniqueFd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
 }
 
+/** Every page of the pipe holds something: to a writer it is full, however many bytes that are. */
+bool HasNoPageLeft(const companion::UniqueFd& pipe) {
+    const bool isWriter = (fcntl(pipe.Get(), F_GETFL) & O_ACCMODE) == O_WRONLY;
+    pollfd writable{pipe.Get(), POLLOUT, 0};
+    return isWriter && poll(&writable, 1, 0) == 0;
+}
+
 void Fill(PipeState& state) {
     const companion::UniqueFd pipe = OpenToLook(state.path);
     struct stat status {};
@@ -57,6 +65,7 @@ void Fill(PipeState& state) {
         return;
     }
     state.bytesWaiting = waiting;
+    state.hasNoPageLeft = HasNoPageLeft(pipe);
     if (const int capacity = fcntl(pipe.Get(), F_GETPIPE_SZ); capacity > 0) {
         state.capacity = capacity;
     }
@@ -96,7 +105,7 @@ void FindReaders(PipeState& state, const struct stat& pipe, int leftOut) {
 }  // namespace
 
 bool PipeState::IsFull() const {
-    return bytesWaiting && capacity && *bytesWaiting + smallestEvent > *capacity;
+    return hasNoPageLeft || (bytesWaiting && capacity && *bytesWaiting + smallestEvent > *capacity);
 }
 
 std::optional<PipeState> PipeState::Of(const std::string& path, int leftOut) {

@@ -22,12 +22,14 @@ struct PipeState {
     /** Nothing if this user may not open the pipe, or if nobody has it open. */
     std::optional<int64_t> bytesWaiting;
     std::optional<int64_t> capacity;
+    /** Large events leave pages half empty, so that a pipe is full with fewer bytes than its capacity. */
+    bool hasNoPageLeft = false;
     /** Who has it open for reading, the one that was left out but. */
     std::vector<Holder> readers;
     /** There are processes whose descriptors are hidden. */
     bool hasHidden = false;
 
-    /** Whether nothing more goes in that is as large as the smallest event; false where that is hidden. */
+    /** Whether the next event finds no room, as far as that can be told; false where it is hidden. */
     bool IsFull() const;
 
     /** Nothing if it is no named pipe, or not there. @param leftOut a process that is no reader: the daemon */
