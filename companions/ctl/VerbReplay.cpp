@@ -5,6 +5,7 @@
 #include "companions/ctl/HandlerName.h"
 #include "companions/ctl/JsonAnswer.h"
 #include "companions/ctl/OptionReader.h"
+#include "companions/ctl/Store.h"
 #include "companions/ctl/Terminal.h"
 #include "companions/ctl/recording/Replay.h"
 
@@ -111,6 +112,8 @@ Played Play(Invocation invocation, const std::optional<std::string>& path, const
         invocation.settings = path;
     }
     const StoreLocation location = StoreLocation::Use(invocation);
+    // What cannot be read, or would not end, is refused before the model reads it.
+    Store::Read(location.GetPath());
     return {location.GetPath(), Replay::Of(recording)};
 }
 

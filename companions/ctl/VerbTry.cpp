@@ -6,6 +6,7 @@
 #include "companions/ctl/JsonAnswer.h"
 #include "companions/ctl/LocalTime.h"
 #include "companions/ctl/OptionReader.h"
+#include "companions/ctl/Store.h"
 #include "companions/ctl/Terminal.h"
 #include "companions/ctl/TryNeeds.h"
 #include "companions/ctl/VerdictReason.h"
@@ -84,6 +85,8 @@ struct Trial {
 Trial Examine(const StoreLocation& location, const OptionReader& options) {
     const std::optional<std::string> at = options.Value("--at");
     const int64_t time = at ? LocalTime::Parse(*at) : LocalTime::Now();
+    // What cannot be read, or would not end, is refused before the model reads it.
+    Store::Read(location.GetPath());
     const ModelAnswers plain = AskModel();
     Trial trial;
     const std::string group = HandlerName::Find(plain, options.Words().front());
