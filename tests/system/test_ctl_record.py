@@ -125,6 +125,36 @@ def test_left_alone_it_misses_nothing(launch, record, tmp_path):
     assert text.count('"kind":"posted"') == MANY and '"kind":"gap"' not in text
 
 
+def test_it_writes_in_large_pieces_and_waits_for_the_disk_once(launch, record, tmp_path):
+    """A card wears with each write."""
+    launch(SERVER, level="Warning")
+    path, trace = tmp_path / "inputs", tmp_path / "trace"
+    process = record(path)
+    watch = ["strace", "-p", str(process.pid), "-y", "-o", trace, "-e", "trace=write,fdatasync,fsync"]
+    with subprocess.Popen(watch, stderr=subprocess.PIPE) as tracer:
+        assert b"attached" in tracer.stderr.readline()
+        flood(2000)
+        wait_until(lambda: path.stat().st_size > 0, "the first piece")
+        process.send_signal(signal.SIGINT)
+        process.wait(20)
+    calls = [line for line in trace.read_text().splitlines() if f"<{path}>" in line]
+    sizes = [int(line.rpartition(" = ")[2]) for line in calls if line.startswith("write(")]
+    assert min(sizes[:-1]) >= 65536 and sum(sizes) == path.stat().st_size
+    assert [line.partition("(")[0] for line in calls[-2:]] == ["write", "fdatasync"] and len(calls) == len(sizes) + 1
+
+
+def test_what_is_a_minute_old_is_written(launch, tmp_path):
+    launch(SERVER)
+    path = tmp_path / "inputs"
+    (library,) = Path("/usr/lib").glob("*/faketime/libfaketimeMT.so.1")
+    hurried = environment(LD_PRELOAD=str(library), FAKETIME="+0 x60")
+    with subprocess.Popen([PROGRAM, "record", path], env=hurried, stderr=subprocess.PIPE) as process:
+        assert b"reading" in process.stderr.readline()
+        post(block("Door"))
+        wait_until(lambda: b'"Door"' in path.read_bytes(), "a minute has passed")
+        process.kill()
+
+
 def test_killed_it_leaves_no_pipe(record, tmp_path):
     process = record(tmp_path / "inputs")
     process.kill()
