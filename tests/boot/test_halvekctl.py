@@ -15,6 +15,7 @@ from pathlib import Path
 import pytest
 from cookbook import Cookbook
 from machine import (
+    EVENT_PIPE,
     SERVER,
     SETTINGS,
     SNAPSHOT,
@@ -32,7 +33,8 @@ from machine import (
     show,
     write_settings,
 )
-from testing.settings import Settings, handler, timer
+from testing.pipes import block, bytes_ready_at
+from testing.settings import Settings, handler, ini_text, timer
 from testing.waiting import wait_until
 
 (PACKAGE,) = Path("/srv/companions").glob("halvekctl_*.deb")
@@ -295,6 +297,47 @@ def test_record_hears_the_bus_and_root_asks_as_the_daemons_user(camera: None):
     assert [line for line in complaints if "head" in line] == []
     assert [line["kind"] for line in lines[:2]] == ["begin", "idle"] and lines[1]["state"] == 0
     assert sorted(line["kind"] for line in lines[2:-1]) == ["alarm", "posted", "posted"]
+
+
+def test_replay_compares_what_was_recorded_under_the_services_settings_with_others(running: None, tmp_path: Path):
+    file, other = tmp_path / "inputs", tmp_path / "other.ini"
+    with subprocess.Popen(["halvekctl", "record", file], stderr=subprocess.PIPE, text=True) as recorder:
+        assert "reading" in recorder.stderr.readline()
+        run("halvekctl", "post", "Door", "button=front")
+        wait_until(lambda: bytes_ready_at(EVENT_PIPE) == 0, "all is read")
+        recorder.send_signal(signal.SIGINT)
+    other.write_text(ini_text(on_door(("Relay", {"BankName": "x"}))))
+    told = json_as("root", f"replay {file} --new {other}", 1)
+    assert told["old"] == str(SETTINGS.parent)
+    (handler_told,) = told["handlers"]
+    assert (handler_told["group"], handler_told["before"], handler_told["after"]) == ("Events/Handler#1", 0, 1)
+    assert handler_told["inputs"][0]["props"] == {"button": "front"}
+
+
+def test_listeners_that_are_stopped_or_killed_cost_the_service_no_descriptor(service: None, tmp_path: Path):
+    write_settings(SERVER | {"Applications/halvek": {"LogLevel": "Error"}})
+    run("systemctl", "restart", UNIT)
+    output = tmp_path / "events"
+    started = []
+    for words in (["watch"], ["watch"], ["record", tmp_path / "stopped"], ["record", tmp_path / "killed"]):
+        with output.open("ab") as file:
+            started.append(subprocess.Popen(["halvekctl", *words], stdout=file, stderr=subprocess.PIPE))
+        assert b"reading" in started[-1].stderr.readline()
+    descriptors = Path(f"/proc/{main_pid()}/fd")
+    before = len(list(descriptors.iterdir()))
+    for number, process in enumerate(started):
+        process.send_signal(signal.SIGKILL if number % 2 else signal.SIGSTOP)
+    text = block("Flood", text="x" * 150).encode() * 20
+    with EVENT_PIPE.open("wb", buffering=0) as pipe:
+        for _ in range(500):  # more than a pipe holds
+            assert pipe.write(text) == len(text)
+    wait_until(lambda: bytes_ready_at(EVENT_PIPE) == 0, "all is read")
+    wait_until(lambda: len(list(descriptors.iterdir())) <= before, "none is lost")
+    for process in started:
+        process.kill()
+        process.wait()
+        process.stderr.close()
+    wait_until(lambda: list(PIPES.glob("zz-*")) == [], "the pipes are gone")
 
 
 @pytest.mark.parametrize("level", ["Information", "Warning"])
