@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <iterator>
 #include <set>
+#include <system_error>
 #include <utility>
 
 namespace kelto::halvek::outbox {
@@ -21,9 +22,12 @@ constexpr int64_t uncertainDelay = 15 * 60'000;
 constexpr int64_t partlyDelay = 5 * 60'000;
 /** A clock before this is older than this program: 2026-01-01. */
 constexpr int64_t oldestTime = 1'767'225'600'000;
-/** Each has a thread; with our own they are as many as the unit allows, see TasksMax. */
-constexpr size_t mostCouriers = 6;
-constexpr size_t mostProbes = 4;
+/**
+ * Each has a thread, which libcurl holds up while a server says nothing: so they are more than a camera has targets,
+ * and as many as fit into what the unit allows, see TasksMax and MemoryMax.
+ */
+constexpr size_t mostCouriers = 16;
+constexpr size_t mostProbes = 12;
 constexpr const char* mailTarget = "mail";
 constexpr uint16_t ftpPort = 21;
 /** The server's word for a data connection that has ended before the file. */
@@ -130,10 +134,17 @@ void Deliveries::Start(TargetEntry& target, Item& item) {
         return;
     }
     if (!target.courier) {
-        target.courier = std::make_unique<Courier>(mailbox);
+        try {
+            target.courier = std::make_unique<Courier>(mailbox);
+        } catch (const std::system_error& failure) {
+            target.state.Failed(Uptime(), "there is no thread for it: " + std::string(failure.what()));
+            Log::Warning("Target " + item.target + " waits: " + target.state.Reason());
+            return;
+        }
     }
     ++item.attempts;
     item.state = Item::State::Sending;
+    target.hasNews = false;
     target.courier->Deliver(std::move(order));
 }
 
@@ -225,6 +236,9 @@ void Deliveries::Conclude(Item& item, TargetEntry& target, const Evidence& evide
             return;
         case Verdict::Kind::Wait:
             target.state.Failed(now, verdict.reason);
+            if (target.hasNews) {
+                target.state.Probe();
+            }
             break;
         case Verdict::Kind::WaitForClock:
             target.state.AwaitClock(now, verdict.reason);
@@ -286,6 +300,7 @@ int64_t Deliveries::NextWake() {
 
 void Deliveries::Probe() {
     for (auto& [name, target] : targets) {
+        target.hasNews = target.courier && target.courier->Current();
         target.state.Probe();
     }
 }

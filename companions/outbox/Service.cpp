@@ -7,6 +7,7 @@
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <net/if.h>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -86,7 +87,7 @@ void Service::OpenNetwork() {
     network.Reset(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE));
     sockaddr_nl groups{};
     groups.nl_family = AF_NETLINK;
-    groups.nl_groups = RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_IFADDR | RTMGRP_IPV6_ROUTE;
+    groups.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_IFADDR | RTMGRP_IPV6_ROUTE;
     if (network.IsOpen() && bind(network.Get(), reinterpret_cast<const sockaddr*>(&groups), sizeof(groups)) != 0) {
         network.Reset();
     }
@@ -186,7 +187,7 @@ void Service::TakeSignals() {
     }
 }
 
-/** An address or a route is new: who could not be had may be there now. */
+/** An address or a route is new, or a cable was plugged in: who could not be had may be there now. */
 void Service::TakeNetworkNews() {
     alignas(nlmsghdr) std::array<char, 8192> news{};
     bool isNew = false;
@@ -197,13 +198,24 @@ void Service::TakeNetworkNews() {
         const auto* message = reinterpret_cast<const nlmsghdr*>(news.data());
         for (auto left = static_cast<unsigned>(std::max<ssize_t>(length, 0)); NLMSG_OK(message, left);
              message = NLMSG_NEXT(message, left)) {
-            isNew = isNew || message->nlmsg_type == RTM_NEWADDR || message->nlmsg_type == RTM_NEWROUTE;
+            const bool isLink = message->nlmsg_type == RTM_NEWLINK && IsLinkNew(*message);
+            isNew = isNew || isLink || message->nlmsg_type == RTM_NEWADDR || message->nlmsg_type == RTM_NEWROUTE;
         }
     }
     if (!isNew) {
         return;
     }
     deliveries.Probe();
+}
+
+/** A link that runs keeps its addresses and routes while its cable is out. It is told for many other reasons too. */
+bool Service::IsLinkNew(const nlmsghdr& message) {
+    const auto& link = *static_cast<const ifinfomsg*>(NLMSG_DATA(&message));
+    if ((link.ifi_flags & IFF_RUNNING) != 0) {
+        return runningLinks.insert(link.ifi_index).second;
+    }
+    runningLinks.erase(link.ifi_index);
+    return false;
 }
 
 int64_t Service::LastBusy() const {

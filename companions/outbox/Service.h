@@ -12,6 +12,9 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
+
+struct nlmsghdr;
 
 namespace kelto::halvek::outbox {
 
@@ -46,6 +49,7 @@ private:
     void WaitUntil(int64_t wake);
     void TakeSignals();
     void TakeNetworkNews();
+    bool IsLinkNew(const nlmsghdr& message);
     int64_t LastBusy() const;
     int64_t NextWake();
     bool MayLeave() const;
@@ -65,6 +69,8 @@ private:
     TroubleNews troubleNews;
     companion::UniqueFd signals;
     companion::UniqueFd network;
+    /** The numbers of interfaces, as far as they were told. */
+    std::set<int> runningLinks;
     bool isStopping = false;
     /** By Uptime, as all of these. */
     int64_t begin = 0;

@@ -21,6 +21,8 @@ struct TargetEntry {
     bool isCutOff = false;
     /** It has refused to rename once. */
     bool hasRefusedRename = false;
+    /** The network has changed since the attempt began, which may have failed for how it was. */
+    bool hasNews = false;
     std::unique_ptr<Courier> courier;
 };
 

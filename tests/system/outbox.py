@@ -1,5 +1,7 @@
 """The outbox in a machine of its own making: its folders are private to the tests, and so is all of /etc."""
 
+import base64
+import hashlib
 import json
 import os
 import secrets
@@ -37,6 +39,13 @@ def make_private(folder: Path) -> None:
 
 def picture(size: int = 30_000) -> bytes:
     return secrets.token_bytes(size)
+
+
+def pin_of(certificate: Path) -> str:
+    """What Pin says of the key in it."""
+    key = subprocess.run(["openssl", "x509", "-in", certificate, "-noout", "-pubkey"], check=True, capture_output=True)
+    der = subprocess.run(["openssl", "pkey", "-pubin", "-outform", "der"], input=key.stdout, capture_output=True)
+    return "sha256//" + base64.b64encode(hashlib.sha256(der.stdout).digest()).decode()
 
 
 class Outbox:
@@ -141,12 +150,15 @@ class LyingFtpServer:
     It takes no more than a file at a time.
     """
 
-    def __init__(self, answers: dict[str, str | None], before: Callable[[str], None] = lambda _: None) -> None:
+    def __init__(
+        self, answers: dict[str, str | None], before: Callable[[str], None] = lambda _: None, host: str = "127.0.0.1"
+    ) -> None:
         self.answers = answers
         self.before = before
+        self.host = host
         self.commands: list[str] = []
         self.received: list[bytes] = []
-        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.listener = socket.create_server((host, 0))
         self.port = self.listener.getsockname()[1]
         self.connections: list[socket.socket] = []
 
@@ -175,7 +187,7 @@ class LyingFtpServer:
             usual = {"USER": "331 password", "PASS": "230 in", "EPSV": "", "STOR": "226 done", "RNFR": "350 go on"}
             answer = self.answers.get(command, usual.get(command, "250 done"))
             if command == "EPSV":
-                data = socket.create_server(("127.0.0.1", 0))
+                data = socket.create_server((self.host, 0))
                 answer = f"229 passive (|||{data.getsockname()[1]}|)"
             if command == "SIZE" and "SIZE" not in self.answers:
                 answer = f"213 {size}"

@@ -9,8 +9,9 @@ from pathlib import Path
 
 import pytest
 from outbox import FLASH, MAIL, RAM, SOCKET, Outbox, picture
+from spool_calls import SpoolCalls
 from testing.ftp_server import FtpServer
-from testing.waiting import wait_until
+from testing.waiting import PATIENCE, wait_until
 
 pytestmark = pytest.mark.not_under("sanitizer", "emulator", reason="it is tried in release, with real servers")
 pytest_plugins = ["outbox_fixtures"]
@@ -181,9 +182,49 @@ def test_descriptors_and_memory_stay_as_they_are(outbox: Outbox, ftp: FtpServer)
     wait_until(lambda: descriptors() == before, "its descriptors are closed")
 
 
-def test_a_socket_that_the_service_manager_made_is_taken_over(outbox: Outbox, ftp: FtpServer, tmp_path: Path):
+def test_a_service_that_was_started_by_its_socket_ends_after_a_minute_without_work(
+    outbox: Outbox, ftp: FtpServer, tmp_path: Path
+):
+    calls = SpoolCalls(tmp_path / "control")
     activate = shutil.which("systemd-socket-activate")
     assert activate
-    outbox.start(activate, "-l", str(SOCKET))
+    variables = [f"--setenv={name}={value}" for name, value in calls.environment.items()]
+    outbox.start(activate, *variables, "-l", str(SOCKET))
     outbox.put(picture())
     outbox.wait_for(delivered=1)
+    ftp.set_fault("refuse")
+    number = outbox.put(picture())
+    outbox.wait_for_state(number, "wait")
+    calls.let_pass(120)
+    outbox.run("hold")
+    assert outbox.process.poll() is None  # something waits
+    ftp.set_fault("none")
+    outbox.run("release")
+    outbox.wait_for(delivered=2)
+    outbox.process.send_signal(signal.SIGHUP)
+    outbox.counts()  # it has seen the signal, and had work just now
+    # It would wake up by itself, but time does not pass for the kernel.
+    calls.let_pass(61)
+    outbox.process.send_signal(signal.SIGHUP)
+    assert outbox.process.wait(PATIENCE) == 0
+
+
+@pytest.mark.not_under("suite", reason="a minute is long")
+def test_a_service_without_work_ends_by_itself(outbox: Outbox):
+    outbox.start(shutil.which("systemd-socket-activate"), "-l", str(SOCKET))
+    outbox.counts()
+    begin = time.monotonic()
+    assert outbox.process.wait(60 + PATIENCE) == 0
+    assert time.monotonic() - begin > 55
+
+
+def test_a_service_that_made_its_socket_itself_stays(outbox: Outbox, tmp_path: Path):
+    calls = SpoolCalls(tmp_path / "control")
+    outbox.environment = dict(calls.environment)
+    outbox.start()
+    calls.let_pass(61)
+    outbox.process.send_signal(signal.SIGHUP)
+    outbox.counts()
+    calls.let_pass(61)
+    outbox.counts()
+    assert outbox.process.poll() is None

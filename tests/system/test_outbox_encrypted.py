@@ -1,14 +1,11 @@
 """The outbox with mail servers that encrypt and want an account, with FTPS from the first byte on, and with keys."""
 
-import base64
-import hashlib
 import os
 import ssl
-import subprocess
 from pathlib import Path
 
 import pytest
-from outbox import Outbox
+from outbox import Outbox, pin_of
 from testing.certificates import Authority
 from testing.ftp_server import FtpServer
 from testing.mail_sink import MailSink
@@ -101,12 +98,6 @@ def test_a_certificate_out_of_its_time_keeps_the_mail(outbox: Outbox, authority:
         number = outbox.mail(MAIL)
         wait_until(lambda: outbox.item(number)["state"] in ("hold", "wait"), "it is kept")
         assert outbox.item(number)["error"] and sink.mails == []
-
-
-def pin_of(certificate: Path) -> str:
-    key = subprocess.run(["openssl", "x509", "-in", certificate, "-noout", "-pubkey"], check=True, capture_output=True)
-    der = subprocess.run(["openssl", "pkey", "-pubin", "-outform", "der"], input=key.stdout, capture_output=True)
-    return "sha256//" + base64.b64encode(hashlib.sha256(der.stdout).digest()).decode()
 
 
 def test_a_server_must_have_the_key_of_its_pin(outbox: Outbox, authority: Authority, context: ssl.SSLContext):

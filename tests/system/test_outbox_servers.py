@@ -13,7 +13,8 @@ from contextlib import contextmanager
 from pathlib import Path
 
 import pytest
-from outbox import FLASH, KNOWN_HOSTS, Outbox, make_private
+from outbox import FLASH, KNOWN_HOSTS, Outbox, make_private, pin_of
+from testing.certificates import Authority
 from testing.waiting import wait_until
 
 pytestmark = pytest.mark.not_under("sanitizer", "emulator", "one user", reason="real servers, which start as root")
@@ -150,6 +151,22 @@ def test_a_certificate_of_nobody_holds_the_target(outbox: Outbox, ftps: None, ho
     number = outbox.put(b"picture", f"{home}/up/x.jpg", host="archive")
     outbox.wait_for_state(number, "hold")
     assert list((home / "up").iterdir()) == []
+
+
+def test_a_server_with_tls_must_have_the_key_of_its_pin(outbox: Outbox, ftps: None, home: Path, authority: Path):
+    right = pin_of(authority)
+    (authority.parent / "other").mkdir()
+    wrong = pin_of(Authority(authority.parent / "other").path)
+    lines = ["ftps://127.0.0.1", f"CaFile={authority}", "TlsMax=1.2"]
+    outbox.configure(target(*lines, f"Pin={wrong}"), word=PASSWORD)
+    outbox.start()
+    number = outbox.put(b"picture", f"{home}/up/x.jpg", host="archive")
+    outbox.wait_for_state(number, "hold")
+    assert list((home / "up").iterdir()) == []
+    outbox.configure(target(*lines, f"Pin={right}"), word=PASSWORD)
+    outbox.process.send_signal(signal.SIGHUP)
+    outbox.wait_for(delivered=1, patience=100)
+    assert [path.read_bytes() for path in (home / "up").iterdir()] == [b"picture"]
 
 
 def test_pictures_go_by_sftp_once_the_key_is_trusted(outbox: Outbox, sftp: Path, home: Path):

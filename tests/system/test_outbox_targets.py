@@ -2,6 +2,7 @@
 
 import json
 import os
+import resource
 import secrets
 import signal
 from collections.abc import Iterator
@@ -123,6 +124,21 @@ def test_a_password_that_the_daemon_gives_anew_counts_for_all_that_waits(outbox:
     outbox.put(b"picture", "/second.jpg")
     outbox.wait_for(delivered=2, queued=0)
     assert {path.name for path in ftp.folder.glob("*.jpg")} == {"first.jpg", "second.jpg"}
+
+
+def test_a_target_waits_while_there_is_no_thread_for_it(outbox: Outbox, ftp: FtpServer):
+    outbox.start()
+    status = Path(f"/proc/{outbox.process.pid}/status").read_text()
+    size = next(int(line.split()[1]) for line in status.splitlines() if line.startswith("VmSize")) * 1024
+    _, most = resource.getrlimit(resource.RLIMIT_AS)
+    # A stack has no place in it.
+    resource.prlimit(outbox.process.pid, resource.RLIMIT_AS, (size + (4 << 20), most))
+    number = outbox.put(b"picture")
+    outbox.wait_for_state(number, "wait")
+    assert "no thread" in outbox.target()["reason"]
+    resource.prlimit(outbox.process.pid, resource.RLIMIT_AS, (most, most))
+    outbox.run("flush")
+    outbox.wait_for(delivered=1, queued=0)
 
 
 def test_verbs_without_a_service_and_wrong_words(outbox: Outbox):
