@@ -1,4 +1,4 @@
-"""What the outbox promises in figures: how soon it takes an item, and what it costs, whatever goes wrong around it.
+"""What the outbox promises in figures: what it costs, and what holds up whom, whatever goes wrong around it.
 
 HALVEK_TEST_BY_HAND=1 takes all of the calls and 10,000 items, and prints the figures.
 """
@@ -126,72 +126,6 @@ def test_a_kill_or_an_error_at_any_call_costs_no_picture(
         life.run()
         life.recover()
     print(f"{durability}: {there_are} calls, {len(cases[:: max(step, 1)])} failures, {len(life.accepted)} accepted")
-
-
-# --- how long the daemon waits
-
-
-def seconds_of(outbox: Outbox, times: int = 20, host: str = "127.0.0.1", options: tuple[str, ...] = ()) -> list[float]:
-    """What a handler waits for its program, with a picture of 30 kB."""
-    local = outbox.folder / "picture"
-    local.write_bytes(secrets.token_bytes(30_000))
-    taken = []
-    for number in range(times):
-        begin = time.monotonic()
-        result = outbox.submit("ftpput", "-u", "camera", "-p", "secret", *options, host, f"/{number}.jpg", str(local))
-        taken.append(time.monotonic() - begin)
-        assert result.returncode == 0, result
-    return taken
-
-
-def slow_server() -> socket.socket:
-    """Says to its first client at 10 B/s what never comes to an end."""
-    listener = socket.create_server(("127.0.0.1", 0))
-
-    def serve() -> None:
-        try:
-            connection = listener.accept()[0]
-            for byte in b"220 here is a very slow server, which takes its time for all that it says\r\n" * 10:
-                connection.send(bytes([byte]))
-                time.sleep(0.1)
-        except OSError:
-            pass
-
-    threading.Thread(target=serve, daemon=True).start()
-    return listener
-
-
-@pytest.mark.parametrize("trouble", ["no network", "silent server", "10 B/s", "500 items", "full spool", "slow flash"])
-def test_the_daemon_does_not_wait(outbox: Outbox, ftp: FtpServer, tmp_path: Path, trouble: str):
-    options: tuple[str, ...] = ()
-    listener = socket.socket()
-    host = "127.0.0.1"
-    if trouble == "no network":
-        host = "192.0.2.1"
-    elif trouble == "silent server":
-        ftp.set_fault("hang")
-    elif trouble == "10 B/s":
-        listener = slow_server()
-        options = ("-P", str(listener.getsockname()[1]))
-    else:
-        ftp.set_fault("refuse")
-    if trouble == "slow flash":
-        calls = SpoolCalls(tmp_path / "control")
-        calls.slow_down(10)
-        outbox.environment = dict(calls.environment)
-    if trouble == "full spool":
-        outbox.configure("[Outbox]\nSpoolLimit=100K\n")
-    outbox.start()
-    if trouble in ("500 items", "slow flash"):
-        outbox.run("hold")
-        for number in range(500 if trouble == "500 items" else 50):
-            outbox.put(b"small", f"/{number}.jpg")
-        outbox.run("release")
-    taken = seconds_of(outbox, host=host, options=options)
-    middle, worst = statistics.median(taken), max(taken)
-    listener.close()
-    print(f"{trouble}: {middle * 1000:.1f} ms, at worst {worst * 1000:.1f} ms")
-    assert middle < 0.05 + STANDSTILL / len(taken) and worst < 0.05 + STANDSTILL
 
 
 # --- targets and each other
