@@ -1,6 +1,7 @@
 #include "companions/common/ListenerPipe.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,6 +28,12 @@ bool IsFifo(const UniqueFd& file) {
     return fstat(file.Get(), &status) == 0 && S_ISFIFO(status.st_mode);
 }
 
+/** False if nothing has happened by then. */
+bool WaitUntil(std::chrono::steady_clock::time_point deadline, pollfd& polled) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    return left.count() > 0 && poll(&polled, 1, static_cast<int>(left.count())) > 0;
+}
+
 }  // namespace
 
 ListenerPipe::ListenerPipe(const std::string& name, const std::string& folder)
@@ -48,9 +55,7 @@ ListenerPipe::ListenerPipe(const std::string& name, const std::string& folder)
 }
 
 ListenerPipe::~ListenerPipe() {
-    if (IsInPlace()) {
-        unlink(path.c_str());
-    }
+    Remove();
 }
 
 std::string_view ListenerPipe::Read() {
@@ -62,6 +67,20 @@ std::string_view ListenerPipe::Read() {
         Fail(path);
     }
     return {buffer.data(), length < 0 ? 0 : static_cast<size_t>(length)};
+}
+
+void ListenerPipe::ReadToItsEnd(const std::function<void(std::string_view bytes)>& take) {
+    // A pipe that we could write to ourselves would never end.
+    UniqueFd readEnd(open(("/proc/self/fd/" + std::to_string(pipe.Get())).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    Remove();
+    if (readEnd.IsOpen()) {
+        pipe = std::move(readEnd);
+    }
+    const auto deadline = std::chrono::steady_clock::now() + endPatience;
+    pollfd polled{pipe.Get(), POLLIN, 0};
+    while (WaitUntil(deadline, polled) && (polled.revents & POLLIN) != 0) {
+        take(Read());
+    }
 }
 
 UniqueFd ListenerPipe::OpenLeftOver() const {
@@ -104,6 +123,12 @@ void ListenerPipe::ReadOut(const UniqueFd& old) {
             return;
         }
         leftOver.append(buffer.data(), static_cast<size_t>(length));
+    }
+}
+
+void ListenerPipe::Remove() const {
+    if (IsInPlace()) {
+        unlink(path.c_str());
     }
 }
 

@@ -2,6 +2,8 @@
 
 #include "companions/common/UniqueFd.h"
 
+#include <chrono>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,6 +22,8 @@ class ListenerPipe {
 public:
     static constexpr const char* defaultFolder = "/run/halvek";
     static constexpr int wantedCapacity = 1024 * 1024;
+    /** How long the end may take: a writer that never closes the pipe is not waited for. */
+    static constexpr std::chrono::milliseconds endPatience{2000};
 
     /**
      * Makes the pipe: for its owner and the folder's group, and nobody else.
@@ -50,11 +54,20 @@ public:
      */
     std::string_view Read();
 
+    /**
+     * Removes the pipe, if it is still the one that was made, and reads the rest: what is in it, and what somebody
+     * writes who had opened it before. To be called once, at the end.
+     *
+     * @throws std::system_error that names the path
+     */
+    void ReadToItsEnd(const std::function<void(std::string_view bytes)>& take);
+
 private:
     UniqueFd OpenLeftOver() const;
     void MakeNew(const std::string& newPath);
     void Enlarge();
     void ReadOut(const UniqueFd& old);
+    void Remove() const;
     bool IsInPlace() const;
 
     // Constant after construction.

@@ -23,6 +23,9 @@ struct Counters {
     /** What was posted over the broker and not passed on. */
     uint64_t refusedPosts = 0;
 
+    /** How many of those received wait, or are on their way. */
+    uint64_t Waiting() const { return received - sent - droppedFull - droppedOld - droppedTopic - refused; }
+
     bool operator==(const Counters&) const = default;
 };
 

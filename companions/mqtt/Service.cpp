@@ -239,10 +239,14 @@ std::chrono::milliseconds Service::UntilNextTick() const {
 void Service::Stop() {
     companion::ServiceManager::Tell("STOPPING=1");
     // From here on nothing more comes: the daemon does not open a pipe that is gone.
-    ReadPipe();
+    pipe->ReadToItsEnd([this](std::string_view bytes) { reader.Take(bytes, Uptime()); });
     pipe.reset();
     const bool isConnected = board.Get().kind == BridgeState::Kind::Connected;
-    if (!publisher->Stop(isConnected ? goodbyePatience : endPatience)) {
+    const bool hasEnded = publisher->Stop(isConnected ? goodbyePatience : endPatience);
+    if (const uint64_t waiting = queue.Count().Waiting(); waiting > 0) {
+        Log::Warning("Ends before it could publish all events: " + std::to_string(waiting) + " are lost");
+    }
+    if (!hasEnded) {
         // It waits for the network, and nothing in this process may be taken apart under it.
         _exit(0);
     }

@@ -104,6 +104,7 @@ ExitStatus Service::Run() {
     ServiceManager::Tell("READY=1");
     Loop(pipe, reader);
     ServiceManager::Tell("STOPPING=1");
+    pipe.ReadToItsEnd([&reader](std::string_view bytes) { reader.Take(bytes, Now()); });
     return exitYes;
 }
 

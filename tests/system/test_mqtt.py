@@ -1,6 +1,7 @@
 """halvek-mqtt with a real broker: what it publishes, and how it begins and ends."""
 
 import json
+import os
 import re
 import signal
 import subprocess
@@ -145,6 +146,23 @@ def test_it_ends_at_once_without_a_broker(start_bridge, number):
     bridge = start_bridge()
     assert bridge.stop(number) == 0
     assert not PIPE.exists()
+
+
+def test_an_event_whose_writer_had_the_pipe_open_at_the_end_is_published(bridge, subscriber):
+    writer = os.open(PIPE, os.O_RDWR | os.O_NONBLOCK)
+    bridge.process.terminate()
+    wait_until(lambda: not PIPE.exists(), "the pipe is gone")
+    os.write(writer, block("Last").encode())
+    os.close(writer)
+    assert bridge.wait_for_exit() == 0
+    subscriber.wait_for_message(f"{BASE}/event/Last")
+
+
+def test_an_end_says_how_many_events_it_could_not_publish(start_bridge):
+    bridge = start_bridge()
+    feed(block("Door") * 3)
+    assert bridge.stop() == 0
+    assert len(bridge.log.matching("could publish all events: 3 are lost")) == 1
 
 
 def test_the_broker_says_that_it_is_gone_when_it_is_killed(bridge, subscriber):

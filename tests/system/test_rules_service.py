@@ -106,6 +106,17 @@ def test_it_stops_when_it_is_told_to(serve, number):
     assert not PIPE.exists()
 
 
+def test_an_event_whose_writer_had_the_pipe_open_at_the_end_still_leads_to_another(daemon, hears, serve):
+    service = serve(ECHO)
+    writer = os.open(PIPE, os.O_RDWR | os.O_NONBLOCK)
+    service.process.terminate()
+    wait_until(lambda: not PIPE.exists(), "the pipe is gone")
+    os.write(writer, block("A", x="last").encode())
+    os.close(writer)
+    assert service.process.wait(PATIENCE) == 0
+    hears.wait_for_event("P", properties={"x": "last"})
+
+
 def test_wrong_rules_at_the_start_are_status_78_with_their_places(serve):
     service = serve("[Rule r]\nWhen=A\n", ready=False)
     assert service.process.wait(PATIENCE) == 78

@@ -1,5 +1,6 @@
 #include "companions/common/ListenerPipe.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/WaitUntil.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -9,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <system_error>
+#include <thread>
 
 namespace kelto::companion {
 
@@ -103,6 +105,46 @@ TEST_F(ListenerPipeTest, ThePipeOfASuccessorIsLeftAlone) {
     std::optional<ListenerPipe> first(std::in_place, "zz-test", Folder());
     const ListenerPipe second("zz-test", Folder());
     first.reset();
+    EXPECT_TRUE(IsThere(Path()));
+}
+
+/** Ends a pipe, and returns what was read then. */
+std::string RestOf(ListenerPipe& pipe) {
+    std::string rest;
+    pipe.ReadToItsEnd([&rest](std::string_view bytes) { rest += bytes; });
+    return rest;
+}
+
+TEST_F(ListenerPipeTest, WhatWasWrittenBeforeTheEndIsReadAndThePipeIsGone) {
+    ListenerPipe pipe("zz-test", Folder());
+    ASSERT_TRUE(Write(Path(), "last"));
+    EXPECT_EQ(RestOf(pipe), "last");
+    EXPECT_FALSE(IsThere(Path()));
+}
+
+TEST_F(ListenerPipeTest, WhoeverHasOpenedThePipeBeforeItIsRemovedIsStillHeard) {
+    ListenerPipe pipe("zz-test", Folder());
+    UniqueFd writer(open(Path().c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    std::thread late([&] {
+        EXPECT_TRUE(test::WaitUntil([&] { return !IsThere(Path()); }));
+        EXPECT_EQ(write(writer.Get(), "late", 4), 4);
+        writer.Reset();
+    });
+    EXPECT_EQ(RestOf(pipe), "late");
+    late.join();
+}
+
+TEST_F(ListenerPipeTest, AWriterThatNeverClosesThePipeHoldsItsEndUpForAMomentOnly) {
+    ListenerPipe pipe("zz-test", Folder());
+    const UniqueFd writer(open(Path().c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    ASSERT_EQ(write(writer.Get(), "last", 4), 4);
+    EXPECT_EQ(RestOf(pipe), "last");
+}
+
+TEST_F(ListenerPipeTest, AtItsEndAPipeLeavesThatOfASuccessorAlone) {
+    ListenerPipe first("zz-test", Folder());
+    const ListenerPipe second("zz-test", Folder());
+    EXPECT_EQ(RestOf(first), "");
     EXPECT_TRUE(IsThere(Path()));
 }
 
