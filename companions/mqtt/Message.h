@@ -3,6 +3,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace kelto::halvek::mqtt {
 
@@ -19,6 +20,11 @@ struct Message {
     Content content = Content::Text;
     /** How long the broker keeps it for those who are away, where the protocol has a word for it. */
     std::optional<std::chrono::seconds> expiry;
+
+    /** What the broker keeps, for those who ask later. Without a payload it forgets what it has. */
+    static Message State(std::string topic, std::string payload, Content content = Content::Text) {
+        return {std::move(topic), std::move(payload), 1, true, content, std::nullopt};
+    }
 };
 
 /** Something that was published by somebody else. */

@@ -49,7 +49,7 @@ std::optional<Message> OnvifTopics::AlarmMessage(const AlarmName& alarm, bool is
     json.Key("Source").BeginObject().Key("InputToken").String(TokenOf(alarm)).EndObject();
     json.Key("Data").BeginObject().Key("LogicalState").Bool(isOn).EndObject();
     json.EndObject();
-    return Message{std::move(*topic), json.Text(), 1, true, Content::Json, std::nullopt};
+    return Message::State(std::move(*topic), json.Text(), Content::Json);
 }
 
 std::optional<Message> OnvifTopics::AlarmRemoval(const AlarmName& alarm) const {
@@ -57,7 +57,7 @@ std::optional<Message> OnvifTopics::AlarmRemoval(const AlarmName& alarm) const {
     if (!topic) {
         return std::nullopt;
     }
-    return Message{std::move(*topic), "", 1, true, Content::Text, std::nullopt};
+    return Message::State(std::move(*topic), "");
 }
 
 std::optional<std::string> OnvifTopics::AlarmTopic(const AlarmName& alarm) const {

@@ -1,7 +1,6 @@
 #include "companions/mqtt/Session.h"
 
 #include "companions/common/BackOff.h"
-#include "companions/mqtt/Discovery.h"
 #include "companions/mqtt/Log.h"
 #include "companions/mqtt/Payloads.h"
 #include "companions/mqtt/Uptime.h"
@@ -9,6 +8,7 @@
 #include <mqtt_protocol.h>
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace kelto::halvek::mqtt {
@@ -18,15 +18,9 @@ namespace {
 constexpr Session::Milliseconds forEver{3600000};
 /** States that an earlier run has left at the broker, and the like: more of them are not looked after. */
 constexpr size_t longestGreeting = 1000;
-/** Somebody who posts faster than the answers go out does not read them. */
-constexpr size_t mostPostResults = 64;
 /** From here on a broker's word is a refusal. */
 constexpr int firstRefusal = 128;
 constexpr const char* homeAutomation = "homeassistant/status";
-
-Message State(std::string topic, std::string payload, Content content = Content::Text) {
-    return {std::move(topic), std::move(payload), 1, true, content, std::nullopt};
-}
 
 }  // namespace
 
@@ -35,9 +29,12 @@ Session::Session(const Surroundings& surroundings, Protocol protocol, uint64_t c
       topics(around.settings.prefix, around.settings.id),
       onvif(around.settings.onvif.empty() ? std::nullopt : std::optional<OnvifTopics>(around.settings.onvif)),
       number(connectionNumber),
-      ownInfo(State(topics.Info(), Payloads::Info(around.identity), Content::Json)),
-      connection(around.settings, protocol, State(topics.Status(), Payloads::offline), *this),
-      isFirst(!around.memory.hasTold) {}
+      ownInfo(Message::State(topics.Info(), Payloads::Info(around.identity), Content::Json)),
+      connection(around.settings, protocol, Message::State(topics.Status(), Payloads::offline), *this),
+      isFirst(!around.memory.hasTold),
+      description(around.settings, around.facts, around.queue, topics, around.memory.described),
+      postAnswers(topics, around.gate, around.queue, around.memory.posts),
+      pictureTurn(around.settings, around.facts, topics, around.memory.pictures) {}
 
 Session::~Session() {
     around.queue.SetConnection(0);
@@ -110,7 +107,7 @@ void Session::Open() {
 }
 
 void Session::QueueGreeting() {
-    greeting.push_back(State(topics.Status(), Payloads::online));
+    greeting.push_back(Message::State(topics.Status(), Payloads::online));
     greeting.push_back(ownInfo);
     QueueAlarms();
 }
@@ -129,7 +126,7 @@ void Session::QueueAlarms() {
 void Session::QueueAlarm(const AlarmState& alarm) {
     around.queue.MarkAlarmTold(alarm.name, alarm.version);
     if (std::optional<std::string> topic = topics.Alarm(alarm.name.first, alarm.name.second)) {
-        greeting.push_back(State(std::move(*topic), Payloads::Alarm(alarm.isOn)));
+        greeting.push_back(Message::State(std::move(*topic), Payloads::Alarm(alarm.isOn)));
     }
     if (std::optional<Message> message =
             onvif ? onvif->AlarmMessage(alarm.name, alarm.isOn, alarm.time) : std::nullopt) {
@@ -139,57 +136,11 @@ void Session::QueueAlarm(const AlarmState& alarm) {
 
 void Session::QueueAlarmRemoval(const AlarmName& name) {
     if (std::optional<std::string> topic = topics.Alarm(name.first, name.second)) {
-        greeting.push_back(State(std::move(*topic), ""));
+        greeting.push_back(Message::State(std::move(*topic), ""));
     }
     if (std::optional<Message> message = onvif ? onvif->AlarmRemoval(name) : std::nullopt) {
         greeting.push_back(std::move(*message));
     }
-}
-
-void Session::QueueDescription() {
-    std::set<std::string>& described = around.memory.described;
-    describedVersion = around.queue.SeenVersion();
-    describedAt = Uptime();
-    if (!around.settings.hasDiscovery) {
-        if (!described.empty()) {
-            greeting.push_back(State(topics.Discovery(), ""));
-        }
-        described.clear();
-        return;
-    }
-    const CameraFacts facts = KnownFacts();
-    const std::set<std::string> components = Discovery::Components(around.settings, facts);
-    std::set<std::string> removed = std::exchange(described, components);
-    // Where the settings cannot be read, what an earlier run has seen may come again.
-    if (!around.facts.types.empty()) {
-        removed.merge(leftDescribed);
-    }
-    leftDescribed.clear();
-    std::erase_if(removed, [&](const std::string& name) { return components.count(name) != 0; });
-    if (!removed.empty()) {
-        greeting.push_back(
-            State(topics.Discovery(), Discovery::Payload(around.settings, facts, removed), Content::Json));
-    }
-    greeting.push_back(State(topics.Discovery(), Discovery::Payload(around.settings, facts), Content::Json));
-}
-
-bool Session::IsDescriptionDue() const {
-    if (!describedAt) {
-        return true;
-    }
-    return around.settings.hasDiscovery && describedVersion != around.queue.SeenVersion() &&
-           Uptime() >= *describedAt + descriptionPause;
-}
-
-CameraFacts Session::KnownFacts() const {
-    CameraFacts facts = around.facts;
-    facts.types.merge(around.queue.SeenTypes());
-    facts.types.insert(around.settings.types.begin(), around.settings.types.end());
-    facts.types.insert(around.settings.post.begin(), around.settings.post.end());
-    for (const AlarmState& alarm : around.queue.Alarms()) {
-        facts.alarms.insert(alarm.name);
-    }
-    return facts;
 }
 
 void Session::Turn(Milliseconds most) {
@@ -200,15 +151,15 @@ void Session::Turn(Milliseconds most) {
 bool Session::SendNext() {
     if (repeatAt && Uptime() >= *repeatAt) {
         repeatAt.reset();
-        describedAt.reset();
+        description.Repeat();
         QueueGreeting();
     }
     if (SendGreeting()) {
         return true;
     }
     // By now what an earlier run has left has come.
-    if (IsDescriptionDue()) {
-        QueueDescription();
+    if (description.IsDue()) {
+        std::ranges::move(description.Tell(), std::back_inserter(greeting));
     }
     if (!isGreetingDone) {
         isGreetingDone = true;
@@ -217,8 +168,8 @@ bool Session::SendNext() {
             connection.Unsubscribe(topics.Discovery());
         }
     }
-    return SendGreeting() || SendPostResult() || SendCounters() || SendOverdueAlarm() || SendEvent() ||
-           SendPostResult();
+    return SendGreeting() || SendPostAnswer() || SendCounters() || SendOverdueAlarm() || SendEvent() ||
+           SendPostAnswer();
 }
 
 bool Session::SendGreeting() {
@@ -233,14 +184,12 @@ bool Session::SendGreeting() {
     return true;
 }
 
-bool Session::SendPostResult() {
-    wasPostResult = !postResults.empty() && !wasPostResult;
-    if (wasPostResult) {
-        const Message message = std::move(postResults.front());
-        postResults.pop_front();
-        Send(message, [](bool) {});
+bool Session::SendPostAnswer() {
+    const std::optional<Message> answer = postAnswers.Next();
+    if (answer) {
+        Send(*answer, [](bool) {});
     }
-    return wasPostResult;
+    return answer.has_value();
 }
 
 bool Session::SendCounters() {
@@ -300,7 +249,9 @@ bool Session::SendStep() {
         if (isEvent && isTaken) {
             around.queue.CountSent();
             // A picture of now shows nothing of an event that has waited for this connection.
-            isPictureWanted = isPictureWanted || around.memory.current->connection == number;
+            if (around.memory.current->connection == number) {
+                pictureTurn.Want();
+            }
         } else if (isEvent) {
             around.queue.CountRefused(*around.memory.current);
         }
@@ -310,26 +261,15 @@ bool Session::SendStep() {
 }
 
 bool Session::SendPicture() {
-    Pictures& pictures = around.memory.pictures;
-    if (!isPictureWanted || !around.settings.publishesPictures || around.orders.IsAny() ||
-        Uptime() < pictures.NextAt()) {
-        return false;
+    const std::optional<Message> picture = around.orders.IsAny() ? std::nullopt : pictureTurn.Next();
+    if (picture) {
+        Send(*picture, [this](bool isTaken) {
+            if (!isTaken) {
+                around.memory.pictures.NoteFailure();
+            }
+        });
     }
-    isPictureWanted = false;
-    if (pictureSentAt) {
-        pictures.NoteSurvived();
-    }
-    std::optional<std::string> picture = pictures.Take(around.facts.picture, Uptime());
-    if (!picture) {
-        return false;
-    }
-    pictureSentAt = Uptime();
-    Send({topics.Snapshot(), std::move(*picture), 0, false, Content::Jpeg, std::nullopt}, [this](bool isTaken) {
-        if (!isTaken) {
-            around.memory.pictures.NoteFailure();
-        }
-    });
-    return true;
+    return picture.has_value();
 }
 
 std::vector<Message> Session::StepsOf(const QueuedEvent& event) {
@@ -346,7 +286,7 @@ std::vector<Message> Session::StepsOf(const QueuedEvent& event) {
     const bool isNews = alarm && event.alarmVersion > 0 && around.queue.IsAlarmNews(*alarm, event.alarmVersion);
     if (isNews) {
         if (const std::optional<std::string> state = topics.Alarm(alarm->first, alarm->second)) {
-            steps.push_back(State(*state, Payloads::Alarm(*event.event.Find("alarmState") == "1")));
+            steps.push_back(Message::State(*state, Payloads::Alarm(*event.event.Find("alarmState") == "1")));
         }
     }
     if (onvif && (isNews || !alarm)) {
@@ -412,12 +352,13 @@ bool Session::IsEventSuspected() const {
 }
 
 bool Session::IsPictureSuspected() const {
-    return pictureSentAt && Uptime() < *pictureSentAt + suspicion;
+    const std::optional<Milliseconds> sentAt = pictureTurn.SentAt();
+    return sentAt && Uptime() < *sentAt + suspicion;
 }
 
 void Session::SayGoodbye() {
     const Milliseconds deadline = Uptime() + flushTime;
-    Send(State(topics.Status(), Payloads::offline), [](bool) {});
+    Send(Message::State(topics.Status(), Payloads::offline), [](bool) {});
     while (inFlight && !inFlight->isDone && Uptime() < deadline) {
         Turn(deadline - Uptime());
     }
@@ -451,11 +392,11 @@ void Session::OnMessage(const ReceivedMessage& message) {
     } else if (topics.IsAlarm(message.topic)) {
         TakeAlarm(message);
     } else if (message.topic == topics.Discovery()) {
-        TakeDescription(message);
+        description.TakeLeft(message);
     } else if (message.topic == homeAutomation) {
         TakeHomeAutomation(message);
     } else if (const std::optional<std::string_view> level = topics.PostedLevel(message.topic)) {
-        TakePost(*level, message);
+        postAnswers.Take(*level, message);
     }
 }
 
@@ -483,30 +424,13 @@ void Session::TakeAlarm(const ReceivedMessage& message) {
         return topics.Alarm(alarm.name.first, alarm.name.second) == message.topic;
     });
     if (!isKnown) {
-        greeting.push_back(State(message.topic, ""));
-    }
-}
-
-void Session::TakeDescription(const ReceivedMessage& message) {
-    if (message.isRetained) {
-        leftDescribed = Discovery::ComponentsIn(message.payload);
+        greeting.push_back(Message::State(message.topic, ""));
     }
 }
 
 void Session::TakeHomeAutomation(const ReceivedMessage& message) {
     if (!message.isRetained && message.payload == "online") {
         repeatAt = Uptime() + companion::BackOff(repeatSpread, repeatSpread).Next();
-    }
-}
-
-void Session::TakePost(std::string_view level, const ReceivedMessage& message) {
-    const std::string_view result = around.gate.Take(level, message.payload, message.isRetained, Uptime());
-    if (result != "posted") {
-        around.queue.CountRefusedPost();
-    }
-    const std::string payload = Payloads::PostResult(++around.memory.posts, result);
-    if (postResults.size() < mostPostResults) {
-        postResults.push_back({topics.PostResult(), payload, 0, false, Content::Json, std::nullopt});
     }
 }
 
@@ -519,14 +443,10 @@ Session::Milliseconds Session::UntilNextDeed() const {
     if (around.queue.Count() != around.memory.toldCounters) {
         rest = std::min(rest, around.memory.toldCountersAt + countersPause - now);
     }
-    if (repeatAt) {
-        rest = std::min(rest, *repeatAt - now);
-    }
-    if (isPictureWanted && around.settings.publishesPictures) {
-        rest = std::min(rest, around.memory.pictures.NextAt() - now);
-    }
-    if (describedAt && around.settings.hasDiscovery && describedVersion != around.queue.SeenVersion()) {
-        rest = std::min(rest, *describedAt + descriptionPause - now);
+    for (const std::optional<Milliseconds>& due : {repeatAt, pictureTurn.NextAt(), description.NextAt()}) {
+        if (due) {
+            rest = std::min(rest, *due - now);
+        }
     }
     return rest;
 }

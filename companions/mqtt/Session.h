@@ -2,10 +2,13 @@
 
 #include "companions/mqtt/CameraFacts.h"
 #include "companions/mqtt/Connection.h"
+#include "companions/mqtt/Description.h"
 #include "companions/mqtt/EventQueue.h"
 #include "companions/mqtt/Identity.h"
 #include "companions/mqtt/OnvifTopics.h"
+#include "companions/mqtt/PictureTurn.h"
 #include "companions/mqtt/Pictures.h"
+#include "companions/mqtt/PostAnswers.h"
 #include "companions/mqtt/PostGate.h"
 #include "companions/mqtt/Settings.h"
 #include "companions/mqtt/Topics.h"
@@ -19,7 +22,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace kelto::halvek::mqtt {
@@ -84,8 +86,6 @@ public:
     static constexpr Milliseconds flushTime{2000};
     /** Home automation that has just started gets everything again, within this time: many cameras have heard it. */
     static constexpr Milliseconds repeatSpread{10000};
-    /** Between two descriptions of the camera. */
-    static constexpr Milliseconds descriptionPause{5000};
     /** Between two messages with the counters. */
     static constexpr Milliseconds countersPause{60000};
     /** A connection that is lost that soon after an event was sent may have been lost because of it. */
@@ -133,14 +133,11 @@ private:
     void QueueAlarms();
     void QueueAlarm(const AlarmState& alarm);
     void QueueAlarmRemoval(const AlarmName& name);
-    void QueueDescription();
-    bool IsDescriptionDue() const;
-    CameraFacts KnownFacts() const;
     void Turn(Milliseconds most);
     void FinishInFlight();
     bool SendNext();
     bool SendGreeting();
-    bool SendPostResult();
+    bool SendPostAnswer();
     bool SendCounters();
     bool SendOverdueAlarm();
     bool SendEvent();
@@ -153,9 +150,7 @@ private:
     void SayGoodbye();
     void TakeInfo(const ReceivedMessage& message);
     void TakeAlarm(const ReceivedMessage& message);
-    void TakeDescription(const ReceivedMessage& message);
     void TakeHomeAutomation(const ReceivedMessage& message);
-    void TakePost(std::string_view level, const ReceivedMessage& message);
     Milliseconds UntilNextDeed() const;
 
     // Constant after construction.
@@ -178,19 +173,11 @@ private:
     std::optional<InFlight> inFlight;
     /** What is said at the beginning, and other short messages of our own. */
     std::deque<Message> greeting;
-    /** Components of a description that an earlier run has left at the broker. */
-    std::set<std::string> leftDescribed;
-    uint64_t describedVersion = 0;
-    std::optional<Milliseconds> describedAt;
     /** When everything is said once more. */
     std::optional<Milliseconds> repeatAt;
-    /** An event has been published since the last picture. */
-    bool isPictureWanted = false;
-    std::optional<Milliseconds> pictureSentAt;
-    /** Answers to posts. */
-    std::deque<Message> postResults;
-    /** An event's turn comes between two answers, however many there are. */
-    bool wasPostResult = false;
+    Description description;
+    PostAnswers postAnswers;
+    PictureTurn pictureTurn;
 };
 
 }  // namespace kelto::halvek::mqtt
