@@ -23,13 +23,15 @@ INPUTS = 4
 class UnreliableBroker:
     """Remembers every event that reaches it, and fails at random moments: before an answer, behind it, or silently."""
 
-    def __init__(self, seed: int) -> None:
+    def __init__(self, seed: int, faults: float) -> None:
+        """@param faults how likely one is with each packet"""
         self.ids: list[int] = []
         self.numbers: collections.Counter = collections.Counter()
         self.states: dict[str, str] = {}
         self.faults: collections.Counter = collections.Counter()
         self.is_reliable = False
         self._random = random.Random(seed)
+        self._likely = faults
         self._lock = threading.Lock()
         self.broker = FakeBroker(self._serve)
 
@@ -51,7 +53,7 @@ class UnreliableBroker:
 
     def _draw(self) -> str:
         with self._lock:
-            if self.is_reliable or self._random.random() > 0.004:
+            if self.is_reliable or self._random.random() > self._likely:
                 return ""
             fault = self._random.choice(["closes before", "closes behind", "is slow", "is silent"])
             self.faults[fault] += 1
@@ -117,11 +119,12 @@ def main() -> int:
     parser = argparse.ArgumentParser()
     parser.add_argument("--minutes", type=float, default=10)
     parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--faults", type=float, default=4, help="in a thousand packets")
     parser.add_argument("--mosquitto", action="store_true")
     options = parser.parse_args()
     with tempfile.TemporaryDirectory() as name:
-        folder, seed = Path(name), options.seed
-        unreliable = UnreliableMosquitto(seed, folder) if options.mosquitto else UnreliableBroker(seed)
+        folder, seed, faults = Path(name), options.seed, options.faults / 1000
+        unreliable = UnreliableMosquitto(seed, faults, folder) if options.mosquitto else UnreliableBroker(seed, faults)
         try:
             return 0 if run(options.minutes, unreliable, seed, folder) else 1
         except NotSeen as error:

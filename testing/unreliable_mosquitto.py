@@ -16,7 +16,6 @@ from testing.broker import PORT, retained
 from testing.fake_broker import PUBACK, PUBLISH, Client, FakeBroker, Packet, packet, until_the_end
 from testing.fleet_simulation import QuietBroker
 
-FAULTS_A_PACKET = 0.003
 QUIET_BETWEEN = (20.0, 60.0)  # seconds in which nothing happens to mosquitto itself
 FIRST_REFUSAL = 0x80  # reason codes of MQTT 5 from here on
 
@@ -24,12 +23,14 @@ FIRST_REFUSAL = 0x80  # reason codes of MQTT 5 from here on
 class UnreliableMosquitto:
     """Remembers every event that mosquitto has acknowledged, whether or not the answer then reaches the bridge."""
 
-    def __init__(self, seed: int, folder: Path) -> None:
+    def __init__(self, seed: int, faults: float, folder: Path) -> None:
+        """@param faults how likely one is with each packet"""
         self.ids: list[int] = []
         self.numbers: collections.Counter = collections.Counter()
         self.faults: collections.Counter = collections.Counter()
         self.is_reliable = False
         self._random = random.Random(seed)
+        self._likely = faults
         self._lock = threading.Lock()
         self._mosquitto = QuietBroker(folder)
         self._mosquitto.start()
@@ -122,7 +123,7 @@ class UnreliableMosquitto:
 
     def _draw(self) -> str:
         with self._lock:
-            if self.is_reliable or self._random.random() > FAULTS_A_PACKET:
+            if self.is_reliable or self._random.random() > self._likely:
                 return ""
             names = ["closes before", "closes half-way", "closes behind", "is slow", "is silent"]
             fault = self._random.choice(names)
