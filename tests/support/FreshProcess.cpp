@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <cstdlib>
 #include <iostream>
 
 namespace kelto::test {

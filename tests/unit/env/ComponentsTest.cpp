@@ -10,10 +10,8 @@
 #include "tests/support/FreshProcess.h"
 #include "tests/support/LetPass.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 
-#include <gmock/gmock.h>
-
-#include <memory>
 #include <new>
 
 namespace kelto::halvek {
@@ -21,12 +19,6 @@ namespace kelto::halvek {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 
 struct AlarmKind {
     using Component = AlarmCommon;
@@ -83,7 +75,7 @@ TYPED_TEST(SharedComponent, EachEnvironmentHasItsOwn) {
 }
 
 TYPED_TEST(SharedComponent, NeedsAnEnvironment) {
-    const auto fails = ThrowsMessage<osa::Exception>(StrEq("Parameter pEnv was NULL"));
+    const auto fails = FailsWith("Parameter pEnv was NULL");
     EXPECT_THAT([] { TypeParam::Component::GetInstance(nullptr); }, fails);
     EXPECT_THAT([] { typename TypeParam::Component(nullptr); }, fails);
     EXPECT_EQ(this->CountMade(), 0);
@@ -93,7 +85,7 @@ TYPED_TEST(SharedComponent, OneOfAnotherClassUnderItsIdCountsAsNotFoundSoTheIdIs
     OtherComponent other;
     this->env.RegisterComponent(TypeParam::id, &other);
     EXPECT_THAT([this] { TypeParam::Component::GetInstance(&this->env); },
-                ThrowsMessage<osa::Exception>(StrEq(std::string("ComponentId ") + TypeParam::id + " already taken")));
+                FailsWith(std::string("ComponentId ") + TypeParam::id + " already taken"));
     EXPECT_EQ(this->env.GetComponent(TypeParam::id), &other);
     EXPECT_EQ(this->CountDestroyed(), this->CountMade()) << "the one that could not be registered is gone";
 }
@@ -102,14 +94,14 @@ TYPED_TEST(SharedComponent, RegisteringItAgainThrowsAndKeepsTheFirst) {
     auto* const component = TypeParam::Component::GetInstance(&this->env);
     OtherComponent other;
     EXPECT_THAT([&] { this->env.RegisterComponent(TypeParam::id, &other); },
-                ThrowsMessage<osa::Exception>(StrEq(std::string("ComponentId ") + TypeParam::id + " already taken")));
+                FailsWith(std::string("ComponentId ") + TypeParam::id + " already taken"));
     EXPECT_EQ(TypeParam::Component::GetInstance(&this->env), component);
 }
 
 TYPED_TEST(SharedComponent, AFailureOfCreateClientComesOutUnchangedAndRegistersNothing) {
     this->providers->onCreate = [](const std::string& provider) { throw osa::Exception("no %s", provider.c_str()); };
     EXPECT_THAT([this] { TypeParam::Component::GetInstance(&this->env); },
-                ThrowsMessage<osa::Exception>(StrEq(std::string("no ") + TypeParam::provider)));
+                FailsWith(std::string("no ") + TypeParam::provider));
     this->providers->onCreate = [](const std::string&) { throw 42; };
     EXPECT_THROW(TypeParam::Component::GetInstance(&this->env), int);
     EXPECT_EQ(this->env.GetComponent(TypeParam::id), nullptr);
@@ -287,7 +279,7 @@ TEST_F(CameraMonitor, AnUnconfiguredHandlerCostsAnAlarmTheHandlersBehindItEachTi
             [this] {
                 providers->stateChange.Notify({"A", 0, true});
             },
-            ThrowsMessage<osa::Exception>(StrEq("EventHandler: not configured")));
+            FailsWith("EventHandler: not configured"));
     }
     EXPECT_THAT(providers.Calls(), IsEmpty());
 }

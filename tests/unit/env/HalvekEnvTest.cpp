@@ -1,15 +1,10 @@
 #include "env/HalvekEnv.h"
-#include "kelto/osa/Exception.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/ProcessState.h"
-
-#include <gmock/gmock.h>
 
 namespace kelto::halvek {
 
 namespace {
-
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 
 class Component : public HalvekEnv::IHalvekComponent {
 public:
@@ -63,7 +58,7 @@ TEST_F(HalvekEnvTest, AnUnknownIdIsNullAndAddsNoEntry) {
 TEST_F(HalvekEnvTest, ATakenIdIsRefusedAndTheFirstComponentStays) {
     env.RegisterComponent("AlarmCommonComponent", &first);
     EXPECT_THAT([this] { env.RegisterComponent("AlarmCommonComponent", &second); },
-                ThrowsMessage<osa::Exception>(StrEq("ComponentId AlarmCommonComponent already taken")));
+                FailsWith("ComponentId AlarmCommonComponent already taken"));
     EXPECT_EQ(env.GetComponent("AlarmCommonComponent"), &first);
 }
 

@@ -4,15 +4,11 @@
 #include "handler/ExternEventHandler.h"
 #include "tests/fakes/FailingAllocation.h"
 #include "tests/fakes/RecordingHandler.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 namespace kelto::halvek {
 
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 constexpr int32_t testKind = 99;
 HalvekEnv* givenEnv = nullptr;

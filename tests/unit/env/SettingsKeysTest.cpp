@@ -2,8 +2,7 @@
 #include "env/SettingsKeys.h"
 #include "handler/HandlerKeys.h"
 #include "source/SourceFactory.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 #include <list>
 #include <string>
@@ -13,10 +12,6 @@ namespace kelto::halvek {
 
 namespace {
 
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Not;
 using ::testing::UnorderedElementsAreArray;
 
 constexpr SettingsKeys keys{TextKey{.name = "Word"}, IntegerKey{.name = "Number", .absent = 7},

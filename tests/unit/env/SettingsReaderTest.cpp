@@ -1,7 +1,5 @@
 #include "env/SettingsReader.h"
-#include "kelto/osa/Exception.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 #include <string>
 
@@ -9,8 +7,6 @@ namespace kelto::halvek {
 
 namespace {
 
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 using Group = core::IniFile::Group;
 
 constexpr SettingsKeys known{
@@ -61,7 +57,7 @@ TEST(SettingsReader, GivesTheDefaultOfANumberThatIsAbsent) {
 TEST(SettingsReader, RefusesANumberThatIsNone) {
     const Group group{{"Strict", "3x"}};
     EXPECT_THAT([&] { SettingsReader(group).Read(known.Integer("Strict")); },
-                ThrowsMessage<osa::Exception>(StrEq("The value of key Strict is not an integer: 3x")));
+                FailsWith("The value of key Strict is not an integer: 3x"));
 }
 
 TEST(SettingsReader, GivesTheDefaultOfANumberThatIsNoneIfItsKeyWantsThat) {
@@ -92,21 +88,20 @@ TEST(SettingsReader, GivesTheDefaultOfABooleanThatIsAbsentOnly) {
     EXPECT_FALSE(SettingsReader(Group{{"Answer", "off"}}).Read(known.Boolean("Answer")));
     const Group group{{"Answer", "perhaps"}};
     EXPECT_THAT([&] { SettingsReader(group).Read(known.Boolean("Answer")); },
-                ThrowsMessage<osa::Exception>(StrEq("The value of key Answer is neither true nor false: perhaps")));
+                FailsWith("The value of key Answer is neither true nor false: perhaps"));
 }
 
 TEST(SettingsReader, RefusesToGoOnWithoutABooleanThatIsRequired) {
-    EXPECT_THAT([] { SettingsReader(Group{}).Read(known.Boolean("Needed")); },
-                ThrowsMessage<osa::Exception>(StrEq("There is no key Needed")));
+    EXPECT_THAT([] { SettingsReader(Group{}).Read(known.Boolean("Needed")); }, FailsWith("There is no key Needed"));
 }
 
 TEST(SettingsReader, NamesTheGroupOfARequiredTextThatIsAbsent) {
     core::IniFile ini;
     EXPECT_THAT([&] { SettingsReader::Read(ini, "Group", known.Text("Word")); },
-                ThrowsMessage<osa::Exception>(StrEq("There is no settings group Group")));
+                FailsWith("There is no settings group Group"));
     ini.AddGroup("Group");
     EXPECT_THAT([&] { SettingsReader::Read(ini, "Group", known.Text("Word")); },
-                ThrowsMessage<osa::Exception>(StrEq("There is no key Word in settings group Group")));
+                FailsWith("There is no key Word in settings group Group"));
     ini.AddGroup("Group")["Word"] = "said";
     EXPECT_EQ(SettingsReader::Read(ini, "Group", known.Text("Word")), "said");
 }

@@ -6,10 +6,8 @@
 #include "event/ParkEvent.h"
 #include "event/SystemEvent.h"
 #include "event/TimerEvent.h"
-#include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeClock.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 #include <array>
 #include <ctime>
@@ -19,15 +17,10 @@ namespace kelto::halvek {
 
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::Pair;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
-
 TEST(Event, WithoutPropertiesHasNoTypeUntilItIsGivenOne) {
     const Event event(Event::Properties{});
     EXPECT_FALSE(event.HasProperties());
-    EXPECT_THAT([&] { event.GetEventType(); }, ThrowsMessage<osa::Exception>(StrEq("Missing eventType")));
+    EXPECT_THAT([&] { event.GetEventType(); }, FailsWith("Missing eventType"));
 }
 
 TEST(Event, StampingAnEmptyEventLeavesExactlyTheTwoStamps) {

@@ -13,10 +13,10 @@
 #include "tests/support/FreshProcess.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/MailText.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/WaitUntil.h"
 
-#include <gmock/gmock.h>
 #include <pthread.h>
 #include <sys/stat.h>
 
@@ -24,7 +24,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <future>
 #include <memory>
 #include <stdexcept>
@@ -35,14 +34,6 @@ namespace kelto::halvek::handler {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::IsSupersetOf;
-using ::testing::Not;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
-using ::testing::ThrowsMessage;
 using Group = core::IniFile::Group;
 using test::Base64;
 using test::MailText;
@@ -241,7 +232,7 @@ TEST_F(EmailEventHandlerTest, AValueThatIsNoBoolLeavesConfigure) {
             [&] {
                 handler.Configure({{key, "perhaps"}});
             },
-            ThrowsMessage<osa::Exception>(::testing::AllOf(HasSubstr(key), HasSubstr("perhaps"))));
+            FailsWith(AllOf(HasSubstr(key), HasSubstr("perhaps"))));
     }
 }
 

@@ -4,17 +4,11 @@
 #include "tests/fakes/FakeClock.h"
 #include "tests/fakes/RecordingHandler.h"
 #include "tests/support/LogCapture.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 namespace kelto::halvek {
 
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 
 class EventHandlerTest : public ::testing::Test {
 protected:
@@ -62,15 +56,14 @@ TEST_F(EventHandlerTest, AnUnconfiguredHandlerThrowsBeforeItsFilterIsAsked) {
     handler.Configure({{"EnabledDays", "X"}});
     handler.SetConfigured(false);
     log.Clear();
-    EXPECT_THAT([this] { handler.HandleEvent(event); },
-                ThrowsMessage<osa::Exception>(StrEq("EventHandler: not configured")));
+    EXPECT_THAT([this] { handler.HandleEvent(event); }, FailsWith("EventHandler: not configured"));
     EXPECT_THAT(log.Lines(), IsEmpty());
     EXPECT_EQ(handler.Count(), 0U);
 }
 
 TEST_F(EventHandlerTest, WhatTheActionThrowsGoesOnToTheSource) {
     test::RecordingHandler failing([](Event&) { throw osa::Exception("no relay"); });
-    EXPECT_THAT([&] { failing.HandleEvent(event); }, ThrowsMessage<osa::Exception>(StrEq("no relay")));
+    EXPECT_THAT([&] { failing.HandleEvent(event); }, FailsWith("no relay"));
     test::RecordingHandler odd([](Event&) { throw 42; });
     EXPECT_THROW(odd.HandleEvent(event), int);
 }

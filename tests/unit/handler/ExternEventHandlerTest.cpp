@@ -4,10 +4,10 @@
 #include "tests/support/Descriptors.h"
 #include "tests/support/Fifo.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/TempDir.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,9 +21,6 @@ namespace kelto::halvek::handler {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::IsSupersetOf;
 
 const std::string directory = "/var/run/halvek";
 constexpr const char* noFifos = "Debug halvek: ExternEventHandler::PerformAction: No FIFO's to use for event";

@@ -6,8 +6,7 @@
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/ProgramsOnPath.h"
 #include "tests/support/LogCapture.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 #include <functional>
 #include <stdexcept>
@@ -18,8 +17,6 @@
 namespace kelto::halvek::handler {
 
 namespace {
-
-using ::testing::ElementsAre;
 
 template <typename Base>
 class OddHandler : public Base {

@@ -1,9 +1,7 @@
 #include "handler/FilterChain.h"
-#include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/support/LogCapture.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 #include <array>
 #include <atomic>
@@ -15,11 +13,6 @@
 namespace kelto::halvek {
 
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 
 constexpr const char* illegalRange = "Warning halvek: FilterChain: Illegal time range setting, not filtering";
 /** 2 March 2025 was a Sunday. */
@@ -62,7 +55,7 @@ protected:
 };
 
 TEST_F(FilterChainTest, AskedUnconfiguredItThrows) {
-    EXPECT_THAT([] { NeverConfiguredFilter().IsFiltered(); }, ThrowsMessage<osa::Exception>(StrEq("not configured")));
+    EXPECT_THAT([] { NeverConfiguredFilter().IsFiltered(); }, FailsWith("not configured"));
 }
 
 TEST_F(FilterChainTest, MayBeAskedOnSeveralThreadsAtOnce) {

@@ -9,14 +9,13 @@
 #include "tests/support/EnvironmentVariable.h"
 #include "tests/support/Fifo.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/WaitUntil.h"
 
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <functional>
 #include <future>
 #include <memory>
 #include <sstream>
@@ -28,13 +27,6 @@ namespace kelto::halvek::handler {
 
 namespace {
 
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Not;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 using Group = core::IniFile::Group;
 using Words = std::vector<std::string>;
 
@@ -147,8 +139,8 @@ TEST_F(FtpEventHandlerTest, TheFilterOfTheBaseHolds) {
 TEST_F(FtpEventHandlerTest, WithoutAttachmentTheSettingsLibrarysFailureLeavesConfigure) {
     Group group = Complete();
     group.erase("Attachment");
-    EXPECT_THAT([&] { handler.Configure(group); }, ThrowsMessage<osa::Exception>(StrEq("There is no key Attachment")));
-    EXPECT_THAT([&] { handler.Configure({}); }, ThrowsMessage<osa::Exception>(StrEq("There is no key Attachment")));
+    EXPECT_THAT([&] { handler.Configure(group); }, FailsWith("There is no key Attachment"));
+    EXPECT_THAT([&] { handler.Configure({}); }, FailsWith("There is no key Attachment"));
 }
 
 TEST_F(FtpEventHandlerTest, AnAttachmentThatIsNotWantedIsRefused) {
@@ -157,7 +149,7 @@ TEST_F(FtpEventHandlerTest, AnAttachmentThatIsNotWantedIsRefused) {
             [&] {
                 Configure({{"Attachment", no}});
             },
-            ThrowsMessage<osa::Exception>(StrEq("FtpEventHandler: No file attachment wanted, what's the point then?")));
+            FailsWith("FtpEventHandler: No file attachment wanted, what's the point then?"));
     }
     EXPECT_THAT(log.Lines(), Not(Contains(HasSubstr("The file we are copying"))));
 }
@@ -168,7 +160,7 @@ TEST_F(FtpEventHandlerTest, AnAttachmentThatIsNoBoolIsRefusedByTheSettingsLibrar
             [&] {
                 Configure({{"Attachment", garbage}});
             },
-            ThrowsMessage<osa::Exception>(StrEq("The value of key Attachment is neither true nor false: " + garbage)));
+            FailsWith("The value of key Attachment is neither true nor false: " + garbage));
     }
 }
 

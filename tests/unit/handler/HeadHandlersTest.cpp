@@ -9,8 +9,7 @@
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeProviders.h"
 #include "tests/support/LogCapture.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 #include <functional>
 #include <memory>
@@ -19,11 +18,6 @@
 namespace kelto::halvek::handler {
 
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 
 struct PresetKind {
     using Handler = PresetEventHandler;
@@ -108,8 +102,7 @@ TYPED_TEST(HeadHandler, AnIdThatIsThereButEmptyLeavesItUnconfigured) {
     this->handler->Configure({{"Id", "1"}});
     this->handler->Configure({{"Id", ""}});
     EXPECT_FALSE(this->handler->IsConfigured());
-    EXPECT_THAT([this] { this->ActOnPriority(0); },
-                ThrowsMessage<osa::Exception>(StrEq("EventHandler: not configured")));
+    EXPECT_THAT([this] { this->ActOnPriority(0); }, FailsWith("EventHandler: not configured"));
     EXPECT_THAT(this->providers.Calls(), IsEmpty());
 }
 

@@ -6,8 +6,7 @@
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeProviders.h"
 #include "tests/support/LogCapture.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 #include <atomic>
 #include <functional>
@@ -20,11 +19,6 @@ namespace kelto::halvek::handler {
 
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::StartsWith;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 using Group = core::IniFile::Group;
 
 class RelayEventHandlerTest : public ::testing::Test {
@@ -116,7 +110,7 @@ TEST_F(RelayEventHandlerTest, AnIndexOfMinusOneLeavesItUnconfigured) {
     handler->Configure({{"BankName", "A"}, {"Index", "-1"}});
     EXPECT_TRUE(log.Has("Information halvek: Configured relay at index: -1"));
     EXPECT_FALSE(handler->IsConfigured());
-    EXPECT_THAT([this] { Act(); }, ThrowsMessage<osa::Exception>(StrEq("EventHandler: not configured")));
+    EXPECT_THAT([this] { Act(); }, FailsWith("EventHandler: not configured"));
     EXPECT_THAT(providers.Calls(), IsEmpty());
 }
 
@@ -175,7 +169,7 @@ TEST_F(RelayEventHandlerTest, AServiceThatDoesNotAnswerFailsTheConfiguration) {
             }
         };
         log.Clear();
-        EXPECT_THAT([&] { handler->Configure({}); }, ThrowsMessage<osa::Exception>(StrEq("no answer to " + failing)));
+        EXPECT_THAT([&] { handler->Configure({}); }, FailsWith("no answer to " + failing));
         EXPECT_FALSE(log.Has("Information halvek: Configured relay at index: 0"));
     }
 }
@@ -286,13 +280,13 @@ TEST_F(RelayEventHandlerTest, AValueThatCannotBeReadIsAnErrorThatNamesKeyAndValu
             [&] {
                 handler->Configure({{"BankName", "A"}, {key, "five"}});
             },
-            ThrowsMessage<osa::Exception>(StrEq("The value of key " + std::string(key) + " is not an integer: five")));
+            FailsWith("The value of key " + std::string(key) + " is not an integer: five"));
     }
     EXPECT_THAT(
         [&] {
             handler->Configure({{"BankName", "A"}, {"Polarity", "upside down"}});
         },
-        ThrowsMessage<osa::Exception>(StrEq("The value of key Polarity is neither true nor false: upside down")));
+        FailsWith("The value of key Polarity is neither true nor false: upside down"));
 }
 
 TEST_F(RelayEventHandlerTest, WhatWasReadBeforeAFailureHolds) {

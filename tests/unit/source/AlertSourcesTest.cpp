@@ -1,6 +1,5 @@
 #include "env/HalvekEnv.h"
 #include "handler/ExternEventHandler.h"
-#include "kelto/osa/Exception.h"
 #include "source/AlarmEventSource.h"
 #include "source/AnalyticsEventSource.h"
 #include "source/MsgBusEventSource.h"
@@ -9,11 +8,10 @@
 #include "tests/fakes/ScriptedService.h"
 #include "tests/support/Fifo.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/PrivateBus.h"
 #include "tests/support/ProcessState.h"
 #include "tests/support/WaitUntil.h"
-
-#include <gmock/gmock.h>
 
 #include <future>
 #include <memory>
@@ -27,16 +25,7 @@ namespace {
 using namespace std::chrono_literals;
 using test::AlertSignal;
 using test::ScriptedService;
-using ::testing::AllOf;
-using ::testing::ElementsAre;
 using ::testing::Gt;
-using ::testing::IsEmpty;
-using ::testing::Key;
-using ::testing::Lt;
-using ::testing::Pair;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
-using ::testing::UnorderedElementsAre;
 
 constexpr const char* announcement = "send Analytics Event, for possible Handler";
 
@@ -79,8 +68,7 @@ using Kinds = ::testing::Types<MsgBusKind, AnalyticsKind>;
 TYPED_TEST_SUITE(AlertSource, Kinds);
 
 TYPED_TEST(AlertSource, NeedsAnEnvironment) {
-    EXPECT_THAT([] { typename TypeParam::Source(TypeParam::type, nullptr); },
-                ThrowsMessage<osa::Exception>(StrEq("Parameter pEnv was NULL")));
+    EXPECT_THAT([] { typename TypeParam::Source(TypeParam::type, nullptr); }, FailsWith("Parameter pEnv was NULL"));
 }
 
 TYPED_TEST(AlertSource, IsMadeByTheFactoryUnderItsTypeName) {

@@ -1,13 +1,10 @@
 #include "source/PostedBlock.h"
+#include "tests/support/Matchers.h"
 #include "tests/unit/source/EventServerSourceFixture.h"
-
-#include <gmock/gmock.h>
 
 namespace kelto::halvek::source {
 
 namespace {
-
-using ::testing::ElementsAre;
 
 TEST_F(EventServerSourceTest, HeaderAndPropertiesBecomeOneMotionEvent) {
     EXPECT_EQ(EventsOf("[Alarm]\nlevel=3\n.\n"), Events({Made("Alarm", {{"level", "3"}})}));

@@ -2,12 +2,12 @@
 #include "kelto/core/Logger.h"
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/Signal.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/ProcessState.h"
 #include "tests/support/WaitUntil.h"
 #include "tests/unit/source/EventServerSourceFixture.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/stat.h>
@@ -26,9 +26,6 @@ namespace kelto::halvek::source {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* defaultPath = "/var/run/halvek.pipe";
@@ -125,8 +122,7 @@ TEST_F(EventServerSourceTest, AHandlerAttachedTwiceUnderAnIdRunsTwice) {
 
 TEST_F(EventServerSourceTest, FiringAnEventWithoutPropertiesIsAnError) {
     event::TimerEvent event(Event::Properties{});
-    EXPECT_THAT([&] { source.FireEvent(event); },
-                ThrowsMessage<osa::Exception>(StrEq("EventServerSource: server improperly used")));
+    EXPECT_THAT([&] { source.FireEvent(event); }, FailsWith("EventServerSource: server improperly used"));
     EXPECT_EQ(handler.Count(), 0U);
 }
 
@@ -144,10 +140,8 @@ TEST_F(EventServerSourceTest, FiringAnEventWithoutAnIdReachesTheHandlersWithoutI
 TEST_F(EventServerSourceTest, AnUnconfiguredServerNeitherStartsNorFires) {
     NeverConfiguredServer unconfigured;
     event::TimerEvent event(Event::Properties{{"eventType", "A"}});
-    EXPECT_THAT([&] { unconfigured.FireEvent(event); },
-                ThrowsMessage<osa::Exception>(StrEq("EventServerSource: not configured")));
-    EXPECT_THAT([&] { unconfigured.StartListening(); },
-                ThrowsMessage<osa::Exception>(StrEq("EventServerSource::StartListening not configured")));
+    EXPECT_THAT([&] { unconfigured.FireEvent(event); }, FailsWith("EventServerSource: not configured"));
+    EXPECT_THAT([&] { unconfigured.StartListening(); }, FailsWith("EventServerSource::StartListening not configured"));
     EXPECT_TRUE(source.IsConfigured());
 }
 
@@ -184,7 +178,7 @@ TEST_F(EventServerSourceTest, ASignalFromAHandlerEndsTheLoop) {
     source.AddHandler(&interrupting);
     fifo.Write("[A]\n.\n");
     source.Run();
-    EXPECT_THAT(log.Lines(), ::testing::IsSupersetOf({"Debug halvek: interrupted by signal 14", "Debug halvek: DONE"}));
+    EXPECT_THAT(log.Lines(), IsSupersetOf({"Debug halvek: interrupted by signal 14", "Debug halvek: DONE"}));
 }
 
 TEST_F(EventServerSourceTest, ConfiguringTellsWhatItDoesStepByStep) {
@@ -200,8 +194,8 @@ TEST_F(EventServerSourceTest, ConfiguringTellsWhatItDoesStepByStep) {
 
 TEST_F(EventServerSourceTest, WithoutAPathTheDefaultCounts) {
     source.Configure({});
-    EXPECT_THAT(log.Lines(), ::testing::IsSupersetOf({"Debug halvek: Could not find fifo Path, using default",
-                                                      "Information halvek: Creating FIFO: /var/run/halvek.pipe"}));
+    EXPECT_THAT(log.Lines(), IsSupersetOf({"Debug halvek: Could not find fifo Path, using default",
+                                           "Information halvek: Creating FIFO: /var/run/halvek.pipe"}));
     EXPECT_TRUE(S_ISFIFO(ModeOf(defaultPath)));
     unlink(defaultPath);
 }
@@ -254,7 +248,7 @@ TEST_F(EventServerSourceTest, APipeThatCannotBeOpenedEndsTheThreadAndStartingRet
 
 TEST_F(EventServerSourceTest, RunningWithoutAPipeThrows) {
     source.Configure({{"Path", folder.PathOf("missing/pipe")}});
-    EXPECT_THAT([this] { source.Run(); }, ThrowsMessage<osa::Exception>(StrEq("Unable to open FIFO for reading")));
+    EXPECT_THAT([this] { source.Run(); }, FailsWith("Unable to open FIFO for reading"));
 }
 
 TEST_F(EventServerSourceTest, AfterFiveQuietSecondsItWaitsAnewWithoutAWord) {
@@ -275,7 +269,7 @@ TEST_F(EventServerSourceTest, AfterFiveQuietSecondsItWaitsAnewWithoutAWord) {
 TEST_F(EventServerSourceTest, ADescriptorThatFitsNoSetIsAFailedOpenAndIsClosed) {
     const test::LowDescriptorsTaken taken(FD_SETSIZE);
     const std::vector<int> before = test::OpenDescriptors();
-    EXPECT_THAT([this] { source.Run(); }, ThrowsMessage<osa::Exception>(StrEq("Unable to open FIFO for reading")));
+    EXPECT_THAT([this] { source.Run(); }, FailsWith("Unable to open FIFO for reading"));
     EXPECT_EQ(test::OpenDescriptors(), before);
 }
 
@@ -478,8 +472,7 @@ TEST_F(EventServerSourceTest, AnInterruptedWaitGoesOn) {
 
 TEST_F(EventServerSourceTest, ASecondStartIsRefused) {
     source.StartListening();
-    EXPECT_THAT([this] { source.StartListening(); },
-                ThrowsMessage<osa::Exception>(StrEq("EventServerSource::StartListening already running")));
+    EXPECT_THAT([this] { source.StartListening(); }, FailsWith("EventServerSource::StartListening already running"));
 }
 
 TEST_F(EventServerSourceTest, AttachingUnderAnIdWaitsForADeliveryInProgress) {

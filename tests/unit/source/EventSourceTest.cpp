@@ -4,9 +4,8 @@
 #include "tests/fakes/ProbeSource.h"
 #include "tests/fakes/RecordingHandler.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/WaitUntil.h"
-
-#include <gmock/gmock.h>
 
 #include <atomic>
 #include <future>
@@ -15,10 +14,6 @@
 namespace kelto::halvek {
 
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 
 constexpr std::chrono::milliseconds longEnoughToHappen(100);
 
@@ -97,7 +92,7 @@ TEST_F(EventSourceTest, AnUnconfiguredSourceFiresNothing) {
     source.AddHandler(&first);
     source.SetConfigured(false);
     event::TimerEvent event(Event::Properties{{"eventType", "Timer"}});
-    EXPECT_THAT([&] { source.FireEvent(event); }, ThrowsMessage<osa::Exception>(StrEq("EventSource: not configured")));
+    EXPECT_THAT([&] { source.FireEvent(event); }, FailsWith("EventSource: not configured"));
     EXPECT_EQ(first.Count(), 0U);
     EXPECT_EQ(event.GetProperties().count("Timestamp"), 0U);
 }
@@ -107,7 +102,7 @@ TEST_F(EventSourceTest, AThrowingHandlerCostsTheHandlersAfterItTheEvent) {
     source.AddHandler(&first);
     source.AddHandler(&throwing);
     source.AddHandler(&third);
-    EXPECT_THAT([&] { Fire(); }, ThrowsMessage<osa::Exception>(StrEq("second of three")));
+    EXPECT_THAT([&] { Fire(); }, FailsWith("second of three"));
     EXPECT_EQ(first.Count(), 1U);
     EXPECT_EQ(third.Count(), 0U);
 }
@@ -130,7 +125,7 @@ TEST_F(EventSourceTest, AnUnconfiguredHandlerThrowsOutOfTheDelivery) {
     source.AddHandler(&first);
     source.AddHandler(&second);
     source.AddHandler(&third);
-    EXPECT_THAT([&] { Fire(); }, ThrowsMessage<osa::Exception>(StrEq("EventHandler: not configured")));
+    EXPECT_THAT([&] { Fire(); }, FailsWith("EventHandler: not configured"));
     EXPECT_EQ(first.Count(), 1U);
     EXPECT_EQ(third.Count(), 0U);
 }

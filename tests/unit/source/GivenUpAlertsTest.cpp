@@ -2,9 +2,8 @@
 #include "tests/fakes/FailingAllocation.h"
 #include "tests/support/FreshProcess.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/WaitUntil.h"
-
-#include <gmock/gmock.h>
 
 #include <optional>
 #include <string>
@@ -15,7 +14,6 @@ namespace kelto::halvek::source {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
 
 std::string Warning(int count) {
     return "Warning kelto.msgbus: " + std::to_string(count) + " alerts of more than 60000 bytes were given up";

@@ -2,14 +2,12 @@
 #include "source/SourceFactory.h"
 #include "source/TimerEventSource.h"
 #include "tests/support/LogCapture.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 namespace kelto::halvek {
 
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::WhenDynamicCastTo;
 
 template <typename Source>

@@ -1,20 +1,14 @@
 #include "event/SystemEvent.h"
-#include "kelto/osa/Exception.h"
 #include "source/SystemEventSource.h"
 #include "tests/fakes/RecordingHandler.h"
 #include "tests/support/LogCapture.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 #include <functional>
 
 namespace kelto::halvek::source {
 
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 
 class SystemEventSourceTest : public ::testing::Test {
 protected:
@@ -61,7 +55,7 @@ TEST_F(SystemEventSourceTest, TakesHandlersButFiresNothing) {
     source.AddHandler(&handler, "id");
     EXPECT_EQ(log.Count("Trace halvek: Called base class AddHandler"), 2U);
     event::SystemEvent event(Event::Properties{{"eventType", "System"}});
-    EXPECT_THAT([&] { source.FireEvent(event); }, ThrowsMessage<osa::Exception>(StrEq("EventSource: not configured")));
+    EXPECT_THAT([&] { source.FireEvent(event); }, FailsWith("EventSource: not configured"));
     EXPECT_EQ(handler.Count(), 0U);
 }
 

@@ -4,9 +4,8 @@
 #include "tests/fakes/RecordingHandler.h"
 #include "tests/support/LetPass.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/WaitUntil.h"
-
-#include <gmock/gmock.h>
 
 #include <algorithm>
 #include <array>
@@ -21,10 +20,6 @@ namespace kelto::halvek::source {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
-using ::testing::Pair;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* defaultMessage = "Debug halvek: \tCan't find Timer::Interval.sec, using default!";
@@ -255,15 +250,13 @@ TEST_F(TimerEventSourceTest, StoppingRightAfterStartingNeverLosesTheStop) {
 TEST_F(TimerEventSourceTest, ASecondStartIsRefused) {
     source.StartListening();
     EXPECT_TRUE(log.Has("Information halvek: TimerEventSource started"));
-    EXPECT_THAT([this] { source.StartListening(); },
-                ThrowsMessage<osa::Exception>(StrEq("TimerEventSource::StartListening already running")));
+    EXPECT_THAT([this] { source.StartListening(); }, FailsWith("TimerEventSource::StartListening already running"));
     source.StopListening();
 }
 
 TEST_F(TimerEventSourceTest, AnUnconfiguredTimerIsNotStarted) {
     NeverConfiguredTimer unconfigured("Timer");
-    EXPECT_THAT([&] { unconfigured.StartListening(); },
-                ThrowsMessage<osa::Exception>(StrEq("TimerEventSource::StartListening not configured")));
+    EXPECT_THAT([&] { unconfigured.StartListening(); }, FailsWith("TimerEventSource::StartListening not configured"));
     EXPECT_EQ(unconfigured.GetCurrentThread(), nullptr);
     EXPECT_TRUE(TimerEventSource("Timer").IsConfigured());
 }
@@ -298,7 +291,7 @@ TEST_F(TimerEventSourceTest, ASignalFromAHandlerEndsTheLoop) {
     test::RecordingHandler interrupting([](Event&) { throw osa::Signal(SIGALRM); });
     source.AddHandler(&interrupting);
     source.Run();
-    EXPECT_THAT(log.Lines(), ::testing::IsSupersetOf({"Debug halvek: interrupted by signal 14", "Debug halvek: DONE"}));
+    EXPECT_THAT(log.Lines(), IsSupersetOf({"Debug halvek: interrupted by signal 14", "Debug halvek: DONE"}));
     EXPECT_EQ(interrupting.Count(), 1U);
 }
 

@@ -1,18 +1,10 @@
 #include "kelto/core/IniFile.h"
 #include "kelto/osa/Exception.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 namespace kelto::core {
 
 namespace {
-
-using ::testing::AllOf;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Key;
-using ::testing::ThrowsMessage;
 
 IniFile::Group WithValue(const std::string& value) {
     return {{"Key", value}};
@@ -51,20 +43,19 @@ TEST(IniFile, AValueIsFoundByGroupAndKey) {
 
 TEST(IniFile, AMissingGroupIsNamed) {
     const IniFile ini;
-    EXPECT_THAT([&] { ini.GetValue("Events/Source#1", "Type"); },
-                ThrowsMessage<osa::Exception>(HasSubstr("Events/Source#1")));
+    EXPECT_THAT([&] { ini.GetValue("Events/Source#1", "Type"); }, FailsWith(HasSubstr("Events/Source#1")));
 }
 
 TEST(IniFile, AMissingKeyIsNamedWithItsGroup) {
     IniFile ini;
     ini.AddGroup("Events/Source#1")["type"] = "";
     EXPECT_THAT([&] { ini.GetValue("Events/Source#1", "Type"); },
-                ThrowsMessage<osa::Exception>(AllOf(HasSubstr("Type"), HasSubstr("Events/Source#1"))));
+                FailsWith(AllOf(HasSubstr("Type"), HasSubstr("Events/Source#1"))));
 }
 
 TEST(IniFile, TheStrictGettersNameTheMissingKey) {
     const IniFile::Group group;
-    const auto namesTheKey = ThrowsMessage<osa::Exception>(HasSubstr("Interval.sec"));
+    const auto namesTheKey = FailsWith(HasSubstr("Interval.sec"));
     EXPECT_THAT([&] { IniFile::GetValueFromGroup(group, "Interval.sec"); }, namesTheKey);
     EXPECT_THAT([&] { IniFile::GetIntFromGroup(group, "Interval.sec"); }, namesTheKey);
     EXPECT_THAT([&] { IniFile::GetBoolFromGroup(group, "Interval.sec"); }, namesTheKey);
@@ -124,7 +115,7 @@ TEST(IniFile, AnythingElseIsNoIntegerAndTheErrorNamesKeyAndValue) {
                                        std::string("1\0", 2),
                                        "\xd9\xa1"};
     for (const std::string& text : notIntegers) {
-        const auto namesBoth = ThrowsMessage<osa::Exception>(AllOf(HasSubstr("Key"), HasSubstr(text.c_str())));
+        const auto namesBoth = FailsWith(AllOf(HasSubstr("Key"), HasSubstr(text.c_str())));
         EXPECT_THAT([&] { IniFile::GetIntFromGroup(WithValue(text), "Key"); }, namesBoth) << text;
         EXPECT_THAT([&] { IniFile::GetIntOrDefaultFromGroup(WithValue(text), "Key", 5); }, namesBoth) << text;
     }
@@ -146,7 +137,7 @@ TEST(IniFile, AnythingElseIsNoBoolAndTheErrorNamesKeyAndValue) {
                                     "t",     "y",       "n",    " on",   "on ",
                                     "truee", "enabled", "fals", "yesno", std::string("on\0x", 4)};
     for (const std::string& text : notBools) {
-        const auto namesBoth = ThrowsMessage<osa::Exception>(AllOf(HasSubstr("Key"), HasSubstr(text.c_str())));
+        const auto namesBoth = FailsWith(AllOf(HasSubstr("Key"), HasSubstr(text.c_str())));
         EXPECT_THAT([&] { IniFile::GetBoolFromGroup(WithValue(text), "Key"); }, namesBoth) << text;
         EXPECT_THAT([&] { IniFile::GetBoolOrDefaultFromGroup(WithValue(text), "Key", true); }, namesBoth) << text;
     }

@@ -3,9 +3,9 @@
 #include "tests/fakes/RecordSocket.h"
 #include "tests/support/EnvironmentVariable.h"
 #include "tests/support/FreshProcess.h"
+#include "tests/support/Matchers.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -22,15 +22,6 @@
 namespace kelto::core {
 
 namespace {
-
-using ::testing::AllOf;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::EndsWith;
-using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
-using ::testing::Pair;
-using ::testing::SizeIs;
 
 using Fields = std::map<std::string, std::string>;
 

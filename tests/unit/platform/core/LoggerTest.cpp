@@ -4,9 +4,9 @@
 #include "tests/support/EnvironmentVariable.h"
 #include "tests/support/FreshProcess.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <array>
@@ -19,12 +19,6 @@
 namespace kelto::core {
 
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::EndsWith;
-using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
-using ::testing::SizeIs;
 
 constexpr const char* recordTime = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
 
@@ -398,7 +392,7 @@ TEST_F(LoggerTest, ManyThreadsThatAskForANameGetOneObject) {
         thread.join();
     }
     EXPECT_THAT(std::set<const Logger*>(found[0].begin(), found[0].end()), SizeIs(nameCount));
-    EXPECT_THAT(found, testing::Each(found[0]));
+    EXPECT_THAT(found, Each(found[0]));
 }
 
 TEST_F(LoggerTest, RecordsOfManyThreadsDoNotMix) {

@@ -1,13 +1,9 @@
 #include "kelto/core/StringUtil.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 namespace kelto::core {
 
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::SizeIs;
 
 TEST(StringUtil, SplitKeepsEmptyPieces) {
     EXPECT_THAT(StringUtil::Split("a,b", ','), ElementsAre("a", "b"));

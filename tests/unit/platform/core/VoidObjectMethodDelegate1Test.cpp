@@ -1,6 +1,5 @@
 #include "kelto/core/VoidObjectMethodDelegate1.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 #include <memory>
 #include <stdexcept>
@@ -10,8 +9,6 @@
 namespace kelto::core {
 
 namespace {
-
-using ::testing::ElementsAre;
 
 class Listener {
 public:
@@ -46,7 +43,7 @@ TEST(VoidObjectMethodDelegate1, IsKnownByItsObject) {
 TEST(VoidObjectMethodDelegate1, LetsAnExceptionThrough) {
     Listener listener;
     Delegate delegate(&listener, &Listener::Refuse);
-    EXPECT_THAT([&] { delegate.Invoke("no"); }, testing::ThrowsMessage<std::runtime_error>("no"));
+    EXPECT_THAT([&] { delegate.Invoke("no"); }, ThrowsMessage<std::runtime_error>("no"));
 }
 
 TEST(VoidObjectMethodDelegate1, DoesNotOwnItsObject) {

@@ -1,13 +1,9 @@
 #include "kelto/inet/AddressList.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 namespace kelto::inet {
 
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 TEST(SplitAddresses, ASingleAddressIsItself) {
     EXPECT_THAT(SplitAddresses("a@x"), ElementsAre("a@x"));

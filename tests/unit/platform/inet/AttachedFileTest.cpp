@@ -1,9 +1,8 @@
 #include "kelto/inet/AttachedFile.h"
-#include "kelto/osa/Exception.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/Unprivileged.h"
 
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -28,9 +27,6 @@ extern "C" ssize_t read(int fd, void* buffer, size_t size) {
 namespace kelto::inet {
 
 namespace {
-
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 
 std::string TypeName(const std::string& path) {
     const MediaType type = TypeOfFile(path);
@@ -60,8 +56,7 @@ TEST(TypeOfFile, IsUnspecificForEverythingElse) {
 class ReadAttachedFileTest : public ::testing::Test {
 protected:
     static void ExpectRefused(const std::string& path, const std::string& reason) {
-        EXPECT_THAT([&] { ReadAttachedFile(path); },
-                    ThrowsMessage<osa::Exception>(StrEq("Cannot read " + path + ": " + reason)));
+        EXPECT_THAT([&] { ReadAttachedFile(path); }, FailsWith("Cannot read " + path + ": " + reason));
     }
 
     const test::TempDir folder;
@@ -112,8 +107,7 @@ TEST(ReadAttachedFile, TakesSixteenMebibytesAndNoMore) {
     ASSERT_EQ(truncate(file.c_str(), largest), 0);
     EXPECT_EQ(ReadAttachedFile(file).size(), static_cast<size_t>(largest));
     ASSERT_EQ(truncate(file.c_str(), largest + 1), 0);
-    EXPECT_THAT([&] { ReadAttachedFile(file); },
-                ThrowsMessage<osa::Exception>(StrEq("Cannot read " + file + ": more than 16 MiB")));
+    EXPECT_THAT([&] { ReadAttachedFile(file); }, FailsWith("Cannot read " + file + ": more than 16 MiB"));
 }
 
 }  // namespace

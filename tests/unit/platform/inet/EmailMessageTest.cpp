@@ -1,12 +1,11 @@
 #include "kelto/core/StringUtil.h"
 #include "kelto/inet/EmailMessage.h"
-#include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/MailText.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/TempDir.h"
 
-#include <gmock/gmock.h>
 #include <malloc.h>
 #include <sys/syscall.h>
 #include <sys/utsname.h>
@@ -48,17 +47,6 @@ namespace kelto::inet {
 
 namespace {
 
-using ::testing::Contains;
-using ::testing::Each;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
-using ::testing::Not;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 using Recipient = EmailMessage::Recipient;
 using test::MailText;
 
@@ -354,7 +342,7 @@ TEST(EmailMessage, AHostNameLosesWhatMayNotStandInAMessageId) {
 TEST(EmailMessage, WithoutRandomNumbersThereIsNoMail) {
     hasRandomNumbers = false;
     EXPECT_THAT([] { WireForm(EmailMessage("cam@x", "s")); },
-                ThrowsMessage<osa::Exception>(StrEq("There are no random numbers for a Message-ID")));
+                FailsWith("There are no random numbers for a Message-ID"));
     hasRandomNumbers = true;
 }
 

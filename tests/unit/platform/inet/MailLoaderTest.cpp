@@ -1,15 +1,14 @@
 #include "kelto/inet/EmailMessage.h"
 #include "kelto/inet/MailLoader.h"
-#include "kelto/osa/Exception.h"
 #include "kelto/osa/PathUtils.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/EnvironmentVariable.h"
 #include "tests/support/FreshProcess.h"
 #include "tests/support/MailText.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/TempDir.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -37,13 +36,6 @@ extern "C" int access(const char* path, int mode) noexcept {
 namespace kelto::inet {
 
 namespace {
-
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::Not;
-using ::testing::StartsWith;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 
 constexpr const char* variable = "KELTO_MAIL_MODULE";
 
@@ -125,9 +117,9 @@ TEST(MailLoader, AMissingModuleIsAnExceptionAndTheNextMailTriesAgain) {
     test::ExpectInFreshProcess([] {
         {
             const test::EnvironmentVariable named(variable, "/nowhere/mail.so");
-            EXPECT_THAT(WriteOne, ThrowsMessage<osa::Exception>(
-                                      StrEq("Cannot load the mail library: /nowhere/mail.so: cannot open shared object "
-                                            "file: No such file or directory")));
+            EXPECT_THAT(WriteOne,
+                        FailsWith(StrEq("Cannot load the mail library: /nowhere/mail.so: cannot open shared object "
+                                        "file: No such file or directory")));
         }
         WriteOne();
     });
@@ -136,9 +128,8 @@ TEST(MailLoader, AMissingModuleIsAnExceptionAndTheNextMailTriesAgain) {
 TEST(MailLoader, AModuleThatDoesNotStandBesideTheProgramIsLookedForWhereItIsInstalled) {
     test::ExpectInFreshProcess([] {
         nothingStandsBeside = true;
-        EXPECT_THAT(WriteOne,
-                    ThrowsMessage<osa::Exception>(AllOf(StartsWith("Cannot load the mail library: /"),
-                                                        HasSubstr("/kelto/kelto-mail.so: cannot open shared object"))));
+        EXPECT_THAT(WriteOne, FailsWith(AllOf(StartsWith("Cannot load the mail library: /"),
+                                              HasSubstr("/kelto/kelto-mail.so: cannot open shared object"))));
     });
 }
 
@@ -167,14 +158,14 @@ TEST(MailLoader, AModuleThatIsNoneIsAnException) {
     test::ExpectInFreshProcess([] {
         const test::TempDir folder;
         const test::EnvironmentVariable named(variable, folder.Write("mail.so", "no library"));
-        EXPECT_THAT(WriteOne, ThrowsMessage<osa::Exception>(StartsWith("Cannot load the mail library: ")));
+        EXPECT_THAT(WriteOne, FailsWith(StartsWith("Cannot load the mail library: ")));
     });
 }
 
 TEST(MailLoader, ALibraryWithoutTheFunctionsIsAnException) {
     test::ExpectInFreshProcess([] {
         const test::EnvironmentVariable named(variable, "libdl.so.2");
-        EXPECT_THAT(WriteOne, ThrowsMessage<osa::Exception>(HasSubstr("undefined symbol: kelto_mail_write")));
+        EXPECT_THAT(WriteOne, FailsWith(HasSubstr("undefined symbol: kelto_mail_write")));
     });
 }
 

@@ -1,7 +1,6 @@
 #include "kelto/core/StringUtil.h"
 #include "kelto/inet/TextEncoding.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 #include <random>
 
@@ -9,11 +8,7 @@ namespace kelto::inet {
 
 namespace {
 
-using ::testing::Each;
 using ::testing::Le;
-using ::testing::Not;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
 
 constexpr size_t longestEncodedLine = 76;
 

@@ -1,18 +1,11 @@
 #include "kelto/interfaces/AnalyticsInterface.h"
 #include "kelto/msgbus/MsgBusMsg.h"
-#include "kelto/osa/Exception.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 namespace kelto::interfaces {
 
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Pair;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 using AnalyticsAlert = AnalyticsInterface::AnalyticsAlert;
 using msgbus::MsgBusMsg;
 using Value = MsgBusMsg::Value;
@@ -60,10 +53,9 @@ TEST(AnalyticsAlert, OtherArgumentsAreRefusedWithBothSignatures) {
     MsgBusMsg message = Alert();
     for (const char* signature : {"", "sssssa(dd)a(dd)s", "sssssa(dd)a(dd)sss", "sssssa(ii)a(dd)ss"}) {
         message.signature = signature;
-        EXPECT_THAT(
-            [&] { AnalyticsAlert{message}; },
-            ThrowsMessage<osa::Exception>(StrEq("Message com.zentu.analytics.AnalyticsAlert has arguments \"" +
-                                                std::string(signature) + "\" instead of \"sssssa(dd)a(dd)ss\"")));
+        EXPECT_THAT([&] { AnalyticsAlert{message}; },
+                    FailsWith("Message com.zentu.analytics.AnalyticsAlert has arguments \"" + std::string(signature) +
+                              "\" instead of \"sssssa(dd)a(dd)ss\""));
     }
 }
 

@@ -4,18 +4,15 @@
 #include "kelto/interfaces/IRelayV3Provider.h"
 #include "kelto/interfaces/ITourProvider.h"
 #include "kelto/msgbus/MsgBus.h"
-#include "kelto/osa/Exception.h"
 #include "tests/fakes/ScriptedService.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/PrivateBus.h"
 #include "tests/support/ProcessState.h"
 #include "tests/unit/platform/interfaces/InterfaceFile.h"
 
-#include <gmock/gmock.h>
-
 #include <functional>
 #include <future>
 #include <set>
-#include <utility>
 
 namespace kelto::interfaces {
 
@@ -23,11 +20,6 @@ namespace {
 
 using test::BusArguments;
 using test::ScriptedService;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::StartsWith;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 using Strings = std::vector<std::string>;
 
 /**
@@ -67,7 +59,7 @@ protected:
     /** The deed shall fail with the service's error, whatever method it calls. */
     void ExpectError(const std::string& method, const std::function<void()>& deed) {
         service.Fail(method, "com.kelto.Error.Jammed", "the gear is stuck");
-        EXPECT_THAT(deed, ThrowsMessage<osa::Exception>(StrEq("com.kelto.Error.Jammed: the gear is stuck"))) << method;
+        EXPECT_THAT(deed, FailsWith("com.kelto.Error.Jammed: the gear is stuck")) << method;
     }
 
     const test::PrivateBus daemon;
@@ -259,7 +251,7 @@ TEST(Clients, AreMadeWithoutABusWithoutAFailureAndWithoutAConnection) {
     const auto presets = IPresetsV2Provider::CreateClient(&bus);
     const auto tour = ITourProvider::CreateClient(&bus);
     EXPECT_EQ(test::CountThreads(), threads);
-    const auto fails = ThrowsMessage<osa::Exception>(StartsWith("Cannot open the message bus: "));
+    const auto fails = FailsWith(StartsWith("Cannot open the message bus: "));
     EXPECT_THAT([&] { alarm->GetBankNames(); }, fails);
     EXPECT_THAT([&] { motion->GetIdleState(); }, fails);
     EXPECT_THAT([&] { relay->Activate("Local", 0, 3); }, fails);
@@ -270,7 +262,7 @@ TEST(Clients, AreMadeWithoutABusWithoutAFailureAndWithoutAConnection) {
 TEST(Clients, FailAtOnceWithoutTheirService) {
     const test::PrivateBus daemon;
     msgbus::MsgBus bus;
-    const auto fails = ThrowsMessage<osa::Exception>(StartsWith("org.freedesktop.DBus.Error.ServiceUnknown: "));
+    const auto fails = FailsWith(StartsWith("org.freedesktop.DBus.Error.ServiceUnknown: "));
     EXPECT_THAT([&] { IAlarmV3Provider::CreateClient(&bus)->GetBankNames(); }, fails);
     EXPECT_THAT([&] { IMotionStateProvider::CreateClient(&bus)->GetIdleState(); }, fails);
     EXPECT_THAT([&] { IRelayV3Provider::CreateClient(&bus)->GetBankNames(); }, fails);

@@ -6,12 +6,11 @@
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/ScriptedService.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/PrivateBus.h"
 #include "tests/support/ProcessState.h"
 #include "tests/support/WaitUntil.h"
 #include "tests/unit/platform/interfaces/InterfaceFile.h"
-
-#include <gmock/gmock.h>
 
 #include <functional>
 #include <future>
@@ -30,9 +29,6 @@ namespace {
 using namespace std::chrono_literals;
 using test::ProviderSignal;
 using test::ScriptedService;
-using ::testing::ElementsAre;
-using ::testing::EndsWith;
-using ::testing::IsEmpty;
 using StateChange = IAlarmV3Provider::StateChangeEventArgs;
 
 /** Hears notifications as "<bank>:<index>:<active>" or as the number that they are, then does what a test wants. */

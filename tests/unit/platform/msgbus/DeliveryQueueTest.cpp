@@ -4,10 +4,10 @@
 #include "tests/fakes/FailingAllocation.h"
 #include "tests/fakes/FakeClock.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/ProcessState.h"
 #include "tests/unit/platform/msgbus/HeardMessages.h"
 
-#include <gmock/gmock.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -19,7 +19,6 @@ namespace kelto::msgbus {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
 
 constexpr size_t mebibyte = size_t{1024} * 1024;
 

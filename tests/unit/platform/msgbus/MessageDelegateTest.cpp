@@ -1,7 +1,6 @@
 #include "kelto/msgbus/MessageDelegate.h"
 #include "kelto/msgbus/MsgBusMsg.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 #include <memory>
 #include <stdexcept>
@@ -11,7 +10,6 @@ namespace kelto::msgbus {
 namespace {
 
 using ::testing::_;
-using ::testing::ElementsAre;
 using ::testing::InSequence;
 using ::testing::NiceMock;
 using ::testing::SaveArg;
@@ -66,7 +64,7 @@ TEST(MessageDelegate, LetsAnExceptionThroughToTheBus) {
     NiceMock<MockBus> bus;
     Listener listener;
     Delegate delegate(&bus, "a", "domain", &listener, &Listener::Refuse);
-    EXPECT_THAT([&] { delegate.HandleMessage(MessageNamed("no")); }, testing::ThrowsMessage<std::runtime_error>("no"));
+    EXPECT_THAT([&] { delegate.HandleMessage(MessageNamed("no")); }, ThrowsMessage<std::runtime_error>("no"));
 }
 
 TEST(MessageDelegate, CancellingUnsubscribesOnceAndTheDestructorNotAgain) {

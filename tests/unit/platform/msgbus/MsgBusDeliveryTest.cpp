@@ -1,11 +1,11 @@
 #include "kelto/osa/Exception.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/ProcessState.h"
 #include "tests/support/WaitUntil.h"
 #include "tests/unit/platform/msgbus/MsgBusFixture.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
@@ -23,9 +23,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::BusSignal;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Not;
 
 TEST_F(MsgBusTest, UnsubscribingWaitsForTheCallInFlight) {
     std::promise<void> gate;

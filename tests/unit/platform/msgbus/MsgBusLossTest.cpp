@@ -4,11 +4,10 @@
 #include "tests/support/Descriptors.h"
 #include "tests/support/LetPass.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/PrivateBus.h"
 #include "tests/support/ProcessState.h"
 #include "tests/unit/platform/msgbus/HeardMessages.h"
-
-#include <gmock/gmock.h>
 
 #include <chrono>
 #include <memory>
@@ -18,10 +17,6 @@ namespace kelto::msgbus {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
 using Clock = std::chrono::steady_clock;
 using State = test::PrivateBus::State;
 using test::ScriptedService;

@@ -1,10 +1,9 @@
 #include "kelto/core/Logger.h"
 #include "tests/fakes/FailingAllocation.h"
 #include "tests/support/FreshProcess.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/ProcessState.h"
 #include "tests/unit/platform/msgbus/MsgBusFixture.h"
-
-#include <gmock/gmock.h>
 
 #include <memory>
 #include <new>
@@ -14,8 +13,6 @@ namespace kelto::msgbus {
 namespace {
 
 using test::FailingAllocation;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 /** Subscribes with one allocation failing, the one after so many; says whether it came to that. */
 bool SubscribeFails(MsgBus& bus, const MessageFilter& wanted, IMessageHandler& handler, size_t goodOnes) {

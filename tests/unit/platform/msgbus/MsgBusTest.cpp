@@ -1,9 +1,8 @@
 #include "tests/support/Descriptors.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/ProcessState.h"
 #include "tests/support/WaitUntil.h"
 #include "tests/unit/platform/msgbus/MsgBusFixture.h"
-
-#include <gmock/gmock.h>
 
 #include <future>
 
@@ -13,11 +12,6 @@ namespace {
 
 using test::BusSignal;
 using test::ScriptedService;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
-using ::testing::UnorderedElementsAre;
 
 const MessageFilter refused{.name = "no name", .domain = "com.zentu.test", .sender = "", .path = ""};
 

@@ -1,9 +1,9 @@
 #include "kelto/msgbus/BusConnection.h"
 #include "kelto/msgbus/ProviderCall.h"
 #include "tests/fakes/ScriptedService.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/PrivateBus.h"
 
-#include <gmock/gmock.h>
 #include <malloc.h>
 
 #include <algorithm>
@@ -17,8 +17,6 @@ namespace kelto::msgbus {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
-using ::testing::SizeIs;
 using Strings = std::vector<std::string>;
 using test::ScriptedService;
 

@@ -3,11 +3,11 @@
 #include "tests/fakes/ScriptedService.h"
 #include "tests/fakes/SilentSocket.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/PrivateBus.h"
 #include "tests/support/ProcessState.h"
 #include "tests/support/WaitUntil.h"
 
-#include <gmock/gmock.h>
 #include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -27,16 +27,6 @@ namespace kelto::msgbus {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::AllOf;
-using ::testing::ElementsAre;
-using ::testing::Ge;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Lt;
-using ::testing::SizeIs;
-using ::testing::StartsWith;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 using Clock = std::chrono::steady_clock;
 using State = test::PrivateBus::State;
 using test::ScriptedService;
@@ -112,12 +102,12 @@ TEST_F(ProviderCallTest, GoesToTheNameObjectAndInterfaceOfTheProvider) {
 
 TEST_F(ProviderCallTest, AnErrorOfTheServiceComesWithItsNameAndText) {
     service->Fail("GetNames", "com.kelto.Error.Busy", "100% busy: %s");
-    EXPECT_THAT(GetNames, ThrowsMessage<osa::Exception>(StrEq("com.kelto.Error.Busy: 100% busy: %s")));
+    EXPECT_THAT(GetNames, FailsWith("com.kelto.Error.Busy: 100% busy: %s"));
 }
 
 TEST_F(ProviderCallTest, AnErrorOfTheServiceWithoutATextIsItsName) {
     service->Fail("GetNames", "com.kelto.Error.Busy", "");
-    EXPECT_THAT(GetNames, ThrowsMessage<osa::Exception>(StrEq("com.kelto.Error.Busy: ")));
+    EXPECT_THAT(GetNames, FailsWith("com.kelto.Error.Busy: "));
 }
 
 TEST_F(ProviderCallTest, AServiceThatIsNotThereFailsAtOnce) {

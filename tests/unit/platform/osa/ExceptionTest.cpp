@@ -1,7 +1,6 @@
 #include "kelto/osa/Exception.h"
 #include "kelto/osa/Signal.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 #include <csignal>
 #include <string>
@@ -41,7 +40,7 @@ TEST(Exception, CopiesHaveTheSameTextAndThrowNothing) {
 }
 
 TEST(Exception, IsCaughtAsAStandardException) {
-    EXPECT_THAT([] { throw Exception("text"); }, testing::ThrowsMessage<std::exception>("text"));
+    EXPECT_THAT([] { throw Exception("text"); }, ThrowsMessage<std::exception>("text"));
 }
 
 TEST(Signal, IsAnExceptionThatKnowsItsNumber) {

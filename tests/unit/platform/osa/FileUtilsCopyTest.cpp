@@ -2,13 +2,13 @@
 #include "tests/fakes/FatNames.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/MemoryMount.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/Unprivileged.h"
 #include "tests/support/WaitUntil.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -22,7 +22,6 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -79,11 +78,6 @@ extern "C" ssize_t write(int fd, const void* data, size_t size) {
 namespace kelto::osa {
 
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::MatchesRegex;
-using ::testing::StartsWith;
 
 constexpr size_t megabyte = 1 << 20;
 

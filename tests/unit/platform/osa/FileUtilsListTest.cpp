@@ -2,11 +2,11 @@
 #include "kelto/osa/FileUtils.h"
 #include "kelto/osa/UniqueFd.h"
 #include "tests/support/Descriptors.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/Unprivileged.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -17,13 +17,6 @@
 namespace kelto::osa {
 
 namespace {
-
-using ::testing::AllOf;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::SizeIs;
-using ::testing::ThrowsMessage;
 
 using Paths = std::vector<std::string>;
 
@@ -109,8 +102,8 @@ TEST(ListFiles, ListsThousandsOfFiles) {
 TEST(ListFiles, ThrowsForWhatIsNoFolder) {
     const test::TempDir folder;
     const std::string file = folder.Write("file", "");
-    EXPECT_THAT([&] { List(file); }, ThrowsMessage<Exception>(AllOf(HasSubstr(file), HasSubstr("Not a directory"))));
-    EXPECT_THAT([&] { List(file + "/below"); }, ThrowsMessage<Exception>(HasSubstr("Not a directory")));
+    EXPECT_THAT([&] { List(file); }, FailsWith(AllOf(HasSubstr(file), HasSubstr("Not a directory"))));
+    EXPECT_THAT([&] { List(file + "/below"); }, FailsWith(HasSubstr("Not a directory")));
 }
 
 TEST(ListFiles, ThrowsForAFolderThatMayNotBeRead) {
@@ -118,17 +111,15 @@ TEST(ListFiles, ThrowsForAFolderThatMayNotBeRead) {
     const std::string closed = folder.PathOf("closed");
     ASSERT_EQ(mkdir(closed.c_str(), 0300), 0);
     const test::Unprivileged unprivileged;
-    EXPECT_THAT([&] { List(closed); },
-                ThrowsMessage<Exception>(AllOf(HasSubstr(closed), HasSubstr("Permission denied"))));
+    EXPECT_THAT([&] { List(closed); }, FailsWith(AllOf(HasSubstr(closed), HasSubstr("Permission denied"))));
 }
 
 TEST(ListFiles, ThrowsForALinkThatLeadsToItselfAndForAnEndlessName) {
     const test::TempDir folder;
     std::filesystem::create_symlink("loop", folder.PathOf("loop"));
-    EXPECT_THAT([&] { List(folder.PathOf("loop")); },
-                ThrowsMessage<Exception>(HasSubstr("Too many levels of symbolic links")));
+    EXPECT_THAT([&] { List(folder.PathOf("loop")); }, FailsWith(HasSubstr("Too many levels of symbolic links")));
     EXPECT_THAT([&] { List(folder.PathOf(std::string(NAME_MAX + 1, 'x'))); },
-                ThrowsMessage<Exception>(HasSubstr("File name too long")));
+                FailsWith(HasSubstr("File name too long")));
 }
 
 TEST(ListFiles, ThrowsWhenThereIsNoDescriptorLeft) {

@@ -1,8 +1,7 @@
 #include "kelto/osa/FileUtils.h"
 #include "tests/fakes/FailingAllocation.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/TempDir.h"
-
-#include <gmock/gmock.h>
 
 #include <cstddef>
 #include <string>
@@ -11,8 +10,6 @@
 namespace kelto::osa {
 
 namespace {
-
-using ::testing::SizeIs;
 
 bool CopyWithFailure(const std::string& from, const std::string& to, size_t goodOnes) {
     const test::FailingAllocation failing(goodOnes);

@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <string>

@@ -2,8 +2,7 @@
 #include "kelto/osa/Thread.h"
 #include "tests/fakes/FailingAllocation.h"
 #include "tests/support/LogCapture.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
 
 #include <memory>
 #include <stdexcept>
@@ -12,8 +11,6 @@
 namespace kelto::osa {
 
 namespace {
-
-using ::testing::ElementsAre;
 
 /** Throws an error that was made while there was memory. There is none from then on until the body is destroyed. */
 class BodyWithoutMemory : public Runnable {

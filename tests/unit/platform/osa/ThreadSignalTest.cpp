@@ -1,13 +1,12 @@
-#include "kelto/osa/Exception.h"
 #include "kelto/osa/Runnable.h"
 #include "kelto/osa/Signal.h"
 #include "kelto/osa/Thread.h"
 #include "tests/fakes/IntendedWaits.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/WaitUntil.h"
 
-#include <gmock/gmock.h>
 #include <pthread.h>
 #include <sys/select.h>
 #include <unistd.h>
@@ -492,7 +491,7 @@ TEST(ThreadSignal, ALeavingSignalIsLoggedAndEndsOnlyTheThread) {
     const std::vector<test::LogRecord> records = log.Records();
     ASSERT_EQ(records.size(), 1U);
     EXPECT_EQ(records[0].logger, "kelto.osa");
-    EXPECT_THAT(records[0].text, testing::HasSubstr("interrupted by signal 14"));
+    EXPECT_THAT(records[0].text, HasSubstr("interrupted by signal 14"));
 }
 
 TEST(ThreadSignal, ManyThreadsAreSignalledAndJoinedAtAnyPointOfTheirLives) {

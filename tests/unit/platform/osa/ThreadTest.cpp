@@ -2,10 +2,10 @@
 #include "kelto/osa/Runnable.h"
 #include "kelto/osa/Thread.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/WaitUntil.h"
 
-#include <gmock/gmock.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -13,19 +13,12 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace kelto::osa {
 
 namespace {
-
-using ::testing::AllOf;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::ThrowsMessage;
 
 constexpr int defaultPriority = 0;
 constexpr unsigned defaultStack = 0;
@@ -177,7 +170,7 @@ TEST(Thread, AStartThatTheSystemRefusesThrowsAndNamesTheThread) {
     Body body;
     Thread thread("greedy", body, 1U << 31U, defaultPriority);
     EXPECT_THAT([&] { thread.Run(); },
-                ThrowsMessage<Exception>(AllOf(HasSubstr("greedy"), HasSubstr("Resource temporarily unavailable"))));
+                FailsWith(AllOf(HasSubstr("greedy"), HasSubstr("Resource temporarily unavailable"))));
     thread.Join();
     EXPECT_EQ(body.threadId, 0);
 }
@@ -191,7 +184,7 @@ TEST(Thread, ASecondStartThrows) {
     });
     Thread thread("test", body, defaultStack, defaultPriority);
     thread.Run();
-    EXPECT_THAT([&] { thread.Run(); }, ThrowsMessage<Exception>(HasSubstr("test")));
+    EXPECT_THAT([&] { thread.Run(); }, FailsWith(HasSubstr("test")));
     done = true;
     thread.Join();
     EXPECT_THROW(thread.Run(), Exception);

@@ -1,9 +1,9 @@
 #include "kelto/osa/Exception.h"
 #include "kelto/settings/KeltoSettingsClient.h"
 #include "tests/support/EnvironmentVariable.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/TempDir.h"
 
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -14,11 +14,6 @@
 namespace kelto::settings {
 
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Key;
-using ::testing::Pair;
 
 class KeltoSettingsClientTest : public testing::Test {
 protected:

@@ -5,9 +5,8 @@
 #include "tests/support/EnvironmentVariable.h"
 #include "tests/support/FreshProcess.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/TempDir.h"
-
-#include <gmock/gmock.h>
 
 #include <memory>
 
@@ -16,8 +15,6 @@ namespace kelto::settings {
 namespace {
 
 using core::LogLevel;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 constexpr const char* group = "Applications/halvek";
 

@@ -2,12 +2,12 @@
 #include "kelto/settings/SettingsStore.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/EnvironmentVariable.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/MemoryMount.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/Unprivileged.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -36,14 +36,6 @@ namespace kelto::settings {
 
 namespace {
 
-using ::testing::AllOf;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::Key;
-using ::testing::Pair;
-using ::testing::ThrowsMessage;
-
 core::IniFile LoadFrom(const std::string& path) {
     const test::EnvironmentVariable store("KELTO_SETTINGS", path);
     return SettingsStore::Load();
@@ -51,7 +43,7 @@ core::IniFile LoadFrom(const std::string& path) {
 
 /** Shows that a store cannot be read, and that the error names this path and this reason. */
 void ExpectError(const std::string& store, const std::string& path, const std::string& reason) {
-    EXPECT_THAT([&] { LoadFrom(store); }, ThrowsMessage<osa::Exception>(AllOf(HasSubstr(path), HasSubstr(reason))));
+    EXPECT_THAT([&] { LoadFrom(store); }, FailsWith(AllOf(HasSubstr(path), HasSubstr(reason))));
 }
 
 TEST(SettingsStore, ReadsTheFileThatTheEnvironmentNames) {
@@ -188,7 +180,7 @@ TEST(SettingsStore, StandsUnderEtcUnlessTheEnvironmentSaysSomethingElse) {
     std::filesystem::remove_all("/etc/kelto/settings");
     const test::EnvironmentVariable store("KELTO_SETTINGS", std::nullopt);
     EXPECT_THAT([] { SettingsStore::Load(); },
-                ThrowsMessage<osa::Exception>(AllOf(HasSubstr("/etc/kelto/settings"), HasSubstr("No such file"))));
+                FailsWith(AllOf(HasSubstr("/etc/kelto/settings"), HasSubstr("No such file"))));
 }
 
 TEST(SettingsStore, AMissingStoreIsAnErrorWithPathAndReason) {
