@@ -23,6 +23,15 @@ struct PresetKind {
     using Handler = PresetEventHandler;
     static constexpr const char* type = "Preset";
     static constexpr const char* provider = "PresetsV2";
+    static constexpr const char* notConfigured = "PresetEventHandler: Error: PresetEventHandler: not configured";
+    static constexpr const char* stuck = "PresetEventHandler: Error: com.kelto.Error: 100% stuck";
+    static constexpr const char* unknown = "PresetEventHandler: Error, unknown exception caught";
+    /** What an action logs at its beginning. */
+    static std::vector<std::string> Beginning() { return {"Debug halvek: PresetEventHandler::PerformAction"}; }
+    /** The calls of an action. */
+    static std::vector<std::string> Calls(const std::string& id) {
+        return {"PresetsV2.IsAt(" + id + ")", Command(id, 900)};
+    }
     /** The call that moves the head, with a level. */
     static std::string Command(const std::string& id, int level) {
         return "PresetsV2.GoTo(" + id + ",1," + std::to_string(level) + ")";
@@ -33,6 +42,11 @@ struct TourKind {
     using Handler = TourEventHandler;
     static constexpr const char* type = "Tour";
     static constexpr const char* provider = "Tour";
+    static constexpr const char* notConfigured = "TourEventHandler: not configured";
+    static constexpr const char* stuck = "com.kelto.Error: 100% stuck";
+    static constexpr const char* unknown = "TourEventHandler: Error, unknown exception caught";
+    static std::vector<std::string> Beginning() { return {}; }
+    static std::vector<std::string> Calls(const std::string& id) { return {Command(id, 900)}; }
     static std::string Command(const std::string& id, int level) {
         return "Tour.Start(" + id + "," + std::to_string(level) + ")";
     }
@@ -42,6 +56,22 @@ struct TourKind {
 template <typename Kind>
 class HeadHandler : public ::testing::Test {
 protected:
+    /** One action with log and calls begun anew; gives the calls that it made. */
+    std::vector<std::string> Act() {
+        log.Clear();
+        providers.ClearCalls();
+        event::TimerEvent event(Event::Properties{});
+        handler->PerformAction(event);
+        return providers.Calls();
+    }
+
+    /** All that an action logs which ends with an error. */
+    static std::vector<std::string> BeginningAnd(const std::string& error) {
+        std::vector<std::string> lines = Kind::Beginning();
+        lines.push_back("Error halvek: " + error);
+        return lines;
+    }
+
     /** The last call that the action on an event made. */
     std::string ActOn(Event& event) {
         providers.ClearCalls();
@@ -141,16 +171,35 @@ TYPED_TEST(HeadHandler, AfterAFailureTheNextEventTriesAgain) {
     EXPECT_EQ(this->ActOnPriority(0), TypeParam::Command("1", 900));
 }
 
-class PresetEventHandlerTest : public HeadHandler<PresetKind> {
-protected:
-    std::vector<std::string> Act() {
-        log.Clear();
-        providers.ClearCalls();
-        event::TimerEvent event(Event::Properties{});
-        handler->PerformAction(event);
-        return providers.Calls();
+TYPED_TEST(HeadHandler, AnActionReachedUnconfiguredLogsTheErrorInItsOwnFormat) {
+    EXPECT_THAT(this->Act(), IsEmpty());
+    EXPECT_THAT(this->log.Lines(), ElementsAre(std::string("Error halvek: ") + TypeParam::notConfigured));
+}
+
+TYPED_TEST(HeadHandler, AnErrorOfTheServiceIsLoggedInItsOwnFormatAndNothingFollowsTheCall) {
+    this->handler->Configure({{"Id", "door"}});
+    for (const std::string& failing : TypeParam::Calls("door")) {
+        this->providers->onCall = [&](const std::string& call) {
+            if (call == failing) {
+                throw osa::Exception("com.kelto.Error: 100%% stuck");
+            }
+        };
+        EXPECT_EQ(this->Act().back(), failing);
+        EXPECT_EQ(this->log.Lines(), this->BeginningAnd(TypeParam::stuck));
     }
-};
+}
+
+TYPED_TEST(HeadHandler, AnythingElseThrownIsLoggedAsUnknown) {
+    this->handler->Configure({{"Id", "door"}});
+    const std::vector<std::function<void()>> failures = {[] { throw std::runtime_error("library"); }, [] { throw 42; }};
+    for (const auto& failure : failures) {
+        this->providers->onCall = [&](const std::string&) { failure(); };
+        this->Act();
+        EXPECT_EQ(this->log.Lines(), this->BeginningAnd(TypeParam::unknown));
+    }
+}
+
+class PresetEventHandlerTest : public HeadHandler<PresetKind> {};
 
 TEST_F(PresetEventHandlerTest, AsksWhereTheHeadStandsAndMovesItAtFullSpeed) {
     handler->Configure({{"Id", "door"}});
@@ -166,75 +215,13 @@ TEST_F(PresetEventHandlerTest, AHeadThatStandsThereAlreadyIsNotMoved) {
     EXPECT_THAT(log.Lines(), ElementsAre("Debug halvek: PresetEventHandler::PerformAction"));
 }
 
-TEST_F(PresetEventHandlerTest, AnActionReachedUnconfiguredLogsTheErrorInItsOwnFormat) {
-    EXPECT_THAT(Act(), IsEmpty());
-    EXPECT_THAT(log.Lines(),
-                ElementsAre("Error halvek: PresetEventHandler: Error: PresetEventHandler: not configured"));
-}
-
-TEST_F(PresetEventHandlerTest, AnErrorOfTheServiceIsLoggedWithTheHandlersName) {
-    handler->Configure({{"Id", "door"}});
-    for (const std::string failing : {"PresetsV2.IsAt(door)", "PresetsV2.GoTo(door,1,900)"}) {
-        providers->onCall = [&](const std::string& call) {
-            if (call == failing) {
-                throw osa::Exception("com.kelto.Error: 100%% stuck");
-            }
-        };
-        EXPECT_EQ(Act().back(), failing);
-        EXPECT_THAT(log.Lines(), ElementsAre("Debug halvek: PresetEventHandler::PerformAction",
-                                             "Error halvek: PresetEventHandler: Error: com.kelto.Error: 100% stuck"));
-    }
-}
-
-TEST_F(PresetEventHandlerTest, AnythingElseThrownIsLoggedAsUnknown) {
-    handler->Configure({{"Id", "door"}});
-    const std::vector<std::function<void()>> failures = {[] { throw std::runtime_error("library"); }, [] { throw 42; }};
-    for (const auto& failure : failures) {
-        providers->onCall = [&](const std::string&) { failure(); };
-        Act();
-        EXPECT_THAT(log.Lines(), ElementsAre("Debug halvek: PresetEventHandler::PerformAction",
-                                             "Error halvek: PresetEventHandler: Error, unknown exception caught"));
-    }
-}
-
-class TourEventHandlerTest : public HeadHandler<TourKind> {
-protected:
-    std::vector<std::string> Act() {
-        log.Clear();
-        providers.ClearCalls();
-        event::TimerEvent event(Event::Properties{});
-        handler->PerformAction(event);
-        return providers.Calls();
-    }
-};
+class TourEventHandlerTest : public HeadHandler<TourKind> {};
 
 TEST_F(TourEventHandlerTest, StartsTheTourEachTimeWithoutAskingWhetherItRuns) {
     handler->Configure({{"Id", "night"}});
     EXPECT_THAT(Act(), ElementsAre("Tour.Start(night,900)"));
     EXPECT_THAT(Act(), ElementsAre("Tour.Start(night,900)"));
     EXPECT_THAT(log.Lines(), IsEmpty());
-}
-
-TEST_F(TourEventHandlerTest, AnActionReachedUnconfiguredLogsTheErrorAsItIs) {
-    EXPECT_THAT(Act(), IsEmpty());
-    EXPECT_THAT(log.Lines(), ElementsAre("Error halvek: TourEventHandler: not configured"));
-}
-
-TEST_F(TourEventHandlerTest, AnErrorOfTheServiceIsLoggedAsItIs) {
-    handler->Configure({{"Id", "night"}});
-    providers->onCall = [](const std::string&) { throw osa::Exception("com.kelto.Error: 100%% stuck"); };
-    Act();
-    EXPECT_THAT(log.Lines(), ElementsAre("Error halvek: com.kelto.Error: 100% stuck"));
-}
-
-TEST_F(TourEventHandlerTest, AnythingElseThrownIsLoggedAsUnknown) {
-    handler->Configure({{"Id", "night"}});
-    const std::vector<std::function<void()>> failures = {[] { throw std::runtime_error("library"); }, [] { throw 42; }};
-    for (const auto& failure : failures) {
-        providers->onCall = [&](const std::string&) { failure(); };
-        Act();
-        EXPECT_THAT(log.Lines(), ElementsAre("Error halvek: TourEventHandler: Error, unknown exception caught"));
-    }
 }
 
 }  // namespace

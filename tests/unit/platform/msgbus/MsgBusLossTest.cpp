@@ -7,6 +7,7 @@
 #include "tests/support/Matchers.h"
 #include "tests/support/PrivateBus.h"
 #include "tests/support/ProcessState.h"
+#include "tests/support/WaitUntil.h"
 #include "tests/unit/platform/msgbus/HeardMessages.h"
 
 #include <chrono>
@@ -17,7 +18,6 @@ namespace kelto::msgbus {
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 using State = test::PrivateBus::State;
 using test::ScriptedService;
 
@@ -29,13 +29,6 @@ const MessageFilter filter{
 
 test::BusSignal StateChanged() {
     return test::ProviderSignal("AlarmV3", "StateChanged", {"Local", 1, true});
-}
-
-template <typename Deed>
-std::chrono::milliseconds TimeOf(const Deed& deed) {
-    const Clock::time_point begin = Clock::now();
-    deed();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
 }
 
 /** Signals until one has been heard; false if none was within the ten seconds that a bus's return may take. */
@@ -55,8 +48,8 @@ TEST(MsgBusLoss, WithoutABusTheStartReturnsAtOnceWithOneWarning) {
     HeardMessages heard;
     MsgBus bus;
     bus.Subscribe(filter, &heard);
-    EXPECT_LT(TimeOf([&] { bus.Start(); }), 500ms);
-    EXPECT_LT(TimeOf([&] { bus.Start(); }), 500ms);
+    EXPECT_LT(test::TimeOf([&] { bus.Start(); }), 500ms);
+    EXPECT_LT(test::TimeOf([&] { bus.Start(); }), 500ms);
     EXPECT_THAT(log.Lines(), ElementsAre(StartsWith(lost)));
     EXPECT_THAT(log.Lines(), ElementsAre(HasSubstr("Cannot open the message bus: No such file or directory")));
 }
@@ -68,8 +61,8 @@ TEST(MsgBusLoss, WithoutABusSubscribingAndUnsubscribingReturnAtOnceWithoutAnothe
     MsgBus bus;
     bus.Start();
     for (int round = 0; round < 20; ++round) {
-        EXPECT_LT(TimeOf([&] { bus.Subscribe(filter, &heard); }), 500ms);
-        EXPECT_LT(TimeOf([&] { bus.Unsubscribe(&heard); }), 500ms);
+        EXPECT_LT(test::TimeOf([&] { bus.Subscribe(filter, &heard); }), 500ms);
+        EXPECT_LT(test::TimeOf([&] { bus.Unsubscribe(&heard); }), 500ms);
         bus.Start();
     }
     EXPECT_THAT(log.Lines(), SizeIs(1));
@@ -185,7 +178,7 @@ TEST(MsgBusLoss, LookingForABusIsGivenUpAtOnceByAStop) {
     bus->Start();
     // By now the pauses are longer than what is allowed below.
     test::LetPass(1500ms);
-    EXPECT_LT(TimeOf([&] { bus.reset(); }), 500ms);
+    EXPECT_LT(test::TimeOf([&] { bus.reset(); }), 500ms);
 }
 
 TEST(MsgBusLoss, ABusThatAcceptsAndNeverAnswersHoldsAStartUpForASecondAtMost) {
@@ -195,8 +188,8 @@ TEST(MsgBusLoss, ABusThatAcceptsAndNeverAnswersHoldsAStartUpForASecondAtMost) {
     HeardMessages heard;
     MsgBus bus;
     bus.Subscribe(filter, &heard);
-    EXPECT_LT(TimeOf([&] { bus.Start(); }), 1500ms);
-    EXPECT_LT(TimeOf([&] { bus.Unsubscribe(&heard); }), 500ms);
+    EXPECT_LT(test::TimeOf([&] { bus.Start(); }), 1500ms);
+    EXPECT_LT(test::TimeOf([&] { bus.Unsubscribe(&heard); }), 500ms);
 }
 
 TEST(MsgBusLoss, ABusThatAcceptsAndNeverAnswersDoesNotHoldUpAStop) {
@@ -205,7 +198,7 @@ TEST(MsgBusLoss, ABusThatAcceptsAndNeverAnswersDoesNotHoldUpAStop) {
     const test::LogCapture log;
     auto bus = std::make_unique<MsgBus>();
     bus->Start();
-    EXPECT_LT(TimeOf([&] { bus.reset(); }), 1s);
+    EXPECT_LT(test::TimeOf([&] { bus.reset(); }), 1s);
 }
 
 TEST(MsgBusLoss, ABusThatStopsAnsweringHoldsASubscriptionUpForASecondAtMost) {
@@ -215,7 +208,7 @@ TEST(MsgBusLoss, ABusThatStopsAnsweringHoldsASubscriptionUpForASecondAtMost) {
     MsgBus bus;
     bus.Start();
     daemon.Freeze();
-    const auto time = TimeOf([&] { bus.Subscribe(filter, &heard); });
+    const auto time = test::TimeOf([&] { bus.Subscribe(filter, &heard); });
     daemon.Thaw();
     EXPECT_GT(time, 900ms);
     EXPECT_LT(time, 2s);

@@ -27,7 +27,6 @@ namespace kelto::msgbus {
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 using State = test::PrivateBus::State;
 using test::ScriptedService;
 using Strings = std::vector<std::string>;
@@ -46,12 +45,6 @@ std::string FailureOf(const std::function<void()>& call) {
         return exception.what();
     }
     return "no failure";
-}
-
-std::chrono::milliseconds DurationOf(const std::function<void()>& deed) {
-    const Clock::time_point begin = Clock::now();
-    deed();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
 }
 
 uint64_t Bit(int signal) {
@@ -113,7 +106,7 @@ TEST_F(ProviderCallTest, AnErrorOfTheServiceWithoutATextIsItsName) {
 TEST_F(ProviderCallTest, AServiceThatIsNotThereFailsAtOnce) {
     service.reset();
     std::string failure;
-    EXPECT_LT(DurationOf([&] { failure = FailureOf(GetNames); }), 1s);
+    EXPECT_LT(test::TimeOf([&] { failure = FailureOf(GetNames); }), 1s);
     EXPECT_THAT(failure, StartsWith("org.freedesktop.DBus.Error.ServiceUnknown: "));
 }
 
@@ -141,7 +134,7 @@ TEST_F(ProviderCallTest, AReplyOfOtherTypesFails) {
 TEST_F(ProviderCallTest, WithoutABusItFailsAtOnceAndThrowsNothingElse) {
     daemon.Kill();
     std::string failure;
-    EXPECT_LT(DurationOf([&] { failure = FailureOf(GetNames); }), 1s);
+    EXPECT_LT(test::TimeOf([&] { failure = FailureOf(GetNames); }), 1s);
     EXPECT_THAT(failure, StartsWith("Cannot open the message bus: "));
 }
 
@@ -246,7 +239,7 @@ TEST_F(ProviderCallTest, AServiceThatEndsUnderWayFailsTheCall) {
 TEST_F(ProviderCallTest, AServiceThatHangsFailsAfterFiveSecondsAndItsLateReplyIsNobodyElses) {
     service->Hold();
     std::string failure;
-    EXPECT_THAT(DurationOf([&] { failure = FailureOf(GetNames); }), AllOf(Ge(4900ms), Lt(9s)));
+    EXPECT_THAT(test::TimeOf([&] { failure = FailureOf(GetNames); }), AllOf(Ge(4900ms), Lt(9s)));
     EXPECT_EQ(failure, "org.freedesktop.DBus.Error.Timeout: Connection timed out");
     service->Release();
     service->Answer("GetNames", {Strings{"new"}});
@@ -257,9 +250,9 @@ TEST_F(ProviderCallTest, ACallThatHangsTakesNoLongerThanFiveSecondsTakeOnThisMac
     service->Hold();
     std::vector<std::future<std::chrono::milliseconds>> calls;
     for (int number = 0; number < 3; ++number) {
-        calls.push_back(std::async(std::launch::async, [] { return DurationOf([] { FailureOf(GetNames); }); }));
+        calls.push_back(std::async(std::launch::async, [] { return test::TimeOf([] { FailureOf(GetNames); }); }));
     }
-    const std::chrono::milliseconds five = DurationOf([] { poll(nullptr, 0, 5000); });
+    const std::chrono::milliseconds five = test::TimeOf([] { poll(nullptr, 0, 5000); });
     std::chrono::milliseconds quickest = std::chrono::milliseconds::max();
     for (std::future<std::chrono::milliseconds>& call : calls) {
         quickest = std::min(quickest, call.get());
@@ -271,7 +264,7 @@ TEST(ProviderCallConnection, ABusThatAcceptsAndNeverAnswersFailsTheCallAfterFive
     const test::PrivateBus daemon(State::Absent);
     const test::SilentSocket silent(daemon.GetSocketPath());
     std::string failure;
-    EXPECT_THAT(DurationOf([&] { failure = FailureOf(GetNames); }), AllOf(Ge(4900ms), Lt(9s)));
+    EXPECT_THAT(test::TimeOf([&] { failure = FailureOf(GetNames); }), AllOf(Ge(4900ms), Lt(9s)));
     EXPECT_EQ(failure, "Cannot open the message bus: Connection timed out");
 }
 
@@ -299,7 +292,7 @@ TEST_F(ProviderCallTest, OpeningTheConnectionAndTheCallTakeFiveSecondsTogether) 
     service->Hold();
     daemon.Freeze();
     std::future<std::chrono::milliseconds> time =
-        std::async(std::launch::async, [] { return DurationOf([] { FailureOf(GetNames); }); });
+        std::async(std::launch::async, [] { return test::TimeOf([] { FailureOf(GetNames); }); });
     EXPECT_EQ(time.wait_for(3s), std::future_status::timeout);
     daemon.Thaw();
     EXPECT_THAT(time.get(), AllOf(Ge(4900ms), Lt(7900ms)));

@@ -1,24 +1,13 @@
-#include "kelto/osa/Runnable.h"
-#include "kelto/osa/Signal.h"
-#include "kelto/osa/Thread.h"
 #include "tests/fakes/IntendedWaits.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Matchers.h"
-#include "tests/support/TempDir.h"
-#include "tests/support/WaitUntil.h"
+#include "tests/unit/platform/osa/SignalledThread.h"
 
-#include <pthread.h>
 #include <sys/select.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <ctime>
-#include <functional>
-#include <future>
-#include <limits>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -31,265 +20,16 @@ using namespace std::chrono_literals;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-constexpr int32_t forEver = std::numeric_limits<int32_t>::max();
-
-std::atomic<int> caught = 0;
-
-extern "C" void Count(int) {
-    ++caught;
-}
-
-/** Gives a signal a disposition for the length of a scope. */
-class Disposition {
-public:
-    Disposition(int signalNumber, sighandler_t handler, int flags = SA_RESTART) : number(signalNumber) {
-        caught = 0;
-        struct sigaction action {};
-        action.sa_handler = handler;
-        action.sa_flags = flags;
-        sigaction(number, &action, &before);
-    }
-    ~Disposition() { sigaction(number, &before, nullptr); }
-    Disposition(const Disposition&) = delete;
-    Disposition& operator=(const Disposition&) = delete;
-
-    struct sigaction Now() const {
-        struct sigaction action {};
-        sigaction(number, nullptr, &action);
-        return action;
-    }
-
-private:
-    const int number;
-    struct sigaction before {};
-};
-
-/** Waits until the kernel shows a thread as sleeping, or not at all any more. */
-bool WaitUntilAsleep(pid_t threadId) {
-    return test::WaitUntil([threadId] {
-        const std::string stat = test::ReadWholeFile("/proc/self/task/" + std::to_string(threadId) + "/stat");
-        return stat.empty() || stat.find(") S ") != std::string::npos;
-    });
-}
-
-/** A thread whose body is a function; joined by its destructor. */
-class Worker : private Runnable {
-public:
-    explicit Worker(std::function<void()> bodyFunction)
-        : function(std::move(bodyFunction)), thread("worker", *this, 256, 0) {}
-
-    void Start() { thread.Run(); }
-    void StartAndWaitUntilInside() {
-        thread.Run();
-        EXPECT_TRUE(test::WaitUntil([this] { return inside.load(); }));
-    }
-    void Signal(int number = SIGALRM) { thread.Signal(number); }
-    void Join() { thread.Join(); }
-
-    /** Joins and tells whether that ended in good time. A join that never ends would end the whole test program. */
-    bool JoinsInTime() {
-        std::future<void> joined = std::async(std::launch::async, [this] { thread.Join(); });
-        return joined.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
-    }
-
-    /** Sends a signal as anybody else would, without a word to the thread object. */
-    void SendForeign(int number) const { pthread_kill(handle, number); }
-
-    bool WaitUntilAsleep() const { return osa::WaitUntilAsleep(threadId); }
-
-private:
-    void Run() override {
-        handle = pthread_self();
-        threadId = gettid();
-        // ThreadSanitizer's runtime loses a signal that comes in the middle of a thread's first blocking call.
-        const timespec none{};
-        nanosleep(&none, nullptr);
-        inside = true;
-        function();
-    }
-    void Stop() override {}
-
-    const std::function<void()> function;
-    std::atomic<bool> inside = false;
-    std::atomic<pthread_t> handle{};
-    std::atomic<pid_t> threadId = 0;
-    // Last, so that it is joined before anything else goes.
-    Thread thread;
-};
-
-/** What became of a sleep. */
-struct Slept {
-    std::atomic<int> number = 0;
-    std::atomic<int64_t> lengthMs = -1;
-
-    void Sleep(int32_t length) {
-        const auto begin = Clock::now();
-        try {
-            Thread::CurrentThread::Sleep(length);
-        } catch (const Signal& signal) {
-            number = signal.GetNumber();
-        }
-        lengthMs = std::chrono::duration_cast<milliseconds>(Clock::now() - begin).count();
-    }
-};
-
-TEST(Sleep, OfAWholeSecondLastsOneOnAThreadOfSomebodyElsesToo) {
-    const auto begin = Clock::now();
-    Thread::CurrentThread::Sleep(1000);
-    EXPECT_GE(Clock::now() - begin, milliseconds(1000));
-}
-
-TEST(Sleep, LastsAtLeastItsTime) {
-    Slept slept;
-    Worker worker([&] { slept.Sleep(60); });
-    worker.Start();
-    worker.Join();
-    EXPECT_EQ(slept.number, 0);
-    EXPECT_GE(slept.lengthMs, 60);
-}
-
-TEST(Sleep, LastsAtLeastItsTimeOnAThreadThatIsNotOurs) {
-    Slept slept;
-    slept.Sleep(60);
-    EXPECT_GE(slept.lengthMs, 60);
-}
-
-TEST(Sleep, OfNoTimeOrLessReturns) {
-    std::atomic<int> returned = 0;
-    const auto sleeps = [&returned] {
-        for (const int32_t length : {0, -1, std::numeric_limits<int32_t>::min()}) {
-            Thread::CurrentThread::Sleep(length);
-            ++returned;
-        }
-    };
-    Worker worker(sleeps);
-    worker.Start();
-    worker.Join();
-    EXPECT_EQ(returned, 3);
-    sleeps();
-    EXPECT_EQ(returned, 6);
-}
-
-TEST(Sleep, IsEndedBySignalAtOnce) {
-    const Disposition alarm(SIGALRM, Count);
-    Slept slept;
-    Worker worker([&] { slept.Sleep(forEver); });
-    worker.StartAndWaitUntilInside();
-    ASSERT_TRUE(worker.WaitUntilAsleep());
-    const auto begin = Clock::now();
-    worker.Signal();
-    EXPECT_TRUE(worker.JoinsInTime());
-    EXPECT_LT(Clock::now() - begin, std::chrono::seconds(5));
-    EXPECT_EQ(slept.number, SIGALRM);
-}
-
-TEST(Sleep, IsEndedByASignalThatCameBeforeIt) {
-    const Disposition alarm(SIGALRM, Count);
-    Slept slept;
-    Worker worker([&] {
-        test::WaitUntil([] { return caught > 0; });
-        slept.Sleep(forEver);
-    });
-    worker.StartAndWaitUntilInside();
-    worker.Signal();
-    EXPECT_TRUE(worker.JoinsInTime());
-    EXPECT_EQ(slept.number, SIGALRM);
-}
-
-TEST(Sleep, EndsAtOnceEveryTimeAfterASignal) {
-    const Disposition alarm(SIGALRM, Count);
-    Slept slept[3];
-    Worker worker([&] {
-        for (Slept& one : slept) {
-            one.Sleep(forEver);
-        }
-    });
-    worker.StartAndWaitUntilInside();
-    worker.Signal();
-    EXPECT_TRUE(worker.JoinsInTime());
-    for (const Slept& one : slept) {
-        EXPECT_EQ(one.number, SIGALRM);
-    }
-}
-
-TEST(Sleep, OfNoTimeEndsByASignalThatCameBeforeToo) {
-    const Disposition alarm(SIGALRM, Count);
-    Slept slept;
-    Worker worker([&] {
-        test::WaitUntil([] { return caught > 0; });
-        slept.Sleep(0);
-    });
-    worker.StartAndWaitUntilInside();
-    worker.Signal();
-    EXPECT_TRUE(worker.JoinsInTime());
-    EXPECT_EQ(slept.number, SIGALRM);
-}
-
-TEST(Sleep, TellsTheNumberOfTheSignal) {
-    const Disposition user(SIGUSR2, Count);
-    Slept slept;
-    Worker worker([&] { slept.Sleep(forEver); });
-    worker.StartAndWaitUntilInside();
-    worker.Signal(SIGUSR2);
-    EXPECT_TRUE(worker.JoinsInTime());
-    EXPECT_EQ(slept.number, SIGUSR2);
-}
-
-TEST(Sleep, GoesOnForTheRestOfItsTimeAfterAnyOtherSignal) {
-    for (const int flags : {SA_RESTART, 0}) {
-        const Disposition hangUp(SIGHUP, Count, flags);
-        Slept slept;
-        Worker worker([&] { slept.Sleep(300); });
-        worker.StartAndWaitUntilInside();
-        for (int number = 1; number <= 20; ++number) {
-            ASSERT_TRUE(worker.WaitUntilAsleep());
-            worker.SendForeign(SIGHUP);
-        }
-        worker.Join();
-        EXPECT_GT(caught, 0);
-        EXPECT_EQ(slept.number, 0);
-        EXPECT_GE(slept.lengthMs, 300);
-    }
-}
-
-TEST(Sleep, GoesOnForTheRestOfItsTimeOnAThreadThatIsNotOursToo) {
-    const Disposition hangUp(SIGHUP, Count, 0);
-    Slept slept;
-    std::atomic<pid_t> threadId = 0;
-    std::jthread thread([&] {
-        threadId = gettid();
-        slept.Sleep(300);
-    });
-    ASSERT_TRUE(test::WaitUntil([&] { return threadId != 0; }));
-    for (int number = 1; number <= 20; ++number) {
-        ASSERT_TRUE(WaitUntilAsleep(threadId));
-        pthread_kill(thread.native_handle(), SIGHUP);
-    }
-    thread.join();
-    EXPECT_GT(caught, 0);
-    EXPECT_GE(slept.lengthMs, 300);
-}
-
-TEST(Sleep, IsNotEndedByAnAlarmThatSomebodyElseSent) {
-    const Disposition alarm(SIGALRM, Count);
-    Slept slept;
-    Worker worker([&] { slept.Sleep(200); });
-    worker.StartAndWaitUntilInside();
-    ASSERT_TRUE(worker.WaitUntilAsleep());
-    worker.SendForeign(SIGALRM);
-    worker.Join();
-    EXPECT_EQ(caught, 1);
-    EXPECT_EQ(slept.number, 0);
-    EXPECT_GE(slept.lengthMs, 200);
+/** Waits for nothing; the error that ends it. */
+int ErrorOfAnEndlessSelect() {
+    return select(0, nullptr, nullptr, nullptr, nullptr) < 0 ? errno : 0;
 }
 
 TEST(ThreadSignal, InterruptsASelect) {
     const Disposition alarm(SIGALRM, Count);
     std::atomic<int> error = 0;
-    Worker worker([&] { error = select(0, nullptr, nullptr, nullptr, nullptr) < 0 ? errno : 0; });
-    worker.StartAndWaitUntilInside();
-    worker.Signal();
-    EXPECT_TRUE(worker.JoinsInTime());
+    Worker worker([&] { error = ErrorOfAnEndlessSelect(); });
+    EXPECT_TRUE(worker.EndsBySignal());
     EXPECT_EQ(error, EINTR);
 }
 
@@ -298,7 +38,7 @@ TEST(ThreadSignal, IsRepeatedByJoinForASelectThatWasEnteredTooLate) {
     std::atomic<int> error = 0;
     Worker worker([&] {
         test::WaitUntil([] { return caught > 0; });
-        error = select(0, nullptr, nullptr, nullptr, nullptr) < 0 ? errno : 0;
+        error = ErrorOfAnEndlessSelect();
     });
     worker.StartAndWaitUntilInside();
     worker.Signal();
@@ -361,10 +101,8 @@ TEST(ThreadSignal, AJoinWithoutASignalSendsNone) {
 TEST(ThreadSignal, AnAlarmAtItsDefaultDoesNotEndTheProcess) {
     const Disposition alarm(SIGALRM, SIG_DFL);
     std::atomic<int> error = 0;
-    Worker worker([&] { error = select(0, nullptr, nullptr, nullptr, nullptr) < 0 ? errno : 0; });
-    worker.StartAndWaitUntilInside();
-    worker.Signal();
-    EXPECT_TRUE(worker.JoinsInTime());
+    Worker worker([&] { error = ErrorOfAnEndlessSelect(); });
+    EXPECT_TRUE(worker.EndsBySignal());
     EXPECT_EQ(error, EINTR);
     EXPECT_NE(alarm.Now().sa_handler, SIG_DFL);
     EXPECT_NE(alarm.Now().sa_handler, SIG_IGN);
@@ -396,9 +134,7 @@ TEST(ThreadSignal, AnInstalledHandlerIsNotReplaced) {
             select(0, nullptr, nullptr, nullptr, nullptr);
         }
     });
-    worker.StartAndWaitUntilInside();
-    worker.Signal();
-    EXPECT_TRUE(worker.JoinsInTime());
+    EXPECT_TRUE(worker.EndsBySignal());
     EXPECT_EQ(alarm.Now().sa_handler, Count);
     EXPECT_TRUE((alarm.Now().sa_flags & SA_RESTART) == 0);
 }
@@ -411,9 +147,7 @@ TEST(ThreadSignal, AHandlerThatTakesMoreArgumentsIsNotReplaced) {
     sigaction(SIGALRM, &action, nullptr);
     Slept slept;
     Worker worker([&] { slept.Sleep(forEver); });
-    worker.StartAndWaitUntilInside();
-    worker.Signal();
-    EXPECT_TRUE(worker.JoinsInTime());
+    EXPECT_TRUE(worker.EndsBySignal());
     EXPECT_EQ(restored.Now().sa_sigaction, action.sa_sigaction);
 }
 
@@ -421,9 +155,7 @@ TEST(ThreadSignal, AnIgnoredAlarmStaysIgnoredAndEndsASleepAllTheSame) {
     const Disposition alarm(SIGALRM, SIG_IGN);
     Slept slept;
     Worker worker([&] { slept.Sleep(forEver); });
-    worker.StartAndWaitUntilInside();
-    worker.Signal();
-    EXPECT_TRUE(worker.JoinsInTime());
+    EXPECT_TRUE(worker.EndsBySignal());
     EXPECT_EQ(slept.number, SIGALRM);
     EXPECT_EQ(alarm.Now().sa_handler, SIG_IGN);
 }
@@ -485,9 +217,7 @@ TEST(ThreadSignal, ALeavingSignalIsLoggedAndEndsOnlyTheThread) {
     const Disposition alarm(SIGALRM, Count);
     const test::LogCapture log;
     Worker worker([] { Thread::CurrentThread::Sleep(forEver); });
-    worker.StartAndWaitUntilInside();
-    worker.Signal();
-    EXPECT_TRUE(worker.JoinsInTime());
+    EXPECT_TRUE(worker.EndsBySignal());
     const std::vector<test::LogRecord> records = log.Records();
     ASSERT_EQ(records.size(), 1U);
     EXPECT_EQ(records[0].logger, "kelto.osa");
