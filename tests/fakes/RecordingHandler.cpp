@@ -6,8 +6,9 @@ namespace kelto::test {
 
 void RecordingHandler::PerformAction(halvek::Event& event) {
     {
+        const auto now = std::chrono::steady_clock::now();
         const std::lock_guard lock(mutex);
-        events.push_back({event.ToString(), event.GetPriority(), event.GetProperties()});
+        events.push_back({event.ToString(), event.GetPriority(), event.GetProperties(), now});
     }
     if (action) {
         action(event);

@@ -2,6 +2,7 @@
 
 #include "handler/EventHandler.h"
 
+#include <chrono>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -14,6 +15,7 @@ struct ReceivedEvent {
     std::string kind;
     int priority;
     halvek::Event::Properties properties;
+    std::chrono::steady_clock::time_point time;  // at which it came
 };
 
 /** A real handler whose action notes the event down and then does what a test wants. Any number of threads may act. */

@@ -12,7 +12,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <mutex>
 #include <stdexcept>
 
 namespace kelto::halvek::source {
@@ -59,12 +58,7 @@ protected:
     }
 
     test::LogCapture log;
-    std::mutex mutex;
-    std::vector<Clock::time_point> starts;
-    test::RecordingHandler handler{[this](Event&) {
-        const std::lock_guard lock(mutex);
-        starts.push_back(Clock::now());
-    }};
+    test::RecordingHandler handler;
     TimerEventSource source{"Timer"};
 };
 
@@ -204,7 +198,9 @@ TEST_F(TimerEventSourceTest, TicksStandOnePeriodApartFromStartToStart) {
     source.StartListening();
     ASSERT_TRUE(handler.WaitForCount(4));
     source.StopListening();
-    const std::array periods{starts.at(1) - starts.at(0), starts.at(2) - starts.at(1), starts.at(3) - starts.at(2)};
+    const std::vector<test::ReceivedEvent> ticks = handler.Events();
+    const std::array periods{ticks.at(1).time - ticks.at(0).time, ticks.at(2).time - ticks.at(1).time,
+                             ticks.at(3).time - ticks.at(2).time};
     const auto [shortest, longest] = std::ranges::minmax(periods);
     // A tick that a busy machine is late with makes one period longer and the next one shorter; a sleep that is not
     // shortened makes all of them 1.4 s, and one that is shortened too much all of them less than 1 s.
