@@ -50,9 +50,7 @@ BusSignal ProviderSignal(const std::string& provider, const std::string& member,
     return {.path = "/com/kelto/" + provider,
             .interface = "com.kelto." + provider,
             .member = member,
-            .arguments = arguments,
-            .destination = {},
-            .append = nullptr};
+            .arguments = arguments};
 }
 
 BusSignal AlertSignal(const std::string& ruleName) {
@@ -60,9 +58,7 @@ BusSignal AlertSignal(const std::string& ruleName) {
             .interface = "com.zentu.analytics",
             .member = "AnalyticsAlert",
             .arguments = {"camera1", "person", "LineCross", ruleName, "a rule", BusPoints{{0, 0}, {1, 0.5}},
-                          BusPoints{}, "jpeg", "http://camera/a"},
-            .destination = {},
-            .append = nullptr};
+                          BusPoints{}, "jpeg", "http://camera/a"}};
 }
 
 struct ScriptedService::Connection {

@@ -24,9 +24,9 @@ struct BusSignal {
     std::string member;
     BusArguments arguments;
     /** A unique name to send it to nobody else; empty for all. */
-    std::string destination;
+    std::string destination = {};
     /** Appends what BusArguments has no words for. */
-    std::function<void(sd_bus_message*)> append;
+    std::function<void(sd_bus_message*)> append = {};
 };
 
 /** The signal of a provider as its service sends it. */

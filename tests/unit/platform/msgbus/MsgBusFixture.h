@@ -23,9 +23,7 @@ inline test::BusSignal Said(const std::string& text, const MessageFilter& filter
     return {.path = filter.path.empty() ? "/com/zentu/test" : filter.path,
             .interface = filter.domain,
             .member = filter.name,
-            .arguments = {text},
-            .destination = {},
-            .append = nullptr};
+            .arguments = {text}};
 }
 
 /** Signals that say "0", "1" and so on. */

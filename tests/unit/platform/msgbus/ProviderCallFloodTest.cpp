@@ -37,8 +37,7 @@ std::vector<test::BusSignal> Unasked(const std::string& destination, size_t coun
                                                 .interface = "com.zentu.test",
                                                 .member = "Unasked",
                                                 .arguments = {std::string(size, 'x')},
-                                                .destination = destination,
-                                                .append = nullptr});
+                                                .destination = destination});
 }
 
 /** A service that is called, somebody else on the bus, and the calling thread's connection. */
