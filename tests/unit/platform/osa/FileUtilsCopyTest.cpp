@@ -21,6 +21,7 @@
 #include <climits>
 #include <csignal>
 #include <cstdarg>
+#include <cstring>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
