@@ -111,10 +111,6 @@ class Browser:
     def run(self, script: str, *arguments: Any) -> Any:
         return self.ask("POST", "/execute/sync", {"script": script, "args": list(arguments)})
 
-    def run_async(self, script: str, *arguments: Any) -> Any:
-        """The script calls the last of its arguments with what it has found."""
-        return self.ask("POST", "/execute/async", {"script": script, "args": list(arguments)})
-
     def find(self, selector: str) -> list[Element]:
         found = self.ask("POST", "/elements", {"using": "css selector", "value": selector})
         return [Element(self, item[ELEMENT]) for item in found]

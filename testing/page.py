@@ -9,7 +9,6 @@ import signal
 import socket
 import subprocess
 import threading
-import time
 from collections.abc import Sequence
 from pathlib import Path
 from typing import Any, NamedTuple
@@ -241,9 +240,3 @@ class VcamPage:
 
 def page_on(bus: PrivateBus, snapshot: Path, *options: str, **settings: Any) -> VcamPage:
     return VcamPage(bus.environment, snapshot, *options, **settings)
-
-
-def seconds_until(condition, what: str) -> float:
-    begin = time.monotonic()
-    wait_until(condition, what)
-    return time.monotonic() - begin

@@ -16,8 +16,6 @@ public:
     FatMount(const FatMount&) = delete;
     FatMount& operator=(const FatMount&) = delete;
 
-    bool IsMounted() const { return mounted; }
-
 private:
     const std::string path;
     bool mounted = false;

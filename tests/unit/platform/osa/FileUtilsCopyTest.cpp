@@ -21,8 +21,8 @@
 #include <climits>
 #include <csignal>
 #include <cstdarg>
-#include <cstring>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
