@@ -21,7 +21,7 @@ constexpr const char* defaultSnapshot = "/tmp/snapshot/img2.jpg";
 TryNeed Program(const DaemonUser& user, const std::string& name) {
     const char* const path = std::getenv("PATH");
     for (const std::string& folder : core::StringUtil::Split(path == nullptr ? "" : path, ':')) {
-        const std::string file = folder + "/" + name;
+        const std::string file = std::string(folder).append("/").append(name);
         struct stat status {};
         if (stat(file.c_str(), &status) == 0 && S_ISREG(status.st_mode) && user.MayRun(file)) {
             return {"program", true, Terminal::Escape(file)};
