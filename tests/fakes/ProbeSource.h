@@ -8,18 +8,20 @@
 
 namespace kelto::test {
 
+/** What a test wants done at an operation of a source; may throw. */
+struct ProbeActions {
+    std::function<void()> configure = {};
+    std::function<void()> start = {};
+    std::function<void()> stop = {};
+};
+
 /**
  * A real source without a thread of its own: notes what is done with it in a journal, "configure <name>" for instance,
  * and then does what a test wants. Events are fired by hand.
  */
 class ProbeSource : public halvek::EventSource {
 public:
-    /** What a test wants done at an operation; may throw. */
-    struct Actions {
-        std::function<void()> configure;
-        std::function<void()> start;
-        std::function<void()> stop;
-    };
+    using Actions = ProbeActions;
 
     ProbeSource(Journal& probeJournal, const std::string& probeName, Actions probeActions = {});
 

@@ -1,4 +1,5 @@
 #include "kelto/osa/Exception.h"
+#include "tests/support/Matchers.h"
 #include "tests/unit/monitor/MonitorFixture.h"
 
 #include <list>
@@ -6,11 +7,6 @@
 namespace kelto::halvek {
 
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::IsSupersetOf;
 
 constexpr const char* serverGroup = "Applications/halvek/Server";
 
@@ -81,7 +77,7 @@ TEST_F(EventMonitorLoadingTest, GroupNamesAreAppended) {
 }
 
 TEST_F(EventMonitorLoadingTest, AServerOfTypePipeIsMadeAndGivenItsGroup) {
-    AddSourceType("server", ProbeCreator("server"));
+    AddProbe("server");
     monitor->LoadServers(
         MakeIni({{serverGroup, {{"Type", "Pipe"}, {"x", "1"}}}, {"Applications/halvek/Server/Pipe", {{"Path", "p"}}}}));
     EXPECT_THAT(journal.Entries(), ElementsAre("make server", "configure server Path=p"));
@@ -89,13 +85,13 @@ TEST_F(EventMonitorLoadingTest, AServerOfTypePipeIsMadeAndGivenItsGroup) {
 }
 
 TEST_F(EventMonitorLoadingTest, AServerWithoutItsOwnGroupIsGivenAnEmptyOne) {
-    AddSourceType("server", ProbeCreator("server"));
+    AddProbe("server");
     monitor->LoadServers(MakeIni({{serverGroup, {{"Type", "Pipe"}}}}));
     EXPECT_THAT(journal.Entries(), ElementsAre("make server", "configure server"));
 }
 
 TEST_F(EventMonitorLoadingTest, ASecondServerReplacesTheFirst) {
-    AddSourceType("server", ProbeCreator("server"));
+    AddProbe("server");
     const core::IniFile ini = MakeIni({{serverGroup, {{"Type", "Pipe"}}}});
     monitor->LoadServers(ini);
     monitor->LoadServers(ini);
@@ -133,12 +129,10 @@ TEST_F(EventMonitorLoadingTest, AServerThatTheFactoryDoesNotMakeIsPassedOver) {
 }
 
 TEST_F(EventMonitorLoadingTest, AServerThatCannotBeConfiguredIsDestroyedAndWarnedOf) {
-    AddSourceType(
-        "server",
-        ProbeCreator("server", {.configure = [] { throw osa::Exception("bad path"); }, .start = {}, .stop = {}}));
+    AddProbe("server", {.configure = [] { throw osa::Exception("bad path"); }});
     LoadServer();
     EXPECT_EQ(log.Lines().back(), "Warning halvek: \tError LoadServers: bad path");
-    AddSourceType("server", ProbeCreator("server", {.configure = [] { throw 42; }, .start = {}, .stop = {}}));
+    AddProbe("server", {.configure = [] { throw 42; }});
     LoadServer();
     EXPECT_EQ(log.Lines().back(), "Warning halvek: \tError LoadServers: server has an invalid config");
     EXPECT_EQ(EntriesWith("destroy").size(), 2U);
@@ -159,7 +153,7 @@ TEST_F(EventMonitorLoadingTest, SourcesAreMadeInTheOrderOfTheBytesAndGivenTheirT
 }
 
 TEST_F(EventMonitorLoadingTest, TheMessageBusSourceIsMadeFirstAndNotConfigured) {
-    AddSourceType("MsgBus", ProbeCreator("MsgBus"));
+    AddProbe("MsgBus");
     LoadSourcesAAndB();
     EXPECT_THAT(journal.Entries(), ElementsAre("make MsgBus", "make A", "configure A", "make B", "configure B"));
 }
@@ -187,7 +181,7 @@ TEST_F(EventMonitorLoadingTest, AnUnknownSourceTypeIsLeftOutWithTheFactorysWarni
     EXPECT_EQ(log.Lines().back(), "Warning halvek: \tUnknown EventSource: Motion");
     monitor->StartSources();
     EXPECT_EQ(log.Lines().back(), "Debug halvek: Done starting sources");
-    EXPECT_THAT(log.Text(), ::testing::Not(HasSubstr("Starting source")));
+    EXPECT_THAT(log.Text(), Not(HasSubstr("Starting source")));
 }
 
 TEST_F(EventMonitorLoadingTest, TheTypeSystemMakesNoSourceAndNoWarning) {
@@ -196,8 +190,7 @@ TEST_F(EventMonitorLoadingTest, TheTypeSystemMakesNoSourceAndNoWarning) {
 }
 
 TEST_F(EventMonitorLoadingTest, ASourceThatCannotBeConfiguredIsDestroyedAtOnceAndTheNextIsTaken) {
-    AddSourceType("A",
-                  ProbeCreator("A", {.configure = [] { throw osa::Exception("bad bank"); }, .start = {}, .stop = {}}));
+    AddProbe("A", {.configure = [] { throw osa::Exception("bad bank"); }});
     LoadSourcesAAndB();
     EXPECT_TRUE(log.Has("Warning halvek: \tError LoadSources: bad bank"));
     EXPECT_THAT(journal.Entries(), ElementsAre("make A", "configure A", "destroy A", "make B", "configure B"));
@@ -206,7 +199,7 @@ TEST_F(EventMonitorLoadingTest, ASourceThatCannotBeConfiguredIsDestroyedAtOnceAn
 }
 
 TEST_F(EventMonitorLoadingTest, ASourcesExceptionOfAnotherTypeIsAnInvalidConfig) {
-    AddSourceType("A", ProbeCreator("A", {.configure = [] { throw 42; }, .start = {}, .stop = {}}));
+    AddProbe("A", {.configure = [] { throw 42; }});
     AddSourceType("B", [](HalvekEnv*) -> std::unique_ptr<EventSource> { throw "text"; });
     LoadSourcesAAndB();
     EXPECT_EQ(log.Count("Warning halvek: \tError LoadSources: source has an invalid config"), 2U);
@@ -355,8 +348,7 @@ TEST_F(EventMonitorLoadingTest, ATypeWithoutASourceGoesToTheEventServerUnderThat
 }
 
 TEST_F(EventMonitorLoadingTest, ASourceWhoseConfigureFailedGoesToTheEventServerUnderItsType) {
-    AddSourceType("A",
-                  ProbeCreator("A", {.configure = [] { throw osa::Exception("bad bank"); }, .start = {}, .stop = {}}));
+    AddProbe("A", {.configure = [] { throw osa::Exception("bad bank"); }});
     const core::IniFile::Groups source = {{"Events/Source#1", {{"Type", "A"}}}};
     LoadServer();
     monitor->LoadSources(MakeIni(source));
@@ -368,7 +360,7 @@ TEST_F(EventMonitorLoadingTest, TheEventServerItselfIsASourceId) {
     LoadServer();
     LoadHandler("Probe", {{"1", serverGroup}});
     EXPECT_EQ(log.Lines().back(), "Debug halvek: Source created: EventSource{server}");
-    EXPECT_THAT(log.Text(), ::testing::Not(HasSubstr("Adding handler to event")));
+    EXPECT_THAT(log.Text(), Not(HasSubstr("Adding handler to event")));
 }
 
 TEST_F(EventMonitorLoadingTest, WithoutAnEventServerItsIdsAreWarnedOfAndLaterIdsStillTaken) {
@@ -379,7 +371,7 @@ TEST_F(EventMonitorLoadingTest, WithoutAnEventServerItsIdsAreWarnedOfAndLaterIds
     std::vector<std::string> warnings = log.Lines();
     std::erase_if(warnings, [](const std::string& line) { return line.find("Warning") != 0; });
     ASSERT_EQ(warnings.size(), 1U);
-    EXPECT_THAT(warnings[0], ::testing::StartsWith("Warning halvek: Error LoadHandlers: "));
+    EXPECT_THAT(warnings[0], StartsWith("Warning halvek: Error LoadHandlers: "));
     EXPECT_THAT(warnings[0], HasSubstr("Events/Source#9"));
     EXPECT_THAT(warnings[0], HasSubstr("Applications/halvek/Server"));
     EXPECT_THAT(EntriesWith("attach"), ElementsAre("attach to A"));

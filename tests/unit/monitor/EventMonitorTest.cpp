@@ -2,6 +2,7 @@
 #include "kelto/osa/Exception.h"
 #include "monitor/EventMonitor.h"
 #include "tests/support/Fifo.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/ProcessState.h"
 #include "tests/support/WaitUntil.h"
 #include "tests/unit/monitor/MonitorFixture.h"
@@ -17,11 +18,6 @@ namespace kelto::halvek {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
-using ::testing::UnorderedElementsAre;
 
 const std::string separator = "Information halvek: ***************************************************************";
 
@@ -33,6 +29,21 @@ protected:
                         {"Events/Source#2", {{"Type", "B"}}},
                         {"Events/Handler#1", {{"Type", "Probe"}}},
                         {"Events/Handler#1/SourceIds", {{"1", "Events/Source#1"}, {"2", "Events/Source#2"}}}});
+    }
+
+    /** Makes the type "Unconfigured" known, whose handlers answer so. */
+    void AddUnconfiguredHandlerType() {
+        AddHandlerType("Unconfigured", [](HalvekEnv*) -> std::unique_ptr<EventHandler> {
+            auto handler = std::make_unique<JournalHandler>("Unconfigured");
+            handler->SetConfigured(false);
+            return handler;
+        });
+    }
+
+    /** Makes the real handler "Extern" one that is always on. */
+    void AddExternHandlerType() {
+        AddHandlerType(
+            "Extern", [](HalvekEnv* env) { return HandlerRegistry::Instance().CreateHandlerByName("Extern", env); }, 1);
     }
 
     /** Whether an operation on another thread returns within a time. */
@@ -99,7 +110,7 @@ TEST_F(EventMonitorTest, LogsAWholeConfigurationInItsOrder) {
 }
 
 TEST_F(EventMonitorTest, AnEmptyConfigurationStillMakesTheMessageBusSourceWithTheAlwaysOnHandler) {
-    AddSourceType("MsgBus", ProbeCreator("MsgBus"));
+    AddProbe("MsgBus");
     monitor->Configure({});
     EXPECT_THAT(journal.Entries(), ElementsAre("make MsgBus", "make Always", "attach to MsgBus", "start MsgBus"));
     EXPECT_EQ(log.Count("Warning halvek: \tError LoadServers: There is no settings group Applications/halvek/Server"),
@@ -129,8 +140,8 @@ TEST_F(EventMonitorTest, TheAlwaysOnHandlerIsConfiguredByNobodyAndComesLastOnEve
 }
 
 TEST_F(EventMonitorTest, SourcesAreStartedInTheOrderOfTheirIds) {
-    AddSourceType("server", ProbeCreator("server"));
-    AddSourceType("MsgBus", ProbeCreator("MsgBus"));
+    AddProbe("server");
+    AddProbe("MsgBus");
     monitor->Configure(MakeIni({{"Applications/halvek/Server", {{"Type", "Pipe"}}},
                                 {"Events/Source#2", {{"Type", "B"}}},
                                 {"Events/Source#10", {{"Type", "A"}}}}));
@@ -183,12 +194,12 @@ TEST_F(EventMonitorTest, TheDestructorStopsAllThenDestroysSourcesAndThenHandlers
 
 TEST_F(EventMonitorTest, TheDestructorSwallowsWhatStoppingThrowsAndDestroysTheSources) {
     for (const bool standard : {true, false}) {
-        AddSourceType("A", ProbeCreator("A", {.configure = {}, .start = {}, .stop = [standard] {
-                                                  if (standard) {
-                                                      throw osa::Exception("cannot stop");
-                                                  }
-                                                  throw 42;
-                                              }}));
+        AddProbe("A", {.stop = [standard] {
+                     if (standard) {
+                         throw osa::Exception("cannot stop");
+                     }
+                     throw 42;
+                 }});
         monitor = MakeMonitor();
         monitor->Configure(TwoSources());
         journal.Clear();
@@ -199,9 +210,8 @@ TEST_F(EventMonitorTest, TheDestructorSwallowsWhatStoppingThrowsAndDestroysTheSo
 }
 
 TEST_F(EventMonitorTest, WhatStartingThrowsLeavesConfigureAndTheLockFree) {
-    AddSourceType(
-        "A", ProbeCreator("A", {.configure = {}, .start = [] { throw osa::Exception("cannot start"); }, .stop = {}}));
-    EXPECT_THAT([this] { monitor->Configure(TwoSources()); }, ThrowsMessage<osa::Exception>(StrEq("cannot start")));
+    AddProbe("A", {.start = [] { throw osa::Exception("cannot start"); }});
+    EXPECT_THAT([this] { monitor->Configure(TwoSources()); }, FailsWith("cannot start"));
     EXPECT_THAT(EntriesWith("start"), ElementsAre("start A"));
     std::thread other;
     EXPECT_TRUE(Returns([this] { monitor->StopSources(); }, other, 20s));
@@ -209,7 +219,7 @@ TEST_F(EventMonitorTest, WhatStartingThrowsLeavesConfigureAndTheLockFree) {
 }
 
 TEST_F(EventMonitorTest, WhatStoppingThrowsLeavesConfigureBeforeAnythingIsBuilt) {
-    AddSourceType("A", ProbeCreator("A", {.configure = {}, .start = {}, .stop = [] { throw 42; }}));
+    AddProbe("A", {.stop = [] { throw 42; }});
     monitor->Configure(TwoSources());
     journal.Clear();
     EXPECT_THROW(monitor->Configure(TwoSources()), int);
@@ -245,8 +255,7 @@ TEST_F(EventMonitorTest, TheMessageBusIsStartedAfterTheHandlersAndBeforeTheSourc
     bool startedWhenStarting = false;
     AddSourceType("A", [&](HalvekEnv* given) {
         return ProbeCreator("A", {.configure = [&] { startedWhenConfigured = isStarted(); },
-                                  .start = [&] { startedWhenStarting = isStarted(); },
-                                  .stop = {}})(given);
+                                  .start = [&] { startedWhenStarting = isStarted(); }})(given);
     });
     monitor->Configure(TwoSources());
     EXPECT_FALSE(startedWhenConfigured);
@@ -276,13 +285,10 @@ TEST_F(EventMonitorTest, TheEnvironmentSurvivesAReloadAndTheEventServerIsGivenNo
 }
 
 TEST_F(EventMonitorTest, SourcesFireWhileTheMonitorIsBusy) {
-    AddSourceType("B", ProbeCreator("B", {.configure = {},
-                                          .start =
-                                              [this] {
-                                                  std::thread firing([this] { Fire("A"); });
-                                                  firing.join();
-                                              },
-                                          .stop = {}}));
+    AddProbe("B", {.start = [this] {
+                 std::thread firing([this] { Fire("A"); });
+                 firing.join();
+             }});
     monitor->Configure(TwoSources());
     EXPECT_EQ(Handlers("Probe").at(0)->Count(), 1U);
 }
@@ -290,11 +296,7 @@ TEST_F(EventMonitorTest, SourcesFireWhileTheMonitorIsBusy) {
 TEST_F(EventMonitorTest, OtherThreadsWaitForAConfigurationInProgress) {
     std::thread other;
     bool returnedMeanwhile = true;
-    AddSourceType(
-        "A", ProbeCreator(
-                 "A", {.configure = {},
-                       .start = [&] { returnedMeanwhile = Returns([this] { monitor->StopSources(); }, other, 100ms); },
-                       .stop = {}}));
+    AddProbe("A", {.start = [&] { returnedMeanwhile = Returns([this] { monitor->StopSources(); }, other, 100ms); }});
     monitor->Configure(TwoSources());
     other.join();
     EXPECT_FALSE(returnedMeanwhile);
@@ -339,14 +341,11 @@ TEST_F(EventMonitorTest, OtherThreadsWaitForSourcesThatAreBeingStarted) {
     std::thread other;
     bool returnedMeanwhile = true;
     std::function<void()> onStart;
-    AddSourceType("A", ProbeCreator("A", {.configure = {},
-                                          .start =
-                                              [&] {
-                                                  if (onStart) {
-                                                      onStart();
-                                                  }
-                                              },
-                                          .stop = {}}));
+    AddProbe("A", {.start = [&] {
+                 if (onStart) {
+                     onStart();
+                 }
+             }});
     monitor->Configure(TwoSources());
     monitor->StopSources();
     onStart = [&] { returnedMeanwhile = Returns([this] { monitor->StopSources(); }, other, 100ms); };
@@ -408,13 +407,8 @@ TEST_F(EventMonitorTest, NoHandlerIsDestroyedWhileATimerDelivers) {
 }
 
 TEST_F(EventMonitorTest, AnUnconfiguredHandlerCostsTheExternHandlerTheTicksWhichThenComeWithoutSleep) {
-    AddHandlerType("Unconfigured", [](HalvekEnv*) -> std::unique_ptr<EventHandler> {
-        auto handler = std::make_unique<JournalHandler>("Unconfigured");
-        handler->SetConfigured(false);
-        return handler;
-    });
-    AddHandlerType(
-        "Extern", [](HalvekEnv* env) { return HandlerRegistry::Instance().CreateHandlerByName("Extern", env); }, 1);
+    AddUnconfiguredHandlerType();
+    AddExternHandlerType();
     const test::Fifo output("/var/run/halvek/all.halvek.any");
     monitor->Configure(MakeIni({{"Events/Source#1", {{"Type", "Timer"}}},
                                 {"Events/Source#1/Timer", {{"Interval.sec", "60"}}},
@@ -431,13 +425,8 @@ TEST_F(EventMonitorTest, AnUnconfiguredHandlerCostsTheExternHandlerTheTicksWhich
 }
 
 TEST_F(EventMonitorTest, AnUnconfiguredHandlerCostsTheExternHandlerTheServersEventsAndTheServerGoesOn) {
-    AddHandlerType("Unconfigured", [](HalvekEnv*) -> std::unique_ptr<EventHandler> {
-        auto handler = std::make_unique<JournalHandler>("Unconfigured");
-        handler->SetConfigured(false);
-        return handler;
-    });
-    AddHandlerType(
-        "Extern", [](HalvekEnv* env) { return HandlerRegistry::Instance().CreateHandlerByName("Extern", env); }, 1);
+    AddUnconfiguredHandlerType();
+    AddExternHandlerType();
     const test::Fifo output("/var/run/halvek/all.halvek.any");
     const test::Fifo input(folder.PathOf("pipe"));
     monitor->Configure(MakeIni({{"Applications/halvek/Server", {{"Type", "Pipe"}}},
@@ -452,8 +441,7 @@ TEST_F(EventMonitorTest, AnUnconfiguredHandlerCostsTheExternHandlerTheServersEve
 }
 
 TEST_F(EventMonitorTest, TimersPipesAndTheExternHandlerWorkTogether) {
-    AddHandlerType(
-        "Extern", [](HalvekEnv* env) { return HandlerRegistry::Instance().CreateHandlerByName("Extern", env); }, 1);
+    AddExternHandlerType();
     const test::Fifo output("/var/run/halvek/Door.fifo");
     const test::Fifo input(folder.PathOf("pipe"));
     const core::IniFile ini = MakeIni({{"Applications/halvek/Server", {{"Type", "Pipe"}}},

@@ -48,6 +48,11 @@ protected:
     /** Makes a source type known. */
     void AddSourceType(const std::string& type, const SourceCreator& creator);
 
+    /** Makes a source type known that is a probe of its name. */
+    void AddProbe(const std::string& type, test::ProbeSource::Actions actions = {}) {
+        AddSourceType(type, ProbeCreator(type, std::move(actions)));
+    }
+
     /** Leaves a source type to the real factory. */
     void UseRealSourceType(const std::string& type);
 
