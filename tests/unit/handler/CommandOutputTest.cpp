@@ -2,11 +2,11 @@
 #include "kelto/osa/Exception.h"
 #include "tests/support/Descriptors.h"
 #include "tests/support/Fifo.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/WaitUntil.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <pthread.h>
 #include <sys/wait.h>
 
@@ -19,9 +19,6 @@
 namespace kelto::halvek::handler {
 
 namespace {
-
-using ::testing::AllOf;
-using ::testing::HasSubstr;
 
 std::atomic<int> caught = 0;
 

@@ -1,6 +1,5 @@
+#include "tests/support/Matchers.h"
 #include "tests/unit/handler/FolderFixture.h"
-
-#include <gmock/gmock.h>
 
 #include <filesystem>
 
@@ -9,9 +8,6 @@ namespace kelto::halvek::handler {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::ElementsAre;
-using ::testing::SizeIs;
-using ::testing::UnorderedElementsAre;
 
 constexpr const char* succeeded = "Debug halvek: Copy succeeded";
 constexpr const char* cannotDelete =

@@ -3,9 +3,8 @@
 #include "handler/VassaApiException.h"
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeClock.h"
+#include "tests/support/Matchers.h"
 #include "tests/unit/handler/FolderFixture.h"
-
-#include <gmock/gmock.h>
 
 #include <climits>
 #include <filesystem>
@@ -18,11 +17,6 @@ namespace kelto::halvek::handler {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 using Group = core::IniFile::Group;
 
 constexpr const char* illegal = "Error halvek: FolderEventHandler: Illegal file name or path";

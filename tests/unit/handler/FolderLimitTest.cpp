@@ -1,10 +1,9 @@
 #include "tests/fakes/FatNames.h"
 #include "tests/fakes/ProgramsOnPath.h"
 #include "tests/support/FatMount.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/Unprivileged.h"
 #include "tests/unit/handler/FolderFixture.h"
-
-#include <gmock/gmock.h>
 
 #include <filesystem>
 #include <limits>
@@ -15,10 +14,6 @@ namespace kelto::halvek::handler {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Not;
 
 constexpr int64_t gibibyte = int64_t{1} << 30U;
 

@@ -3,21 +3,15 @@
 #include "kelto/osa/Exception.h"
 #include "tests/fakes/FakeRecordingInformation.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 
-#include <gmock/gmock.h>
-
-#include <string>
 #include <type_traits>
 
 namespace kelto::halvek::handler {
 
 namespace {
 
-using ::testing::AllOf;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 using ::testing::Property;
-using ::testing::StrEq;
 using ::testing::Throws;
 
 constexpr const char* forbidden = "Error halvek: Local recording disables saving snapshots to the SD card.";
