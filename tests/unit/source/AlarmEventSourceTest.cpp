@@ -1,17 +1,10 @@
-#include "env/AlarmCommon.h"
-#include "env/HalvekEnv.h"
 #include "kelto/osa/Exception.h"
 #include "source/AlarmEventSource.h"
-#include "source/SourceFactory.h"
-#include "tests/fakes/FakeProviders.h"
-#include "tests/fakes/RecordingHandler.h"
-#include "tests/support/LogCapture.h"
-
-#include <gmock/gmock.h>
+#include "tests/support/Matchers.h"
+#include "tests/unit/source/CameraSourceFixture.h"
 
 #include <atomic>
 #include <future>
-#include <memory>
 #include <stdexcept>
 #include <thread>
 
@@ -20,17 +13,10 @@ namespace kelto::halvek::source {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::Key;
-using ::testing::Pair;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
-using ::testing::UnorderedElementsAre;
 
-class AlarmEventSourceTest : public ::testing::Test {
+class AlarmEventSourceTest : public CameraSourceFixture<AlarmEventSource> {
 protected:
-    AlarmEventSourceTest() { source->AddHandler(&handler); }
+    AlarmEventSourceTest() : CameraSourceFixture("Alarm") {}
 
     void Configure(const core::IniFile::Group& group) {
         source->Configure(group);
@@ -40,46 +26,7 @@ protected:
     void Notify(const std::string& bank, int32_t index, bool active) {
         providers->stateChange.Notify({bank, index, active});
     }
-
-    test::LogCapture log;
-    test::FakeProviders providers;
-    test::RecordingHandler handler;
-    HalvekEnv env;
-    std::unique_ptr<AlarmEventSource> source = std::make_unique<AlarmEventSource>("Alarm", &env);
 };
-
-TEST_F(AlarmEventSourceTest, NeedsAnEnvironment) {
-    EXPECT_THAT([] { AlarmEventSource("Alarm", nullptr); },
-                ThrowsMessage<osa::Exception>(StrEq("Parameter pEnv was NULL")));
-    EXPECT_EQ(providers->stateChange.Count(), 1U);
-}
-
-TEST_F(AlarmEventSourceTest, IsMadeByTheFactoryUnderItsTypeName) {
-    log.Clear();
-    const std::unique_ptr<EventSource> made = CreateEventSource("Alarm", &env);
-    EXPECT_NE(dynamic_cast<AlarmEventSource*>(made.get()), nullptr);
-    EXPECT_EQ(made->ToString(), "EventSource{Alarm}");
-    EXPECT_TRUE(made->IsConfigured());
-    EXPECT_THAT(log.Lines(), ElementsAre("Debug halvek: \tCreating EventSource: Alarm"));
-}
-
-TEST_F(AlarmEventSourceTest, AllShareTheOneClientOfTheEnvironmentsComponent) {
-    const AlarmEventSource second("Alarm", &env);
-    EXPECT_EQ(providers.CountMade("AlarmV3"), 1);
-    EXPECT_EQ(providers.BusOf("AlarmV3"), env.GetMsgBus());
-    EXPECT_EQ(providers->stateChange.Count(), 2U);
-    EXPECT_NE(env.GetComponent("AlarmCommonComponent"), nullptr);
-}
-
-TEST_F(AlarmEventSourceTest, AClientThatCannotBeMadeFailsTheSource) {
-    HalvekEnv other;
-    providers->onCreate = [](const std::string& provider) {
-        throw osa::Exception("no client of %s", provider.c_str());
-    };
-    EXPECT_THAT([&] { AlarmEventSource("Alarm", &other); },
-                ThrowsMessage<osa::Exception>(StrEq("no client of AlarmV3")));
-    EXPECT_EQ(other.GetComponent("AlarmCommonComponent"), nullptr);
-}
 
 TEST_F(AlarmEventSourceTest, IsSubscribedFromItsConstructionOn) {
     EXPECT_EQ(providers->stateChange.Count(), 1U);
@@ -113,7 +60,7 @@ TEST_F(AlarmEventSourceTest, AnIndexThatCannotBeReadIsAnErrorThatNamesKeyAndValu
             [&] {
                 source->Configure({{"BankName", "A"}, {"Index", value}});
             },
-            ThrowsMessage<osa::Exception>(StrEq(std::string("The value of key Index is not an integer: ") + value)));
+            FailsWith(std::string("The value of key Index is not an integer: ") + value));
     }
 }
 
@@ -170,7 +117,7 @@ TEST_F(AlarmEventSourceTest, AProviderThatDoesNotAnswerFailsTheConfiguration) {
             }
         };
         log.Clear();
-        EXPECT_THAT([&] { source->Configure({}); }, ThrowsMessage<osa::Exception>(StrEq("no answer to " + failing)));
+        EXPECT_THAT([&] { source->Configure({}); }, FailsWith("no answer to " + failing));
         EXPECT_FALSE(log.Has("Information halvek: Configured alarm 0"));
     }
 }
@@ -250,8 +197,7 @@ TEST_F(AlarmEventSourceTest, StartingUnconfiguredFails) {
         bool IsConfigured() const override { return false; }
     };
     Unconfigured unconfigured("Alarm", &env);
-    EXPECT_THAT([&] { unconfigured.StartListening(); },
-                ThrowsMessage<osa::Exception>(StrEq("AlarmEventSource::StartListening not configured")));
+    EXPECT_THAT([&] { unconfigured.StartListening(); }, FailsWith("AlarmEventSource::StartListening not configured"));
 }
 
 TEST_F(AlarmEventSourceTest, OnceStoppedItStaysSilentAndNeverSubscribesAgain) {
@@ -296,7 +242,7 @@ TEST_F(AlarmEventSourceTest, WhatAHandlerThrowsGoesBackToTheProvider) {
 
 TEST_F(AlarmEventSourceTest, AHandlerThatIsNotConfiguredThrowsBeforeItsAction) {
     handler.SetConfigured(false);
-    EXPECT_THAT([this] { Notify("", 0, true); }, ThrowsMessage<osa::Exception>(StrEq("EventHandler: not configured")));
+    EXPECT_THAT([this] { Notify("", 0, true); }, FailsWith("EventHandler: not configured"));
     EXPECT_EQ(handler.Count(), 0U);
 }
 

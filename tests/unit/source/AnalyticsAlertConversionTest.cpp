@@ -1,10 +1,8 @@
 #include "kelto/msgbus/MsgBusMsg.h"
 #include "source/AnalyticsAlertConversion.h"
 #include "tests/fakes/FailingAllocation.h"
+#include "tests/support/Matchers.h"
 
-#include <gmock/gmock.h>
-
-#include <cmath>
 #include <limits>
 #include <new>
 
@@ -12,8 +10,6 @@ namespace kelto::halvek::source {
 
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::Pair;
 using Alert = interfaces::AnalyticsInterface::AnalyticsAlert;
 using msgbus::MsgBusMsg;
 using Value = MsgBusMsg::Value;

@@ -6,11 +6,11 @@
 #include "tests/fakes/RecordingHandler.h"
 #include "tests/support/Fifo.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/ProcessState.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/WaitUntil.h"
 
-#include <gmock/gmock.h>
 #include <pthread.h>
 
 #include <array>
@@ -27,7 +27,6 @@ namespace kelto::halvek::source {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
 
 /** Fires as soon as it has been started, and then not for a minute. */
 struct Timer {

@@ -1,23 +1,15 @@
-#include "env/HalvekEnv.h"
-#include "env/MotionStateCommon.h"
 #include "kelto/osa/Exception.h"
 #include "source/ParkEventSource.h"
-#include "source/SourceFactory.h"
-#include "tests/fakes/FakeProviders.h"
 #include "tests/fakes/IntendedWaits.h"
-#include "tests/fakes/RecordingHandler.h"
 #include "tests/support/LetPass.h"
-#include "tests/support/LogCapture.h"
+#include "tests/support/Matchers.h"
 #include "tests/support/ProcessState.h"
 #include "tests/support/WaitUntil.h"
-
-#include <gmock/gmock.h>
+#include "tests/unit/source/CameraSourceFixture.h"
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <thread>
 
@@ -26,25 +18,15 @@ namespace kelto::halvek::source {
 namespace {
 
 using namespace std::chrono_literals;
-using ::testing::AllOf;
-using ::testing::Contains;
-using ::testing::ElementsAre;
-using ::testing::Ge;
-using ::testing::Key;
-using ::testing::Lt;
-using ::testing::Pair;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
-using ::testing::UnorderedElementsAre;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* defaultMessage = "Debug ParkEventSource: \tCan't find Park::DwellTime.sec, using default!";
 constexpr Clock::duration late = 3s;  // that a busy machine may be
 constexpr const char* queryMessage = "Warning ParkEventSource: Failed when querying current idle state.";
 
-class ParkEventSourceTest : public ::testing::Test {
+class ParkEventSourceTest : public CameraSourceFixture<ParkEventSource> {
 protected:
-    ParkEventSourceTest() { source->AddHandler(&handler); }
+    ParkEventSourceTest() : CameraSourceFixture("Park") {}
 
     void Configure(const std::string& dwell) {
         source->Configure({{"DwellTime.sec", dwell}});
@@ -58,17 +40,6 @@ protected:
         return now;
     }
 
-    /** When the handler was called. It counts a call before it notes the time. */
-    std::vector<Clock::time_point> Times() {
-        const auto isNoted = [this] {
-            const std::lock_guard lock(mutex);
-            return times.size() >= handler.Count();
-        };
-        EXPECT_TRUE(test::WaitUntil(isNoted));
-        const std::lock_guard lock(mutex);
-        return times;
-    }
-
     /** What was logged under the source's own name. */
     std::vector<std::string> OwnLines() const {
         std::vector<std::string> lines = log.Lines();
@@ -76,44 +47,7 @@ protected:
                       [](const std::string& line) { return line.find(" ParkEventSource: ") == std::string::npos; });
         return lines;
     }
-
-    test::LogCapture log;
-    test::FakeProviders providers;
-    std::mutex mutex;
-    std::vector<Clock::time_point> times;
-    test::RecordingHandler handler{[this](Event&) {
-        const std::lock_guard lock(mutex);
-        times.push_back(Clock::now());
-    }};
-    HalvekEnv env;
-    std::unique_ptr<ParkEventSource> source = std::make_unique<ParkEventSource>("Park", &env);
 };
-
-TEST_F(ParkEventSourceTest, NeedsAnEnvironment) {
-    EXPECT_THAT([] { ParkEventSource("Park", nullptr); },
-                ThrowsMessage<osa::Exception>(StrEq("Parameter pEnv was NULL")));
-}
-
-TEST_F(ParkEventSourceTest, IsMadeByTheFactoryUnderItsTypeName) {
-    const std::unique_ptr<EventSource> made = CreateEventSource("Park", &env);
-    EXPECT_NE(dynamic_cast<ParkEventSource*>(made.get()), nullptr);
-    EXPECT_EQ(made->ToString(), "EventSource{Park}");
-    EXPECT_TRUE(made->IsConfigured());
-}
-
-TEST_F(ParkEventSourceTest, TwoShareOneComponentAndOneClient) {
-    const ParkEventSource second("Park", &env);
-    EXPECT_EQ(providers.CountMade("MotionState"), 1);
-    EXPECT_EQ(providers.BusOf("MotionState"), env.GetMsgBus());
-    EXPECT_EQ(providers->idleChange.Count(), 2U);
-    EXPECT_NE(env.GetComponent("MotionStateCommonComponent"), nullptr);
-}
-
-TEST_F(ParkEventSourceTest, AClientThatCannotBeMadeFailsTheSource) {
-    HalvekEnv other;
-    providers->onCreate = [](const std::string&) { throw osa::Exception("no client"); };
-    EXPECT_THAT([&] { ParkEventSource("Park", &other); }, ThrowsMessage<osa::Exception>(StrEq("no client")));
-}
 
 TEST_F(ParkEventSourceTest, ReadsItsDwellTimeAndAsksForTheIdleState) {
     log.Clear();
@@ -200,11 +134,10 @@ TEST_F(ParkEventSourceTest, FiresAParkEventWithItsTypeName) {
     EXPECT_THAT(event.properties,
                 UnorderedElementsAre(Pair("eventType", "Park"), Key("Timestamp"), Key("FormattedTime")));
     EXPECT_TRUE(log.WaitFor("Debug ParkEventSource: fired"));
-    EXPECT_THAT(OwnLines(),
-                ::testing::UnorderedElementsAre("Debug ParkEventSource: ParkEventSource::HandleIdleStateChange 0",
-                                                "Debug ParkEventSource: ParkEventSource::Run",
-                                                "Information ParkEventSource: ParkEventSource started",
-                                                "Debug ParkEventSource: fired"));
+    EXPECT_THAT(OwnLines(), UnorderedElementsAre("Debug ParkEventSource: ParkEventSource::HandleIdleStateChange 0",
+                                                 "Debug ParkEventSource: ParkEventSource::Run",
+                                                 "Information ParkEventSource: ParkEventSource started",
+                                                 "Debug ParkEventSource: fired"));
 }
 
 TEST_F(ParkEventSourceTest, ADwellOfTenFiresExactlyOnceTenToElevenSecondsLater) {
@@ -214,9 +147,10 @@ TEST_F(ParkEventSourceTest, ADwellOfTenFiresExactlyOnceTenToElevenSecondsLater) 
     test::LetPass(500ms);
     const Clock::time_point told = Notify(0);
     ASSERT_TRUE(handler.WaitForCount(1));
-    EXPECT_THAT(Times().front() - told, AllOf(Ge(10s - 10ms), Lt(11s + late)));
+    EXPECT_THAT(handler.Events().front().time - told, AllOf(Ge(10s - 10ms), Lt(11s + late)));
     test::LetPass(12s);
     EXPECT_EQ(handler.Count(), 1U) << "fired again without a new report";
+    Configure("0");
     Notify(0);
     EXPECT_TRUE(handler.WaitForCount(2));
 }
@@ -238,7 +172,7 @@ TEST_F(ParkEventSourceTest, AnotherReportOfRestAfterEightSecondsCountsAnew) {
     test::LetPass(8500ms);
     const Clock::time_point told = Notify(0);
     ASSERT_TRUE(handler.WaitForCount(1));
-    EXPECT_THAT(Times().front() - told, AllOf(Ge(10s - 10ms), Lt(11s + late)));
+    EXPECT_THAT(handler.Events().front().time - told, AllOf(Ge(10s - 10ms), Lt(11s + late)));
 }
 
 TEST_F(ParkEventSourceTest, TheDwellCountsFromTheReportHoweverLongTheHeadMovedBefore) {
@@ -248,7 +182,7 @@ TEST_F(ParkEventSourceTest, TheDwellCountsFromTheReportHoweverLongTheHeadMovedBe
     EXPECT_EQ(handler.Count(), 0U);
     const Clock::time_point told = Notify(0);
     ASSERT_TRUE(handler.WaitForCount(1));
-    EXPECT_THAT(Times().front() - told, AllOf(Ge(2s - 10ms), Lt(3s + late)));
+    EXPECT_THAT(handler.Events().front().time - told, AllOf(Ge(2s - 10ms), Lt(3s + late)));
 }
 
 TEST_F(ParkEventSourceTest, ADwellEndsWithTheTickAtWhichItsSecondsAreFull) {
@@ -261,7 +195,7 @@ TEST_F(ParkEventSourceTest, ADwellEndsWithTheTickAtWhichItsSecondsAreFull) {
             const Clock::time_point begin = Clock::now();
             source->StartListening();
             ASSERT_TRUE(handler.WaitForCount(before + 1));
-            shortest = std::min(shortest, Times().back() - begin);
+            shortest = std::min(shortest, handler.Events().back().time - begin);
             source->StopListening();
         }
         // A busy machine may be late with one of them; a tick too many would make all of them a second late.
@@ -285,7 +219,7 @@ TEST_F(ParkEventSourceTest, ADwellOfZeroFiresWithinASecondOfTheReport) {
     for (size_t round = 1; round <= 3; ++round) {
         const Clock::time_point told = Notify(0);
         ASSERT_TRUE(handler.WaitForCount(round));
-        shortest = std::min(shortest, Times().back() - told);
+        shortest = std::min(shortest, handler.Events().back().time - told);
     }
     // A busy machine may be late with one of them, a dwell of one would be with all.
     EXPECT_LT(shortest, 1500ms);
@@ -329,9 +263,7 @@ TEST_F(ParkEventSourceTest, StoppingCutsTheSleepShort) {
     // Into the sleep: what follows the test of the counter.
     test::LetPass(100ms);
     log.Clear();
-    const Clock::time_point begin = Clock::now();
-    source->StopListening();
-    EXPECT_LT(Clock::now() - begin, 500ms);
+    EXPECT_LT(test::TimeOf([&] { source->StopListening(); }), 500ms);
     EXPECT_THAT(
         OwnLines(),
         ElementsAre("Debug ParkEventSource: ParkEventSource::Stop()", "Debug ParkEventSource: interrupted by signal 14",
@@ -343,9 +275,7 @@ TEST_F(ParkEventSourceTest, AStopRightAfterTheStartIsNeverTooEarly) {
     Configure("10");
     for (int round = 0; round < 100; ++round) {
         source->StartListening();
-        const Clock::time_point begin = Clock::now();
-        source->StopListening();
-        ASSERT_LT(Clock::now() - begin, 500ms) << "round " << round;
+        ASSERT_LT(test::TimeOf([&] { source->StopListening(); }), 500ms) << "round " << round;
     }
 }
 
@@ -368,9 +298,7 @@ TEST_F(ParkEventSourceTest, StartedAgainAfterItsLoopHasEndedItIsStoppedAtOnce) {
     source->StartListening();
     ASSERT_TRUE(log.WaitFor("Debug ParkEventSource: DONE"));
     source->StartListening();
-    const Clock::time_point begin = Clock::now();
-    source->StopListening();
-    EXPECT_LT(Clock::now() - begin, 500ms);
+    EXPECT_LT(test::TimeOf([&] { source->StopListening(); }), 500ms);
     EXPECT_EQ(log.Count("Debug ParkEventSource: DONE"), 2U);
 }
 
@@ -438,9 +366,7 @@ TEST_F(ParkEventSourceTest, AnExceptionThatIsNotThePlatformsEndsTheThreadButNotT
     Notify(0);
     test::LetPass(1500ms);
     EXPECT_EQ(handler.Count(), 1U);
-    const Clock::time_point begin = Clock::now();
-    source->StopListening();
-    EXPECT_LT(Clock::now() - begin, 500ms);
+    EXPECT_LT(test::TimeOf([&] { source->StopListening(); }), 500ms);
 }
 
 TEST_F(ParkEventSourceTest, DestroyingItStopsIt) {
