@@ -22,8 +22,9 @@ using companion::ClockState;
 namespace {
 
 constexpr size_t mostItems = 500;
-/** In milliseconds. */
+// In milliseconds.
 constexpr int64_t longestInRam = 5 * 60'000;
+constexpr int64_t flashDelay = 60'000;
 /** A number above it was made up by somebody else. */
 constexpr uint64_t highestUsed = INT64_MAX;
 
@@ -54,20 +55,51 @@ Queue::Queue(std::string ramFolder, std::string flashFolder, const Settings& cur
 void Queue::Open() {
     ledger.Open();
     Take(ram, false);
+    OpenFlash(Uptime());
+    const uint64_t highest = std::max({ram.HighestId(), flash.HighestId(), ledger.HighestId()});
+    // Nobody knows which numbers a flash has that is not there yet.
+    nextId = !hasFlash || highest == 0 || highest > highestUsed ? RandomStart() : highest + 1;
+    RemoveEnded();
+    Trim();
+}
+
+void Queue::OpenFlash(int64_t now) {
+    nextFlashTry = now + flashDelay;
     try {
         Take(flash, true);
         hasFlash = true;
     } catch (const std::system_error& failure) {
         TellFlashTrouble(failure.what());
     }
-    const uint64_t highest = std::max({ram.HighestId(), flash.HighestId(), ledger.HighestId()});
-    nextId = highest == 0 || highest > highestUsed ? RandomStart() : highest + 1;
+}
+
+bool Queue::RetryFlash(int64_t now) {
+    if (hasFlash || now < nextFlashTry) {
+        return false;
+    }
+    OpenFlash(now);
+    if (!hasFlash) {
+        return false;
+    }
+    hasFlashTrouble = false;
+    Log::Information("The flash is there now");
+    for (auto& [id, item] : items) {
+        if (item.keepSafeAt == INT64_MAX) {
+            // Its turn has come in vain.
+            KeepSafe(item);
+        }
+    }
+    RemoveEnded();
+    Trim();
+    return true;
+}
+
+void Queue::RemoveEnded() {
     for (const uint64_t id : std::set(ledger.Ended())) {
         if (RemoveFiles(id)) {
             ledger.Gone(id);
         }
     }
-    Trim();
 }
 
 void Queue::Take(SpoolFolder& folder, bool isOnFlash) {
@@ -321,7 +353,10 @@ int64_t Queue::KeepNext() {
         MoveToFlash(first->second, true);
     }
     const auto next = std::min_element(items.begin(), items.end(), isEarlier);
-    return next == items.end() ? INT64_MAX : next->second.keepSafeAt;
+    if (next == items.end()) {
+        return INT64_MAX;
+    }
+    return hasFlash ? next->second.keepSafeAt : std::min(next->second.keepSafeAt, nextFlashTry);
 }
 
 void Queue::KeepAllSafe() {

@@ -66,6 +66,12 @@ public:
 
     /** Takes over what is there from before. */
     void Open();
+    /**
+     * Opens a flash that could not be opened before, once a minute: it may be mounted by now.
+     *
+     * @return whether it is; then there may be items that have no target yet
+     */
+    bool RetryFlash(int64_t now);
 
     /**
      * Accepts an item that is not heard of yet. Others go if there is no room.
@@ -116,6 +122,8 @@ public:
 private:
     enum class Place { Anywhere, Ram, Flash };
 
+    void OpenFlash(int64_t now);
+    void RemoveEnded();
     void Take(SpoolFolder& folder, bool isOnFlash);
     void Recall(Item& item) const;
     void CountDamaged(SpoolFolder& folder, const std::string& name);
@@ -138,6 +146,8 @@ private:
     std::string boot;
 
     bool hasFlash = false;
+    /** By Uptime, while there is none. */
+    int64_t nextFlashTry = 0;
     bool hasFlashTrouble = false;
     /** When it was told that the budget is used up, by Uptime. */
     std::optional<int64_t> budgetToldAt;

@@ -144,6 +144,9 @@ void Service::ApplySettings() {
 }
 
 void Service::Round() {
+    if (queue.RetryFlash(Uptime())) {
+        ApplySettings();
+    }
     nextExpiry = queue.ExpireOld();
     nextKeepSafe = queue.KeepNext();
     deliveries.StartAll();

@@ -9,6 +9,7 @@ import shutil
 import signal
 import socket
 import subprocess
+import threading
 from collections.abc import Callable
 from pathlib import Path
 
@@ -142,6 +143,48 @@ class Outbox:
     def target(self) -> dict:
         (target,) = self.answer()["targets"]
         return target
+
+
+class SecretWatch:
+    """Looks for a word in the command lines and environments of all processes but ours, over and over."""
+
+    def __init__(self, word: str) -> None:
+        self.word = word.encode()
+        self.samples = 0
+        self.found: list[str] = []
+        self._ending = threading.Event()
+        self._thread = threading.Thread(target=self._look)
+
+    def __enter__(self) -> "SecretWatch":
+        self._thread.start()
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self._ending.set()
+        self._thread.join()
+
+    def _look(self) -> None:
+        while not self._ending.is_set():
+            for process in os.listdir("/proc"):
+                if process.isdigit() and int(process) != os.getpid():
+                    self._look_into(Path("/proc", process))
+            self.samples += 1
+
+    def _look_into(self, process: Path) -> None:
+        for path in (process / "cmdline", process / "environ"):
+            try:
+                if self.word in path.read_bytes():
+                    self.found.append(str(path))
+            except OSError:
+                pass  # it has ended
+
+    def check(self, outbox: Outbox) -> None:
+        """Nor in what the outbox keeps, logs and tells."""
+        assert self.samples > 0 and self.found == []
+        kept = [path for folder in (FLASH.parent, SOCKET.parent) for path in folder.rglob("*") if path.is_file()]
+        assert kept and all(self.word not in path.read_bytes() for path in (*kept, outbox.log))
+        for verb in ("status", "list"):
+            assert self.word.decode() not in outbox.run(verb, "--format", "json").stdout
 
 
 class LyingFtpServer:

@@ -1,11 +1,12 @@
 """The outbox with mail servers that encrypt and want an account, with FTPS from the first byte on, and with keys."""
 
 import os
+import signal
 import ssl
 from pathlib import Path
 
 import pytest
-from outbox import Outbox, pin_of
+from outbox import Outbox, SecretWatch, pin_of
 from testing.certificates import Authority
 from testing.ftp_server import FtpServer
 from testing.mail_sink import MailSink
@@ -51,6 +52,22 @@ def test_a_mail_goes_out_encrypted_with_an_account(
         outbox.wait_for(delivered=1, queued=0)
         (mail,) = sink.wait_for(1)
     assert mail.recipients == ["guard@x.example"] and mail.data.endswith(b"\r\n\r\nA door.\r\n")
+
+
+@pytest.mark.parametrize("starttls", [False, True], ids=["smtps", "starttls"])
+def test_a_password_for_mails_is_seen_nowhere(
+    outbox: Outbox, authority: Authority, context: ssl.SSLContext, starttls: bool
+):
+    scheme = "smtp" if starttls else "smtps"
+    with MailSink(tls=context, starttls=starttls, account=(ACCOUNT, PASSWORD)) as sink, SecretWatch(PASSWORD) as watch:
+        outbox.configure(relay(scheme, sink, f"CaFile={authority.path}"), word=PASSWORD)
+        outbox.start()
+        outbox.mail(MAIL)
+        outbox.wait_for(delivered=1)
+        outbox.configure(relay(scheme, sink), word=PASSWORD)
+        outbox.process.send_signal(signal.SIGHUP)
+        outbox.wait_for_state(outbox.mail(MAIL), "hold")
+    watch.check(outbox)
 
 
 @pytest.mark.parametrize("starttls", [False, True], ids=["smtps", "starttls"])

@@ -13,7 +13,7 @@ from contextlib import contextmanager
 from pathlib import Path
 
 import pytest
-from outbox import FLASH, KNOWN_HOSTS, Outbox, make_private, pin_of
+from outbox import FLASH, KNOWN_HOSTS, Outbox, SecretWatch, make_private, pin_of
 from testing.certificates import Authority
 from testing.waiting import wait_until
 
@@ -185,6 +185,24 @@ def test_pictures_go_by_sftp_once_the_key_is_trusted(outbox: Outbox, sftp: Path,
     outbox.wait_for(delivered=1)
     (path,) = (home / "up").iterdir()
     assert (path.name, path.read_bytes()) == ('%41 "b".jpg', b"new")
+
+
+@pytest.mark.parametrize("scheme", ["ftps", "sftp"])
+def test_a_password_for_uploads_is_seen_nowhere(
+    outbox: Outbox, home: Path, authority: Path, scheme: str, request: pytest.FixtureRequest
+):
+    request.getfixturevalue(scheme)
+    with SecretWatch(PASSWORD) as watch:
+        outbox.configure(target(f"{scheme}://127.0.0.1", f"CaFile={authority}", "TlsMax=1.2"), word=PASSWORD)
+        outbox.start()
+        outbox.run("trust", "127.0.0.1", "--yes")
+        outbox.put(b"picture", f"{home}/up/x.jpg", host="archive")
+        outbox.wait_for(delivered=1, patience=100)
+        outbox.configure(target(f"{scheme}://127.0.0.1", "Pin=sha256//nobodys"), word=PASSWORD)
+        KNOWN_HOSTS.unlink(missing_ok=True)
+        outbox.process.send_signal(signal.SIGHUP)
+        outbox.wait_for_state(outbox.put(b"picture", f"{home}/up/x.jpg", host="archive"), "hold")
+    watch.check(outbox)
 
 
 def test_sftp_replaces_a_file_and_a_changed_key_holds_the_target(outbox: Outbox, sftp: Path, home: Path):

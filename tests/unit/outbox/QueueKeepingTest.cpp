@@ -101,6 +101,29 @@ TEST_F(QueueKeepingTest, WhatIsKeptSafeIsMovedToFlashOneByOne) {
     EXPECT_TRUE(std::filesystem::is_empty(folder + "/ram/q"));
 }
 
+TEST_F(QueueKeepingTest, AFlashThatComesLateHasItsItemsTakenOverAndGetsThoseThatWaitForIt) {
+    const uint64_t before = Put(10).file.id;
+    queue->KeepAllSafe();
+    std::filesystem::rename(folder + "/flash", folder + "/away");
+    std::ofstream(folder + "/flash") << "no folder";
+    Restart();
+    Item& item = Put(20);
+    const uint64_t id = item.file.id;
+    queue->KeepSafe(item);
+    queue->KeepNext();
+    EXPECT_FALSE(item.isOnFlash);
+    EXPECT_FALSE(queue->RetryFlash(Uptime() + 61'000));
+    std::filesystem::remove(folder + "/flash");
+    std::filesystem::rename(folder + "/away", folder + "/flash");
+    EXPECT_FALSE(queue->RetryFlash(Uptime() + 61'000)) << "a minute after the last try";
+    EXPECT_TRUE(queue->RetryFlash(Uptime() + 122'000));
+    KeepDue();
+    EXPECT_THAT(Ids(), testing::UnorderedElementsAre(before, id));
+    EXPECT_TRUE(queue->Find(before)->isOnFlash);
+    EXPECT_TRUE(queue->Find(id)->isOnFlash);
+    EXPECT_FALSE(queue->RetryFlash(Uptime() + 300'000));
+}
+
 TEST_F(QueueKeepingTest, WhatHasFiveMinutesInRamIsMovedToFlash) {
     Item& item = Put(10);
     const int64_t due = queue->KeepNext();
