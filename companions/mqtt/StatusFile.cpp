@@ -23,7 +23,7 @@ constexpr mode_t fileMode = 0644;
 
 }  // namespace
 
-StatusFile::StatusFile(std::string folder) : path(folder + fileName) {
+StatusFile::StatusFile(const std::string& folder) : path(folder + fileName) {
     mkdir(folder.c_str(), folderMode);
     lock.Reset(open((folder + lockName).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, fileMode));
     if (lock.IsOpen()) {

@@ -16,7 +16,7 @@ public:
     static constexpr const char* defaultFolder = "/run/halvek-mqtt";
 
     /** Of the service. Where the folder cannot be made there is no file, and nothing else is different. */
-    explicit StatusFile(std::string folder);
+    explicit StatusFile(const std::string& folder);
 
     /** Replaces what is there. */
     void Write(const std::string& text);
