@@ -4,6 +4,8 @@
 #include "companions/ctl/PlainFile.h"
 #include "kelto/core/StringUtil.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <limits>
