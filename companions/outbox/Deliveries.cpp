@@ -22,12 +22,9 @@ constexpr int64_t uncertainDelay = 15 * 60'000;
 constexpr int64_t partlyDelay = 5 * 60'000;
 /** A clock before this is older than this program: 2026-01-01. */
 constexpr int64_t oldestTime = 1'767'225'600'000;
-/**
- * Each has a thread, which libcurl holds up while a server says nothing: so they are more than a camera has targets,
- * and as many as fit into what the unit allows, see TasksMax and MemoryMax.
- */
-constexpr size_t mostCouriers = 16;
-constexpr size_t mostProbes = 12;
+/** Each has a thread, which libcurl holds up while a server says nothing; the unit allows no more, see TasksMax. */
+constexpr size_t mostCouriers = 6;
+constexpr size_t mostProbes = 4;
 constexpr const char* mailTarget = "mail";
 constexpr uint16_t ftpPort = 21;
 /** The server's word for a data connection that has ended before the file. */

@@ -131,6 +131,9 @@ def test_a_kill_or_an_error_at_any_call_costs_no_picture(
 # --- targets and each other
 
 
+MOST_AT_ONCE = 6
+
+
 class Silence:
     """Servers that take connections and say nothing, and one that is well; the outbox knows them as targets."""
 
@@ -165,7 +168,7 @@ def seconds_until_delivered(outbox: Outbox, times: int) -> list[float]:
 
 @pytest.mark.parametrize("is_new", [False, True], ids=["one that is well", "a new one"])
 def test_targets_that_are_down_delay_no_other(outbox: Outbox, ftp: FtpServer, is_new: bool):
-    silence = Silence(outbox, 8)
+    silence = Silence(outbox, MOST_AT_ONCE - 1)
     alone = [] if is_new else seconds_until_delivered(outbox, 10)
     silence.begin()
     beside = seconds_until_delivered(outbox, 10)
@@ -173,14 +176,14 @@ def test_targets_that_are_down_delay_no_other(outbox: Outbox, ftp: FtpServer, is
     figures = " / ".join(
         f"{statistics.median(t) * 1000:.0f}, at worst {max(t) * 1000:.0f} ms" for t in (alone, beside) if t
     )
-    print(f"alone / beside 8 that are down: {figures}")
+    print(f"alone / beside five that are down: {figures}")
     # The first of a new one counts by itself: it would wait for the others' time-out.
     assert beside[0] < 0.1 + 2 * STANDSTILL
     assert is_new or statistics.median(beside) < statistics.median(alone) + 0.1 + STANDSTILL / 10
 
 
 def test_a_stop_waits_for_no_server_however_many_are_silent(outbox: Outbox):
-    silence = Silence(outbox, 8)
+    silence = Silence(outbox, MOST_AT_ONCE)
     silence.begin()
     begin = time.monotonic()
     assert outbox.stop() == 0
