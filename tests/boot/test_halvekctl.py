@@ -9,7 +9,7 @@ import shutil
 import signal
 import subprocess
 import time
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from pathlib import Path
 
 import pytest
@@ -33,12 +33,15 @@ from machine import (
     show,
     write_settings,
 )
+from test_page import PAGE_UNIT, SOCKET, ask
 from testing.pipes import block, bytes_ready_at
 from testing.settings import Settings, handler, ini_text, timer
 from testing.waiting import wait_until
 
 (PACKAGE,) = Path("/srv/companions").glob("halvekctl_*.deb")
 NAME = "halvekctl"
+NAME_OF_PAGE = PAGE_UNIT.removesuffix(".service")
+FULL = re.MULTILINE | re.DOTALL
 PIPES = Path("/run/halvek")
 RELOADS = int(os.environ["HALVEK_BOOT_RELOADS"])
 DROP_IN = "10-halvekctl.conf"
@@ -371,6 +374,49 @@ def test_reload_judges_as_the_daemon_does_with_the_real_journal_under_traffic(ru
         configure(CLEAN)
     refused = ctl_as("nobody", "reload")
     assert refused.returncode == 3 and refused.stdout == "", refused
+
+
+# --- the page of the virtual camera, which asks it
+
+
+def drop_in_of_the_man_page() -> str:
+    text = Path("/srv/source/docs/kelto-vcam-page.1").read_text().replace("\\-", "-")
+    (found,) = re.findall(
+        f"^# systemctl edit {NAME_OF_PAGE}\n(.*?)^# systemctl try-restart {NAME_OF_PAGE}$", text, FULL
+    )
+    return found
+
+
+@pytest.fixture
+def let_page() -> Iterator[Callable[[], None]]:
+    """Does what the man page of the page shows."""
+    path = Path(f"/etc/systemd/system/{PAGE_UNIT}.d/override.conf")
+
+    def let() -> None:
+        path.parent.mkdir()
+        path.write_text(drop_in_of_the_man_page())
+        run("systemctl", "daemon-reload")
+        run("systemctl", "try-restart", NAME_OF_PAGE)
+
+    run("systemctl", "start", SOCKET)
+    yield let
+    run("systemctl", "stop", SOCKET, PAGE_UNIT)
+    shutil.rmtree(path.parent, ignore_errors=True)
+    run("systemctl", "daemon-reload")
+
+
+def test_the_page_shows_the_wiring_once_its_drop_in_lets_it_read_the_settings(camera: None, let_page):
+    configure(on_door(("Preset", {"Id": 7})))
+    told = json.loads(ask("/wiring"))
+    assert told["drawing"] == "" and "Permission denied" in told["problem"], told
+    let_page()
+    told = json.loads(ask("/wiring"))
+    assert told["problem"] == "" and "preset 7" in told["drawing"], told
+    wait_until(lambda: json.loads(ask("/state"))["eventPipe"]["open"], "the page listens")
+    post("Door")
+    wait_until(lambda: json.loads(ask("/explain"))["seq"] == 1, "the event")
+    told = json.loads(ask("/explain"))
+    assert [(row["group"], row["acts"]) for row in told["rows"]] == [("Events/Handler#1", True)], told
 
 
 # --- the cookbook
