@@ -106,6 +106,8 @@ def test_a_cursor_that_is_wrong_gets_a_reset_first(page, camera, cursor):
 def test_a_cursor_that_is_too_old_gets_a_reset_first(page, camera):
     old = int(page.state()["id"])
     flood(camera, RING + 10)
+    # Once the page has heard all of it.
+    assert int(page.state()["id"]) > old + RING
     stream = page.stream(Last_Event_ID=str(old))
     stream.wait_for_sent("reset")
     assert stream.items[0].name == "reset"
