@@ -77,7 +77,8 @@ void Adviser::Take(const companion::ReceivedEvent& event, uint64_t seq, const st
     last = {.seq = seq, .type = event.type, .words = {event.type}, .time = isoTime};
     for (const auto& [key, value] : event.properties) {
         if (std::ranges::find(ofTheDaemon, key) == std::end(ofTheDaemon)) {
-            last.words.push_back(key + "=" + value);
+            last.words.push_back(key);
+            last.words.back().append("=").append(value);
         }
     }
     for (std::string& word : last.words) {
