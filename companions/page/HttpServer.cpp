@@ -259,7 +259,12 @@ int HttpServer::OnReady(sd_event_source*, int, uint32_t, void* self) {
 
 void HttpServer::Run() {
     isRunDue = false;
+    const unsigned before = CountConnections();
     MHD_run(daemon.get());
+    if (CountConnections() < before) {
+        // There may have been too many: the library listens again as the first thing of the next run.
+        MHD_run(daemon.get());
+    }
     MHD_UNSIGNED_LONG_LONG milliseconds = 0;
     if (isRunDue) {
         return;
@@ -269,6 +274,10 @@ void HttpServer::Run() {
     } else {
         timeout.Cancel();
     }
+}
+
+unsigned HttpServer::CountConnections() const {
+    return MHD_get_daemon_info(daemon.get(), MHD_DAEMON_INFO_CURRENT_CONNECTIONS)->num_connections;
 }
 
 void HttpServer::SendComments() {

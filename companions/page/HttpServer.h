@@ -103,6 +103,7 @@ private:
     void Resume(HttpExchange& exchange);
     void ResumeConnection(MHD_Connection* connection);
     void Run();
+    unsigned CountConnections() const;
     void SendComments();
 
     const EventRing& ring;

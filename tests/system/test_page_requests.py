@@ -1,9 +1,12 @@
 """The page of the virtual camera: what it answers to whom, and that nobody else reaches the camera."""
 
+import contextlib
+import http.client
 import json
 import os
 import re
 import socket
+import time
 
 import pytest
 from testing.camera import ALERT, LOCAL, REMOTE
@@ -18,6 +21,7 @@ pytestmark = [
     pytest.mark.not_under("emulator", reason="what is tried here is never on a camera"),
 ]
 
+MOST_CONNECTIONS = 128
 ASSETS = {
     "/": "text/html; charset=utf-8",
     "/page.js": "text/javascript; charset=utf-8",
@@ -444,6 +448,68 @@ def test_without_a_camera_orders_are_502_and_the_page_is_there(start_page, bus, 
         assert page.post(path, body).status == 502
     assert page.get("/").status == 200
     assert page.state()["camera"] is False
+
+
+HEAD = b"POST /alarm HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\n"
+
+
+@pytest.mark.parametrize(
+    "sent",
+    [
+        b"\0" * 1000,
+        b"GET\r\n\r\n",
+        b"GET / HTTP/9.9\r\n\r\n",
+        b"GET /" + b"x" * 100_000 + b" HTTP/1.1\r\nHost: localhost\r\n\r\n",
+        b"GET / HTTP/1.1\r\nHost: localhost\r\n" + b"X: y\r\n" * 20_000 + b"\r\n",
+        b"GET / HTTP/1.1\r\nHost: localhost\r\nX: " + b"y" * 100_000 + b"\r\n\r\n",
+        HEAD + b"Content-Length: -1\r\n\r\n{}",
+        HEAD + b"Content-Length: 99999999999999999999\r\n\r\n{}",
+        HEAD + b"Content-Length: 2\r\nContent-Length: 0\r\n\r\n{}",
+        HEAD + b"Transfer-Encoding: chunked\r\n\r\nfffffffffffffffff\r\n{}",
+        HEAD + b"Transfer-Encoding: chunked\r\n\r\n-2\r\n{}\r\n0\r\n\r\n",
+    ],
+    ids=range(11),
+)
+def test_what_is_no_request_reaches_nothing(page, camera, listener, sent):
+    with socket.create_connection((ADDRESS, page.port), 10) as connection:
+        with contextlib.suppress(ConnectionError):  # it may be closed before all is read
+            connection.sendall(sent)
+            connection.shutdown(socket.SHUT_WR)
+            answer = connection.recv(4096)
+            assert answer == b"" or answer.split()[1][:1] in (b"4", b"5"), answer
+    assert page.state()["camera"] is True
+    assert nothing_reached(camera, listener)
+
+
+def test_a_body_in_chunks_is_taken_as_any_other(page, camera):
+    def status_of(*chunks: bytes) -> bytes:
+        own = f"X-Halvek-Token: {page.token}\r\nTransfer-Encoding: chunked\r\n\r\n".encode()
+        body = b"".join(b"%x\r\n%s\r\n" % (len(chunk), chunk) for chunk in (*chunks, b""))
+        with socket.create_connection((ADDRESS, page.port), 10) as connection:
+            connection.sendall(HEAD + own + body)
+            return connection.recv(4096).split()[1]
+
+    order = json.dumps(ORDERS["/alarm"]).encode()
+    assert status_of(*(bytes([byte]) for byte in order)) == b"204"
+    camera.lines.wait_for("alarm Local:2 active")
+    assert status_of(order, b" " * 4096) == b"413"
+
+
+def test_those_who_never_end_their_request_keep_others_out_for_half_a_minute_at_most(page):
+    held = [socket.create_connection((ADDRESS, page.port), 10) for _ in range(MOST_CONNECTIONS)]
+    for connection in held:
+        connection.sendall(b"GET / HTTP/1.1\r\n")
+
+    def is_answered() -> bool:
+        with contextlib.suppress(OSError, http.client.HTTPException):
+            return page.get("/").status == 200
+        return False
+
+    begin = time.monotonic()
+    wait_until(is_answered, "the page answers again", patience=60)
+    assert time.monotonic() - begin < 45
+    for connection in held:
+        connection.close()
 
 
 def test_foreign_requests_take_no_memory(page):
