@@ -58,6 +58,9 @@ class Element:
     def role(self) -> str:
         return self.ask("/computedrole")
 
+    def screenshot(self) -> bytes:
+        return base64.b64decode(self.ask("/screenshot"))
+
     def attribute(self, name: str) -> str | None:
         return self.ask(f"/attribute/{name}")
 

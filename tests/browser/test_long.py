@@ -7,7 +7,7 @@ import time
 
 from testing.camera import LOCAL
 from testing.page import ADDRESS
-from testing.processes import resident_kib
+from testing.processes import own_kib
 from testing.settings import SERVER, handler, source
 from testing.waiting import wait_until
 
@@ -117,7 +117,7 @@ def test_memory_and_descriptors_stay_as_they_are(page, camera):
             camera.let_pass(100)
 
     def look() -> dict[str, int]:
-        return {"server": resident_kib(page.process.pid), "descriptors": page.descriptors()}
+        return {"server": own_kib(page.process.pid), "descriptors": page.descriptors()}
 
     fill_memory(page, be_used)
     fill_memory_with_states(page, camera)
@@ -134,7 +134,7 @@ def measure(browser, page) -> dict[str, int]:
         browser.command("HeapProfiler.collectGarbage")
     held = browser.command("Memory.getDOMCounters")
     heap = browser.command("Runtime.getHeapUsage")["usedSize"] // 1024
-    server = {"server": resident_kib(page.process.pid), "descriptors": page.descriptors()}
+    server = {"server": own_kib(page.process.pid), "descriptors": page.descriptors()}
     return server | {"heap": heap, "nodes": held["nodes"], "listeners": held["jsEventListeners"]}
 
 

@@ -73,6 +73,20 @@ def test_a_click_on_an_alarm_makes_the_daemon_pulse_the_lamp(browser, monitor, c
     wait_for_text(browser, "#said", "alarm Local:2 active")
 
 
+def test_the_lamp_is_another_one_to_the_eye_while_it_is_on(browser, monitor_of):
+    slow = RELAY | {"OnInterval.msec": 5000, "OffInterval.msec": 5000, "PulseCount": 2}
+    monitor_of(SETTINGS | handler(1, "Events/Source#1", handler_type="Relay", **slow))
+    switch = alarm(browser, 2)
+    lamp = browser.find("#relays li .lamp")[0]
+    seen = [lamp.screenshot()]
+    switch.click()
+    for text in (f"{LOCAL} 0 on", f"{LOCAL} 0 off", f"{LOCAL} 0 on"):
+        wait_for_text(browser, "#relays li:first-child", text)
+        seen.append(lamp.screenshot())
+    off, on = seen[:2]
+    assert off != on and seen == [off, on, off, on]
+
+
 def clicks_to_lamp(browser: Browser) -> tuple[list[float], list[float]]:
     """How long each of twenty took, in milliseconds of the browser's own clock, and a plain request with a frame."""
     browser.run(
@@ -167,6 +181,12 @@ def test_a_page_whose_server_was_away_goes_on_without_a_reload(browser, page, ca
 
 
 def test_eight_tabs_all_load_and_those_that_nobody_sees_hold_no_stream(browser, page, camera):
+    wait_for_text(browser, "#status", "The camera is there")
+    # To look at a tab is to bring it to the front.
+    browser.run(
+        "window.changes = [];"
+        "addEventListener('visibilitychange', () => window.changes.push([document.hidden, stream !== null]))"
+    )
     first = browser.tab()
     tabs = [browser.new_tab() for _ in range(7)]
     for tab in tabs:
@@ -181,6 +201,8 @@ def test_eight_tabs_all_load_and_those_that_nobody_sees_hold_no_stream(browser, 
     browser.switch(first)
     browser.command("Page.bringToFront")
     wait_for_alarm(browser, 3)
+    changes = browser.run("return window.changes")
+    assert [True, False] in changes and all(is_hidden != is_streaming for is_hidden, is_streaming in changes)
 
 
 @pytest.fixture
@@ -328,6 +350,8 @@ def test_everything_has_a_name_and_a_role(browser):
     assert len(named) > 40 and all(role and label for role, label in named)
     assert len(set(named)) == len(named), "two controls are called the same"
     assert {found.role for found in browser.find("main section")} == {"region"}
+    relays = browser.named("main section", "Relays")
+    assert relays.role == "region" and f"{LOCAL} 0 off" in relays.text
     assert browser.find_one("#status").role == "status"
 
 
