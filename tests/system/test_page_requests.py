@@ -471,10 +471,10 @@ HEAD = b"POST /alarm HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/js
     ids=range(11),
 )
 def test_what_is_no_request_reaches_nothing(page, camera, listener, sent):
-    with socket.create_connection((ADDRESS, page.port), 10) as connection:
-        with contextlib.suppress(ConnectionError):  # it may be closed before all is read
+    with socket.create_connection((ADDRESS, page.port), 2) as connection:
+        # It may be closed before all is read, or the server waits for the rest for as long as for any other.
+        with contextlib.suppress(ConnectionError, TimeoutError):
             connection.sendall(sent)
-            connection.shutdown(socket.SHUT_WR)
             answer = connection.recv(4096)
             assert answer == b"" or answer.split()[1][:1] in (b"4", b"5"), answer
     assert page.state()["camera"] is True
