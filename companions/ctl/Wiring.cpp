@@ -316,9 +316,10 @@ std::vector<const WiringEdge*> Wiring::EdgesFrom(const std::string& source) cons
 }
 
 std::vector<const WiringMark*> Wiring::MarksOf(const std::string& group) const {
+    const std::string within = group + "/";
     std::vector<const WiringMark*> found;
     for (const WiringMark& mark : marks) {
-        if (mark.group == group || mark.group.starts_with(group + "/")) {
+        if (mark.group == group || mark.group.starts_with(within)) {
             found.push_back(&mark);
         }
     }
