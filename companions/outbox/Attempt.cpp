@@ -324,7 +324,7 @@ bool Attempt::TakeReply(std::string_view line) {
 
 size_t Attempt::Read(char* buffer, size_t size, size_t count, void* self) {
     auto& attempt = *static_cast<Attempt*>(self);
-    const size_t wanted = std::min<uint64_t>(size * count, attempt.order.size - attempt.position);
+    const auto wanted = static_cast<size_t>(std::min<uint64_t>(size * count, attempt.order.size - attempt.position));
     const ssize_t got =
         pread(attempt.order.file->Get(), buffer, wanted, static_cast<off_t>(attempt.order.offset + attempt.position));
     if (got < 0 || (got == 0 && wanted > 0)) {

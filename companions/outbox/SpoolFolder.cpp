@@ -37,6 +37,11 @@ constexpr size_t longestNote = 256 * 1024;
 constexpr uint64_t floorBytes = 8 * 1024 * 1024;
 constexpr uint64_t floorPart = 10;
 
+/** Fits where addresses have 32 bits. */
+size_t AtMost(uint64_t size, size_t limit) {
+    return static_cast<size_t>(std::min<uint64_t>(size, limit));
+}
+
 [[noreturn]] void Fail(const std::string& path, int error = errno) {
     throw std::system_error(error, std::generic_category(), path);
 }
@@ -170,14 +175,14 @@ std::optional<SpoolFolder::File> SpoolFolder::Read(uint64_t id) const {
             return std::nullopt;
         }
         const auto size = static_cast<uint64_t>(status.st_size);
-        std::string text(std::min<uint64_t>(size, longestHeader), '\0');
+        std::string text(AtMost(size, longestHeader), '\0');
         text.resize(ReadPiece(file.Get(), text.data(), text.size(), name));
         const size_t headerEnd = text.find("\n\n");
         if (headerEnd == std::string::npos) {
             return std::nullopt;
         }
         const std::optional<ItemHeader> header = ItemHeader::Decode(std::string_view(text).substr(0, headerEnd + 2));
-        std::string tail(std::min<uint64_t>(size, longestEnd), '\0');
+        std::string tail(AtMost(size, longestEnd), '\0');
         if (lseek(file.Get(), static_cast<off_t>(size - tail.size()), SEEK_SET) < 0 ||
             ReadPiece(file.Get(), tail.data(), tail.size(), name) != tail.size()) {
             return std::nullopt;
@@ -191,7 +196,7 @@ std::optional<SpoolFolder::File> SpoolFolder::Read(uint64_t id) const {
         lseek(file.Get(), static_cast<off_t>(found.payloadOffset), SEEK_SET);
         std::string piece(pieceSize, '\0');
         for (uint64_t left = found.payloadSize; left > 0;) {
-            const size_t length = ReadPiece(file.Get(), piece.data(), std::min<uint64_t>(left, piece.size()), name);
+            const size_t length = ReadPiece(file.Get(), piece.data(), AtMost(left, piece.size()), name);
             if (length == 0) {
                 return std::nullopt;
             }

@@ -65,7 +65,7 @@ def test_only_what_has_failed_once_is_written_to_flash(outbox: Outbox, ftp: FtpS
     ftp.set_fault("refuse")
     number = outbox.put(picture())
     wait_until(lambda: [path.name for path in FLASH.iterdir()] == [number], "it is on flash")
-    assert list(RAM.iterdir()) == []
+    wait_until(lambda: list(RAM.iterdir()) == [], "it is nowhere else")
 
 
 def test_an_item_is_a_header_the_payload_and_a_line_that_tells_their_end(outbox: Outbox, ftp: FtpServer):

@@ -56,7 +56,7 @@ TEST_F(SpoolFolderTest, WhatWasWrittenIsFoundAgain) {
     EXPECT_EQ(found.files[0].size, written.size);
     EXPECT_EQ(found.files[0].payloadOffset, written.payloadOffset);
     EXPECT_EQ(found.files[0].payloadSize, payload.size());
-    EXPECT_EQ(Content(Name("/q/", 7)).substr(written.payloadOffset, payload.size()), payload);
+    EXPECT_EQ(Content(Name("/q/", 7)).substr(static_cast<size_t>(written.payloadOffset), payload.size()), payload);
     EXPECT_EQ(folder.HighestId(), 7U);
 }
 
