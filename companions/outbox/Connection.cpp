@@ -13,7 +13,7 @@ namespace kelto::halvek::outbox {
 namespace {
 
 /** A mail may have some hundred recipients. */
-constexpr size_t longestRequest = 256 * 1024;
+constexpr size_t longestRequest = size_t{256} * 1024;
 
 }  // namespace
 
@@ -30,7 +30,7 @@ std::string Connection::Peek() const {
 }
 
 bool Connection::Receive() {
-    std::array<char, 16 * 1024> piece{};
+    std::array<char, size_t{16} * 1024> piece{};
     alignas(cmsghdr) std::array<char, CMSG_SPACE(4 * sizeof(int))> control{};
     iovec target{piece.data(), piece.size()};
     msghdr message{};

@@ -18,8 +18,8 @@ using companion::UniqueFd;
 namespace {
 
 // In milliseconds.
-constexpr int64_t uncertainDelay = 15 * 60'000;
-constexpr int64_t partlyDelay = 5 * 60'000;
+constexpr int64_t uncertainDelay = int64_t{15} * 60'000;
+constexpr int64_t partlyDelay = int64_t{5} * 60'000;
 /** A clock before this is older than this program: 2026-01-01. */
 constexpr int64_t oldestTime = 1'767'225'600'000;
 /** Each has a thread, which libcurl holds up while a server says nothing; the unit allows no more, see TasksMax. */

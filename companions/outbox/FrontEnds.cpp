@@ -26,9 +26,9 @@ using companion::UniqueFd;
 
 namespace {
 
-constexpr size_t longestMail = 10 * 1024 * 1024;
+constexpr size_t longestMail = size_t{10} * 1024 * 1024;
 /** A picture on standard input: nothing larger is ever taken. */
-constexpr size_t longestInput = 64 * 1024 * 1024;
+constexpr size_t longestInput = size_t{64} * 1024 * 1024;
 
 /** Something for which a program ends with a status of its own. */
 class Refusal : public std::runtime_error {

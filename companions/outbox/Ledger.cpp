@@ -20,7 +20,7 @@ namespace {
  */
 constexpr size_t pageSize = 4096;
 /** What is longer was not written by any service. */
-constexpr size_t mostBytes = 64 * 1024;
+constexpr size_t mostBytes = size_t{64} * 1024;
 
 constexpr std::array fates = {Ledger::Fate::Delivered, Ledger::Fate::Failed, Ledger::Fate::Expired,
                               Ledger::Fate::Dropped, Ledger::Fate::Uncertain};

@@ -37,7 +37,7 @@ companion::UniqueFd MemoryFile::Of(std::string_view text) {
 
 std::string MemoryFile::ReadAll(int source, size_t mostBytes) {
     std::string text;
-    std::array<char, 64 * 1024> piece{};
+    std::array<char, size_t{64} * 1024> piece{};
     for (;;) {
         const ssize_t length = read(source, piece.data(), piece.size());
         if (length < 0 && errno != EINTR) {

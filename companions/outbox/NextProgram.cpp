@@ -34,7 +34,7 @@ std::string NextProgram::Find(const std::string& name, const char* searchPath) {
         const size_t end = std::min(folders.find(':'), folders.size());
         const std::string folder = folders.substr(0, end);
         folders.erase(0, end + 1);
-        const std::string path = (folder.empty() ? "." : folder) + "/" + name;
+        std::string path = (folder.empty() ? "." : folder) + "/" + name;
         if (IsProgram(path) && !IsThisProgram(path)) {
             return path;
         }

@@ -23,7 +23,7 @@ namespace {
 
 constexpr size_t mostItems = 500;
 // In milliseconds.
-constexpr int64_t longestInRam = 5 * 60'000;
+constexpr int64_t longestInRam = int64_t{5} * 60'000;
 constexpr int64_t flashDelay = 60'000;
 /** A number above it was made up by somebody else. */
 constexpr uint64_t highestUsed = INT64_MAX;
@@ -45,7 +45,7 @@ uint64_t RandomStart() {
 
 }  // namespace
 
-Queue::Queue(std::string ramFolder, std::string flashFolder, const Settings& current)
+Queue::Queue(const std::string& ramFolder, std::string flashFolder, const Settings& current)
     : settings(current),
       ram(ramFolder, SpoolFolder::Medium::Ram),
       flash(std::move(flashFolder), SpoolFolder::Medium::Flash),

@@ -62,7 +62,7 @@ public:
     using Items = std::map<uint64_t, Item>;
 
     /** The settings must outlive it; they may change. */
-    Queue(std::string ramFolder, std::string flashFolder, const Settings& current);
+    Queue(const std::string& ramFolder, std::string flashFolder, const Settings& current);
 
     /** Takes over what is there from before. */
     void Open();

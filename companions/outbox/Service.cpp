@@ -161,7 +161,7 @@ void Service::WaitUntil(int64_t wake) {
         {signals.Get(), POLLIN, 0}, {deliveries.Descriptor(), POLLIN, 0}, {network.Get(), POLLIN, 0}};
     const size_t own = watched.size();
     reception.AddTo(watched);
-    const int64_t left = wake == INT64_MAX ? -1 : std::clamp<int64_t>(wake - Uptime(), 0, 24 * 3'600'000);
+    const int64_t left = wake == INT64_MAX ? -1 : std::clamp<int64_t>(wake - Uptime(), 0, int64_t{24} * 3'600'000);
     if (poll(watched.data(), watched.size(), static_cast<int>(left)) > 0) {
         reception.Take(watched, own);
         if (watched[0].revents != 0) {

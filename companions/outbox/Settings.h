@@ -66,13 +66,13 @@ struct Settings {
     enum class Durability { Late, Early, Ram };
 
     /** In bytes. */
-    uint64_t spoolLimit = 16 * 1024 * 1024;
-    uint64_t ramLimit = 4 * 1024 * 1024;
+    uint64_t spoolLimit = uint64_t{16} * 1024 * 1024;
+    uint64_t ramLimit = uint64_t{4} * 1024 * 1024;
     /** Bytes that may be written to flash in a day while a network is away. */
-    uint64_t flashBudget = 64 * 1024 * 1024;
+    uint64_t flashBudget = uint64_t{64} * 1024 * 1024;
     /** In milliseconds. */
-    int64_t maxAge = 24 * 3'600'000;
-    int64_t maxAgeMail = 48 * 3'600'000;
+    int64_t maxAge = int64_t{24} * 3'600'000;
+    int64_t maxAgeMail = int64_t{48} * 3'600'000;
     Durability durability = Durability::Late;
     /** Whether the daemon is told of targets in trouble, and where that stands. */
     bool postsTrouble = false;

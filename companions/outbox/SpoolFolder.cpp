@@ -28,13 +28,13 @@ namespace {
 constexpr std::array folders = {"", "/q", "/tmp", "/bad", "/failed", "/notes"};
 constexpr size_t keptDamaged = 5;
 constexpr size_t keptFailed = 50;
-constexpr size_t pieceSize = 64 * 1024;
+constexpr size_t pieceSize = size_t{64} * 1024;
 /** A header has a path, an account and at most some hundred recipients. */
-constexpr size_t longestHeader = 256 * 1024;
+constexpr size_t longestHeader = size_t{256} * 1024;
 constexpr size_t longestEnd = 64;
-constexpr size_t longestNote = 256 * 1024;
+constexpr size_t longestNote = size_t{256} * 1024;
 /** What is left free on the medium: the smaller of the two, in bytes and as a part. */
-constexpr uint64_t floorBytes = 8 * 1024 * 1024;
+constexpr uint64_t floorBytes = uint64_t{8} * 1024 * 1024;
 constexpr uint64_t floorPart = 10;
 
 /** Fits where addresses have 32 bits. */

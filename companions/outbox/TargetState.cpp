@@ -9,10 +9,10 @@ namespace {
 
 // In milliseconds.
 constexpr int64_t firstDelay = 5'000;
-constexpr int64_t longestDelay = 15 * 60'000;
+constexpr int64_t longestDelay = int64_t{15} * 60'000;
 constexpr int64_t delayFactor = 3;
 constexpr int64_t clockDelay = 30'000;
-constexpr int64_t holdDelay = 60 * 60'000;
+constexpr int64_t holdDelay = int64_t{60} * 60'000;
 
 }  // namespace
 

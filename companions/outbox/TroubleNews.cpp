@@ -22,7 +22,7 @@ using companion::PostedEvent;
 namespace {
 
 // In milliseconds.
-constexpr int64_t leastDistance = 60 * 60'000;
+constexpr int64_t leastDistance = int64_t{60} * 60'000;
 constexpr int64_t pipePatience = 60'000;
 constexpr size_t longestText = 500;
 
