@@ -317,32 +317,6 @@ def test_replay_compares_what_was_recorded_under_the_services_settings_with_othe
     assert handler_told["inputs"][0]["props"] == {"button": "front"}
 
 
-def test_listeners_that_are_stopped_or_killed_cost_the_service_no_descriptor(service: None, tmp_path: Path):
-    write_settings(SERVER | {"Applications/halvek": {"LogLevel": "Error"}})
-    run("systemctl", "restart", UNIT)
-    output = tmp_path / "events"
-    started = []
-    for words in (["watch"], ["watch"], ["record", tmp_path / "stopped"], ["record", tmp_path / "killed"]):
-        with output.open("ab") as file:
-            started.append(subprocess.Popen(["halvekctl", *words], stdout=file, stderr=subprocess.PIPE))
-        assert b"reading" in started[-1].stderr.readline()
-    descriptors = Path(f"/proc/{main_pid()}/fd")
-    before = len(list(descriptors.iterdir()))
-    for number, process in enumerate(started):
-        process.send_signal(signal.SIGKILL if number % 2 else signal.SIGSTOP)
-    text = block("Flood", text="x" * 150).encode() * 20
-    with EVENT_PIPE.open("wb", buffering=0) as pipe:
-        for _ in range(500):  # more than a pipe holds
-            assert pipe.write(text) == len(text)
-    wait_until(lambda: bytes_ready_at(EVENT_PIPE) == 0, "all is read")
-    wait_until(lambda: len(list(descriptors.iterdir())) <= before, "none is lost")
-    for process in started:
-        process.kill()
-        process.wait()
-        process.stderr.close()
-    wait_until(lambda: list(PIPES.glob("zz-*")) == [], "the pipes are gone")
-
-
 @pytest.mark.parametrize("level", ["Information", "Warning"])
 def test_reload_judges_as_the_daemon_does_with_the_real_journal_under_traffic(running: None, users: None, level: str):
     chance = random.Random(level)
