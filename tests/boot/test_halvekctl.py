@@ -34,7 +34,7 @@ from machine import (
     write_settings,
 )
 from test_page import PAGE_UNIT, SOCKET, ask
-from testing.pipes import block, bytes_ready_at
+from testing.pipes import bytes_ready_at
 from testing.settings import Settings, handler, ini_text, timer
 from testing.waiting import wait_until
 
