@@ -71,9 +71,9 @@ class Published(NamedTuple):
 
 
 class Subscriber(Lines):
-    """A client that has subscribed; the items are what it gets."""
+    """A client that has subscribed; the items are what it gets, bytes that are no UTF-8 as surrogate escapes."""
 
-    FORMAT = "%r %q %t %p"
+    FORMAT = "%r %q %t %x"  # in hexadecimal digits: a payload may hold line feeds
 
     def __init__(self, topic: str = "#", port: int = PORT, options: tuple[str, ...] = ()) -> None:
         command = ["mosquitto_sub", "-p", str(port), "-V", "5", "-q", "1", "-t", topic, "-F", self.FORMAT, *options]
@@ -84,7 +84,9 @@ class Subscriber(Lines):
     def take(self, descriptor: int) -> list[Published]:
         found = []
         for line in super().take(descriptor):
-            retained, qos, topic, payload = (*line.split(" ", 3), "")[:4]
+            flags, digits = line.rsplit(" ", 1)
+            retained, qos, topic = flags.split(" ", 2)
+            payload = bytes.fromhex(digits).decode(errors="surrogateescape")
             found.append(Published(topic, payload, retained == "1", int(qos)))
         return found
 

@@ -6,7 +6,7 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
-from machine import Journal, Consumer, configure, is_active, post, processes_of, run, run_as, show
+from machine import SNAPSHOT, Journal, Consumer, configure, is_active, post, processes_of, run, run_as, show
 from testing.broker import PORT, Broker, Subscriber
 from testing.settings import SERVER, source
 from testing.waiting import wait_until
@@ -18,7 +18,7 @@ PIPE = Path("/run/halvek/zz-mqtt.halvek.any")
 FOLDER = Path("/etc/halvek-mqtt")
 CONFIG = FOLDER / "mqtt.conf"
 SECRETS = FOLDER / "secrets"
-SNAPSHOT = Path("/tmp/snapshot/img2.jpg")
+PICTURE = SNAPSHOT.with_name("front.jpg")  # a camera that is on puts its own picture in the place of SNAPSHOT
 PASSWORD = "hunter2-on-the-broker"
 CONFIGURATION = f"""[Mqtt]
 Broker=mqtt://127.0.0.1:{PORT}
@@ -94,15 +94,15 @@ def test_the_secret_is_in_no_command_line_no_environment_and_no_journal(running:
 
 
 def test_it_may_read_the_settings_and_the_picture(running: None, subscriber: Subscriber):
-    configure(SERVER | source(1, "Window"))
+    PICTURE.write_text("a picture")
+    configure(SERVER | source(1, "Window") | {"Video/Quickview": {"SnapshotPath": PICTURE}})
     CONFIG.write_text(CONFIGURATION + "Discovery=homeassistant\nSnapshot=on\n")
-    SNAPSHOT.write_text("a picture")
     run("systemctl", "restart", UNIT)
     described = subscriber.wait_for_message("homeassistant/device/cam1/config").json()
     assert "event_Window" in described["cmps"]
     post("Doorbell", button="front")
     subscriber.wait_for_message("halvek/cam1/snapshot", "a picture")
-    SNAPSHOT.unlink()
+    PICTURE.unlink()
 
 
 def test_its_pipe_is_its_own_and_goes_with_it(running: None):

@@ -19,12 +19,6 @@ LARGEST = 200_000
 PICTURE = b"\xff\xd8 a picture \x00\n\xff\xd9"
 
 
-class Pictures(Subscriber):
-    """Hears what is published, in hexadecimal digits."""
-
-    FORMAT = "%r %q %t %x"
-
-
 @pytest.fixture
 def picture(tmp_path):
     path = tmp_path / "now.jpg"
@@ -46,7 +40,7 @@ def start_taking(start_bridge, picture, tmp_path):
 
 @pytest.fixture
 def pictures(broker):
-    heard = Pictures(f"{BASE}/#")
+    heard = Subscriber(f"{BASE}/#")
     broker.log.wait_for("Sending SUBACK")
     yield heard
     heard.close()
@@ -56,7 +50,7 @@ def test_the_picture_comes_behind_its_event_and_is_not_kept(start_taking, pictur
     start_taking().wait_until_connected()
     feed(block("Door"))
     message = pictures.wait_for_message(TOPIC)
-    assert bytes.fromhex(message.payload) == PICTURE
+    assert message.payload.encode(errors="surrogateescape") == PICTURE
     assert (message.qos, message.is_retained, retained(TOPIC)) == (0, False, None)
     topics = [message.topic for message in pictures.items]
     assert topics.index(f"{BASE}/event/Door") < topics.index(TOPIC)
@@ -92,7 +86,7 @@ def test_a_picture_that_is_too_large_is_not_sent_and_its_event_is(start_taking, 
     picture.write_bytes(b"x" * LARGEST)
     feed(block("Door"))
     message = pictures.wait_for_message(TOPIC)
-    assert len(message.payload) == 2 * LARGEST
+    assert len(message.payload) == LARGEST
 
 
 def test_what_came_while_the_broker_was_away_has_no_picture(start_broker, start_taking):
@@ -100,7 +94,7 @@ def test_what_came_while_the_broker_was_away_has_no_picture(start_broker, start_
     bridge.log.wait_for("Cannot connect to")
     feed(block("Door"))
     broker = start_broker(OPEN)
-    heard = Pictures(f"{BASE}/#")
+    heard = Subscriber(f"{BASE}/#")
     try:
         broker.log.wait_for("Sending SUBACK")
         heard.wait_for_message(f"{BASE}/event/Door", patience=100)
