@@ -1,5 +1,6 @@
 """The package that has the service check its settings: told at a start, refused at a reload, gone without a trace."""
 
+import contextlib
 import json
 import os
 import pwd
@@ -34,7 +35,7 @@ from machine import (
     write_settings,
 )
 from test_page import PAGE_UNIT, SOCKET, ask
-from testing.pipes import bytes_ready_at
+from testing.pipes import block, bytes_ready_at
 from testing.settings import Settings, handler, ini_text, timer
 from testing.waiting import wait_until
 
@@ -315,6 +316,84 @@ def test_replay_compares_what_was_recorded_under_the_services_settings_with_othe
     (handler_told,) = told["handlers"]
     assert (handler_told["group"], handler_told["before"], handler_told["after"]) == ("Events/Handler#1", 0, 1)
     assert handler_told["inputs"][0]["props"] == {"button": "front"}
+
+
+def descriptors_lost() -> list[str]:
+    """The daemon keeps the descriptor of an output pipe open for ever when it could not write to it."""
+    folder = f"/proc/{main_pid()}/fd"
+    links = []
+    for number in os.listdir(folder):
+        with contextlib.suppress(FileNotFoundError):  # of an event that it was just handing on
+            links.append(os.readlink(f"{folder}/{number}"))
+    return [link for link in links if link.startswith(f"{PIPES}/")]
+
+
+def flood(kilobytes: int) -> None:
+    text = block("Flood", text="x" * 200).encode() * 16
+    with EVENT_PIPE.open("wb", buffering=0) as pipe:
+        for _ in range(kilobytes * 1024 // len(text)):
+            assert pipe.write(text) == len(text)
+    wait_until(lambda: bytes_ready_at(EVENT_PIPE) == 0, "all is read")
+
+
+@pytest.fixture
+def quiet(service: None) -> None:
+    """The service with a journal that takes whatever is posted."""
+    write_settings(SERVER | {"Applications/halvek": {"LogLevel": "Error"}})
+    run("systemctl", "restart", UNIT)
+
+
+def test_listeners_that_are_stopped_or_killed_cost_the_service_no_descriptor(quiet: None, tmp_path: Path):
+    output = tmp_path / "events"
+    started = []
+    for words in (["watch"], ["watch"], ["record", tmp_path / "stopped"], ["record", tmp_path / "killed"]):
+        with output.open("ab") as file:
+            started.append(subprocess.Popen(["halvekctl", *words], stdout=file, stderr=subprocess.PIPE))
+        assert b"reading" in started[-1].stderr.readline()
+    for number, process in enumerate(started):
+        process.send_signal(signal.SIGKILL if number % 2 else signal.SIGSTOP)
+    flood(kilobytes=2048)  # more than a pipe holds
+    wait_until(lambda: descriptors_lost() == [], "none is lost")
+    for process in started:
+        process.kill()
+        process.wait()
+        process.stderr.close()
+    wait_until(lambda: list(PIPES.glob("zz-*")) == [], "the pipes are gone")
+
+
+def test_a_listener_held_still_costs_nothing_until_its_pipe_is_full_which_status_shows(quiet: None):
+    """Its reader of the pipe included, as in a frozen control group, which not every kernel has."""
+    run("systemd-run", "--unit=listener", "halvekctl", "watch")
+    wait_until(lambda: len(list(PIPES.glob("zz-watch.*"))) == 1, "it listens")
+    (path,) = PIPES.glob("zz-watch.*")
+    run("systemctl", "kill", "--signal=STOP", "listener")
+    flood(kilobytes=512)
+    wait_until(lambda: descriptors_lost() == [] and bytes_ready_at(path) > 300_000, "all of it waits")
+    flood(kilobytes=1024)
+    wait_until(lambda: descriptors_lost() != [], "the pipe is full")
+    (pipe,) = [one for one in json_as("root", "status")["output_pipes"] if one["path"] == str(path)]
+    assert pipe["full"] is True and [reader["comm"] for reader in pipe["readers"]] == ["halvekctl-pipe"]
+    run("systemctl", "kill", "--signal=CONT", "listener")
+    wait_until(lambda: bytes_ready_at(path) == 0, "it goes on")
+    run("systemctl", "stop", "listener")
+    assert not path.exists()
+    run("systemctl", "restart", UNIT)
+
+
+def test_without_a_daemon_its_defaults_are_those_of_the_unit(running: None):
+    drop_in = Path(f"/etc/systemd/system/{UNIT}.d/zone.conf")
+    drop_in.parent.mkdir(exist_ok=True)
+    drop_in.write_text("[Service]\nEnvironment=TZ=Asia/Tokyo\n")
+    run("systemctl", "daemon-reload")
+    run("systemctl", "restart", UNIT)
+    beside = ctl_as("root", "schedule").stderr.splitlines()[0]
+    pid = main_pid()
+    run("systemctl", "stop", UNIT)
+    without = ctl_as("root", "schedule").stderr.splitlines()[0]
+    drop_in.unlink()
+    run("systemctl", "daemon-reload")
+    run("systemctl", "start", UNIT)
+    assert f"zone Asia/Tokyo (daemon {pid})" in beside and without == beside.replace(f"daemon {pid}", "unit")
 
 
 @pytest.mark.parametrize("level", ["Information", "Warning"])

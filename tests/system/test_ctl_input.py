@@ -2,6 +2,7 @@
 
 import os
 import resource
+import shutil
 import signal
 import subprocess
 from collections.abc import Callable
@@ -18,8 +19,12 @@ pytestmark = pytest.mark.not_under("emulator", reason="each of many runs takes a
 VERBS = [["explain", "Timer"], ["schedule"], ["show"]]
 # What is malformed is a finding to it.
 READERS = [*VERBS, ["check"]]
+ACTORS = [["post", "Door"], ["try", "Handler#1"], ["try", "Handler#1", "--act"]]
 SETTINGS: Settings = timer(1, 5) | handler(1, "Events/Source#1")
 MANY = 1000
+# The tests have a /run of their own.
+UNIT = Path("/run/systemd/system/halvek.service")
+ENVIRONMENT_FILE = Path("/run/halvek.default")
 CLEAN = Path(__file__).resolve().parents[1] / "ctl/mistakes/clean.ini"
 
 
@@ -63,7 +68,7 @@ def malformed(path: Path) -> None:
     path.write_text("[Events/Source#1]\nnonsense\n")
 
 
-@pytest.mark.parametrize("words", VERBS, ids=lambda words: words[0])
+@pytest.mark.parametrize("words", [*VERBS, *ACTORS], ids=" ".join)
 @pytest.mark.parametrize(
     "make",
     [missing, fifo, folder_with_fifo, device, loop, large, large_folder, binary, malformed],
@@ -232,6 +237,38 @@ class TestWhichSettings:
         daemon = launch(settings, environment={"TZ": ""})
         line = self.first_line("show", TZ="Asia/Tokyo")
         assert line == f"halvekctl: settings {daemon.settings_file} (daemon {daemon.pid}), zone of this machine"
+
+    @pytest.mark.parametrize(
+        ("unit", "drop_ins", "file", "expected"),
+        [
+            ("Environment=KELTO_SETTINGS=/a TZ=Asia/Tokyo", [], "", ("/a", "Asia/Tokyo")),
+            ("Environment = 'KELTO_SETTINGS=/a b' \"TZ=Asia/Tokyo\"", [], "", ("/a b", "Asia/Tokyo")),
+            ("Environment=TZ=Asia/Tokyo", ["Environment=KELTO_SETTINGS=/a TZ=UTC"], "", ("/a", "UTC")),
+            ("Environment=KELTO_SETTINGS=/a", ["Environment=\nEnvironment=TZ=UTC"], "", (None, "UTC")),
+            (f"EnvironmentFile=-{ENVIRONMENT_FILE}", ["Environment=TZ=UTC"], "TZ='Asia/Tokyo'", (None, "Asia/Tokyo")),
+            (f"EnvironmentFile={ENVIRONMENT_FILE}", ["EnvironmentFile="], "TZ=Asia/Tokyo", (None, None)),
+            (
+                "Environment=TZ=UTC",
+                ["Environment=TZ=Asia/Tokyo", "Environment=TZ=Asia/Kolkata"],
+                "",
+                (None, "Asia/Kolkata"),
+            ),
+        ],
+    )
+    def test_then_the_unit_and_its_drop_ins(self, unit, drop_ins, file, expected) -> None:
+        UNIT.parent.mkdir(parents=True)
+        UNIT.write_text(f"[Service]\n{unit}\n")
+        UNIT.with_name(f"{UNIT.name}.d").mkdir()
+        for number, text in enumerate(drop_ins):
+            (UNIT.with_name(f"{UNIT.name}.d") / f"{number}.conf").write_text(f"[Service]\n{text}\n")
+        ENVIRONMENT_FILE.write_text(f"# the daemon's\n{file}\n")
+        try:
+            line = self.first_line("show", KELTO_SETTINGS="/nowhere", TZ="Europe/Berlin")
+        finally:
+            shutil.rmtree(UNIT.parent)
+        path, zone = (f"{value} (unit)" if value else None for value in expected)
+        path, zone = path or "/nowhere (environment)", zone or "Europe/Berlin (environment)"
+        assert line == f"halvekctl: settings {path}, zone {zone}"
 
     def test_then_the_callers_environment(self, tmp_path: Path) -> None:
         line = self.first_line("show", KELTO_SETTINGS=str(tmp_path), TZ="Asia/Tokyo")

@@ -101,19 +101,6 @@ def test_an_answer_that_cannot_be_written_is_3(scene: Scene, verb: str) -> None:
 
 
 @pytest.mark.parametrize("make", UNREADABLE, ids=lambda f: f.__name__)
-@pytest.mark.parametrize("words", [["post", "Door"], ["try", "Handler#1"], ["try", "Handler#1", "--act"]], ids=str)
-def test_settings_that_cannot_be_read_are_3_at_once(
-    make: Callable[[Path], None], words: list[str], tmp_path: Path
-) -> None:
-    path = tmp_path / "store"
-    make(path)
-    done = ctl("--settings", path, *words)
-    assert (done.returncode, done.stdout) == (3, b""), done
-    first, message = done.stderr.splitlines()
-    assert first.startswith(b"halvekctl: settings ") and str(path).encode() in message
-
-
-@pytest.mark.parametrize("make", UNREADABLE, ids=lambda f: f.__name__)
 @pytest.mark.parametrize("option", ["--old", "--new"])
 def test_a_replay_of_settings_that_cannot_be_read_is_3_at_once(
     scene: Scene, make: Callable[[Path], None], option: str, tmp_path: Path
