@@ -14,12 +14,22 @@ from pathlib import Path
 from typing import Any, NamedTuple
 
 from testing.bus import PrivateBus
+from testing.camera import LOCAL, VirtualCamera
 from testing.collector import Collector, Lines
 from testing.processes import dies_with_us
 from testing.waiting import PATIENCE, wait_until
 
 PAGE_PROGRAM = os.environ.get("HALVEK_PAGE", "")
 ADDRESS = "127.0.0.1"
+# One of each kind that the page takes.
+ORDERS = {
+    "/alarm": {"bank": LOCAL, "index": 2, "active": True},
+    "/head": {"preset": "3"},
+    "/recording": {"a": True, "b": False},
+    "/alert": {"class": "Human"},
+    "/fault": {"provider": "Tour", "kind": "slow"},
+    "/post": {"type": "Doorbell", "props": {"button": "front"}},
+}
 
 
 class Answer(NamedTuple):
@@ -240,3 +250,11 @@ class VcamPage:
 
 def page_on(bus: PrivateBus, snapshot: Path, *options: str, **settings: Any) -> VcamPage:
     return VcamPage(bus.environment, snapshot, *options, **settings)
+
+
+def nothing_reached(camera: VirtualCamera, listener: Collector) -> bool:
+    """Whether the camera was told nothing at all, and told nobody anything."""
+    camera.call("MotionState", "GetIdleState")
+    methods = {action.method for action in camera.actions()}
+    signals = [m for m in listener.items if m.interface.startswith(("com.kelto", "com.zentu"))]
+    return methods <= {"MotionState.GetIdleState"} and signals == []
