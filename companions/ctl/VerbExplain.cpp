@@ -22,7 +22,7 @@ constexpr const char* help =
     "EVENT is the type: Timer, Park, AnalyticsAlert, Alarm with alarmIndex=N, or one that is posted, with its\n"
     "properties behind it. Each handler is told once, in the order of delivery: acts, or why not.\n"
     "  --at TIME     2026-11-23T09:15, by local clocks unless an offset follows (now)\n"
-    "  --tests FILE  checks expectations, one a line: at 2026-11-23T09:15 Doorbell => Handler#2 !Handler#1\n"
+    "  --tests FILE  checks expectations, one per line: at 2026-11-23T09:15 Doorbell => Handler#2 !Handler#1\n"
     "Status: 0 if somebody acts, or all expectations hold; else 1.\n";
 
 bool AnyActs(const std::vector<ModelVerdict>& verdicts) {

@@ -24,8 +24,8 @@ namespace kelto::halvek::ctl {
 namespace {
 
 constexpr const char* help =
-    "Records what happens to the running daemon in FILE, a JSON object a line, until it is interrupted: events that\n"
-    "others post, and those of its own sources. \"replay\" tells what other settings would have done.\n"
+    "Records what happens to the running daemon in FILE, one JSON object per line, until it is interrupted: events\n"
+    "that others post, and those of its own sources. \"replay\" tells what other settings would have done.\n"
     "  --bus         also what the camera says on the message bus: alarm inputs, alerts, and whether the head rests;\n"
     "                then sources are played anew that the settings of that time did not have\n"
     "  --limit SIZE  so much at most, in FILE and FILE.1 together: 4M, 500K, or bytes (4M)\n"

@@ -15,7 +15,7 @@ namespace kelto::halvek::ctl {
 namespace {
 
 constexpr const char* help =
-    "Shows every event of the running daemon as it comes, a line each, until it is interrupted.\n"
+    "Shows every event of the running daemon as it comes, one per line, until it is interrupted.\n"
     "  --type TYPE  events of that type only\n"
     "  --count N    end after N events\n"
     "  --raw        blocks as the daemon writes them, but for control characters\n"
