@@ -92,7 +92,7 @@ constexpr std::array catalogue = {
     CatalogueEntry{"HK1024", warning, "comment behind a value",
                    "A comment has a line of its own. Behind a value it is a part of the value.", nullptr},
     CatalogueEntry{"HK1090", warning, "stale suppression",
-                   "The comment allows a finding that there is not. Remove it, or it will hide a fault one day.",
+                   "The comment allows a finding that does not occur. Remove it, or it will hide a fault one day.",
                    nullptr},
     CatalogueEntry{
         "HK1091", warning, "suppression that allows nothing",
@@ -285,8 +285,8 @@ constexpr std::array catalogue = {
 
     // --- times and days
     CatalogueEntry{"HK4001", warning, "range that cannot be read",
-                   "A range is two numbers with \"-\" between them, without blanks: 800-1730. At one that cannot be "
-                   "read every event passes that no range before it has let through, with a Warning at each.",
+                   "A range is two numbers with \"-\" between them, without blanks: 800-1730. The daemon tries "
+                   "them from left to right, and one that it cannot read lets the event through, with a Warning.",
                    illegalRange},
     CatalogueEntry{"HK4002", error, "range over midnight",
                    "A range whose low bound is above its high one never matches. Write two: 2200-2400,0-600.", nullptr},
@@ -299,8 +299,8 @@ constexpr std::array catalogue = {
         "does not, so that 800-800 is empty.",
         nullptr},
     CatalogueEntry{"HK4005", warning, "comma at the end",
-                   "Behind it is an empty range, which cannot be read: every event passes that no range before it has "
-                   "let through.",
+                   "Behind it stands an empty range, which cannot be read: it lets every event through that the ranges "
+                   "before it have not.",
                    illegalRange},
     CatalogueEntry{"HK4006", warning, "opening that falls into a gap of the clock",
                    "On the day on which the clock is put forward this time of day does not come: the handler opens "
