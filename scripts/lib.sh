@@ -152,11 +152,16 @@ build_ahead() {
     builtAhead=$!
 }
 
+# give_way NICENESS: of this session. Sessions share the processors; only within one does the priority count. Of all
+# ordinary users together the system takes ten such wishes a second.
+give_way() {
+    renice "$1" "$$"
+    [[ ! -w /proc/self/autogroup ]] || echo "$1" >/proc/self/autogroup || true
+}
+
 build_in_turn() {
     local preset status
-    renice 19 "$$"
-    # Sessions share the processors; only within one does the priority count.
-    [[ ! -w /proc/self/autogroup ]] || echo 19 >/proc/self/autogroup
+    give_way 19
     for preset in "$@"; do
         status=0
         case $preset in
@@ -185,13 +190,39 @@ is_built_ahead() {
     [[ $(<"$outcome") == 0 ]]
 }
 
-end_build_ahead() {
-    [[ -z ${builtAhead-} ]] || kill -- "-$builtAhead" 2>/dev/null || true
+# begin_faults: ten minutes of scripts/mqtt-faults beside the tests of the presets that follow. It waits nearly all of
+# the time, and asks for no speed.
+begin_faults() {
+    setsid bash -euo pipefail -c '. "$1/scripts/lib.sh" && test_faults' "$0" "$sourceFolder" \
+        </dev/null >/dev/null 2>&1 &
+    faults=$!
+}
+
+test_faults() {
+    give_way 10
+    # In the foreground: what ends this session has to reach it.
+    test_command faults timeout --foreground 30m "$sourceFolder/scripts/mqtt-faults" --mosquitto --faults 0.3
+}
+
+wait_for_faults() {
+    [[ -n ${faults-} ]] || return 0
+    echo "Waiting for the end of the faults (what they bring is said with the counts)"
+    wait "$faults" || true
+    faults=
+}
+
+# What runs beside the tests is a session of its own, which no Ctrl-C reaches.
+end_what_runs_beside() {
+    local session
+    for session in ${builtAhead-} ${faults-}; do
+        kill -- "-$session" 2>/dev/null || true
+    done
 }
 
 # test_presets PRESET...: builds and tests each, and ends with a count for each and for all of them; the status is 0
 # only if every test ran and passed. "boot" stands for the packages on a machine of their own, which only root can boot,
-# "torture" for the long form of scripts/torture, "lint" and "fuzz" for these scripts.
+# "torture" for the long form of scripts/torture, "lint" and "fuzz" for these scripts, "faults" for scripts/mqtt-faults,
+# which runs beside those that follow.
 test_presets() {
     local preset
     local -a presets=("$@")
@@ -199,13 +230,14 @@ test_presets() {
     if [[ " $*" == *" armhf"* ]]; then
         "$sourceFolder/scripts/armhf-sysroot"
     fi
-    trap end_build_ahead EXIT
+    trap end_what_runs_beside EXIT
     for preset in "$@"; do
         shift
         case $preset in
             boot | torture) "test_$preset" ;;
             lint) test_command lint "$sourceFolder/scripts/lint" --joined ;;
             fuzz) test_command fuzz "$sourceFolder/scripts/fuzz" --daemon ;;
+            faults) begin_faults ;;
             *)
                 is_built_ahead "$preset" || true
                 build_preset "$preset"
@@ -214,6 +246,7 @@ test_presets() {
                 ;;
         esac
     done
+    wait_for_faults
     /usr/bin/python3 -B "$sourceFolder/scripts/test_summary.py" "$sourceFolder/build" "${presets[@]}"
 }
 

@@ -5,6 +5,7 @@ import collections
 import json
 import os
 import random
+import signal
 import sys
 import tempfile
 import threading
@@ -122,6 +123,8 @@ def main() -> int:
     parser.add_argument("--faults", type=float, default=4, help="in a thousand packets")
     parser.add_argument("--mosquitto", action="store_true")
     options = parser.parse_args()
+    # Whoever ends it finds its folder removed.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     with tempfile.TemporaryDirectory() as name:
         folder, seed, faults = Path(name), options.seed, options.faults / 1000
         unreliable = UnreliableMosquitto(seed, faults, folder) if options.mosquitto else UnreliableBroker(seed, faults)

@@ -1,5 +1,6 @@
 """The scripts that set everything up: what they install, what they say, what they count."""
 
+import functools
 import os
 import shutil
 import signal
@@ -117,7 +118,8 @@ PROGRAMS = {
         *--build*tsan*) echo "building ahead $$" >>"$RECORD"; [ -z "$FOR_EVER" ] || exec sleep 1000 ;;
     esac""",
     "ctest": """case $* in
-        *asan*) until grep -q ahead "$RECORD"; do sleep 0.01; done; [ -z "$FOR_EVER" ] || kill $PPID ;;
+        *asan*) until [ "$(grep -c ahead "$RECORD")" = "${AHEAD-1}" ]; do sleep 0.01; done
+            [ -z "$FOR_EVER" ] || kill $PPID ;;
     esac
     for word; do case $word in *.xml) echo '<testsuite><testcase name="a" status="run"/></testsuite>' >$word; esac; done
     echo tested >>"$RECORD" """,
@@ -142,25 +144,62 @@ def two_presets(tmp_path):
     record = tmp_path / "record"
     record.touch()
 
-    def test_both(**variables: str) -> tuple[int, list[str]]:
+    def test_both(*before: str, **variables: str) -> tuple[int, list[str], str]:
         paths = {"PATH": f"{tmp_path}/bin:{os.environ['PATH']}", "RECORD": str(record)}
-        result = run(tmp_path / "scripts/test", "--preset", "asan", "tsan", env=os.environ | paths | variables)
-        return result.returncode, record.read_text().splitlines()
+        words = ["--preset", *before, "asan", "tsan"]
+        result = run(tmp_path / "scripts/test", *words, env=os.environ | paths | variables)
+        return result.returncode, record.read_text().splitlines(), result.stdout
 
     return test_both
 
 
 def test_the_next_preset_is_built_beside_the_tests_of_a_sanitizer(two_presets):
-    status, (first, *others) = two_presets(FOR_EVER="")
+    status, (first, *others), _ = two_presets(FOR_EVER="")
     assert status == 0
     assert first.startswith("building ahead") and others[0] == "tested" and others[-1] == "tested"
 
 
 def test_tests_that_are_ended_leave_no_build_behind(two_presets):
-    status, (first, *_) = two_presets(FOR_EVER="1")
+    status, (first, *_), _ = two_presets(FOR_EVER="1")
     assert status == -signal.SIGTERM
     build = Path("/proc", first.split()[-1])
     wait_until(lambda: not build.exists(), "the end of the build")
+
+
+FAULTS = """#!/bin/sh
+[ -z "$FOR_EVER" ] || { echo "ahead of the faults $$" >>"$RECORD"; exec sleep 1000; }
+until [ "$(grep -c tested "$RECORD")" = 2 ]; do sleep 0.01; done
+echo "3 lost"
+exit "$STATUS"
+"""
+
+
+@pytest.fixture
+def with_faults(tmp_path, two_presets):
+    """Likewise, beside faults that end behind the tests of both, if they end at all."""
+    script = tmp_path / "scripts/mqtt-faults"
+    script.write_text(FAULTS)
+    script.chmod(0o755)
+    return functools.partial(two_presets, "faults")
+
+
+def test_faults_run_beside_the_tests_that_follow_and_are_waited_for(with_faults):
+    status, _, said = with_faults(FOR_EVER="", STATUS="0")
+    assert status == 0
+    assert "faults: 1 passed, 0 failed, 0 skipped" in said.splitlines() and "3 lost" not in said
+
+
+def test_faults_that_bring_a_mistake_fail_and_what_they_said_is_shown(with_faults):
+    status, _, said = with_faults(FOR_EVER="", STATUS="1")
+    assert status == 1
+    assert "faults: faults failed:\n    3 lost\n" in said and "faults: 0 passed, 1 failed, 0 skipped" in said
+
+
+def test_tests_that_are_ended_leave_no_faults_behind(with_faults):
+    status, lines, _ = with_faults(FOR_EVER="1", AHEAD="2")
+    assert status == -signal.SIGTERM
+    (faults,) = (Path("/proc", line.split()[-1]) for line in lines if "faults" in line)
+    wait_until(lambda: not faults.exists(), "the end of the faults")
 
 
 def required_packages(*kind: str) -> subprocess.CompletedProcess:
