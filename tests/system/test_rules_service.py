@@ -255,34 +255,6 @@ def pending(pid: int) -> bool:
     return int(re.search(r"^ShdPnd:\s+(\w+)", text, re.M)[1], 16) != 0
 
 
-def lost_descriptors(pid: int) -> int:
-    """Those of output pipes that the daemon could not write to."""
-    links = []
-    for path in Path(f"/proc/{pid}/fd").iterdir():
-        try:
-            links.append(os.readlink(path))
-        except FileNotFoundError:
-            continue
-    return sum("/run/halvek/" in link for link in links)
-
-
-def test_a_kill_under_load_costs_the_daemon_no_descriptor(daemon, hears, serve):
-    before = len(os.listdir(f"/proc/{daemon.pid}/fd"))
-    for _ in range(3):
-        service = serve(rule("r", "When=A", "Where.x=never", "Post=P"))
-        for number in range(2000):
-            post(block("A", x=number))
-            if number == 1000:
-                service.process.kill()
-                service.process.wait()
-        # As the unit does behind a crash.
-        PIPE.unlink()
-    post(block("End"))
-    hears.wait_for_event("End")
-    assert lost_descriptors(daemon.pid) == 0
-    wait_until(lambda: len(os.listdir(f"/proc/{daemon.pid}/fd")) == before, "the daemon has what it had")
-
-
 def test_a_pipe_that_a_killed_one_left_is_replaced_and_its_events_are_left_out(serve):
     first = serve(ECHO)
     first.process.send_signal(signal.SIGSTOP)
