@@ -4,7 +4,7 @@
 #include "companions/ctl/Terminal.h"
 
 #include <array>
-#include <cstdio>
+#include <charconv>
 
 namespace kelto::halvek::ctl {
 
@@ -36,8 +36,8 @@ double SizeOf(std::string_view styleClass) {
 
 std::string Number(double number) {
     std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%.10g", static_cast<double>(static_cast<int64_t>(number * 10)) / 10);
-    return text.data();
+    const double tenths = static_cast<double>(static_cast<int64_t>(number * 10)) / 10;
+    return {text.data(), std::to_chars(text.begin(), text.end(), tenths, std::chars_format::fixed).ptr};
 }
 
 std::string Attribute(const char* name, double number) {
