@@ -23,7 +23,7 @@ std::string TakeWord(std::string_view& line) {
     size_t end = std::min(line.find_first_of(blanks), line.size());
     const size_t quote = line.substr(0, end).find("=\"");
     if (quote == std::string_view::npos) {
-        const std::string word(line.substr(0, end));
+        std::string word(line.substr(0, end));
         line.remove_prefix(end);
         return word;
     }
