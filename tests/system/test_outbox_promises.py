@@ -33,14 +33,6 @@ LEAVES_CORES = ["sh", "-c", 'ulimit -c "$(ulimit -H -c)"; cd "$0" && exec "$@"']
 STANDSTILL = 1.0
 
 
-@pytest.fixture
-def ftp(tmp_path: Path) -> Iterator[FtpServer]:
-    folder = tmp_path / "server"
-    folder.mkdir()
-    with FtpServer(folder) as server:
-        yield server
-
-
 # --- calls that kill or fail
 
 

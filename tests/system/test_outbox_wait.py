@@ -34,14 +34,6 @@ TROUBLES = ["no network", "silent server", "10 B/s", "500 items", "full spool", 
 
 
 @pytest.fixture
-def ftp(tmp_path: Path) -> Iterator[FtpServer]:
-    folder = tmp_path / "server"
-    folder.mkdir()
-    with FtpServer(folder) as server:
-        yield server
-
-
-@pytest.fixture
 def slow_server(ftp: FtpServer) -> Iterator[None]:
     """Says at 10 B/s what never comes to an end."""
     ftp.set_fault("refuse")
