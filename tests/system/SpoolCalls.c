@@ -8,6 +8,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdbool.h>
@@ -30,10 +31,15 @@ struct Control {
     uint32_t count;
     uint32_t isSynced; /* whether the clock is */
     uint32_t syncMs;   /* how long a file takes to reach the medium */
-    uint32_t reserved;
-    int64_t bootSkew; /* milliseconds that the clocks are ahead */
+    uint32_t round;    /* changed by the test: each thread that looks at the steady clock then counts as one looker */
+    int64_t bootSkew;  /* milliseconds that the clocks are ahead */
     int64_t realSkew;
+    int64_t steadySkew; /* of the clock by which the library for transfers measures */
+    uint32_t lookers;   /* threads but the first */
+    uint32_t isHurried; /* whether these threads look at the clock all the time */
 };
+
+static const int hurriedMs = 10;
 
 static struct Control* control = NULL;
 
@@ -138,20 +144,47 @@ int fsync(int fd) {
 }
 
 static int64_t SkewOf(clockid_t clock) {
-    if (control == NULL || (clock != CLOCK_BOOTTIME && clock != CLOCK_REALTIME)) {
+    if (control == NULL) {
         return 0;
     }
-    return clock == CLOCK_BOOTTIME ? control->bootSkew : control->realSkew;
+    switch (clock) {
+        case CLOCK_BOOTTIME:
+            return control->bootSkew;
+        case CLOCK_REALTIME:
+            return control->realSkew;
+        case CLOCK_MONOTONIC:
+            return control->steadySkew;
+        default:
+            return 0;
+    }
+}
+
+/* Tells the test that this thread knows what time it is. */
+static void CountLooker(void) {
+    static _Thread_local uint32_t lastRound = 0;
+    if (control != NULL && control->round != lastRound && gettid() != getpid()) {
+        lastRound = control->round;
+        __atomic_add_fetch(&control->lookers, 1, __ATOMIC_RELAXED);
+    }
 }
 
 int clock_gettime(clockid_t clock, struct timespec* now) {
     REAL(int, clock_gettime, clockid_t, struct timespec*)
+    if (clock == CLOCK_MONOTONIC) {
+        CountLooker();
+    }
     const int result = real(clock, now);
     const int64_t ms = (int64_t)now->tv_sec * 1000 + now->tv_nsec / 1000000 + SkewOf(clock);
     if (SkewOf(clock) != 0) {
         *now = (struct timespec){ms / 1000, (long)(ms % 1000) * 1000000};
     }
     return result;
+}
+
+int poll(struct pollfd* polled, nfds_t count, int timeoutMs) {
+    REAL(int, poll, struct pollfd*, nfds_t, int)
+    const bool isCut = control != NULL && control->isHurried != 0 && gettid() != getpid() && timeoutMs > hurriedMs;
+    return real(polled, count, isCut ? hurriedMs : timeoutMs);
 }
 
 int adjtimex(struct timex* state) {

@@ -190,7 +190,7 @@ class SecretWatch:
 class LyingFtpServer:
     """Says what a script of (command, answer) tells it to, and yes to all else; None hangs up, "silence" says nothing.
 
-    It takes no more than a file at a time.
+    It takes no more than a file at a time. To STOR it may say "stall": it wants the file, and takes nothing of it.
     """
 
     def __init__(
@@ -244,6 +244,8 @@ class LyingFtpServer:
                 self.received.append(content)
             if answer is None:
                 return
+            if answer == "stall":
+                answer = "150 go on"
             if answer != "silence":
                 connection.sendall(f"{answer}\r\n".encode())
 
