@@ -2,7 +2,11 @@
 
 import os
 import signal
+import socket
 import ssl
+import struct
+import threading
+from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
@@ -115,6 +119,70 @@ def test_a_certificate_out_of_its_time_keeps_the_mail(outbox: Outbox, authority:
         number = outbox.mail(MAIL)
         wait_until(lambda: outbox.item(number)["state"] in ("hold", "wait"), "it is kept")
         assert outbox.item(number)["error"] and sink.mails == []
+
+
+class Resetting:
+    """Says what a server says until TLS begins, and resets the connection when the other begins with it."""
+
+    HANDSHAKE = 0x16  # the first byte of TLS, and of no command
+
+    def __init__(self, greeting: bytes, answers: dict[bytes, bytes]) -> None:
+        self._greeting, self._answers = greeting, answers
+        self._listener = socket.create_server(("127.0.0.1", 0))
+        self.port = self._listener.getsockname()[1]
+        self.resets = 0
+        self._thread = threading.Thread(target=self._serve, daemon=True)
+        self._thread.start()
+
+    def _serve(self) -> None:
+        while True:
+            try:
+                connection = self._listener.accept()[0]
+            except OSError:
+                return
+            with connection:
+                self._talk(connection)
+
+    def _talk(self, connection: socket.socket) -> None:
+        connection.sendall(self._greeting)
+        while said := connection.recv(4096):
+            if said[0] == self.HANDSHAKE:
+                self.resets += 1
+                connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                return
+            connection.sendall(self._answers[said.split()[0]])
+
+    def close(self) -> None:
+        self._listener.shutdown(socket.SHUT_RDWR)
+        self._thread.join()
+        self._listener.close()
+
+
+HELLO = {b"EHLO": b"250-x.example\r\n250 STARTTLS\r\n", b"STARTTLS": b"220 go on\r\n"}
+RESETS = {
+    "ftps": (b"220 hello\r\n", {b"AUTH": b"234 go on\r\n"}),
+    "ftps-implicit": (b"", {}),
+    "smtp": (b"220 x.example\r\n", HELLO),
+    "smtps": (b"", {}),
+}
+
+
+@pytest.fixture(params=RESETS)
+def resetting(request: pytest.FixtureRequest) -> Iterator[tuple[str, Resetting]]:
+    server = Resetting(*RESETS[request.param])
+    yield request.param, server
+    server.close()
+
+
+def test_an_item_waits_after_a_server_has_reset_the_handshake(outbox: Outbox, resetting: tuple[str, Resetting]):
+    scheme, server = resetting
+    section = "Mail]\nRelay" if scheme.startswith("smtp") else "Target x]\nMatch=x\nUrl"
+    account = f"User={ACCOUNT}\nSecret=word\n"
+    outbox.configure(f"[{section}={scheme}://127.0.0.1:{server.port}\n{account}", word=PASSWORD)
+    outbox.start()
+    number = outbox.mail(MAIL) if scheme.startswith("smtp") else outbox.put(b"picture", host="x")
+    assert outbox.wait_for_state(number, "wait")["error"]
+    assert server.resets == 1 and outbox.target()["next_ms"] <= 6250
 
 
 def test_a_server_must_have_the_key_of_its_pin(outbox: Outbox, authority: Authority, context: ssl.SSLContext):

@@ -6,6 +6,7 @@ import socket
 import subprocess
 import threading
 from collections.abc import Iterator
+from pathlib import Path
 
 import pytest
 from outbox import LyingFtpServer, Outbox, picture
@@ -124,3 +125,64 @@ def test_news_of_the_network_count_for_a_try_that_has_begun_before(outbox: Outbo
     ftp.set_fault("none")
     outbox.wait_for(delivered=1)
     ip("address", "delete", "192.0.2.9/32", "dev", "lo")
+
+
+class NameServer:
+    """The name server of this machine: it answers with a status, or with the address of this machine."""
+
+    NO_SUCH_NAME, FAILURE = 3, 2
+    _ADDRESS, _CLASS = b"\x00\x01", b"\x00\x01"
+
+    def __init__(self, status: int) -> None:
+        self.status = status
+        self.asked = 0
+        self._socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self._socket.bind(("127.0.0.1", 53))
+        self._thread = threading.Thread(target=self._serve, daemon=True)
+        self._thread.start()
+
+    def _serve(self) -> None:
+        while True:
+            query, peer = self._socket.recvfrom(4096)
+            if not query:
+                return
+            self.asked += 1
+            self._socket.sendto(self._answer(query), peer)
+
+    def _answer(self, query: bytes) -> bytes:
+        """To one question; all that stands behind it in the query is left out."""
+        end = query.index(0, 12) + 5
+        is_found = self.status == 0 and query[end - 4 : end - 2] == self._ADDRESS
+        head = query[:2] + bytes([0x81, 0x80 | self.status, 0, 1, 0, is_found, 0, 0, 0, 0])
+        record = b"\xc0\x0c" + self._ADDRESS + self._CLASS + bytes([0, 0, 0, 0, 0, 4, 127, 0, 0, 1])
+        return head + query[12:end] + (record if is_found else b"")
+
+    def close(self) -> None:
+        self._socket.sendto(b"", ("127.0.0.1", 53))
+        self._thread.join()
+        self._socket.close()
+
+
+@pytest.fixture
+def name_server(request: pytest.FixtureRequest) -> Iterator[NameServer]:
+    resolver = Path("/etc/resolv.conf")
+    resolver.unlink(missing_ok=True)  # it may lead out of this /etc
+    resolver.write_text("nameserver 127.0.0.1\n")
+    server = NameServer(request.param)
+    yield server
+    server.close()
+
+
+@pytest.mark.parametrize(
+    "name_server", [NameServer.NO_SUCH_NAME, NameServer.FAILURE], indirect=True, ids=["no such name", "failure"]
+)
+def test_a_name_that_is_not_found_has_the_target_wait(outbox: Outbox, ftp: FtpServer, name_server: NameServer):
+    outbox.start()
+    content = picture()
+    item = outbox.wait_for_state(outbox.put(content, host="archive.example"), "wait")
+    assert item["error"].startswith("archive.example: ") and name_server.asked > 0
+    assert (outbox.target()["state"], outbox.counts()["queued"]) == ("wait", 1)
+    name_server.status = 0
+    outbox.run("flush")
+    outbox.wait_for(delivered=1)
+    assert ftp.content("/shot.jpg") == content
