@@ -2,17 +2,19 @@
 
 import contextlib
 import json
+import signal
 import ssl
 import subprocess
 import time
 from collections.abc import Callable, Iterator
+from pathlib import Path
 
 import pytest
 from testing import fake_broker
-from testing.bridge import BASE, ID, configuration, feed, status
+from testing.bridge import BASE, ID, Bridge, configuration, feed, status
 from testing.broker import OPEN, PORT, Subscriber, publish, retained
 from testing.certificates import Authority
-from testing.fake_broker import PUBLISH, Client, FakeBroker
+from testing.fake_broker import CONNECT, PUBLISH, Client, FakeBroker
 from testing.pipes import block
 from testing.processes import dies_with_us
 from testing.waiting import PATIENCE, wait_until
@@ -60,6 +62,19 @@ def address(broker: FakeBroker, scheme: str = "mqtt") -> str:
     return f"{scheme}://127.0.0.1:{broker.port}"
 
 
+def loads(bridges: dict[str, Bridge], seconds: float, meanwhile: Callable[[], None] | None = None) -> dict[str, float]:
+    """What part of a processor each one takes for so long."""
+    begin = {name: bridge.processor_seconds() for name, bridge in bridges.items()}
+    began = time.monotonic()
+    if meanwhile:
+        meanwhile()
+    wait_until(lambda: time.monotonic() > began + seconds, "a while is over", patience=seconds + PATIENCE)
+    passed = time.monotonic() - began
+    load = {name: (bridge.processor_seconds() - begin[name]) / passed for name, bridge in bridges.items()}
+    print("\n".join(f"{name}: {part:.3%}" for name, part in load.items()))
+    return load
+
+
 def silent_after_tls(authority: Authority) -> ssl.SSLContext:
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     context.load_cert_chain(*authority.issue("silent"))
@@ -93,14 +108,93 @@ def test_no_fault_costs_a_hundredth_of_a_processor(fake, start_bridge, authority
     for name, place in places.items():
         bridges[name] = start_bridge(Broker=place, CaFile=authority.path if "mqtts" in place else None)
         feed(block("Door"))
-    begin = {name: bridge.processor_seconds() for name, bridge in bridges.items()}
-    began = time.monotonic()
-    wait_until(lambda: time.monotonic() > began + LOOKED_AT, "a while is over", patience=LOOKED_AT + PATIENCE)
-    passed = time.monotonic() - began
-    load = {name: (bridge.processor_seconds() - begin[name]) / passed for name, bridge in bridges.items()}
-    print("\n".join(f"{name}: {part:.3%}" for name, part in load.items()))
-    assert {name: part for name, part in load.items() if part > MOST_LOAD} == {}
+    assert {name: part for name, part in loads(bridges, LOOKED_AT).items() if part > MOST_LOAD} == {}
     assert all(bridge.process.poll() is None for bridge in bridges.values())
+
+
+def fails_at_tls(start_broker, authority: Authority, folder: Path) -> dict[str, dict[str, object]]:
+    """Brokers whose certificates are bad, each with what a bridge needs to come to it."""
+    certificates = {
+        "expired": {"begins": -9, "ends": -1},
+        "not yet valid": {"begins": 1, "ends": 9},
+        "of another name": {"host": "other.example"},
+        "of an unknown authority": {},
+        "wants a certificate": {},
+    }
+    keys: dict[str, dict[str, object]] = {}
+    for port, (name, options) in enumerate(certificates.items(), PORT + 20):
+        certificate, key = authority.issue(f"broker{port}", **options)
+        lines = [f"listener {port} 127.0.0.1", f"certfile {certificate}", f"keyfile {key}", f"cafile {authority.path}"]
+        wanted = "true" if name == "wants a certificate" else "false"
+        start_broker("\n".join([*lines, "allow_anonymous true", f"require_certificate {wanted}\n"]), port=port)
+        trusted = Authority(folder) if name == "of an unknown authority" else authority
+        keys[name] = {"Broker": f"mqtts://localhost:{port}", "CaFile": trusted.path}
+    return keys
+
+
+def test_no_fault_of_a_real_broker_costs_a_hundredth_of_a_processor(start_broker, start_bridge, authority, tmp_path):
+    """All at once, each with a bridge of its own: only their load is looked at."""
+    rules, passwords = tmp_path / "acl", tmp_path / "passwords"
+    rules.write_text(f"topic readwrite #\ntopic deny {BASE}/event/Secret\n")
+    subprocess.run(["mosquitto_passwd", "-c", "-b", passwords, ID, "right"], check=True, timeout=PATIENCE)
+    texts = dict.fromkeys(["is restarted", "is killed", "is away", "stands still", "another client"], "")
+    texts["refuses a topic"] = f"acl_file {rules}\n"
+    texts["takes small messages"] = "max_packet_size 2000\n"
+    texts["wrong password"] = f"password_file {passwords}\n"
+    brokers, keys = {}, {}
+    for port, (name, text) in enumerate(texts.items(), PORT + 1):
+        anonymous = str(name != "wrong password").lower()
+        listener = f"listener {port} 127.0.0.1\nallow_anonymous {anonymous}\n"
+        brokers[name] = start_broker(listener + text, port=port)
+        keys[name] = {"Broker": f"mqtt://127.0.0.1:{port}"}
+    keys["wrong password"] |= {"User": ID, "Secret": "broker", "AllowPlain": "yes"}
+    bridges = {}
+    keys |= fails_at_tls(start_broker, authority, tmp_path)
+    for name, own in keys.items():
+        bridges[name] = start_bridge(options={"secrets": {"secrets": "broker=wrong\n"}}, **own)
+        if name in texts and name != "wrong password":
+            bridges[name].wait_until_connected()
+        feed(block("Secret") + block("Large", text="x" * 3000) + block("Door"))
+    brokers["is away"].stop()
+    brokers["stands still"].process.send_signal(signal.SIGSTOP)
+    rival = f"while :; do mosquitto_sub -p {brokers['another client'].port} -i {ID} -t nothing -W 2; done"
+
+    def fail() -> None:
+        brokers["is restarted"].stop()
+        brokers["is killed"].kill()
+        for name in ("is restarted", "is killed"):
+            brokers[name].start()
+
+    process = subprocess.Popen(dies_with_us("sh", "-c", rival), stderr=subprocess.DEVNULL)
+    try:
+        assert {name: part for name, part in loads(bridges, 10, fail).items() if part > MOST_LOAD} == {}
+    finally:
+        process.kill()
+        process.wait()
+        brokers["stands still"].process.send_signal(signal.SIGCONT)
+    assert all(bridge.process.poll() is None for bridge in bridges.values())
+    met = dict.fromkeys(["is restarted", "is killed", "is away", "another client"], "is lost")
+    met |= {"refuses a topic": "refuses a message", "wrong password": "refuses the connection"}
+    for name in keys.keys() - {"stands still", "takes small messages"}:
+        bridges[name].log.wait_for(met.get(name, "Cannot connect to"))
+
+
+def test_a_broker_that_is_silent_after_connect_is_given_up_and_tried_again(fake, start_bridge):
+    told: list[int] = []
+
+    def be_silent_once(client: Client) -> None:
+        for received in fake_broker.until_the_end(client):
+            told.append(received.kind)
+            if told.count(CONNECT) > 1:
+                client.answer(received)
+
+    bridge = start_bridge(Broker=address(fake(be_silent_once)))
+    feed(block("Door"))
+    wait_until(lambda: told == [CONNECT], "it greets")
+    assert loads({"silent after CONNECT": bridge}, LOOKED_AT)["silent after CONNECT"] < MOST_LOAD
+    assert (told, bridge.log.matching("Connected to")) == ([CONNECT], [])
+    bridge.wait_until_connected(patience=90)
+    wait_until(lambda: status()["counters"]["sent"] == 1, "the event goes through at last")
 
 
 @pytest.mark.parametrize("behaviour", [fake_broker.old_version_only, fake_broker.old_version_without_a_word])
