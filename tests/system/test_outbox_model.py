@@ -29,6 +29,7 @@ STEPS = int(os.environ.get("HALVEK_OUTBOX_STEPS", "0"))
 STEPS_OF_ONE = 40
 MAIL_PORT = 25
 CONFIGURATION = "[Outbox]\nSpoolLimit=300K\nRamLimit=150K\nDurability={}\n[Mail]\nRelay=smtp://127.0.0.1:25\n"
+UNCERTAIN_DELAY = 15 * 60  # seconds
 FATES = ("delivered", "failed", "expired", "dropped", "uncertain")
 
 
@@ -233,7 +234,7 @@ class Machine:
         self.ram.take_away()
 
     def _settle(self) -> None:
-        """All is well again; what was uncertain goes out with a restart."""
+        """All is well again; what was uncertain goes out after a quarter of an hour, restart or not."""
         self.calls.disarm()
         self.interruptions += 1
         self.ftp.set_fault("none")
@@ -245,6 +246,7 @@ class Machine:
             (folder / "others").unlink(missing_ok=True)
         self.outbox.stop()
         self.outbox.start()
+        self.calls.let_pass(UNCERTAIN_DELAY)
 
         def is_done() -> bool:
             self.outbox.run("flush")
