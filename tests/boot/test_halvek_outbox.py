@@ -1,13 +1,15 @@
 """The package of the outbox: in front of the daemon's programs, in its sandbox, gone without a trace."""
 
 import json
+import re
 from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 from cookbook import Cookbook
-from machine import SERVER, configure, is_active, post, processes_of, run, run_as, show
+from machine import SERVER, Consumer, configure, is_active, post, processes_of, run, run_as, show
 from testing.ftp_server import HOST, FtpServer
+from testing.mail_sink import MailSink
 from testing.settings import handler, source
 from testing.waiting import wait_until
 
@@ -24,6 +26,8 @@ SETTINGS = (
     | handler(1, "Events/Source#1", handler_type="Ftp", **UPLOAD)
     | {"Video/Quickview": {"SnapshotPath": PICTURE}}
 )
+
+MAIL = {"To": "guard@x.example", "From": "camera@x.example", "Subject": "Alarm"}
 
 
 @pytest.fixture(scope="module", autouse=True)
@@ -88,6 +92,43 @@ def test_it_finds_the_secrets_and_the_clock_in_its_sandbox(running: None, ftp: F
     finally:
         conf.write_text(shipped)
         (folder / "secrets").unlink()
+
+
+def test_a_mail_of_the_daemon_is_delivered(service: None, sink: MailSink):
+    configure(SERVER | source(1, "Door") | handler(1, "Events/Source#1", handler_type="Email", **MAIL))
+    conf = Path("/etc/halvek-outbox/outbox.conf")
+    shipped = conf.read_text()
+    conf.write_text(f"[Mail]\nRelay=smtp://{HOST}:25\n")
+    try:
+        run("systemctl", "restart", "halvek.service")
+        run("systemctl", "reload-or-restart", UNIT)
+        post("Door")
+        (mail,) = sink.wait_for(1)
+        assert mail.message["Subject"] == MAIL["Subject"] and mail.recipients == [MAIL["To"]]
+    finally:
+        conf.write_text(shipped)
+
+
+def test_the_daemon_hears_of_a_server_in_trouble(running: None, ftp: FtpServer, consumer: Consumer):
+    conf = Path("/etc/halvek-outbox/outbox.conf")
+    shipped = conf.read_text()
+    conf.write_text("[Outbox]\nPost=yes\n")
+    configure(SETTINGS | source(2, "OutboxTrouble"))
+    ftp.set_fault("refuse")
+    try:
+        run("systemctl", "reload-or-restart", UNIT)
+        post("Door")
+        consumer.wait_for_event("OutboxTrouble")
+        ftp.set_fault("none")
+        run(NAME, "flush")
+        wait_until(lambda: (ftp.folder / "shot.jpg").exists(), "the picture arrives")
+    finally:
+        conf.write_text(shipped)
+
+
+def test_its_sandbox_is_tight():
+    told = run("systemd-analyze", "security", UNIT)
+    assert float(re.search(r"Overall exposure level .*: (\d+\.\d)", told)[1]) < 2
 
 
 def test_what_the_cookbook_says_of_an_outage_has_a_picture_wait(cookbook: Cookbook):
