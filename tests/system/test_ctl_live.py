@@ -173,19 +173,26 @@ def test_it_writes_nothing_makes_nothing_and_runs_nothing(scene: Scene, verb: st
     assert written == made == []
 
 
+def relay_of(watcher: subprocess.Popen) -> int:
+    (relay,) = map(int, Path(f"/proc/{watcher.pid}/task/{watcher.pid}/children").read_text().split())
+    return relay
+
+
 @pytest.fixture
 def watcher() -> Iterator[subprocess.Popen]:
     with subprocess.Popen(
         [PROGRAM, "watch"], env=environment(), stdout=subprocess.DEVNULL, stderr=subprocess.PIPE
     ) as process:
         assert b"reading" in process.stderr.readline()
+        relay = relay_of(process)
         yield process
+        os.kill(relay, signal.SIGCONT)  # a stopped one does not hear that it shall end
         process.kill()
 
 
 def test_a_reader_that_somebody_has_stopped_shows_in_the_status(scene: Scene, watcher: subprocess.Popen) -> None:
     """The one thing that watch cannot keep from the daemon: its own reader held still, and more than a pipe holds."""
-    (relay,) = map(int, Path(f"/proc/{watcher.pid}/task/{watcher.pid}/children").read_text().split())
+    relay = relay_of(watcher)
     os.kill(relay, signal.SIGSTOP)
     text = block("Flood", text="x" * 2500)
     while not scene.daemon.log.matching("FIFO Write failed"):
