@@ -6,8 +6,10 @@ import time
 
 import pytest
 from daemon_on_bus import CONFIGURING, alarm, alert, connections, ids, match_rules, rounds
+from flooding import open_files
 from scripted_service import ALERT, ScriptedService
 from testing.camera import LOCAL, VirtualCamera
+from testing.pipes import PIPE_FOLDER
 from testing.settings import SERVER, handler, source, timer
 from testing.tree import always_open
 from testing.waiting import wait_until
@@ -83,13 +85,19 @@ def test_what_waits_behind_a_slow_service_is_counted_when_a_reload_drops_it(laun
     assert len(daemon.log.matching(" (Warning|Error) kelto.msgbus: ")) == 1
 
 
+def descriptors_kept(daemon) -> int:
+    """But for the folder of pipes, which is open for a moment at each event; at the start the head comes to rest."""
+    return sum(count for link, count in open_files(daemon).items() if link != str(PIPE_FOLDER.resolve()))
+
+
 def test_a_reload_with_an_event_pipe_costs_its_one_descriptor_and_no_more(launch_on_bus, camera, output_pipe):
     pipe = output_pipe("Alarm.fifo")
     daemon = launch_on_bus(SERVER | EVERYTHING)
-    before = daemon.descriptors()
+    daemon.log.wait_for("Dropping to run state$")
+    before = descriptors_kept(daemon)
     for number in range(1, 21):
         daemon.reload()
-        wait_until(lambda: daemon.descriptors() == before + number, f"{before + number}, not {daemon.descriptors()}")
+        wait_until(lambda: descriptors_kept(daemon) == before + number, f"{number} descriptors more than {before}")
         for index in (0, 1):
             camera.set_alarm(LOCAL, index, True)
         pipe.wait_for_event("Alarm", count=2 * number)
