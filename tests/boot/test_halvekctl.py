@@ -265,22 +265,29 @@ def test_try_acts_in_the_daemons_place_for_root_alone(running: None, users: None
     folder = Path("/media/saved")
     folder.mkdir(parents=True, exist_ok=True)
     shutil.chown(folder, "halvek", "halvek")
-    SNAPSHOT.parent.mkdir(exist_ok=True)
-    SNAPSHOT.write_bytes(b"jpeg")
-    SNAPSHOT.chmod(0o644)
-    configure(on_door(("Folder", {"Attachment": "true", "DestinationPath": folder, "DestName": "x.jpg"})))
+    picture = SNAPSHOT.with_name("of-this-test.jpg")  # a camera that is on puts its own in the place of SNAPSHOT
+    picture.parent.mkdir(exist_ok=True)
+    picture.write_bytes(b"jpeg")
+    picture.chmod(0o644)
+
+    def saving(where: object) -> Settings:
+        saves = ("Folder", {"Attachment": "true", "DestinationPath": where, "DestName": "x.jpg"})
+        return on_door(saves) | {"Video/Quickview": {"SnapshotPath": picture}}
+
+    configure(saving(folder))
     told = json_as("root", "try Handler#1")
     assert (told["verdict"], told["acted"]) == ("acts", False) and list(folder.iterdir()) == []
     assert json_as("root", "try Handler#1 --act")["went_well"] is True
     assert (folder / "x.jpg").owner() == "halvek" and (folder / "x.jpg").read_bytes() == b"jpeg"
     # /var is not writable for the service, whoever owns it.
     for where, status in (("/var/lib/halvek", 0), ("/var/tmp", 1)):
-        write_settings(on_door(("Folder", {"Attachment": "true", "DestinationPath": where, "DestName": "x.jpg"})))
+        write_settings(saving(where))
         assert json_as("root", "try Handler#1 --act", status)["went_well"] is (status == 0)
     for who in ("member", "nobody"):
         refused = ctl_as(who, "try Handler#1 --act")
         assert refused.returncode == 3 and refused.stdout == "", refused
     shutil.rmtree(folder)
+    picture.unlink()
 
 
 def test_record_hears_the_bus_and_root_asks_as_the_daemons_user(camera: None):
