@@ -104,11 +104,11 @@ def test_what_is_said_while_it_is_stopped_is_recorded_with_the_time_at_which_it_
     recorder = record()
     recorder.process.send_signal(signal.SIGSTOP)
     camera.set_alarm(LOCAL, 1, True)
-    camera.let_pass(2000)
+    camera.let_pass(3000)
     camera.set_alarm(LOCAL, 2, True)
     camera.let_pass(300)
     recorder.process.send_signal(signal.SIGCONT)
     alarms = [line for line in recorder.lines() if line["kind"] == "alarm"]
     assert [line["props"]["alarmIndex"] for line in alarms] == ["1", "2"]
-    # Read when it goes on they would be of one moment; the machine may stand still for a second as the first is said.
-    assert alarms[1]["ms"] - alarms[0]["ms"] >= 900 and alarms[1]["mono"] - alarms[0]["mono"] >= 900
+    # The machine may stand still for a second as the first is said.
+    assert alarms[1]["ms"] - alarms[0]["ms"] >= 1900 and alarms[1]["mono"] - alarms[0]["mono"] >= 1900
