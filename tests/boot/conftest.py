@@ -4,6 +4,7 @@ from collections.abc import Iterator
 
 import pytest
 from cookbook import Cookbook
+from halvekctl import CLEAN, NAME, PACKAGE
 from machine import CAMERA_UNIT, SERVER, UNIT, Consumer, camera_call, configure, is_active, run
 from testing.ftp_server import FtpServer
 from testing.mail_sink import MailSink
@@ -22,6 +23,20 @@ def service() -> Iterator[None]:
         run("systemctl", "start", UNIT)
     configure(SERVER)
     yield
+
+
+@pytest.fixture(scope="module")
+def halvekctl() -> Iterator[None]:
+    """Its package, for all tests of a file."""
+    run("dpkg", "--install", PACKAGE)
+    yield
+    run("dpkg", "--purge", NAME)
+
+
+@pytest.fixture
+def running(service: None) -> None:
+    """The service with settings that have no error, and a timer that can be heard."""
+    configure(CLEAN)
 
 
 @pytest.fixture
