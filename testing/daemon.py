@@ -11,7 +11,7 @@ from testing.notifications import NotifySocket
 from testing.pipes import bytes_ready_at
 from testing.processes import dies_with_us, resident_kib
 from testing.settings import Settings, ini_text
-from testing.waiting import PATIENCE, NotSeen
+from testing.waiting import PATIENCE, NotSeen, wait_until
 
 PROGRAM = os.environ.get("HALVEK_DAEMON", "")
 # ThreadSanitizer puts a caught signal off to the next call that it knows, and a thread that ends takes it along.
@@ -142,6 +142,10 @@ class Daemon(DaemonProcess):
         # READY=1 is seen before the socket that it was sent by is closed.
         self.log.wait_for("Dropping to run state$", after=0)
         return len(os.listdir(f"/proc/{self.pid}/fd"))
+
+    def wait_for_descriptors(self, count: int) -> None:
+        """For a moment there may be more: it opens the folder of pipes at an event, and without a bus looks for one."""
+        wait_until(lambda: self.descriptors() == count, f"{count} descriptors, not {self.descriptors()}")
 
     def resident_kib(self) -> int:
         return resident_kib(self.pid)

@@ -32,8 +32,7 @@ def test_a_thousand_reloads_leave_memory_threads_and_descriptors_flat(launch_on_
     def come_to_rest() -> None:
         wait_until(lambda: len(connections(watcher, daemon)) == CONNECTIONS, "each source has called the relay")
         wait_until(lambda: daemon.thread_names() == THREADS, f"{THREADS}, not {daemon.thread_names()}")
-        at_rest = always_open() + CONNECTIONS
-        wait_until(lambda: daemon.descriptors() == at_rest, f"{at_rest} descriptors, not {daemon.descriptors()}")
+        daemon.wait_for_descriptors(always_open() + CONNECTIONS)
 
     for number in range(1, RELOADS + 1):
         daemon.reload()

@@ -6,10 +6,8 @@ import time
 
 import pytest
 from daemon_on_bus import CONFIGURING, alarm, alert, connections, ids, match_rules, rounds
-from flooding import open_files
 from scripted_service import ALERT, ScriptedService
 from testing.camera import LOCAL, VirtualCamera
-from testing.pipes import PIPE_FOLDER
 from testing.settings import SERVER, handler, source, timer
 from testing.tree import always_open
 from testing.waiting import wait_until
@@ -28,6 +26,7 @@ def relay(number: int, *source_ids: str, **keys: object) -> dict:
 EVERYTHING = (
     alarm(1, 0) | alarm(2, 1) | source(3, "Park", DwellTime_sec=0) | source(4, "Analytics") | relay(1, *ids(1, 2, 4))
 )
+CONNECTIONS = 2  # of the listener, and of the main thread, which asks for banks; those of other threads end with them
 THREADS = ["MsgBusDelivery"] * 5 + ["MsgBusListener", "ParkEventSource"]
 
 
@@ -56,8 +55,7 @@ def test_a_reload_in_the_middle_of_a_delivery_waits_for_it_and_loses_nothing_of_
             pipe.wait_for_event("Alarm", after=seen, properties={"alarmIndex": str(number % 2)})
             pipe.wait_for_event(ALERT, after=seen, properties={"source": str(number)}, count=2)
             wait_for_threads(daemon, THREADS)
-            at_rest = always_open() + 2  # the connections of the listener and of the main thread, which asks for banks
-            wait_until(lambda: daemon.descriptors() == at_rest, f"{at_rest}, not {daemon.descriptors()}")
+            daemon.wait_for_descriptors(always_open() + CONNECTIONS)
         assert len(pipe.of_type("Alarm")) == 200 and len(pipe.of_type(ALERT)) == 400
         assert not daemon.log.matching(" Error ")
         assert daemon.stop() == 0
@@ -85,19 +83,15 @@ def test_what_waits_behind_a_slow_service_is_counted_when_a_reload_drops_it(laun
     assert len(daemon.log.matching(" (Warning|Error) kelto.msgbus: ")) == 1
 
 
-def descriptors_kept(daemon) -> int:
-    """But for the folder of pipes, which is open for a moment at each event; at the start the head comes to rest."""
-    return sum(count for link, count in open_files(daemon).items() if link != str(PIPE_FOLDER.resolve()))
-
-
 def test_a_reload_with_an_event_pipe_costs_its_one_descriptor_and_no_more(launch_on_bus, camera, output_pipe):
     pipe = output_pipe("Alarm.fifo")
     daemon = launch_on_bus(SERVER | EVERYTHING)
     daemon.log.wait_for("Dropping to run state$")
-    before = descriptors_kept(daemon)
+    at_rest = always_open() + CONNECTIONS + 1  # the event pipe
+    daemon.wait_for_descriptors(at_rest)
     for number in range(1, 21):
         daemon.reload()
-        wait_until(lambda: descriptors_kept(daemon) == before + number, f"{number} descriptors more than {before}")
+        daemon.wait_for_descriptors(at_rest + number)
         for index in (0, 1):
             camera.set_alarm(LOCAL, index, True)
         pipe.wait_for_event("Alarm", count=2 * number)

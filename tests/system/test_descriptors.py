@@ -42,11 +42,6 @@ def leave_spare(daemon: Daemon, count: int) -> None:
     limit(daemon, next(itertools.islice(free, count, None)))
 
 
-def wait_for_descriptors(daemon: Daemon, count: int) -> None:
-    """For a moment there may be more: without a bus the daemon looks for one."""
-    wait_until(lambda: daemon.descriptors() == count, f"{count} descriptors")
-
-
 @pytest.fixture
 def full_pipe(output_pipe):
     """A pipe for everything that takes nothing more."""
@@ -74,7 +69,7 @@ def test_a_reload_keeps_exactly_one_descriptor_and_an_event_none(launch_on_bus, 
 def test_an_idle_daemon_without_a_bus_has_the_descriptors_of_the_documents_sum(launch):
     daemon = launch(SERVER)
     for configurations in (1, 2):
-        wait_for_descriptors(daemon, always_open() + configurations)
+        daemon.wait_for_descriptors(always_open() + configurations)
         daemon.reload()
 
 
@@ -83,21 +78,21 @@ def test_on_a_bus_there_is_one_descriptor_more_and_one_for_each_thread_that_has_
     acting |= handler(1, *ids(1, 2), handler_type="Relay", BankName=LOCAL, Mode=1)
     with ScriptedService(bus, "AlarmV3", "RelayV3") as services:
         daemon = launch_on_bus(SERVER)
-        wait_for_descriptors(daemon, always_open() + 1 + 1)
+        daemon.wait_for_descriptors(always_open() + 1 + 1)
         daemon.write_settings(SERVER | acting)
         daemon.reload()
         daemon.log.wait_for("next tick: ")
-        wait_for_descriptors(daemon, always_open() + 2 + 1 + 1)  # the timer's thread
+        daemon.wait_for_descriptors(always_open() + 2 + 1 + 1)  # the timer's thread
         for count in (2, 3):
             post(block("Door"))
             services.wait_for_call("RelayV3.Activate", count)
-            wait_for_descriptors(daemon, always_open() + 2 + 1 + 2)  # that of the event pipe
+            daemon.wait_for_descriptors(always_open() + 2 + 1 + 2)  # that of the event pipe
         daemon.write_settings(SERVER | source(3, "Alarm"))
         daemon.reload()
-        wait_for_descriptors(daemon, always_open() + 3 + 1 + 1)  # the main one, for the bank; the others have ended
+        daemon.wait_for_descriptors(always_open() + 3 + 1 + 1)  # the main one, for the bank; the others have ended
         daemon.write_settings(SERVER)
         daemon.reload()
-        wait_for_descriptors(daemon, always_open() + 4 + 1 + 1)
+        daemon.wait_for_descriptors(always_open() + 4 + 1 + 1)
 
 
 def test_reloads_without_a_server_keep_no_descriptor(launch_on_bus):
