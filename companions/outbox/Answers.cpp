@@ -253,8 +253,8 @@ Answers::Reply Answers::Drop(const std::string& argument) {
         return Refuse("there is no item " + argument);
     }
     const TargetEntry& target = deliveries.All()[item->target];
-    if (target.courier && target.courier->Current() == item->file.id) {
-        target.courier->Cancel();
+    if (target.IsAt(item->file.id)) {
+        *target.underWay->isCancelled = true;
     }
     queue.Finish(item->file.id, Queue::Fate::Dropped, "by \"halvek-outbox drop\"");
     return Done("");

@@ -12,6 +12,7 @@
 #include <array>
 #include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace kelto::halvek::outbox {
 
@@ -66,28 +67,36 @@ Evidence::Protocol ProtocolOf(const std::string& scheme) {
 
 }  // namespace
 
-Attempt::Attempt(CURL* easy, const Order& wanted, const std::atomic<bool>& isCancelled)
-    : handle(easy), order(wanted), cancelled(isCancelled) {
+Attempt::Attempt(std::shared_ptr<CURL> easy, Order wanted, bool keepsIt)
+    : handle(std::move(easy)), keepsConnection(keepsIt), order(std::move(wanted)) {
     evidence.protocol = ProtocolOf(order.server.scheme);
     evidence.isClockTrusted = order.isClockTrusted;
 }
 
-Evidence Attempt::Perform() {
+Attempt::~Attempt() {
+    curl_easy_reset(Handle());
+}
+
+bool Attempt::Prepare() {
     try {
-        curl_easy_reset(handle);
         SetCommon();
         SetServer();
         Resolve();
-        evidence.result = curl_easy_perform(handle);
     } catch (const std::exception& failure) {
         evidence.result = CURLE_FAILED_INIT;
         evidence.resultText = failure.what();
-        return evidence;
+        return false;
     }
-    const auto result = static_cast<CURLcode>(evidence.result);
-    evidence.resultText = error[0] != '\0' ? error : curl_easy_strerror(result);
-    curl_easy_getinfo(handle, CURLINFO_SSL_VERIFYRESULT, &evidence.certificate);
-    HideSecret();
+    return true;
+}
+
+Evidence Attempt::Conclude(CURLcode result) {
+    if (evidence.result == CURLE_OK) {
+        evidence.result = result;
+        evidence.resultText = error[0] != '\0' ? error : curl_easy_strerror(result);
+        curl_easy_getinfo(Handle(), CURLINFO_SSL_VERIFYRESULT, &evidence.certificate);
+        HideSecret();
+    }
     return evidence;
 }
 
@@ -110,44 +119,46 @@ void Attempt::HideSecret() {
 }
 
 void Attempt::SetCommon() {
-    Set(handle, CURLOPT_ERRORBUFFER, error);
-    Set(handle, CURLOPT_NOSIGNAL, 1L);
-    Set(handle, CURLOPT_PROXY, "");
-    Set(handle, CURLOPT_CONNECTTIMEOUT_MS, connectTimeout);
-    Set(handle, CURLOPT_TIMEOUT_MS, wholeTimeout);
-    Set(handle, CURLOPT_LOW_SPEED_TIME, stalledSec);
-    Set(handle, CURLOPT_LOW_SPEED_LIMIT, stalledRate);
-    Set(handle, CURLOPT_SERVER_RESPONSE_TIMEOUT, stalledSec);
-    Set(handle, CURLOPT_UPLOAD, 1L);
-    Set(handle, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(order.size));
-    Set(handle, CURLOPT_READFUNCTION, &Attempt::Read);
-    Set(handle, CURLOPT_READDATA, static_cast<void*>(this));
-    Set(handle, CURLOPT_SEEKFUNCTION, &Attempt::Seek);
-    Set(handle, CURLOPT_SEEKDATA, static_cast<void*>(this));
-    Set(handle, CURLOPT_HEADERFUNCTION, &Attempt::TakeHeader);
-    Set(handle, CURLOPT_HEADERDATA, static_cast<void*>(this));
-    Set(handle, CURLOPT_DEBUGFUNCTION, &Attempt::TakeDebug);
-    Set(handle, CURLOPT_DEBUGDATA, static_cast<void*>(this));
-    Set(handle, CURLOPT_VERBOSE, 1L);
-    Set(handle, CURLOPT_XFERINFOFUNCTION, &Attempt::Progress);
-    Set(handle, CURLOPT_XFERINFODATA, static_cast<void*>(this));
-    Set(handle, CURLOPT_NOPROGRESS, 0L);
+    Set(Handle(), CURLOPT_ERRORBUFFER, error);
+    Set(Handle(), CURLOPT_NOSIGNAL, 1L);
+    Set(Handle(), CURLOPT_PROXY, "");
+    Set(Handle(), CURLOPT_CONNECTTIMEOUT_MS, connectTimeout);
+    Set(Handle(), CURLOPT_TIMEOUT_MS, wholeTimeout);
+    Set(Handle(), CURLOPT_LOW_SPEED_TIME, stalledSec);
+    Set(Handle(), CURLOPT_LOW_SPEED_LIMIT, stalledRate);
+    Set(Handle(), CURLOPT_SERVER_RESPONSE_TIMEOUT, stalledSec);
+    Set(Handle(), CURLOPT_UPLOAD, 1L);
+    Set(Handle(), CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(order.size));
+    Set(Handle(), CURLOPT_READFUNCTION, &Attempt::Read);
+    Set(Handle(), CURLOPT_READDATA, static_cast<void*>(this));
+    Set(Handle(), CURLOPT_SEEKFUNCTION, &Attempt::Seek);
+    Set(Handle(), CURLOPT_SEEKDATA, static_cast<void*>(this));
+    Set(Handle(), CURLOPT_HEADERFUNCTION, &Attempt::TakeHeader);
+    Set(Handle(), CURLOPT_HEADERDATA, static_cast<void*>(this));
+    Set(Handle(), CURLOPT_DEBUGFUNCTION, &Attempt::TakeDebug);
+    Set(Handle(), CURLOPT_DEBUGDATA, static_cast<void*>(this));
+    Set(Handle(), CURLOPT_VERBOSE, 1L);
+    Set(Handle(), CURLOPT_XFERINFOFUNCTION, &Attempt::Progress);
+    Set(Handle(), CURLOPT_XFERINFODATA, static_cast<void*>(this));
+    Set(Handle(), CURLOPT_NOPROGRESS, 0L);
+    Set(Handle(), CURLOPT_FRESH_CONNECT, keepsConnection ? 0L : 1L);
+    Set(Handle(), CURLOPT_FORBID_REUSE, keepsConnection ? 0L : 1L);
 }
 
 void Attempt::SetServer() {
     const Server& server = order.server;
     if (!server.user.empty()) {
-        Set(handle, CURLOPT_USERNAME, server.user.c_str());
-        Set(handle, CURLOPT_PASSWORD, server.password.c_str());
+        Set(Handle(), CURLOPT_USERNAME, server.user.c_str());
+        Set(Handle(), CURLOPT_PASSWORD, server.password.c_str());
     }
     if (!server.caFile.empty()) {
-        Set(handle, CURLOPT_CAINFO, server.caFile.c_str());
+        Set(Handle(), CURLOPT_CAINFO, server.caFile.c_str());
     }
     if (!server.pin.empty()) {
-        Set(handle, CURLOPT_PINNEDPUBLICKEY, server.pin.c_str());
+        Set(Handle(), CURLOPT_PINNEDPUBLICKEY, server.pin.c_str());
     }
     if (server.isTls12) {
-        Set(handle, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_MAX_TLSv1_2));
+        Set(Handle(), CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_MAX_TLSv1_2));
     }
     switch (evidence.protocol) {
         case Evidence::Protocol::Ftp:
@@ -176,15 +187,15 @@ void Attempt::SetFtp() {
     const std::string& name = order.renames ? temporary : order.remote;
     const std::string scheme = order.server.scheme == "ftps-implicit" ? "ftps" : "ftp";
     const std::string url = scheme + "://" + Authority() + "/" + FieldText::EscapeForUrl(name);
-    Set(handle, CURLOPT_URL, url.c_str());
+    Set(Handle(), CURLOPT_URL, url.c_str());
     if (order.server.scheme != "ftp") {
-        Set(handle, CURLOPT_USE_SSL, static_cast<long>(CURLUSESSL_ALL));
+        Set(Handle(), CURLOPT_USE_SSL, static_cast<long>(CURLUSESSL_ALL));
     }
     // ftpput changes no folder. Folders are made only where a change to one has failed.
-    Set(handle, CURLOPT_FTP_FILEMETHOD,
+    Set(Handle(), CURLOPT_FTP_FILEMETHOD,
         static_cast<long>(order.makesFolders ? CURLFTPMETHOD_MULTICWD : CURLFTPMETHOD_NOCWD));
     if (order.makesFolders) {
-        Set(handle, CURLOPT_FTP_CREATE_MISSING_DIRS, static_cast<long>(CURLFTP_CREATE_DIR_RETRY));
+        Set(Handle(), CURLOPT_FTP_CREATE_MISSING_DIRS, static_cast<long>(CURLFTP_CREATE_DIR_RETRY));
     }
     const auto here = [&](const std::string& path) {
         return order.makesFolders ? path.substr(path.rfind('/') + 1) : path;
@@ -196,7 +207,7 @@ void Attempt::SetFtp() {
     } else if (order.mayHaveLeftPart) {
         Add(after, "*DELE " + here(temporary));
     }
-    Set(handle, CURLOPT_POSTQUOTE, after.get());
+    Set(Handle(), CURLOPT_POSTQUOTE, after.get());
 }
 
 void Attempt::SetSftp() {
@@ -211,11 +222,11 @@ void Attempt::SetSftp() {
         url += "/" + (part == "~" ? part : FieldText::EscapeForUrl(part));
         begin = end + 1;
     }
-    Set(handle, CURLOPT_URL, url.c_str());
-    Set(handle, CURLOPT_SSH_KNOWNHOSTS, order.knownHosts.c_str());
-    Set(handle, CURLOPT_SSH_AUTH_TYPES, static_cast<long>(CURLSSH_AUTH_PASSWORD | CURLSSH_AUTH_KEYBOARD));
+    Set(Handle(), CURLOPT_URL, url.c_str());
+    Set(Handle(), CURLOPT_SSH_KNOWNHOSTS, order.knownHosts.c_str());
+    Set(Handle(), CURLOPT_SSH_AUTH_TYPES, static_cast<long>(CURLSSH_AUTH_PASSWORD | CURLSSH_AUTH_KEYBOARD));
     if (order.makesFolders) {
-        Set(handle, CURLOPT_FTP_CREATE_MISSING_DIRS, static_cast<long>(CURLFTP_CREATE_DIR_RETRY));
+        Set(Handle(), CURLOPT_FTP_CREATE_MISSING_DIRS, static_cast<long>(CURLFTP_CREATE_DIR_RETRY));
     }
     if (order.renames) {
         // A rename does not replace a file.
@@ -224,22 +235,22 @@ void Attempt::SetSftp() {
     } else if (order.mayHaveLeftPart) {
         Add(after, "*rm " + Quoted(temporary));
     }
-    Set(handle, CURLOPT_POSTQUOTE, after.get());
+    Set(Handle(), CURLOPT_POSTQUOTE, after.get());
 }
 
 void Attempt::SetMail() {
     const std::string url = order.server.scheme + "://" + Authority();
-    Set(handle, CURLOPT_URL, url.c_str());
+    Set(Handle(), CURLOPT_URL, url.c_str());
     if (!order.server.neverUsesTls) {
-        Set(handle, CURLOPT_USE_SSL, static_cast<long>(order.server.mustUseTls ? CURLUSESSL_ALL : CURLUSESSL_TRY));
+        Set(Handle(), CURLOPT_USE_SSL, static_cast<long>(order.server.mustUseTls ? CURLUSESSL_ALL : CURLUSESSL_TRY));
     }
-    Set(handle, CURLOPT_MAIL_FROM, ("<" + order.sender + ">").c_str());
+    Set(Handle(), CURLOPT_MAIL_FROM, ("<" + order.sender + ">").c_str());
     for (const std::string& recipient : order.recipients) {
         Add(recipients, "<" + recipient + ">");
     }
-    Set(handle, CURLOPT_MAIL_RCPT, recipients.get());
+    Set(Handle(), CURLOPT_MAIL_RCPT, recipients.get());
     // One that is refused must not cost the others their mail.
-    Set(handle, CURLOPT_MAIL_RCPT_ALLLOWFAILS, 1L);
+    Set(Handle(), CURLOPT_MAIL_RCPT_ALLLOWFAILS, 1L);
 }
 
 /**
@@ -271,7 +282,7 @@ void Attempt::Resolve() {
     }
     freeaddrinfo(found);
     Add(addresses, line);
-    Set(handle, CURLOPT_RESOLVE, addresses.get());
+    Set(Handle(), CURLOPT_RESOLVE, addresses.get());
 }
 
 void Attempt::Add(List& list, const std::string& line) {
@@ -357,7 +368,7 @@ int Attempt::TakeDebug(CURL*, curl_infotype type, char* text, size_t length, voi
 }
 
 int Attempt::Progress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-    return static_cast<Attempt*>(self)->cancelled ? 1 : 0;
+    return *static_cast<Attempt*>(self)->order.isCancelled ? 1 : 0;
 }
 
 }  // namespace kelto::halvek::outbox

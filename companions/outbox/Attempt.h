@@ -6,7 +6,6 @@
 #include <curl/curl.h>
 #include <sys/types.h>
 
-#include <atomic>
 #include <memory>
 #include <string>
 
@@ -18,12 +17,19 @@ namespace kelto::halvek::outbox {
  */
 class Attempt {
 public:
-    /** The handle keeps its connection for the next attempt. Setting the flag ends the attempt within a second. */
-    Attempt(CURL* easy, const Order& wanted, const std::atomic<bool>& isCancelled);
+    /** @param easy what makes it, and is run by others @param keepsIt whether its connection is kept for the next */
+    Attempt(std::shared_ptr<CURL> easy, Order wanted, bool keepsIt);
     Attempt(const Attempt&) = delete;
     Attempt& operator=(const Attempt&) = delete;
+    /** The handle forgets it. */
+    ~Attempt();
 
-    Evidence Perform();
+    /** Tells the handle what to do. Waits for the resolver. False if there is nothing to run: see Conclude. */
+    bool Prepare();
+    CURL* Handle() const { return handle.get(); }
+    uint64_t Id() const { return order.id; }
+    /** What has come of it. @param result the handle's, if it was run */
+    Evidence Conclude(CURLcode result);
 
 private:
     using List = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
@@ -49,9 +55,9 @@ private:
     static int TakeDebug(CURL*, curl_infotype type, char* text, size_t length, void* self);
     static int Progress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
 
-    CURL* const handle;
-    const Order& order;
-    const std::atomic<bool>& cancelled;
+    const std::shared_ptr<CURL> handle;
+    const bool keepsConnection;
+    const Order order;
     Evidence evidence;
     uint64_t position = 0;
     bool isLeaving = false;

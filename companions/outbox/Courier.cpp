@@ -1,58 +1,48 @@
 #include "companions/outbox/Courier.h"
 
-#include "companions/outbox/Attempt.h"
-
-#include <curl/curl.h>
 #include <sys/eventfd.h>
 
 #include <cerrno>
-#include <memory>
+#include <chrono>
 #include <system_error>
 #include <utility>
 
 namespace kelto::halvek::outbox {
 
-Mailbox::Mailbox() : wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds longestWait{1000};
+constexpr milliseconds whileOthersWait{10};
+/** One whose own server keeps it busy takes others along only where nobody else does. */
+constexpr milliseconds patienceOfOthers{50};
+
+}  // namespace
+
+Courier::Courier(Mailbox& box, SharedOrders& others)
+    : mailbox(box), shared(others), wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (!wake.IsOpen()) {
         throw std::system_error(errno, std::generic_category(), "eventfd");
     }
+    thread = std::thread([this] { Work(); });
 }
-
-void Mailbox::Put(Report report) {
-    {
-        const std::lock_guard lock(mutex);
-        reports.push_back(std::move(report));
-    }
-    Wake();
-}
-
-void Mailbox::Wake() {
-    eventfd_write(wake.Get(), 1);
-}
-
-std::vector<Report> Mailbox::TakeAll() {
-    eventfd_t count = 0;
-    eventfd_read(wake.Get(), &count);
-    const std::lock_guard lock(mutex);
-    return std::exchange(reports, {});
-}
-
-Courier::Courier(Mailbox& box) : mailbox(box), thread([this] { Work(); }) {}
 
 Courier::~Courier() {
-    Cancel();
     Retire();
     thread.join();
 }
 
 void Courier::Deliver(Order next) {
-    current = next.id;
-    isCancelled = false;
     {
         const std::lock_guard lock(mutex);
         order = std::move(next);
     }
-    changed.notify_one();
+    Wake();
+}
+
+void Courier::Wake() {
+    eventfd_write(wake.Get(), 1);
 }
 
 void Courier::Retire() {
@@ -60,25 +50,36 @@ void Courier::Retire() {
         const std::lock_guard lock(mutex);
         isRetired = true;
     }
-    changed.notify_one();
+    Wake();
 }
 
 void Courier::Work() {
     {
-        const std::unique_ptr<CURL, void (*)(CURL*)> handle(curl_easy_init(), curl_easy_cleanup);
-        for (;;) {
-            std::unique_lock lock(mutex);
-            changed.wait(lock, [this] { return order.has_value() || isRetired; });
-            if (!order) {
-                break;
-            }
-            const Order wanted = *std::exchange(order, std::nullopt);
-            lock.unlock();
-            mailbox.Put({wanted.id, Attempt(handle.get(), wanted, isCancelled).Perform()});
+        Trip trip(mailbox);
+        while (TakeOrders(trip) || !trip.IsEmpty()) {
+            trip.GoOn(wake.Get(), shared.IsEmpty() ? longestWait : whileOthersWait);
         }
     }
     hasEnded = true;
     mailbox.Wake();
+}
+
+/** False when no order comes any more. */
+bool Courier::TakeOrders(Trip& trip) {
+    eventfd_t count = 0;
+    eventfd_read(wake.Get(), &count);
+    std::unique_lock lock(mutex);
+    std::optional<Order> own = std::exchange(order, std::nullopt);
+    const bool isLast = isRetired;
+    lock.unlock();
+    if (own) {
+        trip.Begin(*std::move(own));
+    } else if (isLast) {
+        return false;
+    } else if (std::optional<Order> other = shared.Take(trip.IsQuiet() ? milliseconds(0) : patienceOfOthers)) {
+        trip.TakeAlong(*std::move(other));
+    }
+    return true;
 }
 
 }  // namespace kelto::halvek::outbox

@@ -22,9 +22,12 @@ constexpr int64_t uncertainDelay = int64_t{15} * 60'000;
 constexpr int64_t partlyDelay = int64_t{5} * 60'000;
 /** A clock before this is older than this program: 2026-01-01. */
 constexpr int64_t oldestTime = 1'767'225'600'000;
-/** Each has a thread, which libcurl holds up while a server says nothing; the unit allows no more, see TasksMax. */
+/** Each has a thread, which libcurl holds up at times, see Trip; the unit allows no more, see TasksMax. */
 constexpr size_t mostCouriers = 6;
+/** Servers in trouble take their time: some couriers are left to those that are well. */
 constexpr size_t mostProbes = 4;
+/** With TLS each takes a megabyte, most of it for certificates; the unit has 64, see MemoryMax. */
+constexpr long mostAttempts = 32;
 constexpr const char* mailTarget = "mail";
 constexpr uint16_t ftpPort = 21;
 /** The server's word for a data connection that has ended before the file. */
@@ -88,14 +91,13 @@ bool Deliveries::IsHeld(const std::string& target) const {
     return held.IsAllHeld() || held.IsHeld(target) || !settings.findings.empty();
 }
 
-/** Servers in trouble take their time: some couriers are left to those that are well. */
 bool Deliveries::MayStart(const std::string& name, const TargetEntry& target) const {
-    if (IsHeld(name) || !target.state.MayTry(Uptime())) {
-        return false;
-    }
-    if (target.courier) {
-        return !target.courier->Current();
-    }
+    const auto underWay = std::count_if(targets.begin(), targets.end(),
+                                        [](const auto& entry) { return entry.second.underWay.has_value(); });
+    return !IsHeld(name) && target.state.MayTry(Uptime()) && !target.underWay && underWay < mostAttempts;
+}
+
+bool Deliveries::IsCourierLeft(const TargetEntry& target) const {
     const auto busy = std::count_if(targets.begin(), targets.end(),
                                     [](const auto& entry) { return entry.second.courier != nullptr; });
     const size_t most = target.state.GetKind() == TargetState::Kind::Ok ? mostCouriers : mostProbes;
@@ -103,12 +105,46 @@ bool Deliveries::MayStart(const std::string& name, const TargetEntry& target) co
 }
 
 void Deliveries::StartAll() {
+    std::erase_if(retired, [](const auto& courier) { return courier->HasEnded(); });
+    TakeBack();
     for (auto& [name, target] : targets) {
         if (!MayStart(name, target)) {
             continue;
         }
         if (Item* item = NextFor(name)) {
             Start(target, *item);
+        }
+    }
+}
+
+/** What nobody has taken along yet goes to couriers that can be had now. */
+void Deliveries::TakeBack() {
+    for (auto& [name, target] : targets) {
+        if (!target.underWay || target.courier || !IsCourierLeft(target)) {
+            continue;
+        }
+        std::optional<Order> order = shared.Take(target.underWay->id);
+        if (!order) {
+            continue;
+        }
+        try {
+            Hire(target);
+            target.courier->Deliver(*std::move(order));
+        } catch (const std::system_error&) {
+            Share(*std::move(order));
+        }
+    }
+}
+
+void Deliveries::Hire(TargetEntry& target) {
+    target.courier = std::make_unique<Courier>(mailbox, shared);
+}
+
+void Deliveries::Share(Order order) {
+    shared.Put(std::move(order));
+    for (const auto& [name, target] : targets) {
+        if (target.courier) {
+            target.courier->Wake();
         }
     }
 }
@@ -130,9 +166,9 @@ void Deliveries::Start(TargetEntry& target, Item& item) {
         queue.Finish(item.file.id, Queue::Fate::Dropped, "its file is gone");
         return;
     }
-    if (!target.courier) {
+    if (!target.courier && IsCourierLeft(target)) {
         try {
-            target.courier = std::make_unique<Courier>(mailbox);
+            Hire(target);
         } catch (const std::system_error& failure) {
             target.state.Failed(Uptime(), "there is no thread for it: " + std::string(failure.what()));
             Log::Warning("Target " + item.target + " waits: " + target.state.Reason());
@@ -142,7 +178,12 @@ void Deliveries::Start(TargetEntry& target, Item& item) {
     ++item.attempts;
     item.state = Item::State::Sending;
     target.hasNews = false;
-    target.courier->Deliver(std::move(order));
+    target.underWay = {order.id, order.isCancelled};
+    if (target.courier) {
+        target.courier->Deliver(std::move(order));
+    } else {
+        Share(std::move(order));
+    }
 }
 
 Order Deliveries::OrderFor(const TargetEntry& target, const Item& item) const {
@@ -177,13 +218,12 @@ Order Deliveries::OrderFor(const TargetEntry& target, const Item& item) const {
 void Deliveries::TakeReports() {
     for (const Report& report : mailbox.TakeAll()) {
         lastBusy = Uptime();
-        const auto target = std::find_if(targets.begin(), targets.end(), [&](const auto& entry) {
-            return entry.second.courier && entry.second.courier->Current() == report.id;
-        });
+        const auto target = std::find_if(targets.begin(), targets.end(),
+                                         [&](const auto& entry) { return entry.second.IsAt(report.id); });
         if (target == targets.end()) {
             continue;
         }
-        target->second.courier->Done();
+        target->second.underWay.reset();
         if (Item* item = queue.Find(report.id)) {
             Conclude(*item, target->second, report.evidence);
         }
@@ -268,27 +308,26 @@ void Deliveries::RetireIdle() {
     }
     for (auto entry = targets.begin(); entry != targets.end();) {
         auto& [name, target] = *entry;
-        if (target.courier && !target.courier->Current()) {
+        if (target.courier && !target.underWay) {
             target.courier->Retire();
             retired.push_back(std::move(target.courier));
         }
-        const bool isKept = wanted.contains(name) || held.IsHeld(name) || target.courier ||
+        const bool isKept = wanted.contains(name) || held.IsHeld(name) || target.underWay ||
                             target.state.GetKind() != TargetState::Kind::Ok;
         entry = isKept ? std::next(entry) : targets.erase(entry);
     }
-    std::erase_if(retired, [](const auto& courier) { return courier->HasEnded(); });
 }
 
 bool Deliveries::IsClockTrusted() const {
     return ClockState::IsSynced() && ClockState::Now() >= oldestTime;
 }
 
+/** Where all couriers are busy, the end of one wakes us; a thread that could not be had may be there later. */
 int64_t Deliveries::NextWake() {
-    int64_t wake = INT64_MAX;
+    int64_t wake = shared.IsEmpty() ? INT64_MAX : Uptime() + 1000;
     for (const auto& [id, item] : queue.All()) {
         const TargetEntry& target = targets[item.target];
-        if (!IsHeld(item.target) && !target.courier && item.state != Item::State::Unheard) {
-            // Where all couriers are busy, the end of one wakes us.
+        if (!IsHeld(item.target) && !target.underWay && item.state != Item::State::Unheard) {
             wake = std::min(wake, std::max({target.state.NextTry(), item.notBefore, Uptime() + 1000}));
         }
     }
@@ -297,7 +336,7 @@ int64_t Deliveries::NextWake() {
 
 void Deliveries::Probe() {
     for (auto& [name, target] : targets) {
-        target.hasNews = target.courier && target.courier->Current();
+        target.hasNews = target.underWay.has_value();
         target.state.Probe();
     }
 }

@@ -3,8 +3,10 @@
 #include "companions/outbox/Courier.h"
 #include "companions/outbox/Esmtprc.h"
 #include "companions/outbox/HeldTargets.h"
+#include "companions/outbox/Mailbox.h"
 #include "companions/outbox/Queue.h"
 #include "companions/outbox/Settings.h"
+#include "companions/outbox/SharedOrders.h"
 #include "companions/outbox/Targets.h"
 
 #include <cstdint>
@@ -16,7 +18,8 @@ namespace kelto::halvek::outbox {
 
 /**
  * Decides which item is tried when, at which target, and what an attempt means for both. The attempts themselves are
- * couriers' work: each target has one while it has something to deliver. The service's thread, which never waits here.
+ * couriers' work: each target has one while it has something to deliver, as long as there are enough; what goes to the
+ * others is taken along by those whose servers leave them waiting. The service's thread, which never waits here.
  */
 class Deliveries {
 public:
@@ -59,7 +62,11 @@ private:
     std::string TargetOf(const ItemHeader& header);
     Item* NextFor(const std::string& target);
     bool MayStart(const std::string& name, const TargetEntry& target) const;
+    bool IsCourierLeft(const TargetEntry& target) const;
     void Start(TargetEntry& target, Item& item);
+    void Hire(TargetEntry& target);
+    void Share(Order order);
+    void TakeBack();
     Order OrderFor(const TargetEntry& target, const Item& item) const;
     void Conclude(Item& item, TargetEntry& target, const Evidence& evidence);
     void Retry(Item& item, const std::string& reason);
@@ -73,6 +80,7 @@ private:
     const std::string knownHosts;
 
     Mailbox mailbox;
+    SharedOrders shared;
     Targets targets;
     std::vector<std::unique_ptr<Courier>> retired;
     int64_t lastBusy = 0;

@@ -3,6 +3,7 @@
 #include "companions/common/UniqueFd.h"
 #include "companions/outbox/Settings.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -10,7 +11,7 @@
 
 namespace kelto::halvek::outbox {
 
-/** All that one attempt needs to know: it asks nobody, so that it may run on a thread of its own. A plain value. */
+/** All that one attempt needs to know: it asks nobody, so that any thread may make it. A plain value. */
 struct Order {
     uint64_t id = 0;
     Server server;
@@ -33,6 +34,9 @@ struct Order {
 
     std::string knownHosts;
     bool isClockTrusted = true;
+
+    /** Ends the attempt within a second. Any thread. */
+    std::shared_ptr<std::atomic<bool>> isCancelled = std::make_shared<std::atomic<bool>>(false);
 };
 
 }  // namespace kelto::halvek::outbox

@@ -3,8 +3,11 @@
 #include "companions/outbox/Courier.h"
 #include "companions/outbox/TargetState.h"
 
+#include <atomic>
+#include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace kelto::halvek::outbox {
@@ -23,7 +26,17 @@ struct TargetEntry {
     bool hasRefusedRename = false;
     /** The network has changed since the attempt began, which may have failed for how it was. */
     bool hasNews = false;
+    /** While it has something to deliver, and a thread can be had. */
     std::unique_ptr<Courier> courier;
+
+    /** An order that has not been reported yet. */
+    struct UnderWay {
+        uint64_t id;
+        std::shared_ptr<std::atomic<bool>> isCancelled;
+    };
+    std::optional<UnderWay> underWay;
+
+    bool IsAt(uint64_t id) const { return underWay && underWay->id == id; }
 };
 
 using Targets = std::map<std::string, TargetEntry>;

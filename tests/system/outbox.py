@@ -187,6 +187,26 @@ class SecretWatch:
             assert self.word.decode() not in outbox.run(verb, "--format", "json").stdout
 
 
+class SilentTargets:
+    """Servers that take connections and say nothing."""
+
+    def __init__(self, count: int) -> None:
+        self.servers = [socket.create_server(("127.0.0.1", 0)) for _ in range(count)]
+        self.settings = "".join(
+            f"[Target silent{i}]\nMatch=silent{i}\nUrl=ftp://127.0.0.1:{server.getsockname()[1]}\n"
+            for i, server in enumerate(self.servers)
+        )
+
+    def hold_up(self, outbox: Outbox) -> None:
+        """Has it try all of them at once."""
+        numbers = [outbox.put(b"picture", "/x.jpg", host=f"silent{i}") for i in range(len(self.servers))]
+        wait_until(lambda: all(outbox.item(number)["state"] == "sending" for number in numbers), "all hang")
+
+    def close(self) -> None:
+        for server in self.servers:
+            server.close()
+
+
 class LyingFtpServer:
     """Says what a script of (command, answer) tells it to, and yes to all else; None hangs up, "silence" says nothing.
 

@@ -8,7 +8,6 @@ import itertools
 import os
 import secrets
 import signal
-import socket
 import statistics
 import subprocess
 import threading
@@ -17,7 +16,7 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
-from outbox import FLASH, Outbox
+from outbox import FLASH, Outbox, SilentTargets
 from spool_calls import FAIL, KILL_AFTER, KILL_BEFORE, SpoolCalls
 from testing.ftp_server import FtpServer
 from testing.waiting import wait_until
@@ -123,28 +122,18 @@ def test_a_kill_or_an_error_at_any_call_costs_no_picture(
 # --- targets and each other
 
 
-MOST_AT_ONCE = 6
+THREADS = 6  # each has a target of its own, and takes others along
+MOST_AT_ONCE = 32
 
 
-class Silence:
-    """Servers that take connections and say nothing, and one that is well; the outbox knows them as targets."""
-
-    def __init__(self, outbox: Outbox, count: int) -> None:
-        self.outbox = outbox
-        self.servers = [socket.create_server(("127.0.0.1", 0)) for _ in range(count)]
-        down = "".join(ACCOUNT.format(name=f"a{i}", port=s.getsockname()[1]) for i, s in enumerate(self.servers))
-        outbox.configure(down + ACCOUNT.format(name="well", port=21), word="secret")
-        outbox.start()
-
-    def begin(self) -> None:
-        for i in range(len(self.servers)):
-            self.outbox.put(b"picture", "/x.jpg", host=f"a{i}")
-        states = ["sending"] * len(self.servers)
-        wait_until(lambda: [item["state"] for item in self.outbox.answer("list")["items"]] == states, "all hang")
-
-    def close(self) -> None:
-        for server in self.servers:
-            server.close()
+@pytest.fixture
+def silent(request: pytest.FixtureRequest, outbox: Outbox) -> Iterator[SilentTargets]:
+    """So many, and a server that is well."""
+    targets = SilentTargets(request.param)
+    outbox.configure(targets.settings + ACCOUNT.format(name="well", port=21), word="secret")
+    outbox.start()
+    yield targets
+    targets.close()
 
 
 def seconds_until_delivered(outbox: Outbox, times: int) -> list[float]:
@@ -159,28 +148,27 @@ def seconds_until_delivered(outbox: Outbox, times: int) -> list[float]:
 
 
 @pytest.mark.parametrize("is_new", [False, True], ids=["one that is well", "a new one"])
-def test_targets_that_are_down_delay_no_other(outbox: Outbox, ftp: FtpServer, is_new: bool):
-    silence = Silence(outbox, MOST_AT_ONCE - 1)
+@pytest.mark.parametrize("silent", [THREADS - 1, MOST_AT_ONCE - 1], indirect=True)
+def test_targets_that_are_down_delay_no_other(outbox: Outbox, ftp: FtpServer, silent: SilentTargets, is_new: bool):
     alone = [] if is_new else seconds_until_delivered(outbox, 10)
-    silence.begin()
+    silent.hold_up(outbox)
     beside = seconds_until_delivered(outbox, 10)
-    silence.close()
+    assert len(os.listdir(f"/proc/{outbox.process.pid}/task")) <= 1 + THREADS
     figures = " / ".join(
         f"{statistics.median(t) * 1000:.0f}, at worst {max(t) * 1000:.0f} ms" for t in (alone, beside) if t
     )
-    print(f"alone / beside five that are down: {figures}")
+    print(f"alone / beside {len(silent.servers)} that are down: {figures}")
     # The first of a new one counts by itself: it would wait for the others' time-out.
     assert beside[0] < 0.1 + 2 * STANDSTILL
     assert is_new or statistics.median(beside) < statistics.median(alone) + 0.1 + STANDSTILL / 10
 
 
-def test_a_stop_waits_for_no_server_however_many_are_silent(outbox: Outbox):
-    silence = Silence(outbox, MOST_AT_ONCE)
-    silence.begin()
+@pytest.mark.parametrize("silent", [MOST_AT_ONCE], indirect=True)
+def test_a_stop_waits_for_no_server_however_many_are_silent(outbox: Outbox, silent: SilentTargets):
+    silent.hold_up(outbox)
     begin = time.monotonic()
     assert outbox.stop() == 0
     taken = time.monotonic() - begin
-    silence.close()
     print(f"{taken * 1000:.0f} ms")
     assert taken < 1 + STANDSTILL
 

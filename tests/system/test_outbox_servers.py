@@ -13,7 +13,7 @@ from contextlib import contextmanager
 from pathlib import Path
 
 import pytest
-from outbox import FLASH, KNOWN_HOSTS, Outbox, SecretWatch, make_private, pin_of
+from outbox import CONFIGURATION, FLASH, KNOWN_HOSTS, Outbox, SecretWatch, SilentTargets, make_private, pin_of
 from testing.certificates import Authority
 from testing.waiting import wait_until
 
@@ -117,6 +117,14 @@ def sftp(tmp_path: Path) -> Iterator[Path]:
         server.kill()
 
 
+@pytest.fixture
+def silent() -> Iterator[SilentTargets]:
+    """As many as the outbox has threads."""
+    targets = SilentTargets(6)
+    yield targets
+    targets.close()
+
+
 def target(url: str, *more: str) -> str:
     lines = ["[Target archive]", "Match=archive", f"Url={url}", f"User={ACCOUNT}", "Secret=word", *more]
     return "\n".join(lines) + "\n"
@@ -185,6 +193,24 @@ def test_pictures_go_by_sftp_once_the_key_is_trusted(outbox: Outbox, sftp: Path,
     outbox.wait_for(delivered=1)
     (path,) = (home / "up").iterdir()
     assert (path.name, path.read_bytes()) == ('%41 "b".jpg', b"new")
+
+
+@pytest.mark.parametrize("scheme", ["ftps", "sftp"])
+def test_pictures_that_threads_of_silent_targets_take_along_arrive_as_ever(
+    outbox: Outbox, home: Path, authority: Path, scheme: str, request: pytest.FixtureRequest, silent: SilentTargets
+):
+    request.getfixturevalue(scheme)
+    settings = target(f"{scheme}://127.0.0.1", f"CaFile={authority}", "TlsMax=1.2")
+    outbox.configure(settings + silent.settings, word=PASSWORD)
+    outbox.start()
+    outbox.run("trust", "127.0.0.1", "--yes")
+    silent.hold_up(outbox)
+    contents = {f"{number}.jpg": os.urandom(700_000) for number in range(3)}
+    for name, content in contents.items():
+        outbox.put(content, f"{home}/up/{name}", host="archive")
+    outbox.wait_for(delivered=3)
+    assert {path.name: path.read_bytes() for path in (home / "up").iterdir()} == contents
+    assert all(item["state"] == "sending" for item in outbox.answer("list")["items"])
 
 
 @pytest.mark.parametrize("scheme", ["ftps", "sftp"])
@@ -306,6 +332,20 @@ def test_a_mail_waits_after(outbox: Outbox, smtp: LyingMailServer):
     outbox.wait_for_state(number, "wait")
     outbox.run("flush")
     outbox.wait_for(delivered=1)
+
+
+@script({})
+def test_mails_that_threads_of_silent_targets_take_along_arrive_as_ever(
+    outbox: Outbox, smtp: LyingMailServer, silent: SilentTargets
+):
+    CONFIGURATION.write_text(CONFIGURATION.read_text() + silent.settings)
+    outbox.process.send_signal(signal.SIGHUP)
+    silent.hold_up(outbox)
+    for _ in range(3):
+        outbox.mail(MAIL)
+    outbox.wait_for(delivered=3)
+    assert len(set(smtp.mails)) == 3 and all(mail.endswith(b"A door.\r\n") for mail in smtp.mails)
+    assert smtp.recipients == ["a@x.example", "b@x.example"] * 3
 
 
 @script({"MAIL": ["530 log in"]}, {".": ["452 full"]}, {".": ["552 mailbox full"]}, {"RCPT": ["552 full", "552 full"]})
