@@ -6,19 +6,39 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
+#include <vector>
 
 namespace kelto::halvek::outbox {
 
 namespace {
 
-bool IsThisProgram(const std::string& path) {
-    struct stat self {};
-    struct stat other {};
-    return stat("/proc/self/exe", &self) == 0 && stat(path.c_str(), &other) == 0 && self.st_dev == other.st_dev &&
-           self.st_ino == other.st_ino;
+/** Where this program is. Empty if it has been removed since it was started. */
+std::string OwnPath() {
+    std::array<char, PATH_MAX> path{};
+    const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
+    return {path.data(), static_cast<size_t>(std::max<ssize_t>(length, 0))};
+}
+
+bool IsSameFile(const std::string& one, const std::string& other) {
+    struct stat first {};
+    struct stat second {};
+    return stat(one.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
+           first.st_ino == second.st_ino;
+}
+
+std::vector<std::string> FoldersOf(const char* searchPath) {
+    std::vector<std::string> folders;
+    std::istringstream text(searchPath == nullptr ? "/usr/bin:/bin" : searchPath);
+    for (std::string folder; std::getline(text, folder, ':');) {
+        folders.push_back(folder.empty() ? "." : folder);
+    }
+    return folders;
 }
 
 bool IsProgram(const std::string& path) {
@@ -29,17 +49,17 @@ bool IsProgram(const std::string& path) {
 }  // namespace
 
 std::string NextProgram::Find(const std::string& name, const char* searchPath) {
-    std::string folders = searchPath == nullptr ? "/usr/bin:/bin" : searchPath;
-    while (!folders.empty()) {
-        const size_t end = std::min(folders.find(':'), folders.size());
-        const std::string folder = folders.substr(0, end);
-        folders.erase(0, end + 1);
-        std::string path = (folder.empty() ? "." : folder) + "/" + name;
-        if (IsProgram(path) && !IsThisProgram(path)) {
-            return path;
+    const std::string own = OwnPath();
+    std::string found;
+    for (const std::string& folder : FoldersOf(searchPath)) {
+        const std::string path = folder + "/" + name;
+        if (IsSameFile(path, own)) {
+            found.clear();
+        } else if (found.empty() && IsProgram(path)) {
+            found = path;
         }
     }
-    return {};
+    return found;
 }
 
 void NextProgram::Become(const std::string& name, char** words, const std::string& why) {

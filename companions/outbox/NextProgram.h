@@ -4,7 +4,10 @@
 
 namespace kelto::halvek::outbox {
 
-/** The program that a front end stands in front of: the next one of its name on PATH that is not the front end. */
+/**
+ * The program that a front end stands in front of: the next one of its name on PATH behind the front end's own folder.
+ * What is before it may be somebody's script that starts the front end, and would do so again.
+ */
 class NextProgram {
 public:
     /** Its path; empty if there is none. */

@@ -1,6 +1,7 @@
 """What the daemon starts instead of ftpput and esmtp: it hands over, or has the real program do it."""
 
 import os
+import shutil
 import signal
 import socket
 import threading
@@ -87,6 +88,22 @@ def test_the_real_program_does_it_if_the_outbox_cannot_be_reached(outbox: Outbox
     assert result.returncode == 0 and duration < (7 if trouble == "silent" else 2)
     assert (outbox.folder / f"{name}.txt").read_text() == " ".join(words) + "\n" + MAIL
     assert str(programs / name).encode() in result.stderr
+
+
+def test_what_is_on_the_path_before_a_front_end_is_not_started_by_it(outbox: Outbox):
+    """A script around it, and a second copy of it."""
+    programs = stand_in(outbox.folder, "ftpput")
+    before, copy = outbox.folder / "before", outbox.folder / "copy"
+    shutil.copytree(outbox.programs, copy)
+    before.mkdir()
+    script = before / "ftpput"
+    script.write_text(f'#!/bin/sh\nexec {copy}/ftpput "$@"\n')
+    script.chmod(0o755)
+    path = ":".join(map(str, (before, copy, outbox.programs, programs, os.environ["PATH"])))
+    result = outbox.submit("ftpput", "127.0.0.1", "x", "/etc/hostname", environment={"PATH": path}, input=b"")
+    assert result.returncode == 0
+    started = [line.rpartition(", so ")[2] for line in result.stderr.decode().splitlines()]
+    assert started == [f"{outbox.programs}/ftpput does it", f"{programs}/ftpput does it"]
 
 
 @pytest.mark.not_under("one user", reason="it needs another user")
