@@ -13,6 +13,7 @@ struct ConfigPlace {
     /** In characters, from 1; a byte that is no UTF-8 counts as one. */
     unsigned column = 0;
 
+    // clang-tidy 14 takes the comparison with zero in it for a null pointer. NOLINTNEXTLINE(modernize-use-nullptr)
     auto operator<=>(const ConfigPlace&) const = default;
 };
 

@@ -13,6 +13,7 @@ struct Date {
     int day;
 
     bool operator==(const Date&) const = default;
+    // clang-tidy 14 takes the comparison with zero in it for a null pointer. NOLINTNEXTLINE(modernize-use-nullptr)
     auto operator<=>(const Date&) const = default;
 
     /** "2026-11-23". */

@@ -52,7 +52,7 @@ std::string NextProgram::Find(const std::string& name, const char* searchPath) {
     const std::string own = OwnPath();
     std::string found;
     for (const std::string& folder : FoldersOf(searchPath)) {
-        const std::string path = folder + "/" + name;
+        const std::string path = std::string(folder).append("/").append(name);
         if (IsSameFile(path, own)) {
             found.clear();
         } else if (found.empty() && IsProgram(path)) {

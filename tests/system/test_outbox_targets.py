@@ -9,7 +9,7 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
-from outbox import CONFIGURATION, FLASH, HELD, Outbox, picture
+from outbox import CONFIGURATION, FLASH, HELD, RAM, Outbox, picture
 from testing.ftp_server import FtpServer
 from testing.waiting import wait_until
 
@@ -196,6 +196,7 @@ def test_trouble_is_posted_when_it_begins_and_when_it_is_over(outbox: Outbox, ft
     wait_until(lambda: read().endswith(b".\n"), "the trouble is posted")
     assert posted.startswith(b"[OutboxTrouble]\ntarget=camera@127.0.0.1\nreason=") and posted.count(b"\n") == 4
     posted.clear()
+    wait_until((RAM.parent / "trouble").exists, "it is noted that it was posted")
     outbox.stop(signal.SIGKILL)
     outbox.start()
     outbox.run("flush")

@@ -23,6 +23,7 @@ struct Replay {
         int64_t interval;
         int64_t count;
 
+        // clang-tidy 14 takes the comparison with zero in it for a null pointer. NOLINTNEXTLINE(modernize-use-nullptr)
         auto operator<=>(const Ticks& other) const = default;
     };
 
