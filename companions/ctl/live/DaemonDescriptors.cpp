@@ -49,20 +49,21 @@ bool IsStandard(const std::string& number) {
 }  // namespace
 
 std::optional<DaemonDescriptors> DaemonDescriptors::Of(int pid) {
-    const std::string folder = Proc::Path(pid, "fd");
-    const std::optional<std::vector<std::string>> numbers = Proc::Names(folder);
+    const std::optional<std::vector<std::string>> numbers = Proc::Names(Proc::Path(pid, "fd"));
     if (!numbers) {
         return std::nullopt;
     }
     const std::set<std::string> streams = StreamSockets(pid);
     DaemonDescriptors counted;
     for (const std::string& number : *numbers) {
-        const std::string descriptor = folder + "/" + number;
+        const std::string descriptor = Proc::Path(pid, "fd/" + number);
         const std::string path = Proc::Link(descriptor);
         ++counted.open;
         if (IsStandard(number)) {
             ++counted.rest;
-        } else if (path.starts_with(outputFolder) && IsNamedPipe(descriptor, path)) {
+            continue;
+        }
+        if (path.starts_with(outputFolder) && IsNamedPipe(descriptor, path)) {
             ++counted.outputPipes;
             ++counted.lostByPipe[path];
         } else if (IsNamedPipe(descriptor, path)) {

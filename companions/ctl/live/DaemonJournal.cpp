@@ -116,7 +116,7 @@ std::optional<DaemonJournal::Record> DaemonJournal::FindLast(const std::vector<s
 std::optional<DaemonJournal::Record> DaemonJournal::Current() {
     Record record;
     record.text = Value(journal.get(), "MESSAGE");
-    record.priority = std::atoi(Value(journal.get(), "PRIORITY").c_str());
+    record.priority = static_cast<int>(std::strtol(Value(journal.get(), "PRIORITY").c_str(), nullptr, 10));
     uint64_t usec = 0;
     sd_journal_get_realtime_usec(journal.get(), &usec);
     record.time = static_cast<int64_t>(usec / 1000);

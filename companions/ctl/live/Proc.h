@@ -22,7 +22,7 @@ public:
     static std::string Link(const std::string& path);
 
     /** "/proc/4711/fd". */
-    static std::string Path(int pid, const char* name) { return "/proc/" + std::to_string(pid) + "/" + name; }
+    static std::string Path(int pid, const std::string& name) { return "/proc/" + std::to_string(pid) + "/" + name; }
 
     /** The name of a process as the kernel has it, of 15 bytes at most; empty if it has gone. */
     static std::string Name(int pid);

@@ -112,10 +112,9 @@ ReloadEvidence::State ReloadEvidence::Now() const {
 
 /** Whether something waits in one of the daemon's pipes to itself. Looking takes nothing out. */
 bool ReloadEvidence::HasCommands() const {
-    const std::string folder = Proc::Path(pid, "fd");
-    for (const std::string& number : Proc::Names(folder).value_or(std::vector<std::string>{})) {
+    for (const std::string& number : Proc::Names(Proc::Path(pid, "fd")).value_or(std::vector<std::string>{})) {
         const bool isStandard = number == "0" || number == "1" || number == "2";
-        const std::string path = folder + "/" + number;
+        const std::string path = Proc::Path(pid, "fd/" + number);
         if (isStandard || !Proc::Link(path).starts_with("pipe:")) {
             continue;
         }

@@ -28,6 +28,7 @@ pid_t Spawn(const std::vector<std::string>& words) {
     std::vector<std::string> texts{program};
     texts.insert(texts.end(), words.begin(), words.end());
     std::vector<char*> arguments;
+    arguments.reserve(texts.size() + 1);
     for (std::string& text : texts) {
         arguments.push_back(text.data());
     }

@@ -28,7 +28,8 @@ Store Store::Read(const std::string& path) {
     }
     try {
         core::IniFile ini = Fetch();
-        return {.path = path, .files = {{"", ini.SaveToString()}}, .fetched = std::move(ini)};
+        const std::string text = ini.SaveToString();
+        return {.path = path, .files = {{"", text}}, .fetched = std::move(ini)};
     } catch (const osa::Exception& exception) {
         throw Failure(exception.what());
     }
