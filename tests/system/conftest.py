@@ -14,7 +14,7 @@ from testing.users import HAS_USERS
 # What a build may be, as tests/system/CMakeLists.txt names it in HALVEK_BUILD: "debug" is every type but Release, and
 # "emulator" stands for another processor. Two are no builds: "one user", since an ordinary user has no others to try
 # anything as, and "suite", which is everything that is not run with HALVEK_TEST_BY_HAND=1.
-KINDS = {"debug", "sanitizer", "thread sanitizer", "emulator", "one user", "suite"}
+KINDS = {"debug", "coverage", "sanitizer", "thread sanitizer", "emulator", "one user", "suite"}
 
 
 def pytest_configure() -> None:

@@ -14,7 +14,7 @@ from testing.settings import SERVER, timer
 
 pytest_plugins = ["mail_fixtures"]
 pytestmark = [
-    pytest.mark.not_under("sanitizer", reason="it has memory of its own"),
+    pytest.mark.not_under("sanitizer", "coverage", reason="it has memory of its own"),
     pytest.mark.not_under("emulator", reason="its memory would be measured too"),
 ]
 
