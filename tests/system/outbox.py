@@ -207,6 +207,31 @@ class SilentTargets:
             server.close()
 
 
+class TalkativeTargets(SilentTargets):
+    """They greet, and come to no end of it: whoever listens to one is always busy."""
+
+    def __init__(self, count: int) -> None:
+        super().__init__(count)
+        for server in self.servers:
+            server.settimeout(PATIENCE)
+        self._ending = threading.Event()
+        self._thread = threading.Thread(target=self._talk)
+        self._thread.start()
+
+    def _talk(self) -> None:
+        connections = [server.accept()[0] for server in self.servers]
+        while not self._ending.wait(0.002):
+            for connection in connections:
+                connection.sendall(b"220-and\r\n")
+        for connection in connections:
+            connection.close()
+
+    def close(self) -> None:
+        self._ending.set()
+        self._thread.join()
+        super().close()
+
+
 class LyingFtpServer:
     """Says what a script of (command, answer) tells it to, and yes to all else; None hangs up, "silence" says nothing.
 

@@ -16,7 +16,7 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
-from outbox import FLASH, Outbox, SilentTargets
+from outbox import FLASH, Outbox, SilentTargets, TalkativeTargets
 from spool_calls import FAIL, KILL_AFTER, KILL_BEFORE, SpoolCalls
 from testing.ftp_server import FtpServer
 from testing.waiting import wait_until
@@ -161,6 +161,19 @@ def test_targets_that_are_down_delay_no_other(outbox: Outbox, ftp: FtpServer, si
     # The first of a new one counts by itself: it would wait for the others' time-out.
     assert beside[0] < 0.1 + 2 * STANDSTILL
     assert is_new or statistics.median(beside) < statistics.median(alone) + 0.1 + STANDSTILL / 10
+
+
+def test_servers_that_keep_all_threads_busy_delay_no_other(outbox: Outbox, ftp: FtpServer):
+    targets = TalkativeTargets(THREADS)
+    try:
+        outbox.configure(targets.settings + ACCOUNT.format(name="well", port=21), word="secret")
+        outbox.start()
+        targets.hold_up(outbox)
+        taken = seconds_until_delivered(outbox, 10)
+    finally:
+        targets.close()
+    print(f"{statistics.median(taken) * 1000:.0f}, at worst {max(taken) * 1000:.0f} ms")
+    assert statistics.median(taken) < 0.3 + STANDSTILL / 10
 
 
 @pytest.mark.parametrize("silent", [MOST_AT_ONCE], indirect=True)
