@@ -82,6 +82,8 @@ void Service::Run() {
     publisher.emplace(configuration.settings, CameraSettings::Read(CameraSettings::Path()), identity, queue, board,
                       publisherWake);
     publisher->Start();
+    // Who waits until it is ready may ask it at once.
+    ShowStatus();
     companion::ServiceManager::Tell("READY=1");
     while (!isStopping) {
         std::array<pollfd, 3> polled{

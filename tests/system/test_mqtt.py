@@ -265,6 +265,16 @@ def test_what_does_not_fit_gives_way_and_is_counted(start_bridge):
     assert status()["queued"] == 10 and counters()["received"] == 15
 
 
+def test_a_bridge_that_is_ready_can_be_asked_at_once(start_bridge):
+    for _ in range(20):
+        started = start_bridge()
+        assert Path("/run/halvek-mqtt/status.json").is_file()
+        assert status()["queued"] == 0
+        started.process.terminate()
+        assert started.wait_for_exit() == 0
+        Path("/run/halvek-mqtt/status.json").unlink()
+
+
 def test_what_is_too_old_gives_way_and_is_counted(start_bridge):
     start_bridge(MaxAge=1)
     feed("".join(block("Door", number=number) for number in range(10)))
