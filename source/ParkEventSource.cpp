@@ -73,7 +73,7 @@ void ParkEventSource::StartListening() {
 }
 
 void ParkEventSource::StopListening() {
-    Stop();
+    ParkEventSource::Stop();
     thread.Finish();
     logger.Information("ParkEventSource stopped");
 }

@@ -110,6 +110,7 @@ int Errand::Start(std::vector<std::string>& words) {
     }
     const Surroundings surroundings(output.Get(), complaints.Get());
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }
