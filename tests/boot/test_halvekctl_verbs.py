@@ -152,9 +152,11 @@ def test_replay_compares_what_was_recorded_under_the_services_settings_with_othe
     file, other = tmp_path / "inputs", tmp_path / "other.ini"
     with subprocess.Popen(["halvekctl", "record", file], stderr=subprocess.PIPE, text=True) as recorder:
         assert "reading" in recorder.stderr.readline()
-        run("halvekctl", "post", "Door", "button=front")
-        wait_until(lambda: "Door" in file.read_text(), "it is recorded")
+        # The pipe of who watches comes behind that of who records.
+        watch = "(sleep 1; halvekctl post Door button=front) & timeout 20 halvekctl watch --type Door --count 1"
+        watched = run_as("root", command=watch)
         recorder.send_signal(signal.SIGINT)
+    assert watched.returncode == 0, watched
     other.write_text(ini_text(on_door(("Relay", {"BankName": "x"}))))
     told = json_as("root", f"replay {file} --new {other}", 1)
     assert told["old"] == str(SETTINGS.parent)
